@@ -1,0 +1,3 @@
+#include "common/stream_state.h"
+
+UvcStreamState uvc_stream_state;

@@ -1,0 +1,23 @@
+// Word: one 32-bit word that one thread (or a signal handler) writes and others read.
+#pragma once
+
+#include <atomic>
+
+#include "common/bytes.h"
+
+/// Stores release, loads acquire: whoever sees config_changed set also sees the settings that were
+/// stored before it. Safe in signal handlers.
+class Word {
+ public:
+  constexpr Word(i32 value = 0) : value_(value) {}
+  Word(const Word&) = delete;
+  operator i32() const { return value_.load(std::memory_order_acquire); }
+  Word& operator=(i32 value) {
+    value_.store(value, std::memory_order_release);
+    return *this;
+  }
+
+ private:
+  std::atomic<i32> value_;
+};
+static_assert(sizeof(Word) == 4 && std::atomic<i32>::is_always_lock_free);

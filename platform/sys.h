@@ -1,0 +1,35 @@
+// The seam to the machine: every call by which the service reaches a device, a fixed path, a System V key,
+// a named semaphore or the shell. The build links one implementation: sys_linux.cpp on the camera (each
+// function is the call itself) or the simulator's on a PC. Arguments, results and errno are the call's own.
+#pragma once
+
+#include <semaphore.h>
+#include <sys/types.h>
+
+#include <cstdio>
+
+namespace sys {
+
+/// The mode counts only with O_CREAT. Callers pass O_CLOEXEC for files of their own.
+int open(const char* path, int flags, mode_t mode = 0);
+int close(int fd);
+int ioctl(int fd, unsigned long request, void* argument);
+void* mmap(void* address, size_t length, int protection, int flags, int fd, off_t offset);
+int munmap(void* address, size_t length);
+ssize_t read(int fd, void* buffer, size_t length);
+ssize_t write(int fd, const void* buffer, size_t length);
+
+std::FILE* fopen(const char* path, const char* mode);
+int system(const char* command);
+/// Closed with ::pclose.
+std::FILE* popen(const char* command, const char* mode);
+
+/// A cancellation point, like the call itself.
+int usleep(useconds_t microseconds);
+
+int msgget(key_t key, int flags);
+int shmget(key_t key, size_t size, int flags);
+/// Without O_CREAT in `flags`, mode and value do not count.
+sem_t* sem_open(const char* name, int flags, mode_t mode, unsigned value);
+
+}  // namespace sys

@@ -1,0 +1,33 @@
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/msg.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "platform/sys.h"
+
+namespace sys {
+
+int open(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
+int close(int fd) { return ::close(fd); }
+int ioctl(int fd, unsigned long request, void* argument) { return ::ioctl(fd, request, argument); }
+void* mmap(void* address, size_t length, int protection, int flags, int fd, off_t offset) {
+  return ::mmap(address, length, protection, flags, fd, offset);
+}
+int munmap(void* address, size_t length) { return ::munmap(address, length); }
+ssize_t read(int fd, void* buffer, size_t length) { return ::read(fd, buffer, length); }
+ssize_t write(int fd, const void* buffer, size_t length) { return ::write(fd, buffer, length); }
+std::FILE* fopen(const char* path, const char* mode) { return std::fopen(path, mode); }
+int system(const char* command) { return std::system(command); }
+std::FILE* popen(const char* command, const char* mode) { return ::popen(command, mode); }
+int usleep(useconds_t microseconds) { return ::usleep(microseconds); }
+int msgget(key_t key, int flags) { return ::msgget(key, flags); }
+int shmget(key_t key, size_t size, int flags) { return ::shmget(key, size, flags); }
+sem_t* sem_open(const char* name, int flags, mode_t mode, unsigned value) {
+  return ::sem_open(name, flags, mode, value);
+}
+
+}  // namespace sys

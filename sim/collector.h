@@ -1,0 +1,37 @@
+// The log collector of the simulated camera: reads the logger's queue, prints, filters and counts.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "common/bytes.h"
+
+namespace sim {
+
+struct CollectorOptions {
+  std::FILE* output = nullptr;  ///< where lines go; null: nowhere
+  u8 level = 5;                 ///< lines above it are not printed
+  std::string contains;         ///< lines without this text are not printed
+};
+
+class Collector {
+ public:
+  explicit Collector(const CollectorOptions& options);
+  ~Collector();
+
+  void pause(bool paused);  ///< a paused collector lets the queue fill
+  struct Counts {
+    unsigned long lines, printed;
+    unsigned long malformed;  ///< records whose length does not fit what came
+  };
+  Counts counts() const;
+  /// The last lines (at most 4096), oldest first, as received.
+  std::string text() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace sim

@@ -1,0 +1,45 @@
+// What the USB host does with a received frame: decode it (libavcodec), read the burnt-in counter, and say
+// whether the stream is whole.
+#pragma once
+
+#include <memory>
+#include <span>
+#include <string>
+
+#include "common/bytes.h"
+
+namespace sim {
+
+enum class StreamFormat { kMjpeg = 1, kH264 = 2, kYuy2 = 3, kH265 = 4 };  ///< values of bFormatIndex
+
+struct StreamReport {
+  unsigned long frames = 0;    ///< whole frames with a readable counter
+  unsigned long empty = 0;     ///< payloads of 2 bytes or less after the first picture
+  unsigned long leading = 0;   ///< such payloads before the first picture: normal at a stream start
+  unsigned long lost = 0;      ///< counters skipped
+  unsigned long torn = 0;      ///< not decodable, wrong size, or the two burnt-in counters differ
+  unsigned long repeated = 0;  ///< the same counter again
+  unsigned long stale = 0;     ///< older than the stream's start, or going back
+  u64 bytes = 0;               ///< of whole frames
+  double latency_ms = 0;       ///< mean, scene to host
+  double latency_max_ms = 0;
+  bool whole() const { return frames > 0 && !empty && !lost && !torn && !repeated && !stale; }
+};
+
+class FrameChecker {
+ public:
+  FrameChecker(StreamFormat format, u32 width, u32 height);
+  ~FrameChecker();
+
+  /// One payload as it came off the bus. Not copied.
+  void feed(std::span<const u8> payload);
+  const StreamReport& report() const;
+  /// Writes the last whole picture as PNG; false when there is none or the file cannot be written.
+  bool write_png(const std::string& path) const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace sim

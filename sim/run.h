@@ -1,0 +1,47 @@
+// Run: one simulated camera's private surroundings on a PC. The camera's fixed paths lie under a root folder
+// of the run, its System V keys and semaphore names are moved by the run's own number, so that runs never
+// meet and nothing of the PC itself is touched.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <string_view>
+
+namespace sim {
+
+/// Creates a run and makes it the current one of this process and of the children that it starts (through
+/// the environment). One at a time per process. The destructor removes the root folder, queues, segments
+/// and semaphores.
+class Run {
+ public:
+  Run();
+  ~Run();
+  Run(const Run&) = delete;
+
+  /// Where a fixed path of the camera (such as "/opt/params/print.conf") lies on this PC.
+  std::string path(std::string_view camera_path) const;
+  /// Writes a file of the camera, with its folders.
+  void write_file(std::string_view camera_path, std::string_view content) const;
+  /// Reads a file of the camera; empty when there is none.
+  std::string read_file(std::string_view camera_path) const;
+  /// The shell commands that the service has run so far, one a line, as the service wrote them.
+  std::string shell_log() const;
+};
+
+/// What a System V key or a semaphore name of the camera becomes in the current run.
+key_t run_key(key_t key);
+std::string run_semaphore(std::string_view name);
+/// The current run's root folder. Ends the program with a message when there is no current run.
+const std::string& run_root();
+
+/// Divides every sys::usleep of this process, so that a test need not wait for long timeouts. 1 at start.
+void set_sleep_divisor(unsigned divisor);
+/// Calls of sys::usleep in this process so far, and the microseconds asked for.
+struct SleepCount {
+  unsigned long calls;
+  unsigned long microseconds;
+};
+SleepCount sleep_count();
+
+}  // namespace sim
