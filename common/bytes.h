@@ -14,9 +14,7 @@ using i64 = std::int64_t;
 
 constexpr u16 get_le16(const u8* from) { return static_cast<u16>(from[0] | from[1] << 8); }
 
-constexpr u32 get_le32(const u8* from) {
-  return get_le16(from) | static_cast<u32>(get_le16(from + 2)) << 16;
-}
+constexpr u32 get_le32(const u8* from) { return get_le16(from) | static_cast<u32>(get_le16(from + 2)) << 16; }
 
 constexpr void put_le16(u8* to, u16 value) {
   to[0] = static_cast<u8>(value);

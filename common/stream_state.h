@@ -9,9 +9,9 @@ struct UvcStreamState {
   Word second_cnt_count;  ///< calls of second_cnt() in the running second
   Word second_cnt_sec;    ///< that second, of the wall clock
   Word reserved;
-  Word stream_on;         ///< 1 while the host streams and VIDIOC_STREAMON has succeeded
-  Word stream_stopped;    ///< 1 from a DISCONNECT to the next CONNECT or stream start
-  Word connected;         ///< 1 from a CONNECT to the next DISCONNECT
+  Word stream_on;       ///< 1 while the host streams and VIDIOC_STREAMON has succeeded
+  Word stream_stopped;  ///< 1 from a DISCONNECT to the next CONNECT or stream start
+  Word connected;       ///< 1 from a CONNECT to the next DISCONNECT
 
   bool streaming() const { return stream_on != 0 && stream_stopped == 0; }
 };

@@ -11,6 +11,7 @@ class Word {
  public:
   constexpr Word(i32 value = 0) : value_(value) {}
   Word(const Word&) = delete;
+  Word& operator=(const Word& other) { return *this = static_cast<i32>(other); }
   operator i32() const { return value_.load(std::memory_order_acquire); }
   Word& operator=(i32 value) {
     value_.store(value, std::memory_order_release);

@@ -58,7 +58,8 @@ static_assert(sizeof(FileMsgBuf) >= sizeof(long) + kFileMsgPayload);
 static_assert(offsetof(SysMsgBuf, offset) == sizeof(long) + 12);
 static_assert(sizeof(SysMsgBuf) == sizeof(long) + kSysMsgPayload);
 static_assert(offsetof(VeltoMsgBuf, payload) == sizeof(long) + 12);
-static_assert(offsetof(VeltoMsgBuf, payload) + sizeof(VeltoMsgBuf::payload) == sizeof(long) + kVeltoMsgPayload);
+static_assert(offsetof(VeltoMsgBuf, payload) + sizeof(VeltoMsgBuf::payload) ==
+              sizeof(long) + kVeltoMsgPayload);
 #if defined(__arm__)
 static_assert(sizeof(FileMsgBuf) == 32 && sizeof(SysMsgBuf) == 20 && sizeof(VeltoMsgBuf) == 152);
 #endif

@@ -1,12 +1,13 @@
-// The parameter segment (System V key 12930021), which the system server owns: offsets in bytes from its start,
-// integers little-endian.
+// The parameter segment (System V key 12930021), which the system server owns: offsets in bytes from its
+// start, integers little-endian.
 #pragma once
 
 #include <cstddef>
 
 #include "common/bytes.h"
 
-constexpr u32 SYSINFO_MAGIC = 0x5AC33CA5;       ///< at the start of SysInfo and of the state area once they are valid
+constexpr u32 SYSINFO_MAGIC =
+    0x5AC33CA5;  ///< at the start of SysInfo and of the state area once they are valid
 constexpr u32 CAMERA_CACHE_VALID = 0x5AA555AA;  ///< in CameraCache::valid while the cached values hold
 
 constexpr i32 kSysInfoLength = 2640;  ///< also the length that the server reports on a successful write

@@ -4,6 +4,8 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
 
 #include "ipc/velto_commands.h"
@@ -11,20 +13,27 @@
 namespace sim {
 
 struct MediaOptions {
-  std::string source;          ///< a video or picture file that libavformat reads; empty: the test card
-  bool yuv422 = false;         ///< VPSS pictures as semi-planar 4:2:2 instead of 4:2:0
-  u32 extra_stride = 0;        ///< bytes by which both strides exceed the width (odd values welcome)
+  std::string source;    ///< a video or picture file that libavformat reads; empty: the test card
+  bool yuv422 = false;   ///< VPSS pictures as semi-planar 4:2:2 instead of 4:2:0
+  u32 extra_stride = 0;  ///< bytes by which both strides exceed the width (odd values welcome)
 };
 
-/// Faults of the encoder, changeable while it runs.
-enum class EncoderFault { kNone, kSilent, kDead, kWrongSize };
+/// Faults of the media process, changeable while it runs.
+enum class EncoderFault {
+  kNone,
+  kSilent,     ///< makes no pictures and no frames
+  kDead,       ///< the same, and died while it wrote a slot of the ring
+  kWrongSize,  ///< half the width and height that were asked for
+};
 
+/// One at a time per process; counters go on from one to the next. Idle until command 10 asks for a stream.
 class Media {
  public:
-  explicit Media(const MediaOptions& options);
+  explicit Media(const MediaOptions& options = {});
   ~Media();
 
-  /// What command 10 brought; takes effect at the next picture. Called by the system server's thread.
+  /// What command 10 brought; takes effect at the next picture. A stop, another size or another codec takes
+  /// unread frames back; the same settings again change nothing. Safe from any thread.
   void apply(const EncoderSettingsMessage& message);
   void set_fault(EncoderFault fault);
 
@@ -35,7 +44,8 @@ class Media {
   static u32 pool_size();
 
   struct Counts {
-    unsigned long pictures, encoded, dropped;  ///< dropped: no free slot of the ring in time
+    unsigned long pictures, encoded;
+    unsigned long dropped;  ///< frames that the reader did not take in time, or too large for a slot
   };
   Counts counts() const;
 
@@ -43,5 +53,10 @@ class Media {
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+/// Checksum of the payload that shows this counter (an encoded frame, or the YUY2 picture that the service is
+/// to make), when this process made it lately.
+std::optional<u32> expected_checksum(u32 counter);
+u32 payload_checksum(std::span<const u8> payload);
 
 }  // namespace sim

@@ -18,25 +18,29 @@ namespace sim {
 
 /// The answer of the service to one class request.
 struct ControlAnswer {
-  std::vector<u8> data;  ///< GET: the bytes that reached the host; SET: empty
-  bool stalled = false;  ///< negative length, or no answer within the time
+  std::vector<u8> data{};  ///< GET: the bytes that reached the host; SET: empty
+  bool stalled = false;    ///< negative length, no device, or no answer within the time
+  bool timed_out = false;  ///< the last of these
 };
 
-/// The USB host's end of the node. All calls are safe from several threads.
+/// The USB host's end of the current run's node; holds nothing itself. All calls are safe from several
+/// threads. A service that was killed counts as having closed the node.
 class NodeHost {
  public:
-  explicit NodeHost();
-  ~NodeHost();
-
-  /// Waits until the service has subscribed to SETUP (the device then shows up on the bus).
+  /// Waits until the service has subscribed to SETUP (the device then shows up on the bus), and a little
+  /// longer for its other subscriptions.
   bool wait_for_device(std::chrono::milliseconds limit);
+  /// Queues CONNECT.
   void connect();
+  /// Queues DISCONNECT. While streaming it also cuts the stream off: VIDIOC_QBUF and VIDIOC_DQBUF fail with
+  /// ENODEV until VIDIOC_STREAMOFF.
   void disconnect();
 
-  /// One class request; `data` is the data stage of a SET request. Waits for the service's answer.
+  /// One class request; `data` is the data stage of a SET request. Waits for the service's answer, not for
+  /// what it does with a DATA event. More than 64 bytes are stalled by the driver itself.
   ControlAnswer control(const usb_ctrlrequest& setup, std::span<const u8> data = {},
                         std::chrono::milliseconds limit = std::chrono::seconds(5));
-  /// SET_INTERFACE 1 or 0: the event, then a wait for the service's VIDIOC_STREAMON or VIDIOC_STREAMOFF.
+  /// SET_INTERFACE 1 or 0: the event, then a wait for a successful VIDIOC_STREAMON or VIDIOC_STREAMOFF.
   bool stream_on(std::chrono::milliseconds limit = std::chrono::seconds(5));
   bool stream_off(std::chrono::milliseconds limit = std::chrono::seconds(5));
 
@@ -46,14 +50,22 @@ class NodeHost {
 
   /// Queues an event as it is (for tests of the service's event handling).
   void raise(const v4l2_event& event);
-  /// Takes the next response that the service sent without waiting for the host's side of it.
+  /// Takes the answer to a SETUP that raise() queued.
   std::optional<UvcRequestData> next_response(std::chrono::milliseconds limit);
 
-  /// Faults as text, one a call: "fail QUERYBUF 2" (the 2nd call of a kind from now on, "fail QBUF 3-5",
-  /// "fail STREAMON *"), with " errno=N" optional; "grant N" buffers; "clear". False when it is not understood.
+  /// Faults as text, one a call: "fail QUERYBUF 2" (the 2nd call of a kind from now on), "fail QBUF 3-5",
+  /// "fail STREAMON *", with " errno=N" (a number, else EIO) behind it; "grant N" buffers at most (32 at
+  /// start); "reqbufs returns count" as newer drivers do; "clear" undoes all. False when it is not understood
+  /// or there are 16 faults already. Kinds: OPEN QUERYCAP S_FMT G_FMT REQBUFS QUERYBUF MMAP QBUF DQBUF
+  /// STREAMON STREAMOFF SUBSCRIBE DQEVENT (those with an event) SEND_RESPONSE PRIVATE; of other devices:
+  /// MEM_MMAP I2C_SLAVE I2C_REG_WIDTH I2C_DATA_WIDTH I2C_READ I2C_WRITE. May be set before the node is
+  /// opened.
   bool script(std::string_view fault);
-  /// Every call of the service on the node so far, a line each: name, important arguments, result.
+  /// The last 4096 calls on the node, a line each: "QBUF index=0 bytesused=2 -> 0", "DQBUF index=1
+  /// bytesused=0 -> EAGAIN". VIDIOC_DQEVENT without an event is left out.
   std::string call_log() const;
+  /// What a kernel would not have survived, a line each. Empty is right.
+  std::vector<std::string> protocol_errors() const;
 };
 
 }  // namespace sim

@@ -8,11 +8,13 @@
 #include <string>
 #include <string_view>
 
+#include "common/bytes.h"
+
 namespace sim {
 
 /// Creates a run and makes it the current one of this process and of the children that it starts (through
 /// the environment). One at a time per process. The destructor removes the root folder, queues, segments
-/// and semaphores.
+/// and semaphores; in a forked child it does nothing.
 class Run {
  public:
   Run();
@@ -27,9 +29,19 @@ class Run {
   std::string read_file(std::string_view camera_path) const;
   /// The shell commands that the service has run so far, one a line, as the service wrote them.
   std::string shell_log() const;
+
+  /// The 32-bit register at a physical address, as the service last left it; a multiple of 4.
+  u32 register_value(u32 addr) const;
+  void set_register(u32 addr, u32 value) const;
+  /// Registers that changed while the service had them mapped, a line for each word at each unmapping:
+  /// "0x20240010: 0 -> 4" (values in hex).
+  std::string register_log() const;
+  /// Transfers on the I2C buses, one a line: "1:34 read 0100 = 00ab" (bus, device, register, value, in hex).
+  std::string i2c_log() const;
 };
 
-/// What a System V key or a semaphore name of the camera becomes in the current run.
+/// What a System V key or a semaphore name of the camera becomes in the current run. Keys that are equal
+/// modulo 509 meet; the camera's five are not.
 key_t run_key(key_t key);
 std::string run_semaphore(std::string_view name);
 /// The current run's root folder. Ends the program with a message when there is no current run.
@@ -43,5 +55,9 @@ struct SleepCount {
   unsigned long microseconds;
 };
 SleepCount sleep_count();
+
+/// A register of a device on a simulated I2C bus of this process. Registers hold 0 at start.
+u16 i2c_register(u32 bus, u32 device, u16 address);
+void set_i2c_register(u32 bus, u32 device, u16 address, u16 value);
 
 }  // namespace sim

@@ -36,6 +36,8 @@ class Server {
   u32 request_flag(int word) const;                 ///< of the request-flag area; word 0 is the USB disconnect word
   /// Everything received so far, a line each, such as "velto 10 O 2 1 1920 1080 30 ..." or "sys 39 81 01 04 ...".
   std::vector<std::string> received() const;
+  /// Requests that made no sense: wrong lengths, unknown commands, places outside the sender's slot.
+  unsigned long refused() const;
 
  private:
   struct Impl;

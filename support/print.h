@@ -35,6 +35,9 @@ struct Place {
   (print_level >= 3 ? print::info({kPrintFile, __func__, line}, __VA_ARGS__) : void())
 #define PRINT_DEBUG_AT(line, ...) \
   (print_level >= 4 ? print::debug({kPrintFile, __func__, line}, __VA_ARGS__) : void())
+// For a message whose text carries the name of another function than the one that it stands in.
+#define PRINT_ERROR_IN(function, ...) \
+  (print_level >= 2 ? print::error({kPrintFile, function, __LINE__}, __VA_ARGS__) : void())
 #define PRINT_ERROR(...) PRINT_ERROR_AT(__LINE__, __VA_ARGS__)
 #define PRINT_INFO(...) PRINT_INFO_AT(__LINE__, __VA_ARGS__)
 #define PRINT_DEBUG(...) PRINT_DEBUG_AT(__LINE__, __VA_ARGS__)

@@ -25,7 +25,7 @@ enum EncFrameState : u32 {
 constexpr u32 kLastVideoFrameType = 2;
 constexpr u32 kJpegFrameType = 3;
 
-struct [[gnu::packed]] EncFrameSlot {
+struct [[gnu::packed, gnu::aligned(4)]] EncFrameSlot {
   u32 state;       ///< EncFrameState; the only word that both sides write
   u32 seq;         ///< the writer's frame number, plus one per frame, wrapping
   u32 frame_type;  ///< 0, 1, 2: H.264 or H.265; 3: JPEG

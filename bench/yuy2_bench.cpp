@@ -1,0 +1,249 @@
+// How fast a picture becomes packed YUY2, as ratios: to a loop that only loads and stores the same bytes (the
+// limit), to libyuv and to swscale. All write the same bytes, which is checked first. The summary stands in
+// the last lines. Takes the flags of Google Benchmark.
+#include <benchmark/benchmark.h>
+#include <libyuv.h>
+
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "uvc/uvc_gadget_yuy2.h"
+
+extern "C" {
+#include <libswscale/swscale.h>
+}
+
+namespace {
+
+/// One picture and its destination. Luma is 16..235 throughout: who looks at its range must look at all of
+/// it.
+struct Frame {
+  Frame(u32 width, u32 height, bool chroma_422)
+      : picture{nullptr, nullptr, width, width, width, height, chroma_422},
+        luma(picture.luma_bytes()),
+        chroma(picture.chroma_bytes()),
+        planar_chroma(chroma.size()),
+        dst(2 * luma.size()) {
+    for (std::size_t i = 0; i < luma.size(); ++i) luma[i] = static_cast<u8>(16 + i * 7 % 220);
+    for (std::size_t i = 0; i < chroma.size(); ++i) chroma[i] = static_cast<u8>(i * 11 + i / width);
+    picture.luma = luma.data();
+    picture.chroma = chroma.data();
+    libyuv::SplitUVPlane(picture.chroma, stride(), v(), stride() / 2, u(), stride() / 2, stride() / 2,
+                         static_cast<int>(picture.chroma_rows()));
+  }
+  Frame(const Frame&) = delete;
+  int stride() const { return static_cast<int>(picture.width); }
+  u8* u() { return planar_chroma.data(); }
+  u8* v() { return u() + planar_chroma.size() / 2; }
+
+  SemiPlanarPicture picture;
+  std::vector<u8> luma, chroma, planar_chroma, dst;
+  SwsContext* sws = nullptr;
+};
+
+void convert_rows(Frame& frame, Yuy2Kernels::Row convert) {
+  u8* dst = frame.dst.data();
+  for (u32 row = 0; row < frame.picture.height; ++row, dst += 2 * frame.stride()) {
+    convert(frame.picture.luma_row(row), frame.picture.chroma_row(row), dst, frame.picture.width / 2);
+  }
+}
+
+void ours(Frame& frame) { convert_rows(frame, yuy2_kernels().back().convert); }
+void ours_with_scan(Frame& frame) { benchmark::DoNotOptimize(yuy2_convert(frame.picture, frame.dst.data())); }
+void plain_loop(Frame& frame) { convert_rows(frame, yuy2_kernels().front().convert); }
+
+template <typename Vector>
+[[gnu::always_inline]] inline void load_and_store(const u8* luma, const u8* chroma, u8* dst,
+                                                  std::size_t pairs) {
+  for (; pairs >= sizeof(Vector) / 2; pairs -= sizeof(Vector) / 2) {
+    Vector y, vu;
+    std::memcpy(&y, luma, sizeof(y));
+    std::memcpy(&vu, chroma, sizeof(vu));
+    std::memcpy(dst, &y, sizeof(y));
+    std::memcpy(dst + sizeof(y), &vu, sizeof(vu));
+    luma += sizeof(Vector);
+    chroma += sizeof(Vector);
+    dst += 2 * sizeof(Vector);
+  }
+}
+typedef u8 Vector16 __attribute__((vector_size(16)));
+bool load_and_store_16(const u8* luma, const u8* chroma, u8* dst, std::size_t pairs) {
+  load_and_store<Vector16>(luma, chroma, dst, pairs);
+  return false;
+}
+#if defined(__x86_64__)
+typedef u8 Vector32 __attribute__((vector_size(32)));
+[[gnu::target("avx2")]] bool load_and_store_32(const u8* luma, const u8* chroma, u8* dst, std::size_t pairs) {
+  load_and_store<Vector32>(luma, chroma, dst, pairs);
+  return false;
+}
+#endif
+
+/// With vectors as wide as the ones of the set that the service takes.
+void limit(Frame& frame) {
+#if defined(__x86_64__)
+  if (yuy2_kernels().back().name == std::string_view("avx2")) return convert_rows(frame, load_and_store_32);
+#endif
+  convert_rows(frame, load_and_store_16);
+}
+
+u8 scratch[2 * 1920];
+
+/// libyuv has no direct conversion. First chain: swap a chroma row's V and U, then interleave it with luma.
+void libyuv_swap_merge(Frame& frame) {
+  const int width = frame.stride();
+  const int luma_rows = frame.picture.chroma_422 ? 1 : 2;
+  u8* dst = frame.dst.data();
+  for (u32 row = 0; row < frame.picture.height; row += luma_rows, dst += 2 * width * luma_rows) {
+    libyuv::SwapUVPlane(frame.picture.chroma_row(row), width, scratch, width, width / 2, 1);
+    libyuv::MergeUVPlane(frame.picture.luma_row(row), width, scratch, 0, dst, 2 * width, width, luma_rows);
+  }
+}
+
+/// Second chain: part V and U, then pack planar rows.
+void libyuv_split_pack(Frame& frame) {
+  const int width = frame.stride(), half = width / 2;
+  const bool chroma_422 = frame.picture.chroma_422;
+  const auto pack = chroma_422 ? libyuv::I422ToYUY2 : libyuv::I420ToYUY2;
+  u8 *u = scratch, *v = scratch + sizeof(scratch) / 2, *dst = frame.dst.data();
+  for (u32 row = 0; row < frame.picture.height; row += 2, dst += 4 * width) {
+    libyuv::SplitUVPlane(frame.picture.chroma_row(row), width, v, half, u, half, half, chroma_422 ? 2 : 1);
+    pack(frame.picture.luma_row(row), width, u, half, v, half, dst, 2 * width, width, 2);
+  }
+}
+
+/// swscale reads V-first semi-planar 4:2:0; of 4:2:2 it reads only planar chroma, which spares it the
+/// parting.
+void swscale(Frame& frame) {
+  const int width = frame.stride(), height = static_cast<int>(frame.picture.height);
+  const bool planar = frame.picture.chroma_422;
+  if (frame.sws == nullptr) {
+    frame.sws = sws_getContext(width, height, planar ? AV_PIX_FMT_YUV422P : AV_PIX_FMT_NV21, width, height,
+                               AV_PIX_FMT_YUYV422, SWS_POINT, nullptr, nullptr, nullptr);
+  }
+  const u8* planes[] = {frame.luma.data(), planar ? frame.u() : frame.chroma.data(),
+                        planar ? frame.v() : nullptr};
+  const int strides[] = {width, planar ? width / 2 : width, planar ? width / 2 : 0};
+  u8* const out[] = {frame.dst.data()};
+  const int out_strides[] = {2 * width};
+  sws_scale(frame.sws, planes, strides, 0, height, out, out_strides);
+}
+
+struct Way {
+  const char* name;
+  void (*convert)(Frame& frame);
+};
+constexpr Way kWays[] = {{"load+store", limit},
+                         {"ours", ours},
+                         {"ours with luma scan", ours_with_scan},
+                         {"libyuv swap and merge", libyuv_swap_merge},
+                         {"libyuv split and pack", libyuv_split_pack},
+                         {"swscale", swscale},
+                         {"plain loop", plain_loop}};
+
+struct Case {
+  std::string name;
+  std::deque<Frame> frames;
+};
+
+std::deque<Case> all_cases() {
+  std::deque<Case> cases;
+  for (const bool chroma_422 : {false, true}) {
+    for (const auto& [width, height] : {std::pair{640u, 480u}, {1920u, 1080u}}) {
+      for (const int buffers : {1, 3}) {
+        Case& added = cases.emplace_back();
+        added.name = std::string("yuy2 ") + (chroma_422 ? "4:2:2 " : "4:2:0 ") + std::to_string(width) + "x" +
+                     std::to_string(height) + (buffers == 1 ? ", one buffer" : ", three in turn");
+        for (int i = 0; i < buffers; ++i) added.frames.emplace_back(width, height, chroma_422);
+      }
+    }
+  }
+  return cases;
+}
+
+/// Everyone but the limit must write what we write.
+bool all_agree(Frame& frame) {
+  ours(frame);
+  const std::vector<u8> want = frame.dst;
+  for (const auto& [name, convert] : kWays) {
+    if (convert == limit) continue;
+    std::fill(frame.dst.begin(), frame.dst.end(), u8{0});
+    convert(frame);
+    if (frame.dst == want) continue;
+    std::fprintf(stderr, "%s writes other bytes\n", name);
+    return false;
+  }
+  return true;
+}
+
+std::string run_name(const Case& of, const char* way) { return of.name + "/" + way; }
+
+void register_runs(Case& of) {
+  for (const Way& way : kWays) {
+    benchmark::RegisterBenchmark(run_name(of, way.name).c_str(),
+                                 [&of, &way](benchmark::State& state) {
+                                   std::size_t turn = 0;
+                                   for (auto unused : state)
+                                     way.convert(of.frames[turn++ % of.frames.size()]);
+                                 })
+        ->Unit(benchmark::kMicrosecond)
+        ->MinTime(0.02);
+  }
+}
+
+/// Prints as usual, and keeps the medians for the summary.
+class Medians : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      if (run.aggregate_name == "median") times_[run.run_name.function_name] = run.GetAdjustedRealTime();
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+
+  void summarise(const Case& of) const {
+    std::map<std::string, double> time;
+    for (const Way& way : kWays) {
+      const auto found = times_.find(run_name(of, way.name));
+      if (found == times_.end()) return;  // not run: filtered out
+      time[way.name] = found->second;
+    }
+    const double ours = time["ours"], limit = time["load+store"];
+    const double libyuv = std::min(time["libyuv swap and merge"], time["libyuv split and pack"]);
+    std::printf(
+        "%s: %.2f of load+store (aim 1.25), %.2f of libyuv (aim 0.97), %.2f of swscale; "
+        "with luma scan %.2f (aim 1.35)\n",
+        of.name.c_str(), ours / limit, ours / libyuv, ours / time["swscale"],
+        time["ours with luma scan"] / limit);
+  }
+
+ private:
+  std::map<std::string, double> times_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  char repetitions[] = "--benchmark_repetitions=9";
+  char interleaving[] = "--benchmark_enable_random_interleaving=true";
+  char aggregates[] = "--benchmark_report_aggregates_only=true";
+  std::vector<char*> args = {argv[0], repetitions, interleaving, aggregates};
+  args.insert(args.end(), argv + 1, argv + argc);
+  int count = static_cast<int>(args.size());
+  benchmark::Initialize(&count, args.data());
+  if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
+
+  std::deque<Case> cases = all_cases();
+  for (Case& one : cases) {
+    if (!all_agree(one.frames.front())) return 1;
+    register_runs(one);
+  }
+  Medians medians;
+  benchmark::RunSpecifiedBenchmarks(&medians);
+  for (const Case& one : cases) medians.summarise(one);
+}

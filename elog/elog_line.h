@@ -1,0 +1,49 @@
+// ElogLine: one line of the logger in the making, on the stack of the call that logs. It is laid out as the
+// record that the queue takes, so that nothing is copied. What lies behind its length is neither initialised
+// nor sent.
+#pragma once
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "elog/elog.h"
+#include "elog/elog_port.h"
+#include "elog/elog_record.h"
+#include "elog/elog_utils.h"
+
+static_assert(ELOG_LINE_BUF_SIZE == kElogTextSize);
+
+class ElogLine {
+ public:
+  explicit ElogLine(u8 level) { record_.payload.level = level; }
+
+  void append(const char* text) { length_ += elog_strcpy(length_, end(), text); }
+  void append(char c) {
+    if (length_ < ELOG_LINE_BUF_SIZE) record_.payload.text[length_++] = c;
+  }
+  /// What does not fit makes the line `cut` bytes long, and so does a message that cannot be formatted.
+  [[gnu::format(printf, 3, 0)]] void print(std::size_t cut, const char* format, va_list args) {
+    const std::size_t room = ELOG_LINE_BUF_SIZE - length_;
+    const int count = std::vsnprintf(end(), room, format, args);
+    if (count < 0) std::memset(end(), 0, room);
+    const bool fits = count >= 0 && static_cast<std::size_t>(count) < room;
+    length_ = fits ? length_ + static_cast<std::size_t>(count) : cut;
+  }
+  void append_newline() {
+    length_ = std::min(length_, ELOG_LINE_BUF_SIZE - 1);
+    record_.payload.text[length_++] = '\n';
+  }
+  const char* terminated() {
+    *end() = '\0';
+    return record_.payload.text;
+  }
+  void send() { elog_port_output(record_.payload.text, length_); }
+
+ private:
+  char* end() { return record_.payload.text + length_; }
+
+  alignas(long) ElogRecord record_;
+  std::size_t length_ = 0;
+};

@@ -1,0 +1,219 @@
+#include "ipc/VeltoDrvMsg.h"
+
+#include <algorithm>
+#include <cstring>
+#include <span>
+#include <string_view>
+
+#include "ipc/msg_records.h"
+#include "ipc/msg_util.h"
+#include "ipc/sem_util.h"
+#include "support/print.h"
+
+static constexpr char kPrintFile[] = "VeltoDrvMsg.c";
+
+namespace {
+
+constexpr i32 kUnconnectedProcess = 1;
+constexpr std::size_t kRecordSize = kMsgTypeSize + kVeltoMsgPayload;
+
+struct Driver {
+  i32 process = kUnconnectedProcess;
+  i32 queue = -1;
+  SemHandle lock = nullptr;
+};
+Driver driver;
+
+i32 fail_init() {
+  driver.process = kUnconnectedProcess;
+  return -1;
+}
+
+// The commands. All offsets are those of the record on the camera; a word at offset o belongs to the word at
+// o - first_word of the caller's structure.
+
+using Offsets = std::span<const u8>;
+
+constexpr u8 kRun[] = {24, 28, 32, 36, 40, 44, 48, 52, 56, 60, 64, 68, 72, 76};
+constexpr Offsets run(std::size_t words) { return Offsets(kRun).first(words); }
+constexpr Offsets kNone{};
+constexpr u8 kMemory[] = {16, 20};
+constexpr u8 kType[] = {44};
+constexpr u8 kSerialAndType[] = {28, 44};
+constexpr u8 kBlock[] = {24, 32};
+constexpr u8 kFrame[] = {24, 32, 36, 40, 48, 52, 56, 64, 68};
+constexpr u8 kFrameAndSerial[] = {24, 28, 32, 36, 40, 48, 52, 56, 64, 68};
+
+constexpr u8 kText21Room = 127;  // the record's last byte terminates it
+constexpr u8 kLabelRoom = 60;
+
+enum Kind : u8 { kOneWay, kRequest };
+
+struct Command {
+  i32 number;
+  Kind kind;
+  Offsets in;          // words that the caller's structure puts into the request
+  Offsets out;         // words of the reply that go back into the caller's structure
+  u8 first_word = 24;  // offset of the structure's first word
+  u8 text_at = 24;     // where a text goes
+  u8 text_room = 0;    // and how much of it at most
+};
+
+constexpr Command kCommands[] = {
+    {kVeltoGetMemory, kRequest, kNone, kMemory, 16},
+    {2, kOneWay, kNone, kNone},
+    {3, kRequest, kType, run(14)},
+    {4, kRequest, kSerialAndType, run(14)},
+    {5, kRequest, kSerialAndType, kFrame},
+    {6, kOneWay, kSerialAndType, kNone},
+    {7, kRequest, kType, kBlock},
+    {8, kRequest, kType, run(14)},
+    {9, kRequest, kType, kFrameAndSerial},
+    {kVeltoEncoderSettings, kOneWay, run(13), kNone},
+    {11, kOneWay, run(7), kNone},
+    {12, kOneWay, run(1), kNone},
+    {13, kOneWay, run(1), kNone},
+    {15, kOneWay, run(1), kNone},
+    {16, kOneWay, run(1), kNone},
+    {17, kOneWay, run(1), kNone},
+    {18, kOneWay, run(1), kNone},
+    {19, kOneWay, run(1), kNone},
+    {20, kRequest, run(1), kNone},
+    {21, kRequest, kNone, kNone, 24, 24, kText21Room},
+    {22, kOneWay, run(1), kNone},
+    {23, kOneWay, run(1), kNone},
+    {24, kOneWay, run(1), kNone, 24, 28, kLabelRoom},
+    {25, kOneWay, run(1), kNone, 24, 28, kLabelRoom},
+    {26, kOneWay, run(1), kNone},
+    {27, kOneWay, run(1), kNone},
+    {kVeltoPtzMode, kOneWay, run(1), kNone},
+    {kVeltoPtzNotify, kOneWay, run(1), kNone},
+    {kVeltoPtzGetPosition, kRequest, kNone, run(1)},
+    {kVeltoPtzMotion, kOneWay, run(1), kNone},
+    {kVeltoPtzSetPosition, kOneWay, run(3), kNone},
+    {kVeltoPtzGetAbsolute, kRequest, kNone, run(3)},
+};
+static_assert(std::size(kCommands) == 32);
+
+// The row of a command; a number without one does not compile.
+consteval const Command& command(i32 number) {
+  return *std::ranges::find(kCommands, number, &Command::number);
+}
+
+u8* at(VeltoMsgBuf& record, u8 offset) { return record.payload + velto_payload_offset(offset); }
+
+// One command's transaction; the reply's status, 0 when there is none.
+i32 VeltoCall(const Command& row, const void* in, void* out = nullptr, std::string_view text = {}) {
+  VeltoMsgBuf record{};
+  record.dest = kServerMsgType;
+  record.cmd = row.number;
+  if (row.kind == kRequest) record.src = driver.process;
+  for (const u8 offset : row.in)
+    std::memcpy(at(record, offset), static_cast<const u8*>(in) + (offset - row.first_word), sizeof(i32));
+  text.copy(reinterpret_cast<char*>(at(record, row.text_at)), row.text_room);
+
+  SemGuard guard(driver.lock);
+  if (row.kind == kOneWay)
+    Msg_Send(driver.queue, &record, kRecordSize);
+  else
+    Msg_Transact(driver.queue, driver.process, &record, kRecordSize);
+  for (const u8 offset : row.out)
+    std::memcpy(static_cast<u8*>(out) + (offset - row.first_word), at(record, offset), sizeof(i32));
+  return record.ret;
+}
+
+i32 ask_by_type(const Command& row, VeltoFrame& frame) {
+  const i32 status = VeltoCall(row, &frame, &frame);
+  if (status != 0) frame.serial = -1;
+  return status;
+}
+
+}  // namespace
+
+i32 VeltoDrvInit(i32 process_id) {
+  SetVeltoProcess(process_id);
+  if (driver.process != process_id) return -1;
+  if (!driver.lock) driver.lock = MakeSem();
+  if (!driver.lock) return fail_init();
+  driver.queue = Msg_Init(kVeltoMsgKey);
+  if (driver.queue < 0) {
+    PRINT_ERROR("Msg_Init failed!\n");
+    DestroySem(driver.lock);
+    driver.lock = nullptr;
+    return fail_init();
+  }
+  VeltoMsgBuf stale;
+  Msg_Drain(driver.queue, driver.process, &stale, kRecordSize);
+  return 0;
+}
+
+void VeltoDrvExit() {
+  driver.process = kUnconnectedProcess;
+  DestroySem(driver.lock);
+  driver.lock = nullptr;
+}
+
+void SetVeltoProcess(i32 process_id) {
+  driver.process = process_id >= 1 && process_id <= 24 ? process_id : kUnconnectedProcess;
+}
+void SetVeltoQueue(i32 queue) { driver.queue = queue; }
+
+i32 VeltoGetMemory(VeltoMemory& memory) {
+  const i32 status = VeltoCall(command(kVeltoGetMemory), nullptr, &memory);
+  if (status != 0) memory.address = 0;
+  return status;
+}
+i32 VeltoSend2() { return VeltoCall(command(2), nullptr); }
+i32 VeltoGetFrame3(VeltoFrame& frame) { return ask_by_type(command(3), frame); }
+i32 VeltoGetFrame4(VeltoFrame& frame) { return VeltoCall(command(4), &frame, &frame); }
+i32 VeltoGetFrame5(VeltoFrame& frame) { return VeltoCall(command(5), &frame, &frame); }
+i32 VeltoSend6(const VeltoFrame& frame) { return VeltoCall(command(6), &frame); }
+i32 VeltoGetBlock(VeltoFrame& frame) {
+  VeltoCall(command(7), &frame, &frame);
+  return frame.size;
+}
+i32 VeltoGetFrame8(VeltoFrame& frame) { return ask_by_type(command(8), frame); }
+i32 VeltoGetFrame9(VeltoFrame& frame) {
+  const i32 status = VeltoCall(command(9), &frame, &frame);
+  if (status == 0) return frame.serial;
+  return status == -1 ? -1 : -2;
+}
+i32 SendEncoderSettings(const EncoderSettingsMessage& message) {
+  return VeltoCall(command(kVeltoEncoderSettings), &message);
+}
+i32 VeltoSend11(const VeltoSevenWords& words) { return VeltoCall(command(11), &words); }
+i32 VeltoSend12(i32 value) { return VeltoCall(command(12), &value); }
+i32 VeltoSend13(i32 first, i32 second) {
+  const i32 value = static_cast<i32>(static_cast<u32>(first) << 16) | second;
+  return VeltoCall(command(13), &value);
+}
+i32 VeltoSend15(i32 value) { return VeltoCall(command(15), &value); }
+i32 VeltoSend16(i32 value) { return VeltoCall(command(16), &value); }
+i32 VeltoSend17(i32 value) { return VeltoCall(command(17), &value); }
+i32 VeltoSend18(i32 value) { return VeltoCall(command(18), &value); }
+i32 VeltoSend19(i32 value) { return VeltoCall(command(19), &value); }
+i32 VeltoRequest20(i32 value) { return VeltoCall(command(20), &value); }
+i32 VeltoRequest21(const char* text) {
+  if (std::strlen(text) > kText21Room) return -1;
+  return VeltoCall(command(21), nullptr, nullptr, text);
+}
+i32 VeltoSend22(i32 value) { return VeltoCall(command(22), &value); }
+i32 VeltoSend23(i32 value) { return VeltoCall(command(23), &value); }
+i32 VeltoSend24(i32 value, const char* text) { return VeltoCall(command(24), &value, nullptr, text); }
+i32 VeltoSend25(i32 value, const char* text) { return VeltoCall(command(25), &value, nullptr, text); }
+i32 VeltoSend26(i32 value) { return VeltoCall(command(26), &value); }
+i32 VeltoSend27(i32 value) { return VeltoCall(command(27), &value); }
+
+i32 VeltoPtzMode(i32 code) { return VeltoCall(command(kVeltoPtzMode), &code); }
+i32 VeltoSend256(i32 value) { return VeltoCall(command(kVeltoPtzMode), &value); }
+i32 VeltoPtzNotify(i32 value) { return VeltoCall(command(kVeltoPtzNotify), &value); }
+i32 VeltoPtzGetPosition(i32& position) {
+  return VeltoCall(command(kVeltoPtzGetPosition), nullptr, &position);
+}
+i32 VeltoPtzMotion(i32 motion) { return VeltoCall(command(kVeltoPtzMotion), &motion); }
+i32 VeltoPtzSetPosition(const VeltoThreeWords& position) {
+  return VeltoCall(command(kVeltoPtzSetPosition), &position);
+}
+i32 VeltoPtzGetAbsolute(VeltoThreeWords& position) {
+  return VeltoCall(command(kVeltoPtzGetAbsolute), nullptr, &position);
+}

@@ -1,0 +1,108 @@
+#include "sim/fault_script.h"
+
+#include <algorithm>
+#include <charconv>
+#include <iterator>
+#include <regex>
+#include <sstream>
+#include <vector>
+
+namespace sim {
+
+namespace {
+
+struct FaultForm {
+  const char* pattern;  ///< of the words without their times
+  FaultKind kind;
+  const char* shown;
+  const char* meaning;
+  bool needs_times = false;
+};
+constexpr FaultForm kForms[] = {
+    {R"(fail [A-Z0-9_]+ (\*|[0-9]+(-[0-9]+)?)( errno=[0-9]+)?)", FaultKind::kNode,
+     "fail CALL N|N-M|* [errno=E]", "the driver refuses calls, such as \"fail QBUF 2\""},
+    {"grant [0-9]+", FaultKind::kNode, "grant N", "the driver grants N buffers at most"},
+    {"reqbufs returns count", FaultKind::kNode, "reqbufs returns count", "it answers as newer drivers do"},
+    {"unplug", FaultKind::kUnplug, "at TIME unplug for TIME", "the USB cable is pulled", true},
+    {"server dead", FaultKind::kServerDead, "server dead", "the system server takes no messages"},
+    {"server slow", FaultKind::kServerSlow, "server slow", "it takes 300 ms for each"},
+    {"encoder silent", FaultKind::kEncoderSilent, "encoder silent", "the encoder makes no frames"},
+    {"encoder dead", FaultKind::kEncoderDead, "encoder dead", "it stops in the middle of a frame"},
+    {"encoder wrong-size", FaultKind::kEncoderWrongSize, "encoder wrong-size",
+     "its frames have another size"},
+    {"log queue full", FaultKind::kLogQueueFull, "log queue full", "the log collector rests"},
+};
+
+/// Seconds of "1.5s" or "300ms".
+std::optional<double> parse_time(std::string_view text) {
+  double value = 0;
+  const auto [rest, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
+  const std::string_view unit(rest, text.data() + text.size());
+  if (failure != std::errc() || value < 0) return std::nullopt;
+  if (unit == "s") return value;
+  if (unit == "ms") return value / 1000;
+  return std::nullopt;
+}
+
+std::vector<std::string> words_of(std::string_view text) {
+  std::istringstream stream{std::string(text)};
+  return {std::istream_iterator<std::string>(stream), {}};
+}
+
+/// Takes `word TIME` out of the words. False when the word is there without a time.
+bool take_time(std::vector<std::string>& words, std::string_view word, std::optional<double>& time,
+               std::string& error) {
+  const auto found = std::ranges::find(words, word);
+  if (found == words.end()) return true;
+  const bool last = found + 1 == words.end();
+  time = last ? std::nullopt : parse_time(found[1]);
+  if (!time) {
+    error = '"' + std::string(word) + "\" needs a time such as 1.5s or 300ms" +
+            (last ? "" : ", not \"" + found[1] + '"');
+    return false;
+  }
+  words.erase(found, found + 2);
+  return true;
+}
+
+std::string joined(const std::vector<std::string>& words) {
+  std::string text;
+  for (const auto& word : words) text += (text.empty() ? "" : " ") + word;
+  return text;
+}
+
+}  // namespace
+
+std::optional<Fault> parse_fault(std::string_view text, std::string& error) {
+  std::vector<std::string> words = words_of(text);
+  std::optional<double> at, duration;
+  if (!take_time(words, "at", at, error) || !take_time(words, "for", duration, error)) return std::nullopt;
+  const std::string action = joined(words);
+  const auto form = std::ranges::find_if(
+      kForms, [&](const FaultForm& row) { return std::regex_match(action, std::regex(row.pattern)); });
+  if (form == std::end(kForms)) {
+    error = "no such fault: \"" + action + '"';
+    return std::nullopt;
+  }
+  if (form->needs_times && !(at && duration)) {
+    error = '"' + action + "\" needs \"at TIME\" and \"for TIME\"";
+    return std::nullopt;
+  }
+  return Fault{.kind = form->kind,
+               .node_text = form->kind == FaultKind::kNode ? action : "",
+               .at = at.value_or(0),
+               .duration = duration,
+               .text = std::string(text)};
+}
+
+std::string fault_forms(std::string_view indent) {
+  std::string text;
+  for (const FaultForm& form : kForms) {
+    std::string line = std::string(indent) + form.shown;
+    line.resize(std::max(line.size() + 1, indent.size() + 30), ' ');
+    text += line + form.meaning + '\n';
+  }
+  return text;
+}
+
+}  // namespace sim

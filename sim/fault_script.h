@@ -1,0 +1,34 @@
+// Faults as a person writes them: "at 3.2s unplug for 0.5s", "server dead", "fail QBUF 2".
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace sim {
+
+enum class FaultKind {
+  kNode,  ///< a fault of the gadget driver: Fault::node_text for NodeHost::script
+  kUnplug,
+  kServerDead,
+  kServerSlow,
+  kEncoderSilent,
+  kEncoderDead,
+  kEncoderWrongSize,
+  kLogQueueFull,
+};
+
+struct Fault {
+  FaultKind kind;
+  std::string node_text;
+  double at = 0;                   ///< seconds after the service's start; 0: before it starts
+  std::optional<double> duration;  ///< seconds; without: to the end
+  std::string text;                ///< as it was written
+};
+
+/// Nothing, with a one-line message in `error`, when the text is not understood.
+std::optional<Fault> parse_fault(std::string_view text, std::string& error);
+/// Every form that parse_fault() understands, a line each, indented by `indent`.
+std::string fault_forms(std::string_view indent);
+
+}  // namespace sim

@@ -1,0 +1,236 @@
+#include "sim/media.h"
+
+extern "C" {
+#include <libavutil/crc.h>
+}
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "sim/encoder.h"
+#include "sim/frame_counter.h"
+#include "sim/ring_writer.h"
+#include "sim/scene.h"
+#include "sim/vpss_model.h"
+#include "sim/wait_on.h"
+
+namespace sim {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// What is remembered of the last pictures, for checkers in the same process.
+struct Made {
+  u32 counter = 0;
+  i64 time = 0;
+  std::optional<u32> checksum;
+};
+std::mutex made_mutex;
+std::array<Made, 4096> made;
+std::atomic<u32> last_counter{0};
+
+Made& made_entry(u32 counter) { return made[counter % made.size()]; }
+
+void note_scene(u32 counter) {
+  const std::lock_guard lock(made_mutex);
+  made_entry(counter) = {counter, monotonic_ns(), std::nullopt};
+}
+
+void note_payload(u32 counter, std::span<const u8> payload) {
+  const u32 checksum = payload_checksum(payload);
+  const std::lock_guard lock(made_mutex);
+  made_entry(counter).checksum = checksum;
+}
+
+Made find_made(u32 counter) {
+  const std::lock_guard lock(made_mutex);
+  const Made& entry = made_entry(counter);
+  return entry.counter == counter ? entry : Made{};
+}
+
+/// Sizes that the scene and the encoders can do; the size tables' own pass unchanged.
+EncoderSettings possible(EncoderSettings settings, EncoderFault fault) {
+  const int divisor = fault == EncoderFault::kWrongSize ? 2 : 1;
+  const auto size = [=](i32 pixels) {
+    return std::clamp(pixels / divisor, static_cast<i32>(kNarrowestPicture), 4096) & ~1;
+  };
+  settings.width = size(settings.width);
+  settings.height = size(settings.height);
+  settings.frame_rate = std::clamp(settings.frame_rate, 0, 60);
+  if (settings.codec < kCodecH264 || settings.codec > kCodecYuy2) settings.frame_rate = 0;
+  return settings;
+}
+
+bool same_stream(const EncoderSettingsMessage& a, const EncoderSettingsMessage& b) {
+  return b.running != 0 && a.settings.width == b.settings.width && a.settings.height == b.settings.height &&
+         a.settings.codec == b.settings.codec;
+}
+
+}  // namespace
+
+u32 payload_checksum(std::span<const u8> payload) {
+  return av_crc(av_crc_get_table(AV_CRC_32_IEEE_LE), 0, payload.data(), payload.size());
+}
+
+std::optional<u32> expected_checksum(u32 counter) { return find_made(counter).checksum; }
+
+struct Media::Impl {
+  explicit Impl(const MediaOptions& media_options);
+  ~Impl();
+
+  void run();
+  bool wait_for_tick(EncoderSettings& settings);
+  void take_over_changes();
+  void end_stream();
+  void make_picture(const EncoderSettings& settings);
+  void encode(const EncoderSettings& settings, EncFrameSlot& slot);
+  AVFrame& next_scene(const EncoderSettings& settings);
+
+  const MediaOptions options;
+  std::mutex mutex;  ///< guards the next five
+  std::condition_variable changed;
+  EncoderSettingsMessage wanted{};
+  EncoderFault fault = EncoderFault::kNone;
+  bool new_stream = false;
+  bool quit = false;
+
+  // Of the media thread alone.
+  RingWriter ring;
+  VpssModel vpss;
+  Encoder encoder;
+  std::optional<Scene> scene;
+  Clock::time_point next_tick = Clock::now();
+  bool key_frame = true;
+  bool dead = false;
+
+  std::atomic<unsigned long> pictures{0}, encoded{0}, dropped{0};
+  std::thread thread;
+};
+
+Media::Impl::Impl(const MediaOptions& media_options)
+    : options(media_options), vpss(options.yuv422, options.extra_stride), thread([this] { run(); }) {}
+
+Media::Impl::~Impl() {
+  {
+    const std::lock_guard lock(mutex);
+    quit = true;
+  }
+  changed.notify_one();
+  thread.join();
+  ring.clear();
+}
+
+void Media::Impl::run() {
+  for (EncoderSettings settings; wait_for_tick(settings);) make_picture(settings);
+}
+
+void Media::Impl::take_over_changes() {
+  if (std::exchange(new_stream, false)) key_frame = true;
+  if (fault == EncoderFault::kDead && !dead) ring.acquire();
+  dead = fault == EncoderFault::kDead;
+}
+
+/// No frame of the former stream is to open the next one, nor one that is being made now. Called with the
+/// lock.
+void Media::Impl::end_stream() {
+  new_stream = true;
+  ring.clear();
+  vpss.clear();
+}
+
+/// Waits until the next picture is due; false when the process ends.
+bool Media::Impl::wait_for_tick(EncoderSettings& settings) {
+  std::unique_lock lock(mutex);
+  while (!quit) {
+    take_over_changes();
+    settings = possible(wanted.settings, fault);
+    const bool silent = fault == EncoderFault::kSilent || fault == EncoderFault::kDead;
+    if (wanted.running == 0 || settings.frame_rate == 0 || silent) {
+      changed.wait(lock);
+      next_tick = Clock::now();
+      continue;
+    }
+    const auto interval = std::chrono::nanoseconds(1'000'000'000 / settings.frame_rate);
+    if (Clock::now() >= next_tick) {
+      next_tick = std::max(next_tick + interval, Clock::now());
+      return true;
+    }
+    changed.wait_until(lock, next_tick);
+  }
+  return false;
+}
+
+AVFrame& Media::Impl::next_scene(const EncoderSettings& settings) {
+  const bool full_range = settings.codec == kCodecMjpeg;
+  if (!scene || !scene->shows(settings.width, settings.height, full_range))
+    scene.emplace(options.source, settings.width, settings.height, full_range);
+  const u32 counter = ++last_counter;
+  note_scene(counter);
+  ++pictures;
+  return scene->picture(counter);
+}
+
+void Media::Impl::make_picture(const EncoderSettings& settings) {
+  if (settings.codec == kCodecYuy2) {
+    vpss.wait_for_taker();
+    AVFrame& picture = next_scene(settings);
+    note_payload(last_counter, yuy2_payload(picture));
+    const std::lock_guard lock(mutex);
+    if (!new_stream) vpss.publish(picture);
+  } else if (EncFrameSlot* slot = ring.acquire()) {
+    encode(settings, *slot);
+  }
+}
+
+void Media::Impl::encode(const EncoderSettings& settings, EncFrameSlot& slot) {
+  key_frame = ring.take_gap() || key_frame;
+  const auto frame = encoder.encode(settings, next_scene(settings), key_frame);
+  if (!frame) return ring.abandon(slot);
+  note_payload(last_counter, frame->data);
+  ++encoded;
+  const std::lock_guard lock(mutex);
+  if (new_stream) return ring.abandon(slot);
+  key_frame = !ring.publish(slot, *frame, settings.width, settings.height);
+  if (key_frame) ++dropped;
+}
+
+Media::Media(const MediaOptions& options) {
+  av_log_set_level(AV_LOG_QUIET);
+  impl_ = std::make_unique<Impl>(options);
+}
+
+Media::~Media() = default;
+
+void Media::apply(const EncoderSettingsMessage& message) {
+  {
+    const std::lock_guard lock(impl_->mutex);
+    if (!same_stream(impl_->wanted, message)) impl_->end_stream();
+    impl_->wanted = message;
+  }
+  impl_->changed.notify_one();
+}
+
+void Media::set_fault(EncoderFault fault) {
+  {
+    const std::lock_guard lock(impl_->mutex);
+    impl_->fault = fault;
+  }
+  impl_->changed.notify_one();
+}
+
+i64 Media::scene_time(u32 counter) { return find_made(counter).time; }
+u32 Media::pool_address() { return kAvPoolBase; }
+u32 Media::pool_size() { return kAvPoolSize; }
+
+Media::Counts Media::counts() const {
+  return {impl_->pictures, impl_->encoded, impl_->dropped + impl_->ring.dropped()};
+}
+
+}  // namespace sim

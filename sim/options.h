@@ -1,0 +1,36 @@
+// The command line of camera_sim.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sim/fault_script.h"
+#include "sim/media.h"
+#include "sim/usb_host.h"
+
+namespace sim {
+
+struct Options {
+  std::optional<StreamFormat> format;
+  std::optional<FrameSize> size;
+  u32 rate = 30;        ///< frames per second
+  double duration = 4;  ///< seconds a stream
+  MediaOptions media;
+  std::vector<Fault> faults;
+  std::string print_level;      ///< of the service; empty: its own
+  std::optional<u8> log_level;  ///< the collector prints up to this level
+  std::string out = "out";      ///< folder for pictures and the service's output
+  std::string service;          ///< empty: uvc_gadget_sim beside this program
+  bool paced = false;
+  bool verbose = false;
+  bool stay = false;
+
+  /// One stream was asked for instead of the plan.
+  bool one_stream() const { return format || size || stay; }
+};
+
+/// The options; or nothing, with the exit status, once help, the list or an error has been printed.
+std::optional<Options> parse_options(int argc, char** argv, int& exit_status);
+
+}  // namespace sim

@@ -1,0 +1,13 @@
+// Watches the pages of /dev/mem that the service maps, and logs the registers that it changed.
+#pragma once
+
+#include <sys/types.h>
+
+namespace sim {
+
+/// Remembers the words of a fresh mapping of /dev/mem. Mappings above 1 MiB are not watched.
+void watch_registers(const void* mapping, size_t length, off_t physical);
+/// To be called before a mapping goes: logs each word that differs from what it was. Others are ignored.
+void log_changed_registers(const void* mapping);
+
+}  // namespace sim

@@ -1,0 +1,345 @@
+#include "sim/server.h"
+
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <optional>
+
+#include "sim/channel.h"
+#include "sim/run.h"
+
+namespace sim {
+
+namespace {
+
+constexpr i32 kFirstProcess = 2;  ///< a reply to message type 1 would come back to the server itself
+constexpr i32 kLastProcess = 24;
+constexpr std::chrono::milliseconds kSlowDelay{300};
+
+bool is_client(i32 process_id) { return process_id >= kFirstProcess && process_id <= kLastProcess; }
+
+/// A shared segment of the camera, attached while the object lives.
+class Segment {
+ public:
+  explicit Segment(i32 key) {
+    const int id = shmget(run_key(key), kSysSegmentSize, IPC_CREAT | 0660);
+    start_ = id < 0 ? nullptr : static_cast<u8*>(shmat(id, nullptr, 0));
+    if (id >= 0 && start_ != reinterpret_cast<u8*>(-1)) return;
+    std::perror("no shared segment");
+    std::exit(1);
+  }
+  ~Segment() { shmdt(start_); }
+  Segment(const Segment&) = delete;
+
+  u8* at(std::size_t offset) const { return start_ + offset; }
+  u32 word(std::size_t offset) const { return reference(offset).load(); }
+  void set_word(std::size_t offset, u32 value) const { reference(offset).store(value); }
+
+ private:
+  std::atomic_ref<u32> reference(std::size_t offset) const {
+    return std::atomic_ref<u32>(*reinterpret_cast<u32*>(start_ + offset));
+  }
+  u8* start_;
+};
+
+/// The image settings that the camera-value cache holds at start, in its own order.
+constexpr std::array<u32, 10> kCachedAtStart{8, 8, 0, 8, 3, 0, 1, 0, 0, 0};
+
+/// The parameter segment, filled from construction on.
+struct Parameters {
+  explicit Parameters(const ServerOptions& options);
+  const Segment segment{kFileMsgKey};
+};
+
+Parameters::Parameters(const ServerOptions& options) {
+  SysInfo info{};
+  const u8 mac[6] = {0x02, 0x16, 0xA5, 0x00, 0x00, 0x01};
+  std::memcpy(info.mac, mac, sizeof mac);
+  info.web_port = 80;
+  info.listen_port = 1935;
+  info.usb_port = options.usb_port;
+  CameraCache cache{};
+  std::ranges::copy(kCachedAtStart, cache.words);
+  cache.valid = options.cache_valid ? CAMERA_CACHE_VALID : 0;
+
+  std::memset(segment.at(0), 0, kSysSegmentSize);
+  std::memcpy(segment.at(0), &info, sizeof info);
+  std::memcpy(segment.at(kCameraCacheOffset), &cache, sizeof cache);
+  if (!options.ready) return;
+  segment.set_word(kSysStateOffset, SYSINFO_MAGIC);
+  segment.set_word(0, SYSINFO_MAGIC);
+}
+
+std::string as_hex(std::span<const u8> bytes) {
+  std::string text;
+  char byte[4];
+  for (const u8 value : bytes) {
+    std::snprintf(byte, sizeof byte, " %02X", value);
+    text += byte;
+  }
+  return text;
+}
+
+/// A request as its record; nothing when the sender's record has another size.
+template <class Record, std::size_t kPayload>
+std::optional<Record> as_record(std::span<const u8> payload) {
+  if (payload.size() != kPayload) return std::nullopt;
+  Record record{};
+  std::memcpy(reinterpret_cast<u8*>(&record) + sizeof record.dest, payload.data(), kPayload);
+  return record;
+}
+
+// Offsets count from the record's start on the camera, as the command table names them.
+i32 get_word(const VeltoMsgBuf& record, i32 offset) {
+  return static_cast<i32>(get_le32(record.payload + velto_payload_offset(offset)));
+}
+void put_word(VeltoMsgBuf& record, i32 offset, i32 value) {
+  put_le32(record.payload + velto_payload_offset(offset), static_cast<u32>(value));
+}
+
+std::string as_decimal(std::initializer_list<i32> words) {
+  std::string text;
+  for (const i32 word : words) text += ' ' + std::to_string(word);
+  return text;
+}
+
+/// A text field: up to its terminator or `most` bytes, whatever the record holds.
+std::string quoted(const VeltoMsgBuf& record, i32 offset, i32 most) {
+  const char* const start = reinterpret_cast<const char*>(record.payload) + velto_payload_offset(offset);
+  std::string text(start, strnlen(start, static_cast<std::size_t>(most)));
+  std::ranges::replace_if(
+      text, [](char c) { return c < ' ' || c > '~'; }, '.');
+  return " \"" + text + '"';
+}
+
+/// The reply to a VISCA frame: a value of 0 for an inquiry, else "completed".
+std::span<const u8> visca_reply(std::span<const u8> frame) {
+  static constexpr u8 kZero[4] = {0, 0, 0, 0};
+  static constexpr u8 kCompleted[3] = {0x90, 0x41, 0xFF};
+  const bool inquiry = frame.size() >= 2 && frame[1] == 0x09;
+  return inquiry ? std::span<const u8>(kZero) : std::span<const u8>(kCompleted);
+}
+
+}  // namespace
+
+struct Server::Impl {
+  explicit Impl(const ServerOptions& wanted) : options(wanted) {}
+
+  /// One command of the control channel: what is recorded of it, and how it is carried out and answered.
+  struct VeltoRow {
+    i32 cmd;
+    char kind;       ///< R: answered, O: one-way
+    i32 offset = 0;  ///< of its words in the record, or of its text
+    i32 words = 0;
+    i32 status = 0;  ///< of the answer
+    void (Impl::*act)(VeltoMsgBuf&) = nullptr;
+    i32 text = 0;  ///< most bytes of text behind the words
+    std::string describe(const VeltoMsgBuf& record) const;
+  };
+  static const VeltoRow kVeltoRows[];
+
+  void file_message(std::span<const u8> payload);
+  void velto_message(std::span<const u8> payload);
+  void sys_message(std::span<const u8> payload);
+  i32 exchange(const SysMsgBuf& record);
+
+  void get_memory(VeltoMsgBuf& record);
+  void store_encoder_settings(VeltoMsgBuf& record);
+  void get_position(VeltoMsgBuf& record);
+  void get_absolute(VeltoMsgBuf& record);
+  void set_position(VeltoMsgBuf& record);
+
+  void note(const std::string& line);
+  void refuse(const std::string& line);
+
+  const ServerOptions options;
+  mutable std::mutex lock;
+  std::vector<std::string> received;
+  EncoderSettingsMessage encoder_settings{};
+  std::function<void(const EncoderSettingsMessage&)> handler;
+  i32 pan = 0, tilt = 0;  ///< only the control channel's thread uses them
+  std::atomic<unsigned long> refused = 0;
+
+  const Parameters parameters{options};
+  const Segment slots{kSysMsgKey};
+  Channel file_channel{kFileMsgKey, kServerMsgType, [this](auto payload) { file_message(payload); }};
+  Channel velto_channel{kVeltoMsgKey, kServerMsgType, [this](auto payload) { velto_message(payload); }};
+  Channel sys_channel{kSysMsgKey, kServerMsgType, [this](auto payload) { sys_message(payload); }};
+};
+
+// The pool holds no frames: whoever asks for one learns that there is none.
+const Server::Impl::VeltoRow Server::Impl::kVeltoRows[] = {
+    {.cmd = kVeltoGetMemory, .kind = 'R', .act = &Impl::get_memory},
+    {.cmd = 2, .kind = 'O'},
+    {.cmd = 3, .kind = 'R', .offset = 44, .words = 1, .status = -1},
+    {.cmd = 4, .kind = 'R', .offset = 28, .words = 5, .status = -97},
+    {.cmd = 5, .kind = 'R', .offset = 28, .words = 5, .status = -98},
+    {.cmd = 6, .kind = 'O', .offset = 28, .words = 5},
+    {.cmd = 7, .kind = 'R', .offset = 44, .words = 1},  // an empty block
+    {.cmd = 8, .kind = 'R', .offset = 44, .words = 1, .status = -1},
+    {.cmd = 9, .kind = 'R', .offset = 44, .words = 1, .status = -1},
+    {.cmd = kVeltoEncoderSettings,
+     .kind = 'O',
+     .offset = 24,
+     .words = 13,
+     .act = &Impl::store_encoder_settings},
+    {.cmd = 11, .kind = 'O', .offset = 24, .words = 7},
+    {.cmd = 12, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = 13, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = 15, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = 16, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = 17, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = 18, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = 19, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = 20, .kind = 'R', .offset = 24, .words = 1},
+    {.cmd = 21, .kind = 'R', .offset = 24, .text = 128},
+    {.cmd = 22, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = 23, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = 24, .kind = 'O', .offset = 24, .words = 1, .text = 60},
+    {.cmd = 25, .kind = 'O', .offset = 24, .words = 1, .text = 60},
+    {.cmd = 26, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = 27, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = kVeltoPtzMode, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = kVeltoPtzNotify, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = kVeltoPtzGetPosition, .kind = 'R', .act = &Impl::get_position},
+    {.cmd = kVeltoPtzMotion, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = kVeltoPtzSetPosition, .kind = 'O', .offset = 24, .words = 3, .act = &Impl::set_position},
+    {.cmd = kVeltoPtzGetAbsolute, .kind = 'R', .act = &Impl::get_absolute},
+};
+
+std::string Server::Impl::VeltoRow::describe(const VeltoMsgBuf& record) const {
+  std::string line = "velto" + as_decimal({cmd}) + ' ' + kind;
+  for (i32 i = 0; i < words; ++i) line += as_decimal({get_word(record, offset + 4 * i)});
+  return text ? line + quoted(record, offset + 4 * words, text) : line;
+}
+
+void Server::Impl::note(const std::string& line) {
+  std::lock_guard guard(lock);
+  received.push_back(line);
+}
+
+/// For requests that make no sense.
+void Server::Impl::refuse(const std::string& line) {
+  note(line + " refused");
+  ++refused;
+}
+
+void Server::Impl::file_message(std::span<const u8> payload) {
+  auto record = as_record<FileMsgBuf, kFileMsgPayload>(payload);
+  if (!record) return refuse("file length " + std::to_string(payload.size()));
+  const std::string line = "file" + as_decimal({record->cmd, record->info});
+  if (record->cmd == kFileMsgNotice) return note(line);
+  if (record->cmd < 0 || record->cmd > kFileMsgSaveDefaults || !is_client(record->src)) return refuse(line);
+  note(line);
+  record->dest = record->src;
+  record->length = kSysInfoLength;
+  file_channel.send(&*record, kFileMsgPayload);
+}
+
+void Server::Impl::velto_message(std::span<const u8> payload) {
+  auto record = as_record<VeltoMsgBuf, kVeltoMsgPayload>(payload);
+  if (!record) return refuse("velto length " + std::to_string(payload.size()));
+  const auto row = std::ranges::find(kVeltoRows, record->cmd, &VeltoRow::cmd);
+  if (row == std::end(kVeltoRows)) return refuse("velto" + as_decimal({record->cmd}));
+  const std::string line = row->describe(*record);
+  if (row->kind == 'R' && !is_client(record->src)) return refuse(line);
+  note(line);
+  record->ret = row->status;
+  if (row->act) (this->*row->act)(*record);
+  if (row->kind == 'O') return;
+  record->dest = record->src;
+  velto_channel.send(&*record, kVeltoMsgPayload);
+}
+
+void Server::Impl::get_memory(VeltoMsgBuf& record) {
+  record.ret = options.pool_address ? 0 : -1;
+  put_word(record, 16, static_cast<i32>(options.pool_address));
+  put_word(record, 20, static_cast<i32>(options.pool_size));
+}
+
+void Server::Impl::store_encoder_settings(VeltoMsgBuf& record) {
+  std::unique_lock guard(lock);
+  std::memcpy(&encoder_settings, record.payload + kVeltoWords, sizeof encoder_settings);
+  const auto message = encoder_settings;
+  const auto notify = handler;
+  guard.unlock();
+  if (notify) notify(message);
+}
+
+void Server::Impl::get_position(VeltoMsgBuf& record) { put_word(record, 24, pan << 16 | (tilt & 0xFFFF)); }
+
+void Server::Impl::get_absolute(VeltoMsgBuf& record) {
+  put_word(record, 28, pan);
+  put_word(record, 32, tilt & 0xFFFF);
+}
+
+void Server::Impl::set_position(VeltoMsgBuf& record) {
+  pan = get_word(record, 28);
+  tilt = get_word(record, 32);
+}
+
+void Server::Impl::sys_message(std::span<const u8> payload) {
+  auto record = as_record<SysMsgBuf, kSysMsgPayload>(payload);
+  if (!record) return refuse("sys length " + std::to_string(payload.size()));
+  record->length = exchange(*record);
+  record->dest = record->src;
+  if (is_client(record->src)) sys_channel.send(&*record, kSysMsgPayload);
+}
+
+/// Carries out the request in its sender's slot and leaves the reply's body there. The reply's length, or -1.
+i32 Server::Impl::exchange(const SysMsgBuf& record) {
+  const std::string line = "sys" + as_decimal({record.cmd});
+  const bool sound = record.cmd >= 0 && record.cmd <= 63 && is_client(record.src) &&
+                     record.offset == sys_slot_offset(record.src) && record.length >= 0 &&
+                     record.length <= kSysSlotSize;
+  if (!sound) {
+    refuse(line + as_decimal({record.src, record.length, record.offset}));
+    return -1;
+  }
+  u8* const slot = slots.at(static_cast<std::size_t>(record.offset));
+  const std::vector<u8> body(slot, slot + record.length);
+  note(line + as_hex(body));
+  const std::span<const u8> reply = visca_reply(body);
+  std::ranges::copy(reply, slot);
+  return static_cast<i32>(reply.size());
+}
+
+Server::Server(const ServerOptions& options) : impl_(std::make_unique<Impl>(options)) {}
+Server::~Server() = default;
+
+void Server::on_encoder_settings(std::function<void(const EncoderSettingsMessage&)> handler) {
+  std::lock_guard guard(impl_->lock);
+  impl_->handler = std::move(handler);
+}
+
+void Server::set_fault(ServerFault fault) {
+  for (Channel* channel : {&impl_->file_channel, &impl_->velto_channel, &impl_->sys_channel}) {
+    channel->set_delay(fault == ServerFault::kSlow ? kSlowDelay : std::chrono::milliseconds(0));
+    channel->hold(fault == ServerFault::kDead);
+  }
+}
+
+EncoderSettingsMessage Server::encoder_settings() const {
+  std::lock_guard guard(impl_->lock);
+  return impl_->encoder_settings;
+}
+
+u32 Server::request_flag(int word) const {
+  return impl_->parameters.segment.word(kRequestFlagsOffset + sizeof(u32) * static_cast<unsigned>(word));
+}
+
+std::vector<std::string> Server::received() const {
+  std::lock_guard guard(impl_->lock);
+  return impl_->received;
+}
+
+unsigned long Server::refused() const { return impl_->refused; }
+
+}  // namespace sim

@@ -1,0 +1,60 @@
+// The service as a child process: its output goes to a file, line by line, and it is never left behind.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdio>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+namespace sim {
+
+class ServiceProcess {
+ public:
+  /// Starts `program`. Its standard output and error go to `log` (the caller's) and, when `echo`, to standard
+  /// error. It becomes a process group of its own, so that Ctrl-C reaches the caller only, and dies with the
+  /// caller.
+  ServiceProcess(const std::string& program, std::FILE* log, bool echo);
+  ~ServiceProcess();  ///< kills it if need be
+  ServiceProcess(const ServiceProcess&) = delete;
+
+  pid_t pid() const { return pid_; }
+  bool running();
+  /// SIGTERM, then SIGKILL to its group when it has not ended within `limit` seconds. How long it took;
+  /// nothing when it had to be killed.
+  std::optional<double> stop(double limit);
+  /// Once it has ended: "exit status 0", "killed by signal 11 (Segmentation fault)".
+  std::string how_it_ended() const;
+  bool ended_with_success() const;
+
+  std::string last_lines() const;  ///< of its output
+  /// Lines that its logger dropped because the collector's queue was over half full, as it says itself.
+  unsigned long dropped_log_lines() const { return dropped_; }
+
+ private:
+  struct Stream {
+    int fd;
+    std::string line;  ///< begun, its newline to come
+  };
+
+  void read_output();
+  bool read_some(Stream& stream);
+  void add_line(const std::string& line, bool standard_output);
+
+  const bool echo_;
+  std::FILE* const log_;
+  Stream streams_[2];
+  pid_t pid_;
+  std::optional<int> status_;  ///< of waitpid()
+  std::atomic<bool> ended_ = false;
+  std::atomic<unsigned long> dropped_ = 0;
+  mutable std::mutex lock_;
+  std::deque<std::string> last_lines_;
+  std::thread reader_;
+};
+
+}  // namespace sim

@@ -1,0 +1,91 @@
+// The USB host of the simulated camera: knows the formats that the camera's descriptors tell, negotiates as a
+// PC does, takes frames off the bus in a thread of its own and has them checked in another.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "sim/frame_check.h"
+#include "sim/node.h"
+
+namespace sim {
+
+struct FrameSize {
+  u32 width, height;
+  bool operator==(const FrameSize&) const = default;
+};
+
+/// A format as the descriptors tell it: sizes in the order of bFrameIndex, from 1 on.
+struct HostFormat {
+  StreamFormat format;
+  const char* name;
+  std::span<const FrameSize> sizes;
+};
+/// In the order of bFormatIndex, from 1 on.
+std::span<const HostFormat> host_formats();
+const HostFormat& host_format(StreamFormat format);
+
+struct StreamChoice {
+  StreamFormat format;
+  FrameSize size;
+  u32 rate;  ///< frames per second, 1 or more
+};
+/// Such as "MJPEG 1280x720".
+std::string name_of(const StreamChoice& choice);
+
+struct StreamResult {
+  StreamReport report;
+  unsigned long payloads = 0;    ///< everything that was taken
+  double seconds = 0;            ///< from the first picture's arrival to the end
+  double first_picture_ms = -1;  ///< from SET_INTERFACE to its arrival; negative: none came
+  double rate() const { return seconds > 0 ? static_cast<double>(report.frames) / seconds : 0; }
+};
+
+/// How long a high-speed isochronous endpoint is busy with a frame: 3 x 1024 bytes a microframe of 125 us,
+/// 12 of them the payload header.
+constexpr std::chrono::microseconds bus_time(std::size_t bytes) {
+  return std::chrono::microseconds(125) * ((bytes + 3059) / 3060);
+}
+
+/// One stream at a time. unplug(), replug(), plugged() and unplugs() may be called from any thread.
+class UsbHost {
+ public:
+  /// `paced`: frames take bus_time() to arrive.
+  UsbHost(NodeHost& node, bool paced);
+  ~UsbHost();
+
+  /// What a host asks when the device appears. False with error() when an answer is wrong.
+  bool enumerate();
+  /// Negotiates and starts a stream. False with error() when the camera refuses.
+  bool start(const StreamChoice& choice);
+  /// Of the running stream so far.
+  StreamResult progress() const;
+  /// Ends the stream; everything that was taken is checked then. Writes the last whole picture as PNG.
+  StreamResult stop(const std::string& png_path);
+
+  void unplug();
+  void replug();
+  bool plugged() const { return plugged_; }
+  unsigned unplugs() const { return unplugs_; }  ///< so far
+  /// Of the last enumerate(), start() or stop(); empty: nothing was wrong.
+  const std::string& error() const { return error_; }
+
+ private:
+  class Stream;
+
+  bool set(u8 selector, std::span<const u8> block);
+  bool get(u8 request, std::span<u8> answer);
+  bool negotiate(const StreamChoice& choice);
+  bool fail(std::string what);
+
+  NodeHost& node_;
+  const bool paced_;
+  std::atomic<bool> plugged_ = false;
+  std::atomic<unsigned> unplugs_ = 0;
+  std::string error_;
+  std::unique_ptr<Stream> stream_;
+};
+
+}  // namespace sim

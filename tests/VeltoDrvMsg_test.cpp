@@ -1,0 +1,227 @@
+#include "ipc/VeltoDrvMsg.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <span>
+
+#include "tests/ipc_peer.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+template <typename Words>
+std::string text(i32 result, const Words& words) {
+  std::string line = std::to_string(result) + ":";
+  i32 copy[sizeof words / sizeof(i32)];
+  std::memcpy(copy, &words, sizeof copy);
+  for (const i32 word : copy) line += ' ' + std::to_string(word);
+  return line;
+}
+std::string text(i32 result) { return std::to_string(result); }
+
+// Every word -7 but for serial 5 and stream type 2.
+VeltoFrame wanted() { return {-7, 5, -7, -7, -7, 2, -7, -7, -7, -7, -7, -7, -7, -7}; }
+
+template <i32 (*kSender)(VeltoFrame&)>
+std::string ask() {
+  VeltoFrame frame = wanted();
+  const i32 result = kSender(frame);
+  return text(result, frame);
+}
+
+// The server answers with this status, and in each word with the word's own offset in the record.
+void answer(VeltoMsgBuf& reply, i32 status) {
+  reply.ret = status;
+  for (i32 offset = 16; offset < 152; offset += 4) {
+    u8* word = reply.payload + velto_payload_offset(offset);
+    put_le32(word, static_cast<u32>(offset));
+  }
+}
+
+struct Row {
+  const char* name;
+  std::string (*call)();
+  const char* request;
+  const char* result;
+  i32 status = 0;
+};
+
+std::string name70() { return "0123456789012345678901234567890123456789012345678901234567890123456789"; }
+
+const Row kRows[] = {
+    {"1", [] { VeltoMemory m; const i32 r = VeltoGetMemory(m); return text(r, m); },
+     "4:01000000 8:03000000", "0: 16 20"},
+    {"1 refused", [] { VeltoMemory m; const i32 r = VeltoGetMemory(m); return text(r, m); },
+     "4:01000000 8:03000000", "9: 0 20", 9},
+    {"2", [] { return text(VeltoSend2()); }, "4:02000000", "0"},
+    {"3", ask<VeltoGetFrame3>, "4:03000000 8:03000000 44:02000000",
+     "0: 24 28 32 36 40 44 48 52 56 60 64 68 72 76"},
+    {"3 refused", ask<VeltoGetFrame3>, "4:03000000 8:03000000 44:02000000",
+     "5: 24 -1 32 36 40 44 48 52 56 60 64 68 72 76", 5},
+    {"4", ask<VeltoGetFrame4>, "4:04000000 8:03000000 28:05000000 44:02000000",
+     "-3: 24 28 32 36 40 44 48 52 56 60 64 68 72 76", -3},
+    {"5", ask<VeltoGetFrame5>, "4:05000000 8:03000000 28:05000000 44:02000000",
+     "-97: 24 5 32 36 40 2 48 52 56 -7 64 68 -7 -7", -97},
+    {"6", [] { return text(VeltoSend6(wanted())); }, "4:06000000 28:05000000 44:02000000", "0"},
+    {"7", ask<VeltoGetBlock>, "4:07000000 8:03000000 44:02000000",
+     "32: 24 5 32 -7 -7 2 -7 -7 -7 -7 -7 -7 -7 -7", 4},
+    {"8", ask<VeltoGetFrame8>, "4:08000000 8:03000000 44:02000000",
+     "-1: 24 -1 32 36 40 44 48 52 56 60 64 68 72 76", -1},
+    {"9", ask<VeltoGetFrame9>, "4:09000000 8:03000000 44:02000000",
+     "28: 24 28 32 36 40 2 48 52 56 -7 64 68 -7 -7"},
+    {"9 -1", ask<VeltoGetFrame9>, "4:09000000 8:03000000 44:02000000",
+     "-1: 24 28 32 36 40 2 48 52 56 -7 64 68 -7 -7", -1},
+    {"9 other", ask<VeltoGetFrame9>, "4:09000000 8:03000000 44:02000000",
+     "-2: 24 28 32 36 40 2 48 52 56 -7 64 68 -7 -7", 7},
+    {"10", [] { return text(SendEncoderSettings({2, 1, {3, 4, 5, 6, 7, 8, {9, 10, 11, 12, 13}}})); },
+     "4:0A000000 24:02000000 28:01000000 32:03000000 36:04000000 40:05000000 44:06000000 48:07000000 "
+     "52:08000000 56:09000000 60:0A000000 64:0B000000 68:0C000000 72:0D000000", "0"},
+    {"11", [] { return text(VeltoSend11({{1, 2, 3, 4, 5, 6, -7}})); },
+     "4:0B000000 24:01000000 28:02000000 32:03000000 36:04000000 40:05000000 44:06000000 48:F9FFFFFF", "0"},
+    {"12", [] { return text(VeltoSend12(0x1234)); }, "4:0C000000 24:34120000", "0"},
+    {"13", [] { return text(VeltoSend13(0x12, 0x34)); }, "4:0D000000 24:34001200", "0"},
+    {"15", [] { return text(VeltoSend15(-1)); }, "4:0F000000 24:FFFFFFFF", "0"},
+    {"16", [] { return text(VeltoSend16(3)); }, "4:10000000 24:03000000", "0"},
+    {"17", [] { return text(VeltoSend17(3)); }, "4:11000000 24:03000000", "0"},
+    {"18", [] { return text(VeltoSend18(3)); }, "4:12000000 24:03000000", "0"},
+    {"19", [] { return text(VeltoSend19(3)); }, "4:13000000 24:03000000", "0"},
+    {"20", [] { return text(VeltoRequest20(3)); }, "4:14000000 8:03000000 24:03000000", "-6", -6},
+    {"21", [] { return text(VeltoRequest21("abcde")); },
+     "4:15000000 8:03000000 24:61626364 28:65000000", "11", 11},
+    {"22", [] { return text(VeltoSend22(3)); }, "4:16000000 24:03000000", "0"},
+    {"23", [] { return text(VeltoSend23(3)); }, "4:17000000 24:03000000", "0"},
+    {"24", [] { return text(VeltoSend24(3, name70().c_str())); },
+     "4:18000000 24:03000000 28:30313233 32:34353637 36:38393031 40:32333435 44:36373839 48:30313233 "
+     "52:34353637 56:38393031 60:32333435 64:36373839 68:30313233 72:34353637 76:38393031 80:32333435 "
+     "84:36373839", "0"},
+    {"25", [] { return text(VeltoSend25(3, "x")); }, "4:19000000 24:03000000 28:78000000", "0"},
+    {"26", [] { return text(VeltoSend26(3)); }, "4:1A000000 24:03000000", "0"},
+    {"27", [] { return text(VeltoSend27(3)); }, "4:1B000000 24:03000000", "0"},
+    {"256", [] { return text(VeltoPtzMode(2)); }, "4:00010000 24:02000000", "0"},
+    {"256 again", [] { return text(VeltoSend256(2)); }, "4:00010000 24:02000000", "0"},
+    {"257", [] { return text(VeltoPtzNotify(2)); }, "4:01010000 24:02000000", "0"},
+    {"258", [] { i32 p = 0; const i32 r = VeltoPtzGetPosition(p); return text(r, p); },
+     "4:02010000 8:03000000", "0: 24"},
+    {"259", [] { return text(VeltoPtzMotion(4)); }, "4:03010000 24:04000000", "0"},
+    {"260", [] { return text(VeltoPtzSetPosition({{1, 2, -3}})); },
+     "4:04010000 24:01000000 28:02000000 32:FDFFFFFF", "0"},
+    {"261", [] { VeltoThreeWords w; const i32 r = VeltoPtzGetAbsolute(w); return text(r, w); },
+     "4:05010000 8:03000000", "-1: 24 28 32", -1},
+};
+
+TEST(VeltoDrvMsg, EveryCommandsRecord) {
+  sim::Run run;
+  VeltoPeer peer(kVeltoMsgKey);
+  ASSERT_EQ(VeltoDrvInit(kVeltoProcess), 0);
+  for (const Row& row : kRows) {
+    SCOPED_TRACE(row.name);
+    std::string result;
+    EXPECT_EQ(peer.serve([&] { result = row.call(); }, [&](auto& reply) { answer(reply, row.status); }),
+              row.request);
+    EXPECT_EQ(result, row.result);
+    EXPECT_EQ(peer.waiting(), 0u);
+  }
+}
+
+TEST(VeltoDrvMsg, TextsFitTheRecord) {
+  sim::Run run;
+  VeltoPeer peer(kVeltoMsgKey);
+  ASSERT_EQ(VeltoDrvInit(kVeltoProcess), 0);
+  const std::string longest(127, 'a');
+  const std::string sent = peer.serve([&] { EXPECT_EQ(VeltoRequest21(longest.c_str()), 0); }, [](auto&) {});
+  EXPECT_TRUE(sent.ends_with(" 144:61616161 148:61616100")) << sent;
+  EXPECT_EQ(VeltoRequest21((longest + 'a').c_str()), -1);
+  EXPECT_EQ(peer.waiting(), 0u);
+}
+
+TEST(VeltoDrvMsg, ConnectsWithIds1To24AndDrainsOldReplies) {
+  sim::Run run;
+  VeltoPeer peer(kVeltoMsgKey);
+  const auto sender_id = [&] {
+    return peer.serve([] { VeltoRequest20(0); }, [](auto&) {});
+  };
+  for (const i32 id : {24, 2}) {
+    for (int i = 0; i < 3; i++) peer.send({id, 1, id, 0, {}});
+    EXPECT_EQ(VeltoDrvInit(id), 0);
+    EXPECT_EQ(peer.waiting(), 0u);
+    EXPECT_EQ(sender_id(), id == 24 ? "4:14000000 8:18000000" : "4:14000000 8:02000000");
+  }
+  SetVeltoProcess(7);
+  EXPECT_EQ(sender_id(), "4:14000000 8:07000000");
+  // Without an id of its own a request would be its own reply.
+  for (const i32 id : {0, 25, -1}) {
+    SetVeltoProcess(7);
+    EXPECT_EQ(VeltoDrvInit(id), -1);
+    VeltoRequest20(id);
+    EXPECT_EQ(peer.waiting(), 0u);
+  }
+}
+
+TEST(VeltoDrvMsg, SendersRunUnconnected) {
+  sim::Run run;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(VeltoSend12(1), 0);
+  VeltoFrame frame = wanted();
+  EXPECT_EQ(VeltoGetFrame4(frame), 0);
+  EXPECT_EQ(text(0, frame), "0: 0 5 0 0 0 2 0 0 0 0 0 0 0 0");
+  VeltoPeer peer(kVeltoMsgKey);
+  SetVeltoQueue(peer.queue());
+  EXPECT_EQ(peer.serve([] { VeltoSend12(1); }, [](auto&) {}), "4:0C000000 24:01000000");
+  VeltoDrvExit();
+  EXPECT_EQ(peer.serve([] { VeltoSend12(1); }, [](auto&) {}), "4:0C000000 24:01000000");
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("SemWait: Invalid Semaphore handler pid:"));
+}
+
+TEST(VeltoDrvMsg, RequestOnARemovedQueueEnds) {
+  sim::Run run;
+  VeltoPeer peer(kVeltoMsgKey);
+  ASSERT_EQ(VeltoDrvInit(kVeltoProcess), 0);
+  std::thread remover([&] {
+    peer.take();
+    msgctl(peer.queue(), IPC_RMID, nullptr);
+  });
+  i32 position = 1;
+  EXPECT_EQ(VeltoPtzGetPosition(position), 0);
+  EXPECT_EQ(position, 0);
+  remover.join();
+  EXPECT_EQ(VeltoPtzGetPosition(position), 0);
+}
+
+TEST(VeltoDrvMsg, CancelledRequestReleasesTheChannel) {
+  sim::Run run;
+  VeltoPeer peer(kVeltoMsgKey);
+  ASSERT_EQ(VeltoDrvInit(kVeltoProcess), 0);
+  i32 position = 0;
+  CancellableThread control([&] { VeltoPtzGetPosition(position); });
+  peer.take();  // and never answers
+  EXPECT_TRUE(control.cancel_and_join());
+  EXPECT_EQ(peer.serve([] { VeltoSend12(1); }, [](auto&) {}), "4:0C000000 24:01000000");
+}
+
+// A reply is addressed by process id only: were transactions to interleave, a thread would get another's.
+TEST(VeltoDrvMsg, ThreadsKeepTheirOwnReplies) {
+  sim::Run run;
+  VeltoPeer peer(kVeltoMsgKey);
+  ASSERT_EQ(VeltoDrvInit(kVeltoProcess), 0);
+  constexpr int kRounds = 200;
+  std::thread server([&] {
+    for (int i = 0; i < 2 * kRounds; i++) {
+      VeltoMsgBuf record = peer.take();
+      record.dest = record.src;
+      record.ret = static_cast<i32>(get_le32(record.payload + kVeltoWords));
+      peer.send(record);
+    }
+  });
+  const auto client = [](i32 first) {
+    for (i32 value = first; value < first + kRounds; value++) EXPECT_EQ(VeltoRequest20(value), value);
+  };
+  std::thread other(client, 1000);
+  client(5000);
+  other.join();
+  server.join();
+}
+
+}  // namespace

@@ -1,0 +1,71 @@
+#include "support/print.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "tests/support_fixture.h"
+
+static constexpr char kPrintFile[] = "camera.c";
+
+namespace {
+
+using PrintTest = SupportTest;
+
+int evaluated = 0;
+int seven() {
+  ++evaluated;
+  return 7;
+}
+
+// The three forms with an argument each, so that a muted form's argument shows.
+void speak() {
+  PRINT_ERROR_AT(12, "error %d\n", seven());
+  PRINT_INFO_AT(34, "info %d\n", seven());
+  PRINT_DEBUG_AT(56, "debug %d\n", seven());
+}
+
+TEST_F(PrintTest, LevelAdmitsForms) {
+  EXPECT_EQ(print_level, 3);
+  const Reports red = error("camera.c", "speak", 12, "error 7\n");
+  const Reports plain = info("camera.c", "speak", 34, "info 7\n");
+  const Reports cyan = {"\033[0;36mdebug 7\n\033[0m", "[D][camera.c speak:56]debug 7\n\n"};
+  const Reports expected[] = {{}, {}, red, red + plain, red + plain + cyan, red + plain + cyan};
+  const int arguments[] = {0, 0, 1, 2, 3, 3};
+  for (int level = 0; level <= 5; ++level) {
+    print_level = level;
+    evaluated = 0;
+    EXPECT_EQ(reports_of(speak), expected[level]) << level;
+    EXPECT_EQ(evaluated, arguments[level]) << level;
+  }
+  print_level = -1;
+  EXPECT_EQ(reports_of(speak), Reports{});
+}
+
+TEST_F(PrintTest, NamesItsOwnLine) {
+  const int line = __LINE__ + 1;
+  EXPECT_EQ(reports_of([] { PRINT_ERROR("here"); }), error("camera.c", "operator()", line, "here"));
+}
+
+TEST_F(PrintTest, OnlyErrorFlushesStandardOutput) {
+  testing::internal::CaptureStderr();
+  testing::internal::CaptureStdout();
+  std::printf("pending");
+  const auto written = [] {
+    struct stat info;
+    return fstat(STDOUT_FILENO, &info) == 0 ? info.st_size : -1;
+  };
+  print_level = 4;
+  PRINT_INFO("info");
+  PRINT_DEBUG("debug");
+  const auto after_others = written();
+  PRINT_ERROR("error");
+  const auto after_error = written();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "pending");
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(after_others, 0);
+  EXPECT_EQ(after_error, 7);
+}
+
+}  // namespace

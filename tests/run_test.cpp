@@ -1,0 +1,219 @@
+#include "sim/run.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/msg.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <optional>
+
+#include "platform/sys.h"
+#include "sim/node.h"
+
+namespace {
+
+std::string output_of(const char* command) {
+  std::FILE* pipe = sys::popen(command, "r");
+  EXPECT_NE(pipe, nullptr) << command;
+  if (!pipe) return {};
+  std::array<char, 4096> text{};
+  const size_t length = std::fread(text.data(), 1, text.size(), pipe);
+  pclose(pipe);
+  return {text.data(), length};
+}
+
+// Runs `body` in a forked child; true when it returns true.
+template <typename Body>
+bool in_child(const Body& body) {
+  const pid_t child = fork();
+  if (child == 0) _exit(body() ? 0 : 1);
+  int status = 1;
+  waitpid(child, &status, 0);
+  return status == 0;
+}
+
+TEST(Run, FixedPathsLieUnderItsRoot) {
+  sim::Run run;
+  run.write_file("/opt/params/sub/print.conf", "text\n");
+  EXPECT_EQ(run.read_file("/opt/params/sub/print.conf"), "text\n");
+  for (const std::string& name :
+       {std::string("/opt/params/sub/print.conf"), run.path("/opt/params/sub/print.conf")}) {
+    std::FILE* file = sys::fopen(name.c_str(), "r");
+    ASSERT_NE(file, nullptr) << name;
+    EXPECT_EQ(std::fgetc(file), 't');
+    std::fclose(file);
+  }
+  const int made = sys::open("/etc/made", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_GE(made, 0);
+  EXPECT_EQ(sys::write(made, "x", 1), 1);
+  EXPECT_EQ(sys::close(made), 0);
+  EXPECT_EQ(run.read_file("/etc/made"), "x");
+  EXPECT_NE(access("/etc/made", F_OK), 0);
+  for (const char* absent : {"/etc/passwd", "/dev/video0", "/dev/tty", "/dev/i2c-3"}) {
+    errno = 0;
+    EXPECT_EQ(sys::open(absent, O_RDONLY), -1) << absent;
+    EXPECT_EQ(errno, ENOENT) << absent;
+  }
+}
+
+TEST(Run, KeysAndSemaphoresAreItsOwnAndGoWithIt) {
+  std::optional<sim::Run> run(std::in_place);
+  const std::string root = sim::run_root(), name = sim::run_semaphore("USB_VENC_R");
+  const key_t key = sim::run_key(0x5678);
+  EXPECT_GT(key, 0);
+  EXPECT_EQ(sim::run_key(IPC_PRIVATE), IPC_PRIVATE);
+
+  const int queue = sys::msgget(0x5678, IPC_CREAT | 0600);
+  const int segment = sys::shmget(0x5678, 4096, IPC_CREAT | 0600);
+  sem_t* semaphore = sys::sem_open("USB_VENC_R", O_CREAT, 0600, 3);
+  ASSERT_NE(semaphore, SEM_FAILED);
+  EXPECT_TRUE(in_child([&] {  // a child is in the same run
+    int value = 0;
+    sem_t* same = sys::sem_open("USB_VENC_R", 0, 0, 0);
+    return sys::msgget(0x5678, 0) == queue && sys::shmget(0x5678, 0, 0) == segment && same != SEM_FAILED &&
+           sem_getvalue(same, &value) == 0 && value == 3;
+  }));
+  EXPECT_EQ(msgget(key, 0), queue);
+  sem_close(semaphore);
+
+  run.reset();
+  EXPECT_EQ(msgget(key, 0), -1);
+  EXPECT_EQ(shmget(key, 0, 0), -1);
+  EXPECT_EQ(sem_open(name.c_str(), 0), SEM_FAILED);
+  EXPECT_FALSE(std::filesystem::exists(root));
+}
+
+TEST(Run, AProgramStartedLaterIsInTheRun) {
+  sim::Run run;
+  const std::string text = output_of("echo $CAMERA_SIM_ROOT $CAMERA_SIM_RUN");
+  EXPECT_EQ(text, sim::run_root() + ' ' + std::to_string(getpid()) + '\n');
+}
+
+TEST(RunDeathTest, WithoutOneTheProgramEnds) {
+  EXPECT_EXIT(sys::open("/dev/video0", O_RDWR), testing::ExitedWithCode(2), "no current run");
+}
+
+TEST(Run, ShellCommandsMeetTheRunsOwnPathsAndTools) {
+  sim::Run run;
+  run.write_file("/etc/srs.conf", "listen 1935;\n");
+  const std::string root = sim::run_root();
+  const struct {
+    const char* command;
+    std::string output;
+  } rows[] = {
+      {"cat /etc/srs.conf", "listen 1935;\n"},
+      {"sed -i 's/1935/1936/' /etc/srs.conf; cat </etc/srs.conf", "listen 1936;\n"},
+      {"echo /opt/a;echo \"/etc/b\" '/dev/c'", root + "/opt/a\n" + root + "/etc/b " + root + "/dev/c\n"},
+      {"echo /dev/null /proc/1 a/etc/b x/opt/", "/dev/null /proc/1 a/etc/b x/opt/\n"},
+      {"echo kept >/dev/null", ""},
+      {"for tool in reboot insmod rmmod; do command -v $tool; done",
+       root + "/bin/reboot\n" + root + "/bin/insmod\n" + root + "/bin/rmmod\n"},
+  };
+  std::string log;
+  for (const auto& row : rows) {
+    EXPECT_EQ(output_of(row.command), row.output) << row.command;
+    log += row.command + std::string("\n");
+  }
+  EXPECT_EQ(sys::system(("echo " + root + "/etc/x | grep -q '^" + root + "/etc/x$'").c_str()), 0);
+  EXPECT_EQ(sys::system("reboot\n"), 0);
+  EXPECT_THAT(run.shell_log(), testing::StartsWith(log));
+  EXPECT_THAT(run.shell_log(), testing::EndsWith("\nreboot\n"));
+}
+
+TEST(Run, TheGadgetModuleMakesTheNode) {
+  sim::Run run;
+  const auto node_exists = [&] { return access(run.path("/dev/video0").c_str(), F_OK) == 0; };
+  EXPECT_EQ(sys::system("insmod /opt/vcam/ko/extdrv/dwc_otg.ko"), 0);
+  EXPECT_FALSE(node_exists());
+  EXPECT_EQ(sys::system("insmod /opt/vcam/ko/extdrv/g_webcam.ko"), 0);
+  EXPECT_TRUE(node_exists());
+  EXPECT_EQ(sys::system("rmmod  /opt/vcam/ko/extdrv/g_webcam.ko"), 0);
+  EXPECT_FALSE(node_exists());
+}
+
+TEST(Run, NoCommandRunsOnceTheStandInsAreGone) {
+  sim::Run run;
+  std::filesystem::remove_all(run.path("/bin"));
+  EXPECT_EQ(sys::system("touch /etc/trace"), -1);
+  EXPECT_EQ(sys::popen("touch /etc/trace", "r"), nullptr);
+  EXPECT_NE(access(run.path("/etc/trace").c_str(), F_OK), 0);
+}
+
+TEST(Registers, KeepTheirValuesAndLogChanges) {
+  sim::Run run;
+  EXPECT_EQ(run.register_value(0x200F0074), 1u);
+  EXPECT_EQ(run.register_value(0x200F01A8), 1u);
+  run.set_register(0xFFFFF000, 0x80);
+
+  const int fd = sys::open("/dev/mem", O_RDWR | O_SYNC | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  const auto with_page = [&](u32 page, auto&& use) {
+    void* mapping = sys::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, page);
+    ASSERT_NE(mapping, MAP_FAILED);
+    use(static_cast<u32*>(mapping));
+    EXPECT_EQ(sys::munmap(mapping, 4096), 0);
+  };
+  with_page(0x200F0000, [](u32* words) { words[0x74 / 4] = 0; });
+  with_page(0x20240000, [](u32* words) { words[4] = 4; });
+  with_page(0x20240000, [](u32* words) { EXPECT_EQ(words[4], 4u); });
+  with_page(0xFFFFF000, [](u32* words) { words[0] |= 0xA0000000; });
+  EXPECT_EQ(run.register_value(0x20240010), 4u);
+  EXPECT_EQ(run.register_log(), "0x200F0074: 1 -> 0\n0x20240010: 0 -> 4\n0xFFFFF000: 80 -> a0000080\n");
+
+  ASSERT_TRUE(sim::NodeHost().script("fail MEM_MMAP 1 errno=12"));
+  EXPECT_EQ(sys::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0), MAP_FAILED);
+  EXPECT_EQ(errno, ENOMEM);
+  sys::close(fd);
+}
+
+TEST(I2c, TransfersFollowTheWidths) {
+  sim::Run run;
+  const struct {
+    int reg_width, data_width;
+    std::vector<u8> write;
+    const char* log;
+  } rows[] = {
+      {1, 1, {0x10, 0xAB}, "1:34 write 10 = ab\n1:34 read 10 = ab\n"},
+      {2, 1, {0x10, 0x01, 0xCD}, "1:34 write 0110 = cd\n1:34 read 0110 = cd\n"},
+      {1, 2, {0x20, 0x34, 0x12}, "1:34 write 20 = 1234\n1:34 read 20 = 1234\n"},
+      {2, 2, {0xFF, 0xFF, 0x78, 0x56}, "1:34 write ffff = 5678\n1:34 read ffff = 5678\n"},
+  };
+  const auto set = [](int fd, unsigned long request, std::uintptr_t value) {
+    return sys::ioctl(fd, request, reinterpret_cast<void*>(value));
+  };
+  std::string log;
+  for (const auto& row : rows) {
+    const int fd = sys::open("/dev/i2c-1", O_RDWR | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(set(fd, 0x0706, 0x34), 0);
+    EXPECT_EQ(set(fd, 0x0709, row.reg_width == 2), 0);
+    EXPECT_EQ(set(fd, 0x070A, row.data_width == 2), 0);
+    EXPECT_EQ(sys::write(fd, row.write.data(), row.write.size()), static_cast<ssize_t>(row.write.size()));
+    u8 buffer[4] = {row.write[0], row.reg_width == 2 ? row.write[1] : u8{0}};
+    EXPECT_EQ(sys::read(fd, buffer, static_cast<size_t>(row.reg_width)), row.reg_width);
+    for (int i = 0; i < row.data_width; ++i)
+      EXPECT_EQ(buffer[i], row.write[static_cast<size_t>(row.reg_width + i)]);
+    EXPECT_EQ(sys::write(fd, row.write.data(), 1), -1);
+    sys::close(fd);
+    log += row.log;
+  }
+  EXPECT_EQ(run.i2c_log(), log);
+  EXPECT_EQ(sim::i2c_register(1, 0x34, 0xFFFF), 0x5678);
+  EXPECT_EQ(sim::i2c_register(0, 0x34, 0xFFFF), 0);
+}
+
+TEST(Sleep, IsDividedAndCounted) {
+  sim::set_sleep_divisor(1000);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(sys::usleep(500'000), 0);
+  EXPECT_EQ(sim::sleep_count().calls, 3u);
+  EXPECT_EQ(sim::sleep_count().microseconds, 1'500'000u);
+}
+
+}  // namespace

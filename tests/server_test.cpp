@@ -1,0 +1,276 @@
+#include "sim/server.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/shm.h>
+
+#include <cstring>
+#include <thread>
+
+#include "elog/elog_record.h"
+#include "sim/collector.h"
+#include "sim/run.h"
+
+using sim::Server;
+using sim::ServerFault;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+template <class Condition>
+bool within(std::chrono::milliseconds limit, Condition condition) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+/// The client's end of a channel.
+template <class Record, std::size_t kPayload>
+struct Client {
+  explicit Client(i32 key) : queue(msgget(sim::run_key(key), 0)) { EXPECT_GE(queue, 0); }
+
+  void send(Record record, std::size_t size = kPayload) const {
+    record.dest = kServerMsgType;
+    ASSERT_EQ(msgsnd(queue, &record, size, 0), 0);
+  }
+  /// False when no reply came within the time.
+  bool receive(Record& record, std::chrono::milliseconds limit = 2s) const {
+    const long type = record.src;
+    return within(limit, [&] { return msgrcv(queue, &record, kPayload, type, IPC_NOWAIT) >= 0; });
+  }
+  bool call(Record& record) const {
+    send(record);
+    return receive(record);
+  }
+  const int queue;
+};
+using FileClient = Client<FileMsgBuf, kFileMsgPayload>;
+using VeltoClient = Client<VeltoMsgBuf, kVeltoMsgPayload>;
+using SysClient = Client<SysMsgBuf, kSysMsgPayload>;
+
+FileMsgBuf file(i32 cmd, i32 src, i32 info) { return {0, cmd, src, 0, 0, info, {}}; }
+SysMsgBuf sys(i32 cmd, i32 src, i32 length, i32 offset) { return {0, cmd, src, length, offset}; }
+
+u8* attach(i32 key) { return static_cast<u8*>(shmat(shmget(sim::run_key(key), 0, 0), nullptr, 0)); }
+
+VeltoMsgBuf velto(i32 cmd, i32 src, std::initializer_list<i32> words = {}, i32 offset = 24) {
+  VeltoMsgBuf record{};
+  record.cmd = cmd;
+  record.src = src;
+  u8* to = record.payload + velto_payload_offset(offset);
+  for (const i32 word : words) put_le32(to, static_cast<u32>(word)), to += 4;
+  return record;
+}
+i32 word_at(const VeltoMsgBuf& record, i32 offset) {
+  return static_cast<i32>(get_le32(record.payload + velto_payload_offset(offset)));
+}
+
+}  // namespace
+
+TEST(ServerTest, TheParameterSegmentHoldsWhatTheOptionsSay) {
+  sim::Run run;
+  for (const bool on : {true, false}) {
+    const Server server({.usb_port = 7, .ready = on, .cache_valid = on});
+    u8* const segment = attach(kFileMsgKey);
+    EXPECT_EQ(get_le32(segment), on ? SYSINFO_MAGIC : 0);
+    EXPECT_EQ(get_le32(segment + 284), 7u);
+    EXPECT_EQ(get_le32(segment + kSysStateOffset), on ? SYSINFO_MAGIC : 0);
+    EXPECT_EQ(get_le32(segment + kCameraCacheOffset + 80), on ? CAMERA_CACHE_VALID : 0);
+    put_le32(segment + kRequestFlagsOffset, 1);
+    EXPECT_EQ(server.request_flag(0), 1u);
+    shmdt(segment);
+  }
+}
+
+TEST(ServerTest, ParameterRequestsAreAnsweredWithTheRecordsLength) {
+  sim::Run run;
+  const Server server({});
+  const FileClient client(kFileMsgKey);
+  client.send(file(kFileMsgNotice, 0, 0));
+  for (const i32 cmd : {kFileMsgWritten, kFileMsgReset, kFileMsgSaveDefaults}) {
+    FileMsgBuf record = file(cmd, kFileMsgProcess, kSectionNetwork);
+    ASSERT_TRUE(client.call(record));
+    EXPECT_EQ(record.length, kSysInfoLength);
+  }
+  EXPECT_THAT(server.received(), ElementsAre("file 0 0", "file 1 2", "file 2 2", "file 3 2"));
+}
+
+TEST(ServerTest, ControlRequestsAreAnsweredByTheirRow) {
+  sim::Run run;
+  const Server server({.pool_address = 0x88000000, .pool_size = 0x10000});
+  const VeltoClient client(kVeltoMsgKey);
+  client.send(velto(kVeltoPtzSetPosition, 0, {99, 100, -3}));
+  struct {
+    i32 cmd;
+    i32 status;
+    i32 offset;
+    i32 word;
+  } const conversations[] = {
+      {kVeltoGetMemory, 0, 16, static_cast<i32>(0x88000000)},
+      {kVeltoGetMemory, 0, 20, 0x10000},
+      {kVeltoPtzGetPosition, 0, 24, 100 << 16 | 0xFFFD},
+      {kVeltoPtzGetAbsolute, 0, 28, 100},
+      {kVeltoPtzGetAbsolute, 0, 32, 0xFFFD},
+      {3, -1, 28, 0},
+      {4, -97, 28, 0},
+      {5, -98, 28, 0},
+      {7, 0, 32, 0},
+      {9, -1, 28, 0},
+      {20, 0, 24, 0},
+  };
+  for (const auto& expected : conversations) {
+    VeltoMsgBuf record = velto(expected.cmd, kVeltoProcess);
+    ASSERT_TRUE(client.call(record)) << expected.cmd;
+    EXPECT_EQ(record.ret, expected.status) << expected.cmd;
+    EXPECT_EQ(word_at(record, expected.offset), expected.word) << expected.cmd;
+  }
+}
+
+TEST(ServerTest, EncoderSettingsAreKeptAndPassedOn) {
+  sim::Run run;
+  Server server({});
+  std::atomic<i32> width = 0;
+  server.on_encoder_settings([&](const EncoderSettingsMessage& message) { width = message.settings.width; });
+  const VeltoClient client(kVeltoMsgKey);
+  client.send(velto(10, 0, {2, 1, 1280, 720, 30, 0, 1, 1, 40960, 99, 60, 0, 0}));
+  ASSERT_TRUE(within(2s, [&] { return width != 0; }));
+  EXPECT_EQ(width, 1280);
+  EXPECT_EQ(server.encoder_settings().settings.rc_param[2], 60);
+
+  VeltoMsgBuf record = velto(24, 0, {5});
+  std::memset(record.payload + velto_payload_offset(28), 'x', 70);
+  client.send(record);
+  ASSERT_TRUE(within(2s, [&] { return server.received().size() == 2; }));
+  EXPECT_THAT(server.received(), ElementsAre("velto 10 O 2 1 1280 720 30 0 1 1 40960 99 60 0 0",
+                                             "velto 24 O 5 \"" + std::string(60, 'x') + '"'));
+}
+
+TEST(ServerTest, SystemMessagesAreReadFromAndAnsweredInTheSendersSlot) {
+  sim::Run run;
+  const Server server({});
+  const SysClient client(kSysMsgKey);
+  u8* const segment = attach(kSysMsgKey);
+  u8* const slot = segment + sys_slot_offset(kSysMsgProcess);
+  const auto call = [&](std::vector<u8> body) {
+    std::ranges::copy(body, slot);
+    SysMsgBuf record =
+        sys(39, kSysMsgProcess, static_cast<i32>(body.size()), sys_slot_offset(kSysMsgProcess));
+    EXPECT_TRUE(client.call(record));
+    return std::vector<u8>(slot, slot + record.length);
+  };
+  EXPECT_THAT(call({0x81, 0x01, 0x04, 0xA4, 0, 0, 0, 0x0F, 0xFF}), ElementsAre(0x90, 0x41, 0xFF));
+  EXPECT_THAT(call({0x81, 0x09, 0x04, 0x47, 0xFF}), ElementsAre(0, 0, 0, 0));
+  EXPECT_THAT(server.received(), ElementsAre("sys 39 81 01 04 A4 00 00 00 0F FF", "sys 39 81 09 04 47 FF"));
+  shmdt(segment);
+}
+
+TEST(ServerTest, AbsurdRequestsAreRefusedAndCounted) {
+  sim::Run run;
+  const Server server({});
+  const SysClient client(kSysMsgKey);
+  const i32 slot = sys_slot_offset(kSysMsgProcess);
+  for (SysMsgBuf record : {sys(39, kSysMsgProcess, 4097, slot), sys(39, kSysMsgProcess, -1, slot),
+                           sys(39, kSysMsgProcess, 8, -4096), sys(39, kSysMsgProcess, 8, 0x7FFFFFFF),
+                           sys(64, kSysMsgProcess, 8, slot)}) {
+    ASSERT_TRUE(client.call(record));
+    EXPECT_EQ(record.length, -1);
+  }
+  client.send(sys(39, 25, 8, sys_slot_offset(25)));
+  client.send(sys(39, 1, 8, sys_slot_offset(1)));  // would answer itself
+  client.send(sys(39, kSysMsgProcess, 0, slot), 3);
+  const VeltoClient velto_client(kVeltoMsgKey);
+  velto_client.send(velto(14, kVeltoProcess));
+  velto_client.send(velto(kVeltoGetMemory, 0));
+  velto_client.send(velto(kVeltoGetMemory, kVeltoProcess), 4);
+  FileClient(kFileMsgKey).send(file(4, kFileMsgProcess, 0));
+  ASSERT_TRUE(within(2s, [&] { return server.refused() == 12; })) << server.refused();
+  EXPECT_THAT(server.received().front(), HasSubstr("refused"));
+}
+
+TEST(ServerTest, ADeadServerTakesNothingAndASlowOneTakesItsTime) {
+  sim::Run run;
+  Server server({.pool_address = 1, .pool_size = 1});
+  const VeltoClient client(kVeltoMsgKey);
+  VeltoMsgBuf record = velto(kVeltoGetMemory, kVeltoProcess);
+
+  server.set_fault(ServerFault::kDead);
+  client.send(record);
+  EXPECT_FALSE(client.receive(record, 50ms));
+  EXPECT_TRUE(server.received().empty());
+  server.set_fault(ServerFault::kNone);
+  EXPECT_TRUE(client.receive(record));
+
+  server.set_fault(ServerFault::kSlow);
+  client.send(record);
+  EXPECT_FALSE(client.receive(record, 200ms));
+  EXPECT_TRUE(client.receive(record));
+}
+
+TEST(ServerTest, EndsWithItsQueuesFullOfRepliesThatNobodyTakes) {
+  sim::Run run;
+  auto server = std::make_unique<Server>(sim::ServerOptions{});
+  const VeltoClient client(kVeltoMsgKey);
+  VeltoMsgBuf stale = velto(1, 0);
+  stale.dest = kVeltoProcess;
+  while (msgsnd(client.queue, &stale, kVeltoMsgPayload, IPC_NOWAIT) == 0) continue;
+  server.reset();
+  msqid_ds state;
+  EXPECT_EQ(msgctl(client.queue, IPC_STAT, &state), 0) << "the queue is its clients' as well";
+}
+
+namespace {
+
+void log(i32 queue, u8 level, std::string_view text, i32 length_error = 0) {
+  ElogRecord record{};
+  record.type = kElogQueueType;
+  record.payload.level = level;
+  record.payload.length = static_cast<u32>(static_cast<i32>(text.size()) + length_error);
+  std::ranges::copy(text, record.payload.text);
+  ASSERT_EQ(msgsnd(queue, &record, kElogHeaderSize + text.size(), IPC_NOWAIT), 0);
+}
+
+}  // namespace
+
+TEST(CollectorTest, PrintsWhatTheFiltersAdmitAndKeepsEverything) {
+  sim::Run run;
+  std::FILE* const output = std::tmpfile();
+  const sim::Collector collector({.output = output, .level = 3, .contains = "UVC"});
+  const int queue = msgget(sim::run_key(kElogQueueKey), 0);
+  log(queue, 3, "UVC_EVENT_CONN\n\n");
+  log(queue, 4, "UVC too detailed\n");
+  log(queue, 2, "another matter\n");
+  log(queue, 3, "UVC with a wrong length\n", 1);
+  log(queue, 6, "UVC with an unknown level\n");
+  ASSERT_TRUE(within(2s, [&] { return collector.counts().malformed == 2; }));
+  EXPECT_EQ(collector.counts().lines, 3u);
+  EXPECT_EQ(collector.counts().printed, 1u);
+  EXPECT_EQ(collector.text(), "UVC_EVENT_CONN\n\nUVC too detailed\nanother matter\n");
+  std::rewind(output);
+  char printed[64] = {};
+  std::fread(printed, 1, sizeof printed - 1, output);
+  EXPECT_STREQ(printed, "I UVC_EVENT_CONN\n");
+  std::fclose(output);
+}
+
+TEST(CollectorTest, APausedCollectorLetsTheQueueFill) {
+  sim::Run run;
+  sim::Collector collector({});
+  const int queue = msgget(sim::run_key(kElogQueueKey), 0);
+  collector.pause(true);
+  log(queue, 3, "waits\n");
+  msqid_ds state;
+  ASSERT_EQ(msgctl(queue, IPC_STAT, &state), 0);
+  EXPECT_GE(state.msg_qnum, 1u);
+  EXPECT_EQ(collector.counts().lines, 0u);
+  collector.pause(false);
+  EXPECT_TRUE(within(2s, [&] { return collector.counts().lines == 1; }));
+}

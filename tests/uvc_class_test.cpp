@@ -1,0 +1,262 @@
+// Events and class requests, turn by turn: what the host asks, and what the service answers and remembers.
+#include "uvc/uvc_class.h"
+
+#include <gmock/gmock.h>
+#include <pthread.h>
+
+#include <array>
+#include <random>
+
+#include "support/print.h"
+#include "tests/uvc_fixture.h"
+#include "uvc/uvc_class_streaming.h"
+
+using testing::HasSubstr;
+
+namespace {
+
+constexpr char kInitialBlock[] =
+    "09 00 01 01 16 15 05 00 00 00 00 00 00 00 00 00 00 00 00 00 40 00 00 04 00 00";
+
+struct Question {
+  const char* name;
+  u8 request, selector, entity, interface;
+  u16 length;
+  const char* answer;  // after the answer buffer was filled with cc
+  u8 status;           // after it was left at 77 by the request before
+};
+
+TEST_F(UvcTest, AnswersEveryGetOfTheStreamingInterface) {
+  const Question questions[] = {
+      {"probe len", UVC_GET_LEN, 1, 0, 1, 2, "1a 00", 0},
+      {"commit len", UVC_GET_LEN, 2, 0, 1, 2, "1a 00", 0},
+      {"still probe len, low byte only", UVC_GET_LEN, 3, 0, 1, 2, "0b cc", 0},
+      {"still commit len", UVC_GET_LEN, 4, 0, 1, 2, "cc cc", 0},
+      {"trigger len", UVC_GET_LEN, 5, 0, 1, 2, "cc cc", 77},
+      {"unknown len", UVC_GET_LEN, 9, 0, 1, 2, "cc cc", 0},
+      {"probe info", UVC_GET_INFO, 1, 0, 1, 1, "03", 0},
+      {"still probe info", UVC_GET_INFO, 3, 0, 1, 1, "03", 0},
+      {"still commit info", UVC_GET_INFO, 4, 0, 1, 1, "cc", 6},
+      {"trigger info", UVC_GET_INFO, 5, 0, 1, 1, "cc", 77},
+      {"probe min", UVC_GET_MIN, 1, 0, 1, 26, kInitialBlock, 0},
+      {"probe max", UVC_GET_MAX, 1, 0, 1, 26, kInitialBlock, 0},
+      {"commit def", UVC_GET_DEF, 2, 0, 1, 26, kInitialBlock, 0},
+      {"still probe min", UVC_GET_MIN, 3, 0, 1, 11, "02 01 01 00 80 79 00 00 04 00 00", 0},
+      {"still probe cur", UVC_GET_CUR, 3, 0, 1, 11, "02 01 01 00 80 79 00 00 04 00 00", 0},
+      {"still commit cur", UVC_GET_CUR, 4, 0, 1, 2, "cc cc", 6},
+      {"trigger cur", UVC_GET_CUR, 5, 0, 1, 2, "cc cc", 77},
+      {"trigger min", UVC_GET_MIN, 5, 0, 1, 2, "cc cc", 6},
+      {"unknown cur", UVC_GET_CUR, 200, 0, 1, 2, "cc cc", 6},
+      {"unknown entity", UVC_GET_CUR, 1, 9, 0, 2, "cc cc", 5},
+      {"unknown entity len", UVC_GET_LEN, 1, 0, 0, 2, "cc cc", 5},
+      {"unknown interface", UVC_GET_MIN, 1, 0, 2, 2, "cc cc", 255},
+      {"unknown interface len", UVC_GET_LEN, 1, 0, 7, 2, "cc cc", 0},
+      {"low byte of the length counts", UVC_GET_LEN, 1, 0, 1, 0x0102, "1a 00", 0},
+      {"no such request", 0x99, 1, 0, 1, 2, "cc cc", 77},
+  };
+  for (const Question& question : questions) {
+    SCOPED_TRACE(question.name);
+    std::memset(uvc_resp_buf, 0xCC, sizeof(uvc_resp_buf));
+    uvc_request_error_code = 77;
+    const auto bytes =
+        setup(question.request, question.selector, question.entity, question.interface, question.length);
+    EXPECT_EQ(hex(bytes), question.answer);
+    EXPECT_EQ(uvc_request_error_code, question.status);
+  }
+}
+
+TEST_F(UvcTest, ProbeKeepsTheDevicesOwnFields) {
+  set_streaming(VS_PROBE_CONTROL, block(kFormatYuy2, 2, 333333));
+  EXPECT_EQ(hex(get_streaming(UVC_GET_CUR, VS_PROBE_CONTROL, 26)),
+            "ee ee 03 02 15 16 05 00 ee ee ee ee 00 00 ee ee ee ee 00 60 09 00 00 04 00 00");
+  EXPECT_EQ(cur_format, kFormatMjpeg);
+  EXPECT_EQ(sent_settings(), "");
+  set_streaming(VS_PROBE_CONTROL, block(kFormatYuy2, 3, 333333));
+  const auto beyond = get_streaming(UVC_GET_CUR, VS_PROBE_CONTROL, 26);
+  EXPECT_EQ(get_le32(&beyond[18]), 0u);
+  EXPECT_EQ(hex(get_streaming(UVC_GET_MIN, VS_PROBE_CONTROL, 26)), kInitialBlock);
+}
+
+struct Commit {
+  const char* name;
+  u8 format, frame;
+  u32 interval;
+  i32 columns, lines, rate;
+  u32 max_frame_size;
+  const char* settings;
+};
+
+TEST_F(UvcTest, CommitSetsTheStreamAndTellsTheEncoder) {
+  const Commit commits[] = {
+      {"YUY2", 3, 2, 333333, 640, 480, 30, 614400, "2 1 640 480 30 0 3 1 40960 99 60 0 0\n"},
+      {"MJPEG", 1, 2, 666666, 1280, 720, 15, 921600, "2 1 1280 720 15 0 1 0 32768 99 60 0 0\n"},
+      {"MJPEG above 30", 1, 1, 166666, 1920, 1080, 60, 2073600, "2 1 1920 1080 60 0 1 0 32768 99 60 0 0\n"},
+      {"H.264", 2, 8, 333333, 640, 360, 30, 230400, "2 1 640 360 30 0 0 0 1 60 12288 0 0\n"},
+      {"H.265", 4, 6, 400000, 1600, 1200, 25, 1920000, "2 1 1600 1200 25 0 2 0 60 12288 12288 0 0\n"},
+      {"unknown format keeps the size", 5, 1, 333333, 1600, 1200, 30, 0, ""},
+      {"interval 0", 4, 1, 0, 1920, 1080, 0, 2073600, "2 1 1920 1080 0 0 2 0 60 12288 12288 0 0\n"},
+      {"index 0 reads the entry before", 2, 0, 333333, 352, 288, 30, 101376,
+       "2 1 352 288 30 0 0 0 1 60 12288 0 0\n"},
+      {"index 0 of the first table", 1, 0, 333333, 0, 0, 30, 0, "2 1 0 0 30 0 1 0 32768 60 12288 0 0\n"},
+      {"index past a table reads the next", 3, 3, 333333, 1920, 1080, 30, 0,
+       "2 1 1920 1080 30 0 3 0 32768 60 12288 0 0\n"},
+      {"index past all tables", 4, 255, 333333, 0, 0, 30, 0, "2 1 0 0 30 0 2 0 60 12288 12288 0 0\n"},
+  };
+  for (const Commit& commit : commits) {
+    SCOPED_TRACE(commit.name);
+    config_changed = 0;
+    set_streaming(VS_COMMIT_CONTROL, block(commit.format, commit.frame, commit.interval, 7000));
+    EXPECT_EQ(cur_col, commit.columns);
+    EXPECT_EQ(cfg_line, commit.lines);
+    EXPECT_EQ(cur_frame_rate, commit.rate);
+    EXPECT_EQ(cur_quality, 7000);
+    EXPECT_EQ(config_changed, 1);
+    EXPECT_EQ(sent_settings(), commit.settings);
+    const auto answer = get_streaming(UVC_GET_CUR, VS_COMMIT_CONTROL, 26);
+    EXPECT_EQ(get_le32(&answer[18]), commit.max_frame_size);
+  }
+}
+
+TEST_F(UvcTest, CommitSaysWhatItDoes) {
+  set_streaming(VS_COMMIT_CONTROL, block(kFormatH264, 1, 333333));
+  testing::internal::CaptureStderr();
+  set_streaming(VS_COMMIT_CONTROL, block(kFormatYuy2, 1, 333333));
+  EXPECT_EQ(
+      testing::internal::GetCapturedStderr(),
+      "vs_probe_and_commit_control.bFormatIndex 3\n cur_format == YUY2 last_format 2\ncur_frame_rate 30\n"
+      "need to config frame resolution\ncur_col 320 cur_line 240, cur_frame_rate = 30\n");
+}
+
+TEST_F(UvcTest, StillImageBlockAndTrigger) {
+  const u8 still[11] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
+  set_streaming(VS_STILL_COMMIT_CONTROL, still);
+  EXPECT_EQ(hex(get_streaming(UVC_GET_CUR, VS_STILL_PROBE_CONTROL, 11)), "01 02 03 04 05 06 07 00 04 00 00");
+  set_streaming(VS_STILL_IMAGE_TRIGGER_CONTROL, std::array<u8, 1>{9});
+  EXPECT_EQ(still_trigger_format, 1);
+  EXPECT_EQ(still_trigger, 1);
+  EXPECT_EQ(uvc_request_error_code, 0);
+}
+
+struct StateRow {
+  const char* name;
+  UvcEventType event;
+  const char* fault;
+  i32 on, stopped, connected;
+  u32 disconnect;
+  const char* text;
+};
+
+TEST_F(UvcTest, EventsSetTheStreamState) {
+  u32 disconnect = 0;
+  usb_disconnect_word = &disconnect;
+  const StateRow rows[] = {
+      {"connect", UVC_EVENT_CONNECT, "clear", 0, 0, 1, 0, "UVC_EVENT_CONN\n"},
+      {"stream on refused", UVC_EVENT_STREAMON, "fail STREAMON 1", 0, 0, 1, 0,
+       "set inter 1 UVC_EVENT_STREAMON\nVIDIOC_STREAMON  failed (-1)\n"},
+      {"stream on", UVC_EVENT_STREAMON, "clear", 1, 0, 1, 0, "set inter 1 UVC_EVENT_STREAMON\n"},
+      {"stream off refused", UVC_EVENT_STREAMOFF, "fail STREAMOFF 1", 0, 0, 1, 0,
+       "UVC_EVENT_STREAMOFF\nVIDIOC_STREAMOFF  failed (-1)\n"},
+      {"stream on again", UVC_EVENT_STREAMON, "clear", 1, 0, 1, 0, "set inter 1 UVC_EVENT_STREAMON\n"},
+      {"unplugged while streaming", UVC_EVENT_DISCONNECT, "clear", 0, 1, 0, 1, "UVC_EVENT_DISCONN\n"},
+      {"plugged in", UVC_EVENT_CONNECT, "clear", 0, 0, 1, 1, "UVC_EVENT_CONN\n"},
+  };
+  for (const StateRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    ASSERT_TRUE(host.script(row.fault));
+    testing::internal::CaptureStderr();
+    raise(row.event);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), row.text);
+    EXPECT_EQ(uvc_stream_state.stream_on, row.on);
+    EXPECT_EQ(uvc_stream_state.stream_stopped, row.stopped);
+    EXPECT_EQ(uvc_stream_state.connected, row.connected);
+    EXPECT_EQ(disconnect, row.disconnect);
+  }
+}
+
+TEST_F(UvcTest, ReplugStopsTheNodeBeforeItStartsItAgain) {
+  raise(UVC_EVENT_STREAMON);
+  host.disconnect();
+  uvc_event_turn(loop);
+  EXPECT_THAT(host.call_log(), testing::Not(HasSubstr("\nSTREAMOFF")));
+  raise(UVC_EVENT_CONNECT);
+  raise(UVC_EVENT_STREAMON);
+  EXPECT_EQ(uvc_stream_state.stream_on, 1);
+  EXPECT_THAT(host.protocol_errors(), testing::IsEmpty());
+  EXPECT_THAT(host.call_log(), HasSubstr("\nSTREAMOFF"));
+}
+
+TEST_F(UvcTest, SaysNothingBelowInfo) {
+  print_level = 2;
+  testing::internal::CaptureStderr();
+  raise(UVC_EVENT_CONNECT);
+  set_streaming(VS_COMMIT_CONTROL, block(kFormatYuy2, 1, 333333));
+  raise(UVC_EVENT_DISCONNECT);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(UvcTest, FailedSubscriptionEndsTheThread) {
+  const char* texts[] = {"VIDIOC_SUBSCRIBE_EVENT failed (-1)\n", "set UVC_EVENT_DATA failed (-1)\n",
+                         "set UVC_EVENT_DATA failed (-1)\n"};
+  const char* faults[] = {"fail SUBSCRIBE 1", "fail SUBSCRIBE 2", "fail SUBSCRIBE 6"};
+  for (int i = 0; i < 3; i++) {
+    uvc_device_close();
+    ASSERT_EQ(uvc_device_open(), 0);
+    ASSERT_TRUE(host.script("clear"));
+    ASSERT_TRUE(host.script(faults[i]));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(uvc_class_procesing(&uvc_video_fd), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), texts[i]);
+  }
+}
+
+TEST_F(UvcTest, LongAndUnannouncedDataStayInsideTheirRecords) {
+  data(std::array<u8, 60>{});  // no SETUP before: a request for nothing
+  EXPECT_EQ(uvc_request_error_code, kInvalidUnit);
+  std::memset(uvc_resp_buf, 0xCC, sizeof(uvc_resp_buf));
+  EXPECT_EQ(setup(UVC_GET_LEN, 9, 0, 1, 0x00FF).size(), 60u);
+  setup(UVC_SET_CUR, VS_PROBE_CONTROL, 0, 1, 0x00FF);
+  data(std::array<u8, 60>{});
+  EXPECT_EQ(uvc_resp_buf[59], 0);
+  EXPECT_EQ(uvc_resp_buf[60], 0xCC);
+}
+
+TEST_F(UvcTest, SurvivesAnyRequest) {
+  std::mt19937 random(20251121);
+  sim::set_sleep_divisor(10000);
+  print_level = 1;
+  for (int i = 0; i < 20000; i++) {
+    u8 packet[8];
+    UvcRequestData record;
+    for (u8& byte : packet) byte = static_cast<u8>(random());
+    if (random() % 2) packet[4] = static_cast<u8>(random() % 3);
+    if (random() % 2) packet[3] = static_cast<u8>(random() % 8);
+    if (random() % 2) packet[1] = random() % 2 ? 0x01 : static_cast<u8>(0x80 + random() % 9);
+    record.length = static_cast<i32>(random());
+    for (u8& byte : record.data) byte = static_cast<u8>(random());
+    raise(UVC_EVENT_SETUP, packet, sizeof(packet));
+    ASSERT_TRUE(host.next_response(std::chrono::milliseconds(100))) << hex(packet);
+    raise(UVC_EVENT_DATA, &record, sizeof(record));
+    if (i % 32 == 0) sent_settings();
+  }
+  sent_settings();
+  set_streaming(VS_COMMIT_CONTROL, block(kFormatYuy2, 2, 333333));
+  EXPECT_EQ(cur_col, 640);
+  EXPECT_EQ(hex(get_streaming(UVC_GET_LEN, VS_PROBE_CONTROL, 2)), "1a 00");
+}
+
+TEST_F(UvcTest, ThreadCanBeCancelledIdleAndStreaming) {
+  for (const i32 on : {0, 1}) {
+    uvc_device_close();
+    ASSERT_EQ(uvc_device_open(), 0);
+    uvc_stream_state.stream_on = on;
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, uvc_class_procesing, &uvc_video_fd), 0);
+    ASSERT_TRUE(host.wait_for_device(std::chrono::seconds(2)));
+    pthread_cancel(thread);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,96 @@
+// The gadget node's set-up: the calls in order, and a way back from every step that fails.
+#include "uvc/uvc_gadget_device.h"
+
+#include <gmock/gmock.h>
+
+#include <thread>
+
+#include "platform/sys.h"
+#include "sim/node.h"
+#include "sim/run.h"
+#include "uvc/uvc_state.h"
+
+using testing::HasSubstr;
+
+namespace {
+
+class DeviceTest : public testing::Test {
+ protected:
+  DeviceTest() { sys::system("insmod /opt/vcam/ko/extdrv/g_webcam.ko"); }
+
+  sim::Run run;
+  sim::NodeHost host;
+};
+
+TEST_F(DeviceTest, ConfiguresMapsAndQueuesThreeEmptyBuffers) {
+  ASSERT_EQ(uvc_device_open(), 0);
+  EXPECT_EQ(uvc_buffer_count, 3u);
+  EXPECT_EQ(uvc_buffers[2].length, 1280u * 720 * 2);
+  EXPECT_THAT(host.call_log(), HasSubstr("QBUF index=0 bytesused=2 -> 0\nQBUF index=1 bytesused=2 -> 0\n"
+                                         "QBUF index=2 bytesused=2 -> 0\n"));
+  uvc_device_close();
+  EXPECT_EQ(uvc_video_fd, -1);
+}
+
+struct FaultRow {
+  const char* fault;
+  const char* text;
+};
+
+TEST_F(DeviceTest, EveryFailingStepIsTriedAgainUntilItWorks) {
+  const FaultRow rows[] = {
+      {"fail OPEN 1", ""},
+      {"fail QUERYCAP 1", ""},
+      {"fail S_FMT 1", "VIDIOC_S_FMT failed (-1)\n"},
+      {"fail G_FMT 1", "VIDIOC_G_FMT failed (-1)\n"},
+      {"fail REQBUFS 1", ""},
+      {"fail QUERYBUF 2", ""},
+      {"fail MMAP 3", ""},
+      {"fail QBUF 2", "VIDIOC_QBUF (1) failed (-1)\n"},
+  };
+  for (const FaultRow& row : rows) {
+    SCOPED_TRACE(row.fault);
+    ASSERT_TRUE(host.script("clear"));
+    ASSERT_TRUE(host.script(row.fault));
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(uvc_device_open(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), row.text);
+    EXPECT_EQ(uvc_buffer_count, 3u);
+    for (u32 i = 0; i < 3; i++) EXPECT_EQ(uvc_buffers[i].start[0], 0);
+    uvc_device_close();
+  }
+}
+
+TEST_F(DeviceTest, TakesWhatTheDriverGrants) {
+  ASSERT_TRUE(host.script("grant 2"));
+  ASSERT_TRUE(host.script("reqbufs returns count"));
+  ASSERT_EQ(uvc_device_open(), 0);
+  EXPECT_EQ(uvc_buffer_count, 2u);
+  uvc_device_close();
+  ASSERT_TRUE(host.script("grant 0"));
+  ASSERT_EQ(uvc_device_open(), 0);
+  EXPECT_EQ(uvc_buffer_count, 0u);
+}
+
+TEST_F(DeviceTest, ReopeningEndsWithTheService) {
+  ASSERT_TRUE(host.script("fail OPEN *"));
+  std::thread ender([] {
+    sys::usleep(150'000);
+    uvc_stream_state.exit_flag = 1;
+  });
+  EXPECT_EQ(uvc_device_open(), -1);
+  ender.join();
+}
+
+TEST_F(DeviceTest, RearmLeavesOutABufferThatCannotBeMapped) {
+  ASSERT_EQ(uvc_device_open(), 0);
+  ASSERT_TRUE(host.script("fail MMAP 2"));
+  testing::internal::CaptureStderr();
+  uvc_device_rearm();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "set mmap errr\n");
+  EXPECT_EQ(uvc_buffers[1].start, nullptr);
+  EXPECT_NE(uvc_buffers[2].start, nullptr);
+  EXPECT_EQ(uvc_device_map(1), 0);
+}
+
+}  // namespace

@@ -1,0 +1,154 @@
+// The ring's reader against a writer that the tests play themselves.
+#include "vencbuf/vencbuf_get.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <semaphore.h>
+#include <sys/shm.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "common/stream_state.h"
+#include "sim/run.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+class RingTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    const int id = shmget(sim::run_key(VENC_RING_KEY), kRingSize, IPC_CREAT | 0666);
+    slots = static_cast<EncFrameSlot*>(shmat(id, nullptr, 0));
+    publish(0, 1);
+    ASSERT_EQ(vencbuf_get_init(), 0);
+    ready = sem_open(sim::run_semaphore(kFrameReadySemaphore).c_str(), 0);
+    released = sem_open(sim::run_semaphore(kSlotReleasedSemaphore).c_str(), 0);
+    uvc_stream_state.stream_on = 1;
+  }
+  void TearDown() override { vencbuf_exit(); }
+
+  void publish(int slot, u32 seq) {
+    slots[slot].seq = seq;
+    std::atomic_ref<u32>(*reinterpret_cast<u32*>(&slots[slot])).store(kSlotReady);
+  }
+  static int value(sem_t* semaphore) {
+    int posts = -1;
+    sem_getvalue(semaphore, &posts);
+    return posts;
+  }
+
+  sim::Run run;
+  EncFrameSlot* slots = nullptr;
+  sem_t* ready = nullptr;
+  sem_t* released = nullptr;
+};
+
+TEST_F(RingTest, AttachEmptiesBothSlots) {
+  EXPECT_EQ(slots[0].state, kSlotEmpty);
+  EXPECT_EQ(slots[1].state, kSlotEmpty);
+}
+
+struct OrderRow {
+  u32 first, second;
+  int taken;
+};
+
+TEST_F(RingTest, TakesTheOlderOfTwoReadySlots) {
+  const OrderRow rows[] = {{7, 8, 0}, {8, 7, 1}, {5, 5, 0}, {0xFFFFFFFF, 0, 0}, {0, 0xFFFFFFFF, 0}};
+  for (const OrderRow& row : rows) {
+    publish(0, row.first);
+    publish(1, row.second);
+    EncFrameSlot* slot = vencbuf_get();
+    ASSERT_NE(slot, nullptr);
+    EXPECT_EQ(slots[row.taken].state, kSlotReading) << row.first << " " << row.second;
+    EXPECT_EQ(slots[1 - row.taken].state, kSlotReady);
+    EXPECT_EQ(slot->seq, row.taken ? row.second : row.first);
+    vencbuf_release(slot);
+    EXPECT_EQ(slots[row.taken].state, kSlotReleased);
+  }
+}
+
+TEST_F(RingTest, ReleasePostsAtMostOnce) {
+  while (sem_trywait(released) == 0) continue;
+  for (int i = 0; i < 3; i++) {
+    publish(1, 1);
+    vencbuf_release(vencbuf_get());
+    EXPECT_EQ(value(released), 1);
+  }
+}
+
+TEST_F(RingTest, DropsOneStalePostPerCall) {
+  for (int i = 0; i < 3; i++) sem_post(ready);
+  const int before = value(ready);
+  publish(0, 1);
+  vencbuf_release(vencbuf_get());
+  EXPECT_EQ(value(ready), before - 1);
+  vencbuf_clear();
+  EXPECT_EQ(value(ready), before - 2);
+}
+
+TEST_F(RingTest, WaitsForTheWritersPost) {
+  while (sem_trywait(ready) == 0) continue;
+  std::thread writer([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    publish(1, 9);
+    sem_post(ready);
+  });
+  EncFrameSlot* slot = vencbuf_get();
+  ASSERT_NE(slot, nullptr);
+  EXPECT_EQ(slot->seq, 9u);
+  writer.join();
+}
+
+struct EndRow {
+  const char* name;
+  Word* word;
+  i32 value;
+};
+
+TEST_F(RingTest, EndsWithTheStreamOrTheService) {
+  const EndRow rows[] = {{"stream", &uvc_stream_state.stream_on, 0},
+                         {"service", &uvc_stream_state.exit_flag, 1}};
+  for (const EndRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    uvc_stream_state.stream_on = 1;
+    uvc_stream_state.exit_flag = 0;
+    std::thread ender([&row] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      *row.word = row.value;
+    });
+    testing::internal::CaptureStderr();
+    const auto start = Clock::now();
+    EXPECT_EQ(vencbuf_get(), nullptr);
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("get buffer timeout!\n"), std::string::npos);
+    ender.join();
+  }
+}
+
+TEST_F(RingTest, IgnoresStatesThatAreNotReady) {
+  uvc_stream_state.stream_on = 1;
+  for (u32 state : {0u, 1u, 3u, 4u, 77u, 0xFFFFFFFFu}) {
+    slots[0].state = state;
+    std::thread ender([] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      uvc_stream_state.stream_on = 0;
+    });
+    EXPECT_EQ(vencbuf_get(), nullptr) << state;
+    ender.join();
+    uvc_stream_state.stream_on = 1;
+  }
+}
+
+TEST(Ring, SmallSegmentIsRefused) {
+  sim::Run run;
+  shmget(sim::run_key(VENC_RING_KEY), 4096, IPC_CREAT | 0666);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(vencbuf_get_init(), -1);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("shmget failed\n"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,160 @@
+#include "uvc/uvc_class.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "common/cancel.h"
+#include "platform/sys.h"
+#include "support/print.h"
+#include "uvc/uvc_state.h"
+
+static constexpr char kPrintFile[] = "uvc_class.c";
+
+static constexpr u32 kPollsBetweenPauses = 2000;  // while streaming; an idle thread pauses before every poll
+static constexpr useconds_t kPause = 1000;
+
+static i32 buffer_type_ioctl(const UvcEventLoop& loop, unsigned long request) {
+  i32 type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+  return sys::ioctl(*loop.device, request, &type);
+}
+
+i32 uvc_event_subscribe(UvcEventLoop& loop) {
+  static constexpr u32 kTypes[] = {UVC_EVENT_SETUP,     UVC_EVENT_DATA,    UVC_EVENT_STREAMON,
+                                   UVC_EVENT_STREAMOFF, UVC_EVENT_CONNECT, UVC_EVENT_DISCONNECT};
+  for (const u32 type : kTypes) {
+    v4l2_event_subscription subscription = {};
+    subscription.type = type;
+    const i32 result = sys::ioctl(*loop.device, VIDIOC_SUBSCRIBE_EVENT, &subscription);
+    if (result >= 0) continue;
+    // Deliberate: every type but the first is reported as UVC_EVENT_DATA.
+    if (type == UVC_EVENT_SETUP) {
+      PRINT_INFO("VIDIOC_SUBSCRIBE_EVENT failed (%d)\n", result);
+    } else {
+      PRINT_INFO("set UVC_EVENT_DATA failed (%d)\n", result);
+    }
+    return -1;
+  }
+  buffer_type_ioctl(loop, kUvcPrivateStart);
+  return 0;
+}
+
+static void pause_between_polls(UvcEventLoop& loop) {
+  if (uvc_stream_state.stream_on && loop.polls < kPollsBetweenPauses) {
+    loop.polls++;
+    return;
+  }
+  if (uvc_stream_state.stream_on) loop.polls = 0;
+  CancelPoint cancel_point;
+  sys::usleep(kPause);
+}
+
+static void on_connect(UvcEventLoop&, const v4l2_event&) {
+  PRINT_INFO("UVC_EVENT_CONN\n");
+  uvc_stream_state.connected = 1;
+  uvc_stream_state.stream_stopped = 0;
+}
+
+// Deliberate: the node is not told here that the stream has ended, see on_stream_on.
+static void on_disconnect(UvcEventLoop& loop, const v4l2_event&) {
+  PRINT_INFO("UVC_EVENT_DISCONN\n");
+  if (u32* word = usb_disconnect_word.load()) std::atomic_ref<u32>(*word).store(1);
+  uvc_stream_state.stream_stopped = 1;
+  uvc_stream_state.connected = 0;
+  if (!uvc_stream_state.stream_on) return;
+  uvc_stream_state.stream_on = 0;
+  loop.left_streaming = true;
+}
+
+// A node that a DISCONNECT left streaming must be stopped before it is started: current kernels crash
+// otherwise.
+static void stop_left_stream(UvcEventLoop& loop) {
+  if (!loop.left_streaming) return;
+  buffer_type_ioctl(loop, VIDIOC_STREAMOFF);
+  loop.left_streaming = false;
+}
+
+static void on_stream_on(UvcEventLoop& loop, const v4l2_event&) {
+  PRINT_INFO("set inter 1 UVC_EVENT_STREAMON\n");
+  stop_left_stream(loop);
+  const i32 result = buffer_type_ioctl(loop, VIDIOC_STREAMON);
+  if (result < 0) {
+    PRINT_INFO("VIDIOC_STREAMON  failed (%d)\n", result);
+    return;
+  }
+  stream_starts = stream_starts + 1;
+  uvc_stream_state.stream_on = 1;
+  uvc_stream_state.stream_stopped = 0;
+}
+
+static void on_stream_off(UvcEventLoop& loop, const v4l2_event&) {
+  PRINT_INFO("UVC_EVENT_STREAMOFF\n");
+  uvc_stream_state.stream_on = 0;
+  const i32 result = buffer_type_ioctl(loop, VIDIOC_STREAMOFF);
+  if (result < 0)
+    PRINT_INFO("VIDIOC_STREAMOFF  failed (%d)\n", result);
+  else
+    loop.left_streaming = false;
+}
+
+using Handler = u32 (*)(UvcRequestContext*);
+
+static Handler handler_of(u8 request) {
+  static constexpr Handler kHandlers[] = {uvc_getcur, uvc_getmin,  uvc_getmax, uvc_getres,
+                                          uvc_getlen, uvc_getinfo, uvc_getdef};
+  const bool known = request >= UVC_GET_CUR && request <= UVC_GET_DEF;
+  return known ? kHandlers[request - UVC_GET_CUR] : nullptr;
+}
+
+// Deliberate: only the low byte of wLength counts, no control here is longer; the record bounds it further.
+static i32 data_length(const UvcRequestContext& request) {
+  return std::min<i32>(request.wLength & 0xFF, kUvcRequestDataSize);
+}
+
+static void read_setup(UvcRequestContext& request, const u8* packet) {
+  request.bRequestType = packet[0];
+  request.bRequest = packet[1];
+  request.wValue = get_le16(packet + 2);
+  request.wIndex = get_le16(packet + 4);
+  request.wLength = get_le16(packet + 6);
+}
+
+// Every SETUP is answered, known or not: what the answer buffer holds goes out.
+static void on_setup(UvcEventLoop& loop, const v4l2_event& event) {
+  UvcRequestContext& request = loop.request;
+  read_setup(request, event.u.data);
+  if (const Handler handler = handler_of(request.bRequest)) handler(&request);
+  request.data.length = data_length(request);
+  std::memcpy(request.data.data, uvc_resp_buf, request.data.length);
+  const i32 result = sys::ioctl(*loop.device, UVCIOC_SEND_RESPONSE, &request.data);
+  if (result < 0) PRINT_INFO("UVCIOC_SEND_RESPONSE IN failed (%d)\n", result);
+}
+
+static void on_data(UvcEventLoop& loop, const v4l2_event& event) {
+  UvcRequestContext& request = loop.request;
+  const i32 length = data_length(request);
+  std::memcpy(&request.data, event.u.data, sizeof(request.data.length) + length);
+  std::memcpy(uvc_resp_buf, request.data.data, length);
+  uvc_setcur(&request);
+}
+
+static void serve(UvcEventLoop& loop, const v4l2_event& event) {
+  static constexpr void (*kEventHandlers[])(UvcEventLoop&, const v4l2_event&) = {
+      on_connect, on_disconnect, on_stream_on, on_stream_off, on_setup, on_data};
+  const u32 at = event.type - UVC_EVENT_CONNECT;
+  if (event.type >= UVC_EVENT_CONNECT && at < std::size(kEventHandlers)) kEventHandlers[at](loop, event);
+}
+
+void uvc_event_turn(UvcEventLoop& loop) {
+  pause_between_polls(loop);
+  v4l2_event event = {};
+  if (sys::ioctl(*loop.device, VIDIOC_DQEVENT, &event) < 0) return;
+  serve(loop, event);
+}
+
+void* uvc_class_procesing(void* device) {
+  int former_state;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former_state);
+  UvcEventLoop loop = {.device = static_cast<const Word*>(device), .request = {}};
+  if (uvc_event_subscribe(loop) < 0) return nullptr;
+  for (;;) uvc_event_turn(loop);
+}

@@ -1,0 +1,79 @@
+#include "uvc/uvc_class_control.h"
+
+#include <cstring>
+
+#include "support/print.h"
+#include "uvc/uvc_class_streaming.h"
+#include "uvc/uvc_state.h"
+
+static constexpr char kPrintFile[] = "uvc_class.c";
+
+static constexpr u8 kVideoControlInterface = 0;
+static constexpr u8 kVideoStreamingInterface = 1;
+
+// The camera terminal, the processing unit and the extension unit know no control yet.
+static const Unit kUnits[] = {
+    {kVideoControlInterface, 1, {}, {}},
+    {kVideoControlInterface, 2, {}, {}},
+    {kVideoControlInterface, 3, {}, {}},
+    {kVideoStreamingInterface, kAnyEntity, uvc_streaming_controls(), {}},
+};
+
+static const Unit* find_unit(const UvcRequestContext& request) {
+  for (const Unit& unit : kUnits) {
+    if (unit.interface != request.interface()) continue;
+    if (unit.entity == kAnyEntity || unit.entity == request.entity()) return &unit;
+  }
+  return nullptr;
+}
+
+static const Control& find_control(const Unit& unit, u8 selector) {
+  for (const Control& control : unit.controls) {
+    if (control.selector == selector) return control;
+  }
+  return unit.other;
+}
+
+static u32 store(UvcStatus status) { return uvc_request_error_code = status; }
+
+static UvcStatus status_without_unit(const UvcRequestContext& request) {
+  return request.interface() == kVideoControlInterface ? kInvalidUnit : kWrongInterface;
+}
+
+static u32 give(const Reply& reply) {
+  if (reply.message) PRINT_INFO("%s", reply.message);
+  std::memcpy(uvc_resp_buf, reply.live ? reply.live : reply.bytes, reply.count);
+  return reply.keeps_status ? uvc_request_error_code : store(reply.status);
+}
+
+static u32 answer(const UvcRequestContext& request, Reply Control::*member) {
+  const Unit* unit = find_unit(request);
+  if (!unit) return store(status_without_unit(request));
+  return give(find_control(*unit, request.selector()).*member);
+}
+
+u32 uvc_getmin(UvcRequestContext* request) { return answer(*request, &Control::min); }
+u32 uvc_getmax(UvcRequestContext* request) { return answer(*request, &Control::max); }
+u32 uvc_getres(UvcRequestContext* request) { return answer(*request, &Control::res); }
+u32 uvc_getinfo(UvcRequestContext* request) { return answer(*request, &Control::info); }
+u32 uvc_getdef(UvcRequestContext* request) { return answer(*request, &Control::def); }
+
+// Deliberate: on an interface that is neither 0 nor 1 only GET_LEN ends without an error.
+u32 uvc_getlen(UvcRequestContext* request) {
+  if (request->interface() > kVideoStreamingInterface) return store(kNoError);
+  return answer(*request, &Control::len);
+}
+
+u32 uvc_getcur(UvcRequestContext* request) {
+  const Unit* unit = find_unit(*request);
+  if (!unit) return store(status_without_unit(*request));
+  const Control& control = find_control(*unit, request->selector());
+  return control.get_cur ? store(control.get_cur(control)) : give(control.cur);
+}
+
+u32 uvc_setcur(UvcRequestContext* request) {
+  const Unit* unit = find_unit(*request);
+  if (!unit) return store(status_without_unit(*request));
+  const Control& control = find_control(*unit, request->selector());
+  return store(control.set_cur ? control.set_cur(control) : kInvalidControl);
+}

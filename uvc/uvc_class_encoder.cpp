@@ -1,0 +1,183 @@
+#include "uvc/uvc_class_encoder.h"
+
+#include <algorithm>
+
+#include "ipc/VeltoDrvMsg.h"
+#include "support/print.h"
+#include "uvc/uvc_state.h"
+
+static constexpr char kPrintFile[] = "uvc_class.c";
+
+static constexpr i32 kModes = 4;
+static constexpr i32 kHeader = 2;
+static constexpr i32 kMjpegTopRate = 30;  // frames/s; above it MJPEG runs in mode 0, whatever was set
+
+// How one format's rate control goes into the record.
+struct CodecRow {
+  i32 format;
+  i32 codec;
+  RateControl* settings;  // null: the record's rate control stays as it is
+  bool has_common;        // the common parameter comes before the mode's own
+  u8 counts[kModes];      // parameters by mode, 0: unknown mode
+  i32 fallback_mode;      // for an unknown mode
+  i32 fallback[3];
+  u8 fallback_count;
+  i8 fallback_default;  // place of default_bit_rate in the fallback, -1: none
+};
+
+static constexpr CodecRow kCodecs[] = {
+    {kFormatMjpeg, kCodecMjpeg, &mjpeg_rate_control, false, {1, 3, 1, 0}, 1, {20480, 99, 60}, 3, -1},
+    {kFormatH264, kCodecH264, &h264_rate_control, true, {2, 4, 4, 2}, 0, {1, 0, 2048}, 3, 1},
+    {kFormatYuy2, kCodecYuy2, nullptr, false, {}, 0, {}, 0, -1},
+    {kFormatH265, kCodecH265, &h265_rate_control, false, {2, 4, 3, 2}, 0, {0, 2048}, 2, 0},
+};
+
+static const CodecRow* codec_row(i32 format) {
+  const auto row = std::find_if(std::begin(kCodecs), std::end(kCodecs),
+                                [format](const CodecRow& candidate) { return candidate.format == format; });
+  return row == std::end(kCodecs) ? nullptr : row;
+}
+
+static i32 wanted_mode(const CodecRow& row) {
+  const bool too_fast = row.format == kFormatMjpeg && encoder_record.frame_rate > kMjpegTopRate;
+  return too_fast ? 0 : i32(row.settings->mode);
+}
+
+static bool known_mode(const CodecRow& row, i32 mode) {
+  return mode >= 0 && mode < kModes && row.counts[mode] > 0;
+}
+
+static void store_fallback(const CodecRow& row) {
+  encoder_record.rc_mode = row.fallback_mode;
+  for (i32 i = 0; i < row.fallback_count; i++) {
+    encoder_record.rc_param[i] = i == row.fallback_default ? i32(default_bit_rate) : row.fallback[i];
+  }
+}
+
+static void store_rate_control(const CodecRow& row) {
+  const i32 mode = wanted_mode(row);
+  if (!known_mode(row, mode)) return store_fallback(row);
+  encoder_record.rc_mode = mode;
+  i32 at = 0;
+  if (row.has_common) encoder_record.rc_param[at++] = row.settings->common;
+  for (i32 i = 0; i < row.counts[mode]; i++) encoder_record.rc_param[at++] = row.settings->param[mode][i];
+}
+
+static EncoderSettings snapshot() {
+  EncoderSettings settings = {
+      .width = encoder_record.width,
+      .height = encoder_record.height,
+      .frame_rate = encoder_record.frame_rate,
+      .reserved = encoder_record.reserved,
+      .codec = encoder_record.codec,
+      .rc_mode = encoder_record.rc_mode,
+      .rc_param = {},
+  };
+  std::copy(std::begin(encoder_record.rc_param), std::end(encoder_record.rc_param), settings.rc_param);
+  return settings;
+}
+
+static void send_record(i32 running) { SendEncoderSettings({kHeader, running, snapshot()}); }
+
+void notify_stream_start() { send_record(1); }
+
+void notify_stream_stop() { send_record(0); }
+
+static void refresh(i32 format) {
+  const CodecRow* row = codec_row(format);
+  if (!row) return;
+  encoder_record.codec = row->codec;
+  if (row->settings) store_rate_control(*row);
+  notify_stream_start();
+}
+
+void refresh_encoder_settings() { refresh(cur_format); }
+
+void apply_encoder_settings(i32 columns, i32 lines, i32 format, i32 rate) {
+  encoder_record.width = columns;
+  encoder_record.height = lines;
+  encoder_record.frame_rate = rate;
+  refresh(format);
+}
+
+i32 get_key_frame_interval() {
+  const RateControl& settings = cur_format == kFormatH265 ? h265_rate_control : h264_rate_control;
+  const i32 mode = settings.mode;
+  return settings.param[mode >= 0 && mode < kModes ? mode : 0][0];
+}
+
+void set_key_frame_interval(i32 frames) {
+  for (i32 mode = 0; mode < kModes; mode++) {
+    h265_rate_control.param[mode][0] = frames;
+    h264_rate_control.param[mode][0] = frames;
+  }
+  refresh_encoder_settings();
+}
+
+// 10000 is the best quality; the parameters at it are the ones that the bit rates and quantisers below name.
+static constexpr i32 kBestQuality = 10000;
+static constexpr i64 kVideoBitRate = 20480;  // kbit/s at 1920x1080
+static constexpr i32 kMjpegBitRate = 40960;
+static constexpr i32 kMostLoss = 120;
+static constexpr i32 kTopQuantiser = 51;
+
+static i32 scaled(i32 value, i32 quality) { return value * quality / kBestQuality; }
+
+static i32 video_bit_rate(i32 quality) {
+  const i64 pixels = i64{encoder_record.width} * encoder_record.height;
+  return static_cast<i32>(kVideoBitRate * quality * pixels / (i64{kBestQuality} * 1920 * 1080));
+}
+
+// `base` at no loss, rising evenly to the top quantiser at full loss.
+static i32 quantiser(i32 base, i32 quality) {
+  const i32 loss = (kBestQuality - quality) * kMostLoss / kBestQuality;
+  return base + loss * (kTopQuantiser - base) / kMostLoss;
+}
+
+static void scale_video(RateControl& settings, i32 quality) {
+  const i32 bit_rate = video_bit_rate(quality);
+  for (i32 mode : {0, 1, 3}) settings.param[mode][1] = bit_rate;
+  settings.param[1][2] = quantiser(10, quality);
+  settings.param[1][3] = quantiser(40, quality);
+  for (i32 i : {1, 2, 3}) settings.param[2][i] = quantiser(25, quality);
+}
+
+static void scale_mjpeg(i32 quality) {
+  switch (mjpeg_rate_control.mode) {
+    case 0:
+      mjpeg_rate_control.param[0][0] = scaled(kMjpegBitRate, quality);
+      break;
+    case 1:
+      mjpeg_rate_control.param[1][0] = scaled(kMjpegBitRate, quality);
+      mjpeg_rate_control.param[1][2] = scaled(60, quality);
+      break;
+    case 2:
+      mjpeg_rate_control.param[2][0] = scaled(80, quality);
+      break;
+  }
+}
+
+void change_quality(i32 quality) {
+  PRINT_INFO("quality %d\n", quality);
+  if (quality < 1 || quality > kBestQuality) quality = kBestQuality;
+  switch (cur_format) {
+    case kFormatMjpeg:
+      scale_mjpeg(quality);
+      break;
+    case kFormatH264:
+      scale_video(h264_rate_control, quality);
+      break;
+    case kFormatH265:
+      scale_video(h265_rate_control, quality);
+      break;
+    default:
+      return;
+  }
+  refresh_encoder_settings();
+}
+
+void set_frame_rate(i32 rate) {
+  PRINT_INFO("cur_frame_rate = %d\n", rate);
+  encoder_record.frame_rate = rate;
+  notify_stream_start();
+}

@@ -1,0 +1,29 @@
+// What the encoder is told: the encoder-settings record, filled from the committed stream settings and the
+// per-codec rate control, and sent to the system server with command 10.
+#pragma once
+
+#include "common/bytes.h"
+
+/// Stores the committed size and rate in the record, then the codec and its rate control, and sends it as
+/// notify_stream_start does. An unknown format stores size and rate only and sends nothing.
+void apply_encoder_settings(i32 columns, i32 lines, i32 format, i32 rate);
+
+/// Refreshes the record's codec and rate control for the committed format and sends it; nothing for an
+/// unknown format.
+void refresh_encoder_settings();
+
+/// Tells the system server that a stream runs, or has stopped, with the record as it stands.
+void notify_stream_start();
+void notify_stream_stop();
+
+/// The key-frame interval in frames: the first parameter of the current codec's current mode; for codecs that
+/// have none, of H.264's.
+i32 get_key_frame_interval();
+/// Stores the interval in every mode of H.264 and H.265, refreshes the record and sends it.
+void set_key_frame_interval(i32 frames);
+
+/// Scales bit rates and quantisers of the current format's rate control and sends the record. `quality` is in
+/// ten-thousandths, 1..10000; other values mean 10000. An entry point for the system side.
+void change_quality(i32 quality);
+/// Stores the rate (frames/s) in the record and sends it. An entry point for the system side.
+void set_frame_rate(i32 rate);

@@ -1,0 +1,151 @@
+#include "uvc/uvc_gadget_device.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
+#include "common/stream_state.h"
+#include "platform/sys.h"
+#include "support/print.h"
+#include "uvc/uvc_state.h"
+
+static constexpr char kPrintFile[] = "uvc_gadget.c";
+static constexpr char kNode[] = "/dev/video0";
+
+static constexpr useconds_t kReopenPause = 100'000;
+static constexpr u32 kWantedBuffers = 3;
+
+// The driver sizes its buffers from this; what is streamed in them is negotiated with the host.
+static v4l2_format sizing_format() {
+  v4l2_format format = {};
+  format.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+  format.fmt.pix.width = 1280;
+  format.fmt.pix.height = 720;
+  format.fmt.pix.pixelformat = V4L2_PIX_FMT_YUYV;
+  format.fmt.pix.field = V4L2_FIELD_INTERLACED;
+  return format;
+}
+static_assert(V4L2_FIELD_INTERLACED == 4 && V4L2_PIX_FMT_YUYV == 0x56595559);
+
+v4l2_buffer uvc_buffer_record(u32 index) {
+  v4l2_buffer record = {};
+  record.index = index;
+  record.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+  record.memory = V4L2_MEMORY_MMAP;
+  record.length = uvc_buffers[index].length;
+  return record;
+}
+
+static i32 set_format() {
+  v4l2_format format = sizing_format();
+  i32 result = sys::ioctl(uvc_video_fd, VIDIOC_S_FMT, &format);
+  if (result < 0) {
+    PRINT_INFO("VIDIOC_S_FMT failed (%d)\n", result);
+    return -1;
+  }
+  result = sys::ioctl(uvc_video_fd, VIDIOC_G_FMT, &format);
+  if (result < 0) {
+    PRINT_INFO("VIDIOC_G_FMT failed (%d)\n", result);
+    return -1;
+  }
+  return 0;
+}
+
+// Newer drivers return the granted count, so only a negative result is a failure.
+static i32 request_buffers() {
+  v4l2_requestbuffers request = {};
+  request.count = kWantedBuffers;
+  request.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+  request.memory = V4L2_MEMORY_MMAP;
+  if (sys::ioctl(uvc_video_fd, VIDIOC_REQBUFS, &request) < 0) return -1;
+  uvc_buffer_count = std::min<u32>(request.count, std::size(uvc_buffers));
+  return 0;
+}
+
+// A result of -1 leaves the buffer unmapped.
+static i32 map_queried(const v4l2_buffer& record) {
+  void* start = sys::mmap(nullptr, record.length, PROT_READ | PROT_WRITE, MAP_SHARED, uvc_video_fd,
+                          static_cast<off_t>(record.m.offset));
+  if (start == MAP_FAILED) return -1;
+  uvc_buffers[record.index] = {static_cast<u8*>(start), record.length};
+  return 0;
+}
+
+static void unmap_all() {
+  for (u32 i = 0; i < uvc_buffer_count; i++) {
+    if (uvc_buffers[i].start) sys::munmap(uvc_buffers[i].start, uvc_buffers[i].length);
+    uvc_buffers[i] = {};
+  }
+}
+
+static i32 queue_empty(u32 index) {
+  std::memset(uvc_buffers[index].start, 0, uvc_buffers[index].length);
+  v4l2_buffer record = uvc_buffer_record(index);
+  record.bytesused = kEmptyPayload;
+  return sys::ioctl(uvc_video_fd, VIDIOC_QBUF, &record);
+}
+
+static i32 query_and_map(u32 index) {
+  v4l2_buffer record = uvc_buffer_record(index);
+  if (sys::ioctl(uvc_video_fd, VIDIOC_QUERYBUF, &record) < 0) return -1;
+  return map_queried(record);
+}
+
+static i32 map_and_queue_all() {
+  for (u32 i = 0; i < uvc_buffer_count; i++) {
+    if (query_and_map(i) < 0) return -1;
+  }
+  for (u32 i = 0; i < uvc_buffer_count; i++) {
+    const i32 result = queue_empty(i);
+    if (result < 0) {
+      PRINT_INFO("VIDIOC_QBUF (%d) failed (%d)\n", i, result);
+      return -1;
+    }
+  }
+  return 0;
+}
+
+static i32 configure() {
+  v4l2_capability capability = {};
+  if (sys::ioctl(uvc_video_fd, VIDIOC_QUERYCAP, &capability) < 0) return -1;
+  if (set_format() < 0 || request_buffers() < 0) return -1;
+  return map_and_queue_all();
+}
+
+// Deliberate: only a failed open pauses; a node that opens and then refuses a step is tried again at once.
+i32 uvc_device_open() {
+  for (;;) {
+    uvc_video_fd = sys::open(kNode, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (uvc_video_fd >= 0) {
+      if (configure() == 0) return 0;
+      uvc_device_close();
+    } else {
+      sys::usleep(kReopenPause);
+    }
+    if (uvc_stream_state.exit_flag) return -1;
+  }
+}
+
+void uvc_device_close() {
+  unmap_all();
+  uvc_buffer_count = 0;
+  sys::close(uvc_video_fd);
+  uvc_video_fd = -1;
+}
+
+i32 uvc_device_map(u32 index) {
+  if (uvc_buffers[index].start) return 0;
+  if (query_and_map(index) == 0) return 0;
+  PRINT_INFO("set mmap errr\n");
+  return -1;
+}
+
+void uvc_device_rearm() {
+  unmap_all();
+  for (u32 i = 0; i < uvc_buffer_count; i++) {
+    if (uvc_device_map(i) == 0) queue_empty(i);
+  }
+}

@@ -1,0 +1,26 @@
+// The gadget node /dev/video0 as a V4L2 output device: open, configure, map, re-arm, release. Main thread
+// only. Stream on and off and the events belong to the control thread (uvc_class.h).
+#pragma once
+
+#include <linux/videodev2.h>
+
+#include "common/bytes.h"
+
+/// Opens and configures the node, maps its buffers and queues each with an empty payload; tries again until
+/// that works. 0 with uvc_video_fd, uvc_buffers and uvc_buffer_count set; -1 when the service is to end.
+i32 uvc_device_open();
+
+/// Unmaps every buffer and closes the node.
+void uvc_device_close();
+
+/// Maps every buffer anew and queues it with an empty payload, after a stream has ended.
+void uvc_device_rearm();
+
+/// Maps one buffer that an earlier call could not map. 0 or -1.
+i32 uvc_device_map(u32 index);
+
+/// The record with which buffer `index` is queried, queued and dequeued.
+v4l2_buffer uvc_buffer_record(u32 index);
+
+/// Payload of a buffer that carries no picture: two zero bytes.
+constexpr u32 kEmptyPayload = 2;

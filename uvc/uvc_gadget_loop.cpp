@@ -1,0 +1,99 @@
+#include "uvc/uvc_gadget_loop.h"
+
+#include "platform/sys.h"
+#include "support/print.h"
+#include "uvc/uvc_class_encoder.h"
+#include "uvc/uvc_gadget_device.h"
+#include "uvc/uvc_gadget_fill.h"
+#include "uvc/uvc_state.h"
+
+static constexpr char kPrintFile[] = "uvc_gadget.c";
+
+static constexpr useconds_t kIdlePause = 10'000;
+static constexpr useconds_t kDequeuePause = 20'000;
+static constexpr u32 kDequeueFailures = 100;
+static constexpr u32 kIntraFrames =
+    4;  // H.264 and H.265 run with key frames only until this frame of a stream
+
+// A stream that ended and began again behind the loop's back is not the one that the loop feeds.
+static bool streaming(const StreamLoop& loop) {
+  return uvc_stream_state.streaming() && !uvc_stream_state.exit_flag &&
+         (loop.stopped || loop.stream == stream_starts);
+}
+
+static bool has_key_frames() { return cur_format == kFormatH264 || cur_format == kFormatH265; }
+
+static void start_stream(StreamLoop& loop) {
+  config_changed = 0;
+  if (has_key_frames()) {
+    loop.saved_gop = get_key_frame_interval();
+    set_key_frame_interval(1);
+    loop.frames_since_start = 0;
+  } else {
+    notify_stream_start();  // Deliberate: these formats are announced twice
+  }
+  notify_stream_start();
+}
+
+static void stop_stream(StreamLoop& loop) {
+  last_format = -1;
+  notify_stream_stop();
+  uvc_device_rearm();
+  loop.need_dequeue = false;
+  PRINT_INFO("stop uvc stream .............\n");
+  loop.stopped = true;
+}
+
+static void count_frame(StreamLoop& loop) {
+  if (!has_key_frames() || loop.frames_since_start >= kIntraFrames) return;
+  if (++loop.frames_since_start == kIntraFrames) set_key_frame_interval(loop.saved_gop);
+}
+
+// Deliberate: the buffer is offered with a length of 0 bytes, and a run of failures is called a queue
+// timeout.
+static void on_dequeue_failure(StreamLoop& loop, v4l2_buffer& buffer) {
+  buffer.bytesused = 0;
+  if (streaming(loop)) sys::ioctl(uvc_video_fd, VIDIOC_QBUF, &buffer);
+  loop.dq_fail_count++;
+  sys::usleep(kDequeuePause);
+  if (loop.dq_fail_count <= kDequeueFailures) return;
+  PRINT_INFO("VIDIOC_QBUF Timeout!\n");
+  loop.dq_fail_count = 0;
+}
+
+static void feed_buffer(StreamLoop& loop, u32 index) {
+  if (uvc_device_map(index) < 0) {
+    sys::usleep(kDequeuePause);
+    return;
+  }
+  v4l2_buffer buffer = uvc_buffer_record(index);
+  if (loop.need_dequeue && sys::ioctl(uvc_video_fd, VIDIOC_DQBUF, &buffer) < 0) {
+    on_dequeue_failure(loop, buffer);
+    return;
+  }
+  count_frame(loop);
+  uvc_video_fill_buffer(0, &buffer);
+  loop.dq_fail_count = 0;
+  if (!streaming(loop)) return;  // the end of the stream queues this buffer, empty
+  const i32 result = sys::ioctl(uvc_video_fd, VIDIOC_QBUF, &buffer);
+  if (result < 0) PRINT_INFO("VIDIOC_QBUF failed (%d)\n", result);
+}
+
+static void feed_all_buffers(StreamLoop& loop) {
+  for (u32 i = 0; i < uvc_buffer_count && streaming(loop); i++) feed_buffer(loop, i);
+  loop.need_dequeue = true;
+}
+
+void stream_turn(StreamLoop& loop) {
+  if (!streaming(loop)) {
+    if (!loop.stopped) stop_stream(loop);
+    sys::usleep(kIdlePause);
+    return;
+  }
+  if (loop.stopped) {
+    loop.stream = stream_starts;
+    loop.stopped = false;
+    start_stream(loop);
+  }
+  feed_all_buffers(loop);
+}

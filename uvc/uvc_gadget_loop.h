@@ -1,0 +1,20 @@
+// The streaming loop: while the host streams, every gadget buffer is dequeued, filled and queued again; a
+// stream's start and end are told to the system server. Main thread only.
+#pragma once
+
+#include "common/bytes.h"
+
+/// What the loop keeps from one turn to the next.
+struct StreamLoop {
+  bool stopped = false;        ///< the end of the last stream has been handled
+  bool need_dequeue = false;   ///< the driver owns the buffers; false right after they were queued empty
+  u32 dq_fail_count = 0;       ///< failed dequeues in a row
+  u32 frames_since_start = 0;  ///< buffers filled since an H.264 or H.265 stream started, up to 4
+  i32 saved_gop = 30;          ///< key-frame interval to be put back then
+  i32 stream = 0;              ///< stream_starts as it was when this stream began
+};
+
+/// One turn: starts, feeds or ends a stream, or sleeps 10 ms. A streaming turn is paced by the dequeue and
+/// the frame sources alone. The first turn normally ends the stream that never was, and so queues the
+/// buffers.
+void stream_turn(StreamLoop& loop);

@@ -1,0 +1,75 @@
+// Every process-wide word of the USB side. docs/threads.md tells who writes and who reads each.
+#pragma once
+
+#include <linux/videodev2.h>
+
+#include <atomic>
+
+#include "common/stream_state.h"
+#include "common/word.h"
+#include "ipc/sys_info.h"
+#include "ipc/velto_commands.h"
+#include "platform/uvc_events.h"
+
+/// Values of cur_format and of bFormatIndex.
+enum UvcFormat : i32 { kFormatMjpeg = 1, kFormatH264 = 2, kFormatYuy2 = 3, kFormatH265 = 4 };
+
+// What the host has committed. All settings are stored before config_changed.
+extern Word cur_format;      ///< UvcFormat
+extern Word cur_col;         ///< pixels
+extern Word cur_line;        ///< lines
+extern Word cur_frame_rate;  ///< frames per second
+extern Word cur_quality;     ///< wCompQuality
+extern Word cfg_col;         ///< cur_col of the last applied commit
+extern Word cfg_line;
+extern Word
+    last_format;  ///< cur_format of the last applied commit; -1 from a stream's end to the next commit
+extern Word config_changed;
+extern Word still_trigger_format;
+extern Word still_trigger;
+
+/// Counts the VIDIOC_STREAMON that succeeded: a loop that was busy while the host stopped and started again
+/// sees by it that its stream is over.
+extern Word stream_starts;
+
+/// Set by the signal handlers for the streaming loop, which does what a handler must not: print, log, read
+/// files.
+extern Word exit_requested_by_signal;
+extern Word print_level_reload_requested;
+
+/// The encoder-settings record as shared words.
+struct EncoderRecord {
+  Word width, height, frame_rate, reserved, codec, rc_mode, rc_param[5];
+};
+extern EncoderRecord encoder_record;
+
+/// Rate-control settings of one codec, by mode. Which parameters a mode has is told by uvc_class_encoder.cpp.
+struct RateControl {
+  Word mode;
+  Word common;  ///< H.264 and H.265: their common first parameter
+  Word param[4][4];
+};
+extern RateControl mjpeg_rate_control;
+extern RateControl h264_rate_control;
+extern RateControl h265_rate_control;
+extern Word default_bit_rate;
+
+/// The gadget node's descriptor, -1 while it is closed.
+extern Word uvc_video_fd;
+
+struct UvcBuffer {
+  u8* start;   ///< null while the buffer is not mapped
+  u32 length;  ///< bytes
+};
+/// The mapped gadget buffers by V4L2 index. Only the main thread touches them.
+extern UvcBuffer uvc_buffers[VIDEO_MAX_FRAME];
+extern u32 uvc_buffer_count;
+
+/// Answers of the GET requests and data of the SET requests, little-endian from byte 0. Control thread only.
+extern u8 uvc_resp_buf[4096];
+/// Request status of the last class request. Control thread only.
+extern u8 uvc_request_error_code;
+
+/// Words of the parameter segment; null until start-up has found them.
+extern std::atomic<u32*> usb_disconnect_word;
+extern std::atomic<const CameraCache*> camera_cache;

@@ -1,0 +1,123 @@
+#include "vencbuf/vencbuf_get.h"
+
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "common/stream_state.h"
+#include "platform/sys.h"
+#include "support/print.h"
+
+static constexpr char kPrintFile[] = "vencbuf_get.c";
+
+static constexpr int kAttempts = 25;
+static constexpr long kSliceNs = 100'000'000;
+
+static sem_t* frame_ready;
+static sem_t* slot_released;
+static int ring_id = -1;
+static EncFrameSlot* ring;
+
+static std::atomic_ref<u32> state_of(EncFrameSlot& slot) {
+  return std::atomic_ref<u32>(*reinterpret_cast<u32*>(&slot));
+}
+
+static sem_t* open_semaphore(const char* name) {
+  sem_t* semaphore = sys::sem_open(name, O_CREAT, 0644, 1);
+  return semaphore == SEM_FAILED ? nullptr : semaphore;
+}
+
+i32 vencbuf_get_init() {
+  frame_ready = open_semaphore(kFrameReadySemaphore);
+  if (!frame_ready) {
+    PRINT_ERROR("sem_open error!\n");
+    return -1;
+  }
+  slot_released = open_semaphore(kSlotReleasedSemaphore);
+  if (!slot_released) {
+    PRINT_ERROR("sem_open error!\n");
+    return -1;
+  }
+  ring_id = sys::shmget(VENC_RING_KEY, kRingSize, IPC_CREAT | 0666);
+  if (ring_id == -1) {
+    PRINT_ERROR("shmget failed\n");
+    return -1;
+  }
+  void* address = shmat(ring_id, nullptr, 0);
+  if (address == reinterpret_cast<void*>(-1)) {
+    PRINT_ERROR("shmat error!\n");
+    return -1;
+  }
+  ring = static_cast<EncFrameSlot*>(address);
+  for (std::size_t i = 0; i < kRingSlots; i++) state_of(ring[i]).store(kSlotEmpty);
+  return 0;
+}
+
+// The value of a semaphore; 0 as well when the query says EINVAL by its return value.
+// Deliberate: sem_getvalue reports through errno, so that comparison never holds.
+static int pending_posts(sem_t* semaphore) {
+  int value = 0;
+  return sem_getvalue(semaphore, &value) != EINVAL ? value : 0;
+}
+
+void vencbuf_clear() {
+  if (pending_posts(frame_ready) != 0) sem_trywait(frame_ready);
+}
+
+static timespec slice_end() {
+  timeval now;
+  gettimeofday(&now, nullptr);
+  timespec end{now.tv_sec, now.tv_usec * 1000 + kSliceNs};
+  if (end.tv_nsec >= 1'000'000'000) {
+    end.tv_sec++;
+    end.tv_nsec -= 1'000'000'000;
+  }
+  return end;
+}
+
+// Deliberate: apart from the one wrap from 0xFFFFFFFF to 0 in slot order, numbers compare as they stand.
+static EncFrameSlot& older(EncFrameSlot& first, EncFrameSlot& second) {
+  if (first.seq == 0xFFFFFFFF && second.seq == 0) return first;
+  return second.seq < first.seq ? second : first;
+}
+
+static EncFrameSlot* oldest_ready() {
+  const bool first = state_of(ring[0]).load() == kSlotReady;
+  const bool second = state_of(ring[1]).load() == kSlotReady;
+  if (first && second) return &older(ring[0], ring[1]);
+  if (first) return &ring[0];
+  return second ? &ring[1] : nullptr;
+}
+
+// Null also when the writer has just taken the chosen slot back.
+static EncFrameSlot* take_oldest_ready() {
+  EncFrameSlot* slot = oldest_ready();
+  u32 expected = kSlotReady;
+  return slot && state_of(*slot).compare_exchange_strong(expected, kSlotReading) ? slot : nullptr;
+}
+
+EncFrameSlot* vencbuf_get() {
+  vencbuf_clear();
+  for (int i = 0; i < kAttempts && uvc_stream_state.stream_on && !uvc_stream_state.exit_flag; i++) {
+    const timespec end = slice_end();
+    if (EncFrameSlot* slot = take_oldest_ready()) return slot;
+    sem_timedwait(frame_ready, &end);
+  }
+  PRINT_ERROR("get buffer timeout!\n");
+  return nullptr;
+}
+
+void vencbuf_release(EncFrameSlot* slot) {
+  state_of(*slot).store(kSlotReleased);
+  if (pending_posts(slot_released) == 0) sem_post(slot_released);
+}
+
+void vencbuf_exit() {
+  sem_close(frame_ready);
+  sem_close(slot_released);
+  shmdt(ring);
+}

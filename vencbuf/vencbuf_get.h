@@ -1,0 +1,22 @@
+// The reader of the encoded frame ring (see vencbuf/enc_frame.h). Only the streaming loop's thread calls it,
+// and it holds at most one slot at a time.
+#pragma once
+
+#include "vencbuf/enc_frame.h"
+
+/// Attaches to the ring, creating it if absent, and empties both slots, whatever the writer had left there.
+/// 0, or -1 after a report; earlier steps are not undone.
+i32 vencbuf_get_init();
+
+/// Takes the oldest ready slot; waits up to about 2.5 s, and 100 ms at most once the stream or the service
+/// ends. Null after a report when there was none. The caller gives the slot back with vencbuf_release.
+EncFrameSlot* vencbuf_get();
+
+/// Marks the slot released and wakes the writer.
+void vencbuf_release(EncFrameSlot* slot);
+
+/// Drops one pending post of the frame-ready semaphore.
+void vencbuf_clear();
+
+/// Closes the semaphores and detaches the segment. The service leaves both to its end.
+void vencbuf_exit();
