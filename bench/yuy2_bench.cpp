@@ -196,12 +196,15 @@ void register_runs(Case& of) {
   }
 }
 
-/// Prints as usual, and keeps the medians for the summary.
+/// Prints as usual, and keeps the medians for the summary: of processor time, which other processes disturb
+/// least.
 class Medians : public benchmark::ConsoleReporter {
  public:
+  Medians() : ConsoleReporter(OO_None) {}
+
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
-      if (run.aggregate_name == "median") times_[run.run_name.function_name] = run.GetAdjustedRealTime();
+      if (run.aggregate_name == "median") times_[run.run_name.function_name] = run.GetAdjustedCPUTime();
     }
     ConsoleReporter::ReportRuns(runs);
   }

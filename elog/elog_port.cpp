@@ -20,7 +20,7 @@ static constexpr std::size_t kInfoSize = 10;  // of the pid and thread texts, te
 static constexpr std::size_t kSecondSize = sizeof("2024-01-05 08:03:07") - 1;
 
 static std::mutex output_mutex;
-static std::atomic<pthread_t> lock_owner;  // 0: nobody
+static thread_local bool lock_is_mine;
 
 static bool file_enabled;
 static bool msgq_enabled;
@@ -59,19 +59,16 @@ void elog_port_output(char* text, std::size_t len) {
 
 void elog_port_set_console(bool enabled) { console_enabled.store(enabled, std::memory_order_relaxed); }
 
-// Only a thread itself stores its own id, so it needs no order to recognise it.
-static bool lock_is_mine() { return lock_owner.load(std::memory_order_relaxed) == pthread_self(); }
-
 void elog_port_output_lock() {
   // An assertion may fail, and log, while its thread holds the lock.
-  if (lock_is_mine()) return;
+  if (lock_is_mine) return;
   output_mutex.lock();
-  lock_owner.store(pthread_self(), std::memory_order_relaxed);
+  lock_is_mine = true;
 }
 
 void elog_port_output_unlock() {
-  if (!lock_is_mine()) return;
-  lock_owner.store(0, std::memory_order_relaxed);
+  if (!lock_is_mine) return;
+  lock_is_mine = false;
   output_mutex.unlock();
 }
 

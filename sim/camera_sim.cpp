@@ -108,7 +108,8 @@ void set_fault(Camera& camera, const Fault& fault, bool on) {
     case FaultKind::kEncoderWrongSize:
       return camera.media.set_fault(on ? EncoderFault::kWrongSize : EncoderFault::kNone);
     case FaultKind::kLogQueueFull:
-      return camera.collector.pause(on);
+      camera.collector.pause(on);
+      return on ? camera.collector.fill_queue() : void();
   }
 }
 

@@ -1,5 +1,6 @@
 #include "sim/collector.h"
 
+#include <algorithm>
 #include <cstring>
 #include <deque>
 #include <mutex>
@@ -63,6 +64,16 @@ Collector::Collector(const CollectorOptions& options) : impl_(std::make_unique<I
 Collector::~Collector() = default;
 
 void Collector::pause(bool paused) { impl_->channel.hold(paused); }
+
+void Collector::fill_queue() {
+  constexpr std::string_view kFiller = "filler\n";
+  ElogRecord record{};
+  record.type = kElogQueueType;
+  record.payload.level = static_cast<u8>(kLevelLetters.find('V'));
+  record.payload.length = kFiller.size();
+  std::ranges::copy(kFiller, record.payload.text);
+  while (impl_->channel.send(&record, kElogHeaderSize + kFiller.size())) continue;
+}
 
 Collector::Counts Collector::counts() const {
   std::lock_guard guard(impl_->lock);

@@ -21,6 +21,8 @@ class Collector {
   ~Collector();
 
   void pause(bool paused);  ///< a paused collector lets the queue fill
+  /// Fills the rest of the queue with lines of its own.
+  void fill_queue();
   struct Counts {
     unsigned long lines, printed;
     unsigned long malformed;  ///< records whose length does not fit what came

@@ -25,7 +25,7 @@ constexpr Kind kKinds[] = {
     {"mjpeg", AV_PIX_FMT_YUVJ420P, "huffman=default"},
     {"libx265", AV_PIX_FMT_YUV420P,
      "preset=ultrafast:tune=zerolatency:forced-idr=1:"
-     "x265-params='log-level=none:pools=none:frame-threads=1:repeat-headers=1'"},
+     "x265-params='log-level=none:pools=none:frame-threads=1:repeat-headers=1:open-gop=0'"},
 };
 
 constexpr int kNoKeyFrameOfItsOwn = 1'000'000;

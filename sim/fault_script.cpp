@@ -30,15 +30,18 @@ constexpr FaultForm kForms[] = {
     {"encoder dead", FaultKind::kEncoderDead, "encoder dead", "it stops in the middle of a frame"},
     {"encoder wrong-size", FaultKind::kEncoderWrongSize, "encoder wrong-size",
      "its frames have another size"},
-    {"log queue full", FaultKind::kLogQueueFull, "log queue full", "the log collector rests"},
+    {"log queue full", FaultKind::kLogQueueFull, "log queue full",
+     "the log collector rests, its queue is full"},
 };
+
+constexpr double kLongestTime = 1e6;
 
 /// Seconds of "1.5s" or "300ms".
 std::optional<double> parse_time(std::string_view text) {
   double value = 0;
   const auto [rest, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
   const std::string_view unit(rest, text.data() + text.size());
-  if (failure != std::errc() || value < 0) return std::nullopt;
+  if (failure != std::errc() || !(value >= 0 && value <= kLongestTime)) return std::nullopt;
   if (unit == "s") return value;
   if (unit == "ms") return value / 1000;
   return std::nullopt;

@@ -74,6 +74,18 @@ size_t stage_length(const UvcRequestData& response, u32 wanted) {
   return std::min({static_cast<u32>(response.length), wanted, static_cast<u32>(kUvcRequestDataSize)});
 }
 
+// Queues the event, then waits until the service has made the call that `calls` counts.
+bool set_interface(UvcEventType type, u32 NodeState::*calls, milliseconds limit) {
+  NodeState& state = node_state();
+  u32 before = 0;
+  {
+    const NodeLock lock(state.mutex);
+    before = state.*calls;
+    queue_event(state, event_of(type));
+  }
+  return wait_until(limit, [&](NodeState& now) { return now.*calls != before; });
+}
+
 bool read_payload(std::vector<u8>& frame, u32 offset, u32 length) {
   frame.resize(length);
   const int fd = open((run_root() + "/dev/video0").c_str(), O_RDONLY | O_CLOEXEC);
@@ -134,25 +146,11 @@ ControlAnswer NodeHost::control(const usb_ctrlrequest& setup, std::span<const u8
 }
 
 bool NodeHost::stream_on(milliseconds limit) {
-  u32 before = 0;
-  {
-    NodeState& state = node_state();
-    const NodeLock lock(state.mutex);
-    before = state.stream_on_calls;
-    queue_event(state, event_of(UVC_EVENT_STREAMON));
-  }
-  return wait_until(limit, [&](NodeState& state) { return state.stream_on_calls != before; });
+  return set_interface(UVC_EVENT_STREAMON, &NodeState::stream_on_calls, limit);
 }
 
 bool NodeHost::stream_off(milliseconds limit) {
-  u32 before = 0;
-  {
-    NodeState& state = node_state();
-    const NodeLock lock(state.mutex);
-    before = state.stream_off_calls;
-    queue_event(state, event_of(UVC_EVENT_STREAMOFF));
-  }
-  return wait_until(limit, [&](NodeState& state) { return state.stream_off_calls != before; });
+  return set_interface(UVC_EVENT_STREAMOFF, &NodeState::stream_off_calls, limit);
 }
 
 bool NodeHost::take_frame(std::vector<u8>& frame, milliseconds limit) {

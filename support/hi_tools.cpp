@@ -129,6 +129,7 @@ int i2c_write(u32 bus, u32 dev_addr, u32 reg_addr, u32 data, u32 reg_width, u32 
 
 void* mmapfile(const char* path, u32 len) {
   if (path == nullptr) return nullptr;
+  // Deliberate: 010770; of it 0770 takes effect, less the umask.
   const int fd = sys::open(path, O_RDWR | O_CREAT | O_CLOEXEC, 010770);
   if (fd < 0) {
     PRINT_ERROR_AT(218, "Open file %s error.\n", path);

@@ -1,0 +1,116 @@
+// A class request from its event to its response: the service's control thread against a thread with the same
+// waiting that answers at once; and what the control thread costs, idle and streaming.
+#include <benchmark/benchmark.h>
+#include <pthread.h>
+#include <time.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "bench/medians.h"
+#include "common/cancel.h"
+#include "ipc/VeltoDrvMsg.h"
+#include "ipc/msg_records.h"
+#include "platform/sys.h"
+#include "sim/node.h"
+#include "sim/run.h"
+#include "uvc/uvc_class.h"
+#include "uvc/uvc_gadget_device.h"
+#include "uvc/uvc_state.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr u8 kProbe = 1;
+
+void* empty_loop(void*) {
+  int former;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former);
+  UvcEventLoop loop = {.device = &uvc_video_fd, .request = {}};
+  uvc_event_subscribe(loop);
+  for (u32 polls = 0;;) {
+    if (uvc_stream_state.stream_on && polls < 2000) {
+      polls++;
+    } else {
+      polls = 0;
+      CancelPoint cancel_point;
+      sys::usleep(1000);
+    }
+    v4l2_event event;
+    if (sys::ioctl(uvc_video_fd, VIDIOC_DQEVENT, &event) < 0) continue;
+    UvcRequestData response = {.length = 26, .data = {}};
+    sys::ioctl(uvc_video_fd, UVCIOC_SEND_RESPONSE, &response);
+  }
+}
+
+// The node open and one of the two threads behind it, for as long as it lives.
+class ControlThread {
+ public:
+  ControlThread(void* (*body)(void*), i32 streaming) {
+    uvc_device_open();
+    uvc_stream_state.stream_on = streaming;
+    pthread_create(&thread_, nullptr, body, &uvc_video_fd);
+    sim::NodeHost().wait_for_device(std::chrono::seconds(2));
+  }
+  ~ControlThread() {
+    pthread_cancel(thread_);
+    pthread_join(thread_, nullptr);
+    uvc_device_close();
+  }
+  double cpu_seconds() const {
+    clockid_t clock;
+    timespec used;
+    pthread_getcpuclockid(thread_, &clock);
+    clock_gettime(clock, &used);
+    return static_cast<double>(used.tv_sec) + 1e-9 * static_cast<double>(used.tv_nsec);
+  }
+
+ private:
+  pthread_t thread_;
+};
+
+void request(benchmark::State& state, void* (*body)(void*), i32 streaming) {
+  const ControlThread thread(body, streaming);
+  sim::NodeHost host;
+  usb_ctrlrequest setup = {0xA1, UVC_GET_CUR, kProbe << 8, 1, 26};
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    const sim::ControlAnswer answer = host.control(setup);
+    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+    if (answer.data.size() != 26) state.SkipWithError("no answer");
+  }
+}
+
+void request_idle(benchmark::State& state) { request(state, uvc_class_procesing, 0); }
+void empty_idle(benchmark::State& state) { request(state, empty_loop, 0); }
+void request_streaming(benchmark::State& state) { request(state, uvc_class_procesing, 1); }
+void empty_streaming(benchmark::State& state) { request(state, empty_loop, 1); }
+
+BENCHMARK(request_idle)->UseManualTime();
+BENCHMARK(empty_idle)->UseManualTime();
+BENCHMARK(request_streaming)->UseManualTime();
+BENCHMARK(empty_streaming)->UseManualTime();
+
+double cpu_percent(i32 streaming) {
+  const ControlThread thread(uvc_class_procesing, streaming);
+  const double before = thread.cpu_seconds();
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  return (thread.cpu_seconds() - before) / 2 * 100;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const sim::Run run;
+  sys::system("insmod /opt/vcam/ko/extdrv/g_webcam.ko");
+  VeltoDrvInit(kVeltoProcess);
+  Medians ns = run_benchmarks(argc, argv);
+  for (const std::string state : {"idle", "streaming"}) {
+    std::printf("control request, %s: %.3f of an empty loop with the same waiting (aim: at most 1.10)\n",
+                state.c_str(), ns["request_" + state] / ns["empty_" + state]);
+  }
+  std::printf("control thread: %.1f %% of a core idle, %.1f %% streaming (simulated node)\n", cpu_percent(0),
+              cpu_percent(1));
+}

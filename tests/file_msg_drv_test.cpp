@@ -1,0 +1,275 @@
+#include "ipc/file_msg_drv.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <filesystem>
+#include <vector>
+
+#include "support/print.h"
+#include "tests/ipc_peer.h"
+
+// Found by the leak sanitizer; the second failure of ReplaceConfigLine leaves its first file open on purpose.
+extern "C" const char* __lsan_default_suppressions() { return "leak:ReplaceConfigLine"; }
+
+namespace {
+
+using testing::HasSubstr;
+
+constexpr std::size_t kSegment = 8192;
+
+class FileMsgDrv : public testing::Test {
+ protected:
+  FileMsgDrv() { std::fill_n(segment, kSegment, 0xEE); }
+  ~FileMsgDrv() { shmdt(segment); }
+
+  void open() { ASSERT_EQ(InitFileMsgDrv(kFileMsgKey, kFileMsgProcess), 0); }
+  void mark(std::size_t offset) { put_le32(segment + offset, SYSINFO_MAGIC); }
+  std::string record(const std::string& rest) const {
+    char text[64];
+    std::snprintf(text, sizeof text, " 8:10000000 12:%08X", static_cast<u32>(__builtin_bswap32(u32(id))));
+    return rest.substr(0, 10) + (id ? text : " 8:10000000") + rest.substr(10);
+  }
+  /// The bytes that a call changed, as runs: "240:78563412".
+  std::string changes(const std::vector<u8>& before) const {
+    std::string text;
+    char byte[16];
+    for (std::size_t i = 0; i < kSegment; i++) {
+      if (segment[i] == before[i]) continue;
+      if (i == 0 || segment[i - 1] == before[i - 1])
+        text += (text.empty() ? "" : " ") + std::to_string(i) + ":";
+      std::snprintf(byte, sizeof byte, "%02X", segment[i]);
+      text += byte;
+    }
+    return text;
+  }
+  static void accept(FileMsgBuf& reply) { reply.length = kSysInfoLength; }
+
+  sim::Run run;
+  FilePeer peer{kFileMsgKey};
+  int id = shmget(sim::run_key(kFileMsgKey), kSegment, IPC_CREAT | 0660);
+  u8* segment = static_cast<u8*>(shmat(id, nullptr, 0));
+};
+
+TEST_F(FileMsgDrv, GettersPointIntoTheSegment) {
+  open();
+  mark(0);
+  mark(kSysStateOffset);
+  put_le32(segment + 284, 7);
+  put_le32(segment + 2956 + 80, CAMERA_CACHE_VALID);
+  ASSERT_NE(GetSysInfo(), nullptr);
+  EXPECT_EQ(GetSysInfo()->usb_port, 7u);
+  EXPECT_EQ(GetSysCameraCache()->valid, CAMERA_CACHE_VALID);
+  *GetSysRequestFlags() = 1;
+  EXPECT_EQ(get_le32(segment + 3040), 1u);
+  EXPECT_EQ(static_cast<u8*>(GetSysState(true)) - reinterpret_cast<u8*>(GetSysInfo()), 2640);
+  EXPECT_EQ(GetSysState(false), GetSysState(true));
+  EXPECT_EQ(sim::sleep_count().calls, 0u);
+  const void* cache = GetSysCameraCache();
+  CleanupFileMsgDrv();
+  EXPECT_EQ(GetSysCameraCache(), cache);
+}
+
+TEST_F(FileMsgDrv, WaitsForTheMarkersTenSeconds) {
+  open();
+  sim::set_sleep_divisor(1000);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(GetSysInfo(), nullptr);
+  EXPECT_EQ(sim::sleep_count().calls, 1000u);
+  EXPECT_EQ(sim::sleep_count().microseconds, 10000000u);
+  EXPECT_EQ(GetSysState(true), nullptr);
+  EXPECT_EQ(sim::sleep_count().calls, 2000u);
+  const std::string text = testing::internal::GetCapturedStderr();
+  EXPECT_THAT(text, HasSubstr("Timeout!\n"));
+  EXPECT_NE(text.find("Timeout!\n"), text.rfind("Timeout!\n"));
+  EXPECT_NE(GetSysState(false), nullptr);
+
+  sim::set_sleep_divisor(1);
+  std::thread server([this] {
+    usleep(30000);
+    std::atomic_ref<u32>(*reinterpret_cast<u32*>(segment)).store(SYSINFO_MAGIC);
+  });
+  EXPECT_NE(GetSysInfo(), nullptr);
+  server.join();
+}
+
+SysRecord52 record52(u8 byte) {
+  SysRecord52 record;
+  std::fill_n(record.bytes, sizeof record.bytes, byte);
+  return record;
+}
+
+struct Setter {
+  const char* name;
+  i32 (*set)();
+  const char* changed;  // runs of bytes in the segment, which holds EE everywhere before
+  const char* section;  // in the record; empty: nothing is sent
+};
+
+std::string repeated(const char* text, int times) {
+  std::string result;
+  while (times-- > 0) result += text;
+  return result;
+}
+
+TEST_F(FileMsgDrv, SettersWriteTheirFieldAndTellTheServer) {
+  const std::string first52 = "4:" + repeated("07", 52), last52 = "160:" + repeated("07", 52);
+  const std::string only28 = "212:" + repeated("00", 28);
+  const Setter setters[] = {
+      {"word240", [] { return SetSysWord240(0x12345678); }, "240:78563412", "20:02000000"},
+      {"mac", [] { return SetSysMac("02:a6:B5:04:5:0006"); }, "244:02A6B5040500", "20:02000000"},
+      {"mac short", [] { return SetSysMac("12:34"); }, "244:123400000000", "20:02000000"},
+      {"mac none", [] { return SetSysMac("what"); }, "244:000000000000", "20:02000000"},
+      {"word252", [] { return SetSysWord252(1); }, "252:01000000", "20:02000000"},
+      {"word256", [] { return SetSysWord256(1); }, "256:01000000", "20:02000000"},
+      {"word260", [] { return SetSysWord260(1); }, "260:01000000", "20:02000000"},
+      {"web port", [] { return SetSysWebPort(8080); }, "264:901F", "20:02000000"},
+      {"half266", [] { return SetSysHalf266(0x1234); }, "266:3412", "20:02000000"},
+      {"half268", [] { return SetSysHalf268(0x1234); }, "268:3412", "20:02000000"},
+      {"listen port", [] { return SetSysListenPort(1935); }, "270:8F07", "20:02000000"},
+      {"half272", [] { return SetSysHalf272(0x1234); }, "272:3412", "20:02000000"},
+      {"half274", [] { return SetSysHalf274(0x1234); }, "274:3412", "20:02000000"},
+      {"half276", [] { return SetSysHalf276(0x1234); }, "276:3412", "20:02000000"},
+      {"byte278", [] { return SetSysByte278(9); }, "278:09", "20:02000000"},
+      {"byte279", [] { return SetSysByte279(9); }, "279:09", "20:02000000"},
+      {"record 0", [] { return SetSysRecord52(record52(7), 0); }, first52.c_str(), "20:01000000"},
+      {"record 3", [] { return SetSysRecord52(record52(7), 3); }, last52.c_str(), "20:01000000"},
+      {"equal", [] { return SetSysRecord52(record52(0xEE), 2); }, "", ""},
+      {"record 28", [] { return SetSysRecord28({}); }, only28.c_str(), "20:04000000"},
+  };
+  open();
+  for (const Setter& row : setters) {
+    SCOPED_TRACE(row.name);
+    std::fill_n(segment, kSegment, 0xEE);
+    const std::vector<u8> before(segment, segment + kSegment);
+    if (*row.section)
+      EXPECT_EQ(peer.serve([&] { EXPECT_EQ(row.set(), 0); }, accept),
+                record("4:01000000 " + std::string(row.section)));
+    else
+      EXPECT_EQ(row.set(), 0);
+    EXPECT_EQ(changes(before), row.changed);
+  }
+  const std::vector<u8> before(segment, segment + kSegment);
+  for (const i32 index : {4, -1, INT_MIN, INT_MAX}) EXPECT_EQ(SetSysRecord52(record52(1), index), -1);
+  EXPECT_EQ(changes(before), "");
+}
+
+TEST_F(FileMsgDrv, OnlyTheExactReplyLengthIsSuccess) {
+  open();
+  struct Request {
+    i32 (*call)();
+    const char* record;
+    const char* failure;
+  };
+  const Request requests[] = {
+      {[] { return SetSysInfo(kSectionNetwork); }, "4:01000000 20:02000000", "Data write error\n"},
+      {fResetSysInfo, "4:02000000", "FILE_MSG_RESET fail\n"},
+      {fSaveSysDefInfo, "4:03000000", "FILE_MSG_SAVE_DEF fail\n"},
+  };
+  for (const auto& [call, sent, failure] : requests)
+    for (const i32 length : {2639, 2640, 2641, 0, -1}) {
+      testing::internal::CaptureStderr();
+      i32 result = 1;
+      EXPECT_EQ(peer.serve([&] { result = call(); }, [&](FileMsgBuf& reply) { reply.length = length; }),
+                record(sent));
+      EXPECT_EQ(result, length == 2640 ? 0 : -1);
+      EXPECT_EQ(testing::internal::GetCapturedStderr().find(failure) != std::string::npos, length != 2640);
+    }
+}
+
+TEST_F(FileMsgDrv, QueueIsOpenedAnewAfterThreeFailures) {
+  open();
+  msgctl(peer.queue(), IPC_RMID, nullptr);
+  const FilePeer restarted(kFileMsgKey);
+  for (int failure = 0; failure < 3; failure++) EXPECT_EQ(SetSysInfo(1), -1);
+  const std::string sent = restarted.serve([] { EXPECT_EQ(SetSysInfo(1), 0); }, accept);
+  EXPECT_EQ(sent, record("4:01000000 20:01000000"));
+}
+
+TEST_F(FileMsgDrv, NoticeGoesToTheStoredQueue) {
+  open();
+  const FilePeer other(kSysMsgKey);
+  SetFileMsgQueue(other.queue());
+  SendFileMsgNotice();
+  ASSERT_EQ(other.waiting(), 1u);
+  EXPECT_EQ(record_text(other.take(), kFileMsgPayload), "");
+}
+
+TEST_F(FileMsgDrv, PortSettersRewriteTheConfigurationFiles) {
+  open();
+  run.write_file("/etc/srs.conf", "listen  1;\nmax 1000;\nlistening 2;\n listen 3;\nlisten");
+  run.write_file("/opt/vcam/www/config/lighttpd.conf", "server.port = 80\nserver.port=81\n");
+  peer.serve([] { EXPECT_EQ(SetSysListenPort(65535), 0); }, accept);
+  peer.serve([] { EXPECT_EQ(SetSysWebPort(8080), 0); }, accept);
+  EXPECT_EQ(run.read_file("/etc/srs.conf"),
+            "listen\t\t65535;\nmax 1000;\nlisten\t\t65535;\n listen 3;\nlisten\t\t65535;\n");
+  EXPECT_EQ(run.read_file("/opt/vcam/www/config/lighttpd.conf"), "server.port = 8080\nserver.port=81\n");
+  EXPECT_THAT(run.shell_log(), HasSubstr("rm /etc/srs.conf;mv /etc/srs.conf.bak /etc/srs.conf\n"));
+}
+
+TEST_F(FileMsgDrv, ReplacedFilesLoseNothingElse) {
+  using namespace std::string_literals;
+  const std::string body = "\0a\n"s + "key\0x\n"s + std::string(511, 'b') + "key\n" + std::string(3000, 'c');
+  const std::string after = "\0a\n"s + "new\n" + std::string(511, 'b') + "new\n" + std::string(3000, 'c');
+  run.write_file("/etc/x.conf", body);
+  EXPECT_EQ(ReplaceConfigLine("/etc/x.conf", "key", "new\n"), 0);
+  EXPECT_EQ(run.read_file("/etc/x.conf"), after);
+
+  const std::string longest = "/etc/" + std::string(118, 'f');
+  for (const std::string& path : {longest, longest + "f"}) {
+    run.write_file(path, "key\n");
+    const bool fits = path == longest;
+    EXPECT_EQ(ReplaceConfigLine(path.c_str(), "key", "new\n"), fits ? 0 : -1);
+    EXPECT_EQ(run.read_file(path), fits ? "new\n" : "key\n");
+  }
+}
+
+std::size_t open_files() {
+  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
+
+TEST_F(FileMsgDrv, UnopenedFilesLeaveTheConfigurationAlone) {
+  const std::size_t before = open_files();
+  EXPECT_EQ(ReplaceConfigLine("/etc/missing.conf", "key", "new\n"), -1);
+  EXPECT_EQ(open_files(), before);
+  run.write_file("/etc/x.conf", "key\n");
+  std::filesystem::create_directory(run.path("/etc/x.conf.bak"));
+  EXPECT_EQ(ReplaceConfigLine("/etc/x.conf", "key", "new\n"), -1);
+  EXPECT_EQ(open_files(), before + 1);
+  EXPECT_EQ(run.read_file("/etc/x.conf"), "key\n");
+  EXPECT_EQ(run.shell_log(), "");
+}
+
+TEST_F(FileMsgDrv, WithoutAnAttachedSegmentNothingIsRead) {
+  EXPECT_EQ(GetSysInfo(), nullptr);
+  EXPECT_EQ(GetSysCameraCache(), nullptr);
+  EXPECT_EQ(GetSysRequestFlags(), nullptr);
+  EXPECT_EQ(GetSysState(false), nullptr);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(GetSysState(true)), 2640u);
+  EXPECT_EQ(SetSysWord240(1), -1);
+  EXPECT_EQ(SetSysMac("1:2:3:4:5:6"), -1);
+  EXPECT_EQ(SetSysListenPort(1), -1);
+  EXPECT_EQ(SetSysWebPort(1), -1);
+  EXPECT_EQ(SetSysRecord52({}, 0), -1);
+  EXPECT_EQ(SetSysRecord28({}), -1);
+  EXPECT_EQ(peer.waiting(), 0u);
+}
+
+TEST_F(FileMsgDrv, TooSmallASegmentFailsTheStartAndRemovesTheQueue) {
+  shmctl(id, IPC_RMID, nullptr);
+  const int small = shmget(sim::run_key(kFileMsgKey), 3043, IPC_CREAT | 0660);
+  ASSERT_GE(small, 0);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(InitFileMsgDrv(kFileMsgKey, kFileMsgProcess), -1);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("Share memory id error\n"));
+  EXPECT_EQ(msgget(sim::run_key(kFileMsgKey), 0), -1);
+  EXPECT_EQ(GetSysInfo(), nullptr);
+}
+
+}  // namespace
