@@ -3,7 +3,6 @@
 #include <benchmark/benchmark.h>
 #include <semaphore.h>
 #include <sys/shm.h>
-#include <sys/time.h>
 
 #include <atomic>
 #include <cstdio>
@@ -52,9 +51,7 @@ void plain_calls(benchmark::State& state) {
   for (auto _ : state) {
     EncFrameSlot& slot = publish(seq++, state.range(0));
     int posts;
-    timeval now;
     sem_getvalue(ready, &posts);
-    gettimeofday(&now, nullptr);
     state_of(slot).store(kSlotReading);
     std::memcpy(buffer.data(), slot.data, static_cast<std::size_t>(state.range(0)));
     benchmark::ClobberMemory();

@@ -4,6 +4,7 @@
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <deque>

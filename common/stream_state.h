@@ -8,13 +8,20 @@ struct UvcStreamState {
   Word exit_flag;         ///< 1: the service ends; set by a signal, or when the ring cannot be attached
   Word second_cnt_count;  ///< calls of second_cnt() in the running second
   Word second_cnt_sec;    ///< that second, of the wall clock
-  Word reserved;
-  Word stream_on;       ///< 1 while the host streams and VIDIOC_STREAMON has succeeded
-  Word stream_stopped;  ///< 1 from a DISCONNECT to the next CONNECT or stream start
-  Word connected;       ///< 1 from a CONNECT to the next DISCONNECT
+  Word stream_starts;     ///< counts the VIDIOC_STREAMON that succeeded
+  Word stream_on;         ///< 1 while the host streams and VIDIOC_STREAMON has succeeded
+  Word stream_stopped;    ///< 1 from a DISCONNECT to the next CONNECT or stream start
+  Word connected;         ///< 1 from a CONNECT to the next DISCONNECT
 
   bool streaming() const { return stream_on != 0 && stream_stopped == 0; }
 };
 static_assert(sizeof(UvcStreamState) == 28);
 
 extern UvcStreamState uvc_stream_state;
+
+/// The stream that the streaming loop feeds, by its number in stream_starts. Main thread only.
+extern i32 fed_stream;
+
+/// Whether the loop may go on feeding its stream: the host still wants it, it did not end and begin anew
+/// behind the loop's back, and the service is not ending. Main thread only.
+bool stream_goes_on();

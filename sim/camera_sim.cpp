@@ -229,14 +229,18 @@ ReportRow Session::stream_once(const std::string& name, const StreamChoice& choi
       row.result = host.progress();
       print_progress(row);
     }
+    if (!service_.running()) host.unplug();  // as the driver does it
     row.result = host.stop(picture_path(options_, name));
   }
-  row.error = host.error();
+  row.error = service_.running() ? host.error() : "the service has ended";
   return row;
 }
 
 bool Session::wait_for_cable() {
-  if (!wait(kDeviceLimit, [&] { return camera_.host.plugged(); })) return false;
+  if (!wait(kDeviceLimit, [&] { return camera_.host.plugged(); })) {
+    if (going_on()) complain("the cable was not put back");
+    return false;
+  }
   if (camera_.host.enumerate()) return true;
   complain("after the replug: " + camera_.host.error());
   return false;

@@ -47,6 +47,7 @@ class Encoder {
   AvPtr<AVPacket> packet_{av_packet_alloc()};
   i64 pictures_ = 0;
   int since_key_ = 0;
+  int interval_ = 1;  ///< of key frames: a shorter one acts at once, a longer one from the next key frame on
   int jpeg_scale_ = 0;
 };
 

@@ -1,9 +1,10 @@
 #include "sim/fault_script.h"
 
+#include <regex.h>
+
 #include <algorithm>
 #include <charconv>
 #include <iterator>
-#include <regex>
 #include <sstream>
 #include <vector>
 
@@ -68,6 +69,16 @@ bool take_time(std::vector<std::string>& words, std::string_view word, std::opti
   return true;
 }
 
+bool fits(const FaultForm& form, const std::string& action) {
+  regex_t pattern;
+  if (regcomp(&pattern, (std::string("^(") + form.pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
+    return false;
+  }
+  const bool matches = regexec(&pattern, action.c_str(), 0, nullptr, 0) == 0;
+  regfree(&pattern);
+  return matches;
+}
+
 std::string joined(const std::vector<std::string>& words) {
   std::string text;
   for (const auto& word : words) text += (text.empty() ? "" : " ") + word;
@@ -81,8 +92,7 @@ std::optional<Fault> parse_fault(std::string_view text, std::string& error) {
   std::optional<double> at, duration;
   if (!take_time(words, "at", at, error) || !take_time(words, "for", duration, error)) return std::nullopt;
   const std::string action = joined(words);
-  const auto form = std::ranges::find_if(
-      kForms, [&](const FaultForm& row) { return std::regex_match(action, std::regex(row.pattern)); });
+  const auto form = std::ranges::find_if(kForms, [&](const FaultForm& row) { return fits(row, action); });
   if (form == std::end(kForms)) {
     error = "no such fault: \"" + action + '"';
     return std::nullopt;

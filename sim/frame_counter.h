@@ -3,11 +3,10 @@
 // bit rates, and a picture that is put together from two frames shows two different counters.
 #pragma once
 
-#include <libavutil/frame.h>
-
 #include <optional>
 
 #include "common/bytes.h"
+#include "sim/av.h"
 
 namespace sim {
 

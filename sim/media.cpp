@@ -94,16 +94,19 @@ struct Media::Impl {
   AVFrame& next_scene(const EncoderSettings& settings);
 
   const MediaOptions options;
-  std::mutex mutex;  ///< guards the next five
+  std::mutex mutex;
+
+  // Under the mutex.
   std::condition_variable changed;
   EncoderSettingsMessage wanted{};
   EncoderFault fault = EncoderFault::kNone;
   bool new_stream = false;
   bool quit = false;
 
+  RingWriter ring;  ///< used by the media thread, emptied by any
+  VpssModel vpss;   ///< the same
+
   // Of the media thread alone.
-  RingWriter ring;
-  VpssModel vpss;
   Encoder encoder;
   std::optional<Scene> scene;
   Clock::time_point next_tick = Clock::now();

@@ -116,7 +116,7 @@ constexpr OptionRow kRows[] = {
     {"fault", "TEXT", "something goes wrong (see below); may be given several times", add_fault},
     {"print-level", "LEVEL", "the service's print level: debug, info, warn, error, verbose", set_print_level},
     {"log", "LEVEL", "print what the log collector gets, up to this level", set_log_level},
-    {"out", "DIR", "folder for received pictures and service.log (out)",
+    {"out", "DIR", "folder for received pictures and the logs of service, server and node (out)",
      [](Options& options, std::string_view text) { return options.out = text, Complaint(); }},
     {"service", "PATH", "the service program (uvc_gadget_sim beside this program)",
      [](Options& options, std::string_view text) { return options.service = text, Complaint(); }},

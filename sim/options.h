@@ -20,7 +20,7 @@ struct Options {
   std::vector<Fault> faults;
   std::string print_level;      ///< of the service; empty: its own
   std::optional<u8> log_level;  ///< the collector prints up to this level
-  std::string out = "out";      ///< folder for pictures and the service's output
+  std::string out = "out";      ///< folder for pictures and logs
   std::string service;          ///< empty: uvc_gadget_sim beside this program
   bool paced = false;
   bool verbose = false;

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 
 namespace sim {
@@ -54,10 +55,12 @@ void print_table_head() {
 void print_row(const ReportRow& row) {
   const StreamReport& report = row.result.report;
   const unsigned long bytes = report.frames ? report.bytes / report.frames : 0;
-  std::printf("%s%-22s %6lu %8.1f %11lu %7.1f/%7.1f  %4lu %4lu %3lu %5lu %5lu %8.0f  %s\n", line_start(),
+  const double first = row.result.first_picture_ms;
+  const std::string first_ms = first < 0 ? "-" : std::to_string(std::lround(first));
+  std::printf("%s%-22s %6lu %8.1f %11lu %7.1f/%7.1f  %4lu %4lu %3lu %5lu %5lu %8s  %s\n", line_start(),
               row.name.c_str(), report.frames, row.result.rate(), bytes, report.latency_ms,
               report.latency_max_ms, report.lost, report.torn, report.repeated, report.stale, report.empty,
-              row.result.first_picture_ms, verdict(row).c_str());
+              first_ms.c_str(), verdict(row).c_str());
   std::fflush(stdout);
 }
 

@@ -33,6 +33,7 @@ struct Gadget {
     v4l2_format format = yuyv(width, height);
     return call(VIDIOC_S_FMT, &format);
   }
+  /// VIDIOC_REQBUFS; the result as it is: some drivers give the count.
   int request(u32 count) const {
     v4l2_requestbuffers request{};
     request.count = count;

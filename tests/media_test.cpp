@@ -1,5 +1,4 @@
-// The media process against readers that follow the ring's and the media library's rules, and the frame
-// checker against streams with known damage.
+// The media process against readers that follow the ring's and the media library's rules.
 #include "sim/media.h"
 
 #include <fcntl.h>
@@ -11,47 +10,18 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
-#include <fstream>
 #include <thread>
-#include <vector>
 
 #include "platform/hi_mpi.h"
-#include "sim/encoder.h"
-#include "sim/frame_check.h"
 #include "sim/frame_counter.h"
 #include "sim/physical_memory.h"
 #include "sim/ring_writer.h"
 #include "sim/run.h"
-#include "sim/scene.h"
-#include "sim/vpss_model.h"
 #include "sim/wait_on.h"
+#include "tests/media_helpers.h"
 
 namespace sim {
 namespace {
-
-using Bytes = std::vector<u8>;
-
-void sleep_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
-EncoderSettings settings(EncoderCodec codec, i32 width = 320, i32 height = 240, i32 rate = 60) {
-  switch (codec) {
-    case kCodecMjpeg:
-      return {width, height, rate, 0, codec, 1, {40960, 99, 60}};
-    case kCodecH264:
-      return {width, height, rate, 0, codec, 0, {1, 60, 12288}};
-    default:
-      return {width, height, rate, 0, codec, 0, {60, 12288}};
-  }
-}
-EncoderSettingsMessage start(const EncoderSettings& wanted) { return {2, 1, wanted}; }
-EncoderSettingsMessage stop(const EncoderSettings& wanted) { return {2, 0, wanted}; }
-
-StreamFormat format_of(i32 codec) {
-  constexpr StreamFormat kFormats[] = {StreamFormat::kH264, StreamFormat::kMjpeg, StreamFormat::kH265,
-                                       StreamFormat::kYuy2};
-  return kFormats[codec];
-}
 
 struct RingFrame {
   u32 type, width, height;
@@ -103,81 +73,6 @@ class RingReader {
   EncFrameSlot* slots_;
   sem_t *ready_, *released_;
 };
-
-std::string text(const StreamReport& r) {
-  std::string line;
-  for (auto [name, value] : {std::pair{"frames", r.frames},
-                             {"empty", r.empty},
-                             {"leading", r.leading},
-                             {"lost", r.lost},
-                             {"torn", r.torn},
-                             {"repeated", r.repeated},
-                             {"stale", r.stale}}) {
-    if (value) line += std::string(line.empty() ? "" : " ") + name + "=" + std::to_string(value);
-  }
-  return line;
-}
-
-TEST(Counter, SurvivesEveryCodecAtEverySize) {
-  constexpr int kSizes[][2] = {{1920, 1080}, {1600, 1200}, {1280, 720}, {1024, 576}, {960, 540},
-                               {720, 576},   {640, 480},   {640, 360},  {352, 288},  {320, 240}};
-  for (auto [width, height] : kSizes) {
-    for (EncoderCodec codec : {kCodecMjpeg, kCodecH264, kCodecH265}) {
-      EncoderSettings wanted = settings(codec, width, height, 30);
-      for (i32& word : wanted.rc_param)
-        if (word > 10000) word = 2048;  // kbit/s: the least that a record ever asks for
-      Scene scene("", width, height, codec == kCodecMjpeg);
-      Encoder encoder;
-      FrameChecker checker(format_of(codec), width, height);
-      for (u32 counter : {0xFFFFFFFEu, 0xFFFFFFFFu, 0u})
-        checker.feed(encoder.encode(wanted, scene.picture(counter), false)->data);
-      EXPECT_EQ(text(checker.report()), "frames=3") << width << " x " << height << " codec " << codec;
-    }
-  }
-}
-
-TEST(Counter, IsRefusedWhereThereIsNone) {
-  Scene scene("", 640, 480, false);
-  const AVFrame& picture = scene.picture(77);
-  const u32 stride = picture.linesize[0];
-  EXPECT_EQ(read_counter({picture.data[0], 640, 480, stride}, Strip::kBottom), 77u);
-  EXPECT_FALSE(read_counter({picture.data[0] + 100 * stride, 640, 300, stride}, Strip::kTop));
-  EXPECT_FALSE(read_counter({picture.data[0], 60, 480, stride}, Strip::kTop));
-  for (u8 level : {u8{0}, u8{16}, u8{235}, u8{255}}) {
-    const Bytes flat(std::size_t{640} * 480, level);
-    EXPECT_FALSE(read_counter({flat.data(), 640, 480, 640}, Strip::kTop)) << int{level};
-  }
-}
-
-TEST(RateControl, ReadsTheRecordsWordsAndClampsThem) {
-  const struct {
-    EncoderCodec codec;
-    i32 mode;
-    i32 words[5];
-    RateControl rate;
-    int key_interval;
-  } cases[] = {
-      {kCodecH264, 0, {1, 60, 12288}, {12288000, 10, 51}, 60},
-      {kCodecH264, 1, {1, 50, 12288, 12, 40}, {12288000, 12, 40}, 50},
-      {kCodecH264, 2, {1, 60, 24, 25, 26}, {0, 25, 25}, 60},
-      {kCodecH264, 3, {1, 1, 2048}, {2048000, 10, 51}, 1},
-      {kCodecH265, 1, {60, 12288, 10, 40}, {12288000, 10, 40}, 60},
-      {kCodecH265, 2, {60, 25, 27}, {0, 27, 27}, 60},
-      {kCodecMjpeg, 0, {32768}, {32768000, 2, 31}, 1},
-      {kCodecMjpeg, 1, {40960, 99, 60}, {40960000, 2, 6}, 1},
-      {kCodecMjpeg, 2, {80}, {0, 3, 3}, 1},
-      {kCodecH265, 1, {-5, -1, 0x7FFFFFFF, -3}, {64000, 51, 51}, 1},
-      {kCodecMjpeg, 1, {0x7FFFFFFF, 0, 1000}, {100000000, 31, 31}, 1},
-  };
-  for (const auto& c : cases) {
-    EncoderSettings record{320, 240, 30, 0, c.codec, c.mode, {}};
-    std::copy(std::begin(c.words), std::end(c.words), record.rc_param);
-    EXPECT_EQ(rate_control(record), c.rate) << c.codec << " mode " << c.mode;
-    EXPECT_EQ(key_frame_interval(record), c.key_interval) << c.codec << " mode " << c.mode;
-    Scene scene("", 320, 240, c.codec == kCodecMjpeg);
-    EXPECT_TRUE(Encoder().encode(record, scene.picture(1), false)) << c.codec << " mode " << c.mode;
-  }
-}
 
 class RingTest : public testing::Test {
  protected:
@@ -260,12 +155,12 @@ TEST_F(RingTest, WithoutAReaderTheRingStaysFreshAndDecodable) {
   Media media;
   RingReader reader;
   media.apply(start(settings(kCodecH264)));
-  for (int round = 0; round < 3; ++round) {
-    sleep_ms(450);
+  for (int round = 0; round < 2; ++round) {
+    sleep_ms(700);
     FrameChecker checker(StreamFormat::kH264, 320, 240);
     for (int i = 0; i < 6; ++i) check(reader.take(), checker);
     EXPECT_EQ(text(checker.report()), "frames=6");
-    EXPECT_LT(checker.report().latency_max_ms, 250);
+    EXPECT_LT(checker.report().latency_max_ms, 500);
   }
   EXPECT_GT(media.counts().dropped, 0u);
 }
@@ -454,80 +349,6 @@ TEST_F(VpssTest, OnlyThePhysicalMemoryCanBeMapped) {
     EXPECT_EQ(HI_MPI_SYS_Munmap(start, c.size), 0);
   }
   EXPECT_NE(HI_MPI_SYS_Munmap(nullptr, 4096), 0);
-}
-
-/// Ten payloads with counters in a row, none of which a media process has used.
-std::vector<Bytes> payloads(EncoderCodec codec) {
-  Scene scene("", 320, 240, codec == kCodecMjpeg);
-  Encoder encoder;
-  EncoderSettings wanted = settings(codec);
-  if (codec == kCodecH264) wanted.rc_param[1] = 1;
-  if (codec == kCodecH265) wanted.rc_param[0] = 1;
-  std::vector<Bytes> all;
-  for (u32 counter = 0; counter < 10; ++counter) {
-    AVFrame& picture = scene.picture(0x40000000 + counter);
-    if (codec == kCodecYuy2) {
-      all.push_back(yuy2_payload(picture));
-    } else {
-      const auto data = encoder.encode(wanted, picture, false)->data;
-      all.emplace_back(data.begin(), data.end());
-    }
-  }
-  return all;
-}
-
-TEST(Checker, ReportsEveryKindOfDamage) {
-  const struct {
-    const char* fed;  ///< digits: that payload; e: empty; t: torn between 4 and 5; c: cut short
-    const char* report;
-  } cases[] = {
-      {"0123456789", "frames=10"},         {"ee012", "frames=3 leading=2"},
-      {"01e2", "frames=3 empty=1"},        {"0125", "frames=4 lost=2"},
-      {"01123", "frames=4 repeated=1"},    {"01213", "frames=4 stale=1"},
-      {"34t67", "frames=4 lost=1 torn=1"}, {"t6", "frames=1 torn=1"},
-      {"01c3", "frames=3 lost=1 torn=1"},  {"", ""},
-  };
-  for (EncoderCodec codec : {kCodecMjpeg, kCodecH264, kCodecH265, kCodecYuy2}) {
-    const std::vector<Bytes> all = payloads(codec);
-    const auto payload = [&](char what) -> Bytes {
-      if (what == 'e') return {0, 0};
-      if (what == 'c') return {all[2].begin(), all[2].end() - static_cast<long>(all[2].size() / 3)};
-      if (what != 't') return all[what - '0'];
-      Bytes torn = all[5];
-      const auto half = static_cast<long>(std::min(all[4].size(), all[5].size()) / 2);
-      std::copy_n(all[4].begin(), half, torn.begin());
-      return torn;
-    };
-    for (const auto& c : cases) {
-      FrameChecker checker(format_of(codec), 320, 240);
-      for (const char* what = c.fed; *what; ++what) checker.feed(payload(*what));
-      EXPECT_EQ(text(checker.report()), c.report) << codec << ": " << c.fed;
-    }
-    FrameChecker other_size(format_of(codec), 352, 288);
-    other_size.feed(all[0]);
-    EXPECT_EQ(text(other_size.report()), "torn=1");
-  }
-}
-
-TEST(Checker, AWholePictureServesAsASource) {
-  const std::string path = testing::TempDir() + "media_test." + std::to_string(getpid()) + ".png";
-  FrameChecker checker(StreamFormat::kMjpeg, 320, 240);
-  EXPECT_FALSE(checker.write_png(path));
-  checker.feed(payloads(kCodecMjpeg)[3]);
-  ASSERT_TRUE(checker.write_png(path));
-  EXPECT_FALSE(checker.write_png("/nowhere/picture.png"));
-
-  Scene scene(path, 640, 480, false);
-  for (u32 counter : {900u, 901u, 902u}) {
-    const AVFrame& picture = scene.picture(counter);
-    EXPECT_EQ(read_counter({picture.data[0], 640, 480, static_cast<u32>(picture.linesize[0])}, Strip::kTop),
-              counter);
-    const u8* bars = picture.data[0] + 60 * picture.linesize[0];
-    EXPECT_NEAR(bars[30], 180, 12);
-    EXPECT_NEAR(bars[620], 16, 12);
-    EXPECT_GE(bars[620], 16);
-  }
-  unlink(path.c_str());
 }
 
 }  // namespace

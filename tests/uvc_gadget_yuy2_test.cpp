@@ -6,6 +6,7 @@
 
 #include <random>
 #include <string>
+#include <utility>
 
 #include "tests/guarded_bytes.h"
 

@@ -81,7 +81,7 @@ static void on_stream_on(UvcEventLoop& loop, const v4l2_event&) {
     PRINT_INFO("VIDIOC_STREAMON  failed (%d)\n", result);
     return;
   }
-  stream_starts = stream_starts + 1;
+  uvc_stream_state.stream_starts = uvc_stream_state.stream_starts + 1;
   uvc_stream_state.stream_on = 1;
   uvc_stream_state.stream_stopped = 0;
 }

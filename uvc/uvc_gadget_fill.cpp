@@ -122,10 +122,6 @@ static bool comes_from_ring(i32 format) {
   return format == kFormatMjpeg || format == kFormatH264 || format == kFormatH265;
 }
 
-static bool may_still_come() {
-  return uvc_stream_state.stream_on && !uvc_stream_state.exit_flag && comes_from_ring(cur_format);
-}
-
 static void copy_frame(v4l2_buffer& buffer, const EncFrameSlot& slot, i32 size) {
   const u32 capacity = capacity_of(buffer);
   if (size <= 0 || static_cast<u32>(size) > capacity) {
@@ -155,7 +151,7 @@ static i32 fill_from_ring(v4l2_buffer& buffer) {
     }
     vencbuf_release(slot);
     if (fits) return 0;
-  } while (may_still_come());
+  } while (stream_goes_on());
   return -1;
 }
 

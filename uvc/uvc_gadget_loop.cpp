@@ -15,15 +15,11 @@ static constexpr u32 kDequeueFailures = 100;
 static constexpr u32 kIntraFrames =
     4;  // H.264 and H.265 run with key frames only until this frame of a stream
 
-// A stream that ended and began again behind the loop's back is not the one that the loop feeds.
-static bool streaming(const StreamLoop& loop) {
-  return uvc_stream_state.streaming() && !uvc_stream_state.exit_flag &&
-         (loop.stopped || loop.stream == stream_starts);
-}
-
 static bool has_key_frames() { return cur_format == kFormatH264 || cur_format == kFormatH265; }
 
 static void start_stream(StreamLoop& loop) {
+  loop.stopped = false;
+  fed_stream = uvc_stream_state.stream_starts;
   config_changed = 0;
   if (has_key_frames()) {
     loop.saved_gop = get_key_frame_interval();
@@ -53,7 +49,7 @@ static void count_frame(StreamLoop& loop) {
 // timeout.
 static void on_dequeue_failure(StreamLoop& loop, v4l2_buffer& buffer) {
   buffer.bytesused = 0;
-  if (streaming(loop)) sys::ioctl(uvc_video_fd, VIDIOC_QBUF, &buffer);
+  if (stream_goes_on()) sys::ioctl(uvc_video_fd, VIDIOC_QBUF, &buffer);
   loop.dq_fail_count++;
   sys::usleep(kDequeuePause);
   if (loop.dq_fail_count <= kDequeueFailures) return;
@@ -74,26 +70,26 @@ static void feed_buffer(StreamLoop& loop, u32 index) {
   count_frame(loop);
   uvc_video_fill_buffer(0, &buffer);
   loop.dq_fail_count = 0;
-  if (!streaming(loop)) return;  // the end of the stream queues this buffer, empty
+  if (!stream_goes_on()) return;  // the end of the stream queues this buffer, empty
   const i32 result = sys::ioctl(uvc_video_fd, VIDIOC_QBUF, &buffer);
   if (result < 0) PRINT_INFO("VIDIOC_QBUF failed (%d)\n", result);
 }
 
 static void feed_all_buffers(StreamLoop& loop) {
-  for (u32 i = 0; i < uvc_buffer_count && streaming(loop); i++) feed_buffer(loop, i);
+  for (u32 i = 0; i < uvc_buffer_count && stream_goes_on(); i++) feed_buffer(loop, i);
   loop.need_dequeue = true;
 }
 
+static void rest(StreamLoop& loop) {
+  if (!loop.stopped) stop_stream(loop);
+  sys::usleep(kIdlePause);
+}
+
 void stream_turn(StreamLoop& loop) {
-  if (!streaming(loop)) {
-    if (!loop.stopped) stop_stream(loop);
-    sys::usleep(kIdlePause);
-    return;
+  if (loop.stopped && uvc_stream_state.streaming()) start_stream(loop);
+  if (!loop.stopped && stream_goes_on()) {
+    feed_all_buffers(loop);
+  } else {
+    rest(loop);
   }
-  if (loop.stopped) {
-    loop.stream = stream_starts;
-    loop.stopped = false;
-    start_stream(loop);
-  }
-  feed_all_buffers(loop);
 }

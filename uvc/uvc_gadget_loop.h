@@ -11,7 +11,6 @@ struct StreamLoop {
   u32 dq_fail_count = 0;       ///< failed dequeues in a row
   u32 frames_since_start = 0;  ///< buffers filled since an H.264 or H.265 stream started, up to 4
   i32 saved_gop = 30;          ///< key-frame interval to be put back then
-  i32 stream = 0;              ///< stream_starts as it was when this stream began
 };
 
 /// One turn: starts, feeds or ends a stream, or sleeps 10 ms. A streaming turn is paced by the dequeue and

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-/// How a layout is made. Sizes count in half bytes of luma: 3 is width * height * 3 / 2.
+/// How a layout is made. Sizes are in halves of width * height: 3 is width * height * 3 / 2.
 struct LayoutRow {
   u32 needed_halves;
   u32 reported_halves;

@@ -17,14 +17,14 @@ static bool too_far(uint8x16_t worst) {
 template <bool kLook>
 bool yuy2_row_neon(const u8* luma, const u8* chroma, u8* dst, std::size_t pairs) {
   uint8x16_t worst = vdupq_n_u8(0);
-  for (; pairs >= 16; pairs -= 16, luma += 32, chroma += 32, dst += 64) {
+  for (std::size_t turns = pairs / 16; turns != 0; --turns, luma += 32, chroma += 32, dst += 64) {
     const uint8x16x2_t y = vld2q_u8(luma);
     const uint8x16x2_t vu = vld2q_u8(chroma);
     const uint8x16x4_t out = {y.val[0], vu.val[1], y.val[1], vu.val[0]};
     vst4q_u8(dst, out);
     if constexpr (kLook) worst = look(look(worst, y.val[0]), y.val[1]);
   }
-  return yuy2_row_plain<kLook>(luma, chroma, dst, pairs) || (kLook && too_far(worst));
+  return yuy2_row_plain<kLook>(luma, chroma, dst, pairs % 16) || (kLook && too_far(worst));
 }
 template bool yuy2_row_neon<false>(const u8*, const u8*, u8*, std::size_t);
 template bool yuy2_row_neon<true>(const u8*, const u8*, u8*, std::size_t);

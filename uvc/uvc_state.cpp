@@ -12,7 +12,6 @@ Word config_changed;
 Word still_trigger_format;
 Word still_trigger;
 
-Word stream_starts;
 Word exit_requested_by_signal;
 Word print_level_reload_requested;
 

@@ -28,10 +28,6 @@ extern Word config_changed;
 extern Word still_trigger_format;
 extern Word still_trigger;
 
-/// Counts the VIDIOC_STREAMON that succeeded: a loop that was busy while the host stopped and started again
-/// sees by it that its stream is over.
-extern Word stream_starts;
-
 /// Set by the signal handlers for the streaming loop, which does what a handler must not: print, log, read
 /// files.
 extern Word exit_requested_by_signal;

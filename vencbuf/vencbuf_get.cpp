@@ -100,12 +100,17 @@ static EncFrameSlot* take_oldest_ready() {
   return slot && state_of(*slot).compare_exchange_strong(expected, kSlotReading) ? slot : nullptr;
 }
 
+// Waits for the writer's post; a signal does not cut the slice short, unless it ended the stream or the service.
+static void wait_for_post() {
+  const timespec end = slice_end();
+  while (sem_timedwait(frame_ready, &end) != 0 && errno == EINTR && stream_goes_on()) continue;
+}
+
 EncFrameSlot* vencbuf_get() {
   vencbuf_clear();
-  for (int i = 0; i < kAttempts && uvc_stream_state.stream_on && !uvc_stream_state.exit_flag; i++) {
-    const timespec end = slice_end();
+  for (int i = 0; i < kAttempts && stream_goes_on(); i++) {
     if (EncFrameSlot* slot = take_oldest_ready()) return slot;
-    sem_timedwait(frame_ready, &end);
+    wait_for_post();
   }
   PRINT_ERROR("get buffer timeout!\n");
   return nullptr;

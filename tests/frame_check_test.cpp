@@ -1,0 +1,180 @@
+// The burnt-in counter, the encoder and the scene behind it, and the frame checker against known damage.
+#include "sim/frame_check.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "sim/frame_counter.h"
+#include "sim/scene.h"
+#include "sim/vpss_model.h"
+#include "tests/media_helpers.h"
+
+namespace sim {
+namespace {
+
+TEST(Counter, SurvivesEveryCodecAtEverySize) {
+  constexpr int kSizes[][2] = {{1920, 1080}, {1600, 1200}, {1280, 720}, {1024, 576}, {960, 540},
+                               {720, 576},   {640, 480},   {640, 360},  {352, 288},  {320, 240}};
+  for (auto [width, height] : kSizes) {
+    for (EncoderCodec codec : {kCodecMjpeg, kCodecH264, kCodecH265}) {
+      EncoderSettings wanted = settings(codec, width, height, 30);
+      for (i32& word : wanted.rc_param)
+        if (word > 10000) word = 2048;  // kbit/s: the least that a record ever asks for
+      Scene scene("", width, height, codec == kCodecMjpeg);
+      Encoder encoder;
+      FrameChecker checker(format_of(codec), width, height);
+      for (u32 counter : {0xFFFFFFFEu, 0xFFFFFFFFu, 0u})
+        checker.feed(encoder.encode(wanted, scene.picture(counter), false)->data);
+      EXPECT_EQ(text(checker.report()), "frames=3") << width << " x " << height << " codec " << codec;
+    }
+  }
+}
+
+TEST(Counter, IsRefusedWhereThereIsNone) {
+  Scene scene("", 640, 480, false);
+  const AVFrame& picture = scene.picture(77);
+  const u32 stride = picture.linesize[0];
+  EXPECT_EQ(read_counter({picture.data[0], 640, 480, stride}, Strip::kBottom), 77u);
+  EXPECT_FALSE(read_counter({picture.data[0] + 100 * stride, 640, 300, stride}, Strip::kTop));
+  EXPECT_FALSE(read_counter({picture.data[0], 60, 480, stride}, Strip::kTop));
+  for (u8 level : {u8{0}, u8{16}, u8{235}, u8{255}}) {
+    const Bytes flat(std::size_t{640} * 480, level);
+    EXPECT_FALSE(read_counter({flat.data(), 640, 480, 640}, Strip::kTop)) << int{level};
+  }
+}
+
+TEST(RateControl, ReadsTheRecordsWordsAndClampsThem) {
+  const struct {
+    EncoderCodec codec;
+    i32 mode;
+    i32 words[5];
+    RateControl rate;
+    int key_interval;
+  } cases[] = {
+      {kCodecH264, 0, {1, 60, 12288}, {12288000, 10, 51}, 60},
+      {kCodecH264, 1, {1, 50, 12288, 12, 40}, {12288000, 12, 40}, 50},
+      {kCodecH264, 2, {1, 60, 24, 25, 26}, {0, 25, 25}, 60},
+      {kCodecH264, 3, {1, 1, 2048}, {2048000, 10, 51}, 1},
+      {kCodecH265, 1, {60, 12288, 10, 40}, {12288000, 10, 40}, 60},
+      {kCodecH265, 2, {60, 25, 27}, {0, 27, 27}, 60},
+      {kCodecMjpeg, 0, {32768}, {32768000, 2, 31}, 1},
+      {kCodecMjpeg, 1, {40960, 99, 60}, {40960000, 2, 6}, 1},
+      {kCodecMjpeg, 2, {80}, {0, 3, 3}, 1},
+      {kCodecH265, 1, {-5, -1, 0x7FFFFFFF, -3}, {64000, 51, 51}, 1},
+      {kCodecMjpeg, 1, {0x7FFFFFFF, 0, 1000}, {100000000, 31, 31}, 1},
+  };
+  for (const auto& c : cases) {
+    EncoderSettings record{320, 240, 30, 0, c.codec, c.mode, {}};
+    std::copy(std::begin(c.words), std::end(c.words), record.rc_param);
+    EXPECT_EQ(rate_control(record), c.rate) << c.codec << " mode " << c.mode;
+    EXPECT_EQ(key_frame_interval(record), c.key_interval) << c.codec << " mode " << c.mode;
+    Scene scene("", 320, 240, c.codec == kCodecMjpeg);
+    EXPECT_TRUE(Encoder().encode(record, scene.picture(1), false)) << c.codec << " mode " << c.mode;
+  }
+}
+
+/// Ten payloads with counters in a row, none of which a media process has used.
+std::vector<Bytes> payloads(EncoderCodec codec) {
+  Scene scene("", 320, 240, codec == kCodecMjpeg);
+  Encoder encoder;
+  EncoderSettings wanted = settings(codec);
+  if (codec == kCodecH264) wanted.rc_param[1] = 1;
+  if (codec == kCodecH265) wanted.rc_param[0] = 1;
+  std::vector<Bytes> all;
+  for (u32 counter = 0; counter < 10; ++counter) {
+    AVFrame& picture = scene.picture(0x40000000 + counter);
+    if (codec == kCodecYuy2) {
+      all.push_back(yuy2_payload(picture));
+    } else {
+      const auto data = encoder.encode(wanted, picture, false)->data;
+      all.emplace_back(data.begin(), data.end());
+    }
+  }
+  return all;
+}
+
+TEST(Checker, ReportsEveryKindOfDamage) {
+  const struct {
+    const char* fed;  ///< digits: that payload; e: empty; t: torn between 4 and 5; c: cut short
+    const char* report;
+  } cases[] = {
+      {"0123456789", "frames=10"},         {"ee012", "frames=3 leading=2"},
+      {"01e2", "frames=3 empty=1"},        {"0125", "frames=4 lost=2"},
+      {"01123", "frames=4 repeated=1"},    {"01213", "frames=4 stale=1"},
+      {"34t67", "frames=4 lost=1 torn=1"}, {"t6", "frames=1 torn=1"},
+      {"01c3", "frames=3 lost=1 torn=1"},  {"", ""},
+  };
+  for (EncoderCodec codec : {kCodecMjpeg, kCodecH264, kCodecH265, kCodecYuy2}) {
+    const std::vector<Bytes> all = payloads(codec);
+    const auto payload = [&](char what) -> Bytes {
+      if (what == 'e') return {0, 0};
+      if (what == 'c') return {all[2].begin(), all[2].end() - static_cast<long>(all[2].size() / 3)};
+      if (what != 't') return all[what - '0'];
+      Bytes torn = all[5];
+      const auto half = static_cast<long>(std::min(all[4].size(), all[5].size()) / 2);
+      std::copy_n(all[4].begin(), half, torn.begin());
+      return torn;
+    };
+    for (const auto& c : cases) {
+      FrameChecker checker(format_of(codec), 320, 240);
+      for (const char* what = c.fed; *what; ++what) checker.feed(payload(*what));
+      EXPECT_EQ(text(checker.report()), c.report) << codec << ": " << c.fed;
+    }
+    FrameChecker other_size(format_of(codec), 352, 288);
+    other_size.feed(all[0]);
+    EXPECT_EQ(text(other_size.report()), "torn=1");
+  }
+}
+
+/// A file that is removed at the end of the test.
+struct ScratchFile {
+  explicit ScratchFile(const char* ending)
+      : path(testing::TempDir() + "frame_check_test." + std::to_string(getpid()) + ending) {}
+  ~ScratchFile() { unlink(path.c_str()); }
+  const std::string path;
+};
+
+TEST(Checker, AWholePictureServesAsASource) {
+  const ScratchFile file(".png");
+  FrameChecker checker(StreamFormat::kMjpeg, 320, 240);
+  EXPECT_FALSE(checker.write_png(file.path));
+  checker.feed(payloads(kCodecMjpeg)[3]);
+  ASSERT_TRUE(checker.write_png(file.path));
+  EXPECT_FALSE(checker.write_png("/nowhere/picture.png"));
+
+  Scene scene(file.path, 640, 480, false);
+  for (u32 counter : {900u, 901u, 902u}) {
+    const AVFrame& picture = scene.picture(counter);
+    EXPECT_EQ(read_counter({picture.data[0], 640, 480, static_cast<u32>(picture.linesize[0])}, Strip::kTop),
+              counter);
+    const u8* bars = picture.data[0] + 60 * picture.linesize[0];
+    EXPECT_NEAR(bars[30], 180, 12);
+    EXPECT_NEAR(bars[620], 16, 12);
+    EXPECT_GE(bars[620], 16);
+  }
+}
+
+TEST(Source, AVideoBeginsAgainAtItsEnd) {
+  const ScratchFile file(".mjpeg");
+  std::ofstream video(file.path, std::ios::binary);
+  for (const Bytes& picture : payloads(kCodecMjpeg))
+    video.write(reinterpret_cast<const char*>(picture.data()), static_cast<long>(picture.size()));
+  video.close();
+
+  Scene scene(file.path, 320, 240, false);
+  std::vector<Bytes> luma;  // with the same counter all over, only the video makes a difference
+  for (int i = 0; i < 25; ++i) {
+    const AVFrame& picture = scene.picture(0);
+    luma.emplace_back(picture.data[0], picture.data[0] + picture.linesize[0] * picture.height);
+  }
+  EXPECT_NE(luma[0], luma[1]);
+  EXPECT_EQ(luma[0], luma[10]);
+  EXPECT_EQ(luma[4], luma[24]);
+  EXPECT_EQ(Source::open("/nowhere/video.mp4"), nullptr);
+}
+
+}  // namespace
+}  // namespace sim

@@ -1,0 +1,319 @@
+// The whole service as a process of its own, between a simulated camera and a USB host.
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <thread>
+
+#include "sim/collector.h"
+#include "sim/media.h"
+#include "sim/node.h"
+#include "sim/run.h"
+#include "sim/server.h"
+#include "sim/service_process.h"
+#include "sim/usb_host.h"
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+namespace {
+
+std::string service_program() {
+  return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "uvc_gadget_sim").string();
+}
+
+/// The camera without its service: every outside party, each of which a test may take away.
+class CameraTest : public testing::Test {
+ protected:
+  CameraTest() {
+    server->on_encoder_settings([this](const EncoderSettingsMessage& message) { media.apply(message); });
+  }
+  ~CameraTest() override {
+    service.reset();
+    server.reset();
+    std::fclose(output);
+  }
+
+  void start() { service = std::make_unique<sim::ServiceProcess>(service_program(), output, false); }
+
+  void start_and_plug_in() {
+    start();
+    ASSERT_TRUE(node.wait_for_device(20s)) << service->last_lines();
+    node.connect();
+    ASSERT_TRUE(host.enumerate()) << host.error();
+  }
+
+  bool wait_until(const std::function<bool()>& condition, std::chrono::seconds limit = 20s) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      std::this_thread::sleep_for(5ms);
+    }
+    return true;
+  }
+
+  bool picture_comes() {
+    return wait_until([this] { return host.progress().first_picture_ms >= 0; });
+  }
+
+  /// Streams until `pictures` have come and says what was wrong with them; empty: nothing.
+  std::string stream(const sim::StreamChoice& choice, unsigned long pictures) {
+    if (!host.start(choice)) return host.error();
+    wait_until([&] { return host.progress().payloads >= pictures + 3; });
+    const sim::StreamReport report = host.stop("").report;
+    if (report.whole() && report.frames + 1 >= pictures) return "";
+    return std::to_string(report.frames) + " pictures, torn " + std::to_string(report.torn) + ", lost " +
+           std::to_string(report.lost) + ", stale " + std::to_string(report.stale) + ", repeated " +
+           std::to_string(report.repeated) + ", empty " + std::to_string(report.empty);
+  }
+
+  /// SIGTERM: exit status 0 within a second.
+  void expect_clean_end() {
+    const auto seconds = service->stop(10);
+    ASSERT_TRUE(seconds) << "had to be killed\n" << service->last_lines();
+    EXPECT_LT(*seconds, kEndLimit);
+    EXPECT_EQ(service->how_it_ended(), "exit status 0") << service->last_lines();
+    EXPECT_THAT(node.protocol_errors(), testing::IsEmpty());
+  }
+
+  long entries(const char* what) const {
+    const auto folder = std::filesystem::path("/proc") / std::to_string(service->pid()) / what;
+    return std::distance(std::filesystem::directory_iterator(folder), {});
+  }
+  long lines(const char* what) const {
+    std::ifstream file(std::filesystem::path("/proc") / std::to_string(service->pid()) / what);
+    return std::count(std::istreambuf_iterator<char>(file), {}, '\n');
+  }
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  static constexpr double kEndLimit = 3;  // the sanitizers' own end-of-process work comes on top
+#else
+  static constexpr double kEndLimit = 1;
+#endif
+
+  static constexpr sim::StreamChoice kMjpeg = {sim::StreamFormat::kMjpeg, {320, 240}, 30};
+  static constexpr sim::StreamChoice kYuy2 = {sim::StreamFormat::kYuy2, {320, 240}, 30};
+
+  sim::Run run;
+  sim::NodeHost node;
+  sim::Media media{{}};
+  std::unique_ptr<sim::Server> server = std::make_unique<sim::Server>(
+      sim::ServerOptions{.pool_address = sim::Media::pool_address(), .pool_size = sim::Media::pool_size()});
+  sim::Collector collector{{}};
+  sim::UsbHost host{node, false};
+  std::FILE* output = std::tmpfile();
+  std::unique_ptr<sim::ServiceProcess> service;
+};
+
+TEST_F(CameraTest, StartsInOrderStreamsEveryFormatAndEnds) {
+  run.set_register(0x20260010, 7);
+  start_and_plug_in();
+  const sim::StreamChoice choices[] = {
+      kMjpeg,
+      {sim::StreamFormat::kH264, {640, 480}, 30},
+      kYuy2,
+      {sim::StreamFormat::kH265, {320, 240}, 30},
+      {sim::StreamFormat::kYuy2, {640, 480}, 15},
+  };
+  for (const sim::StreamChoice& choice : choices) EXPECT_EQ(stream(choice, 12), "") << sim::name_of(choice);
+  EXPECT_EQ(run.shell_log(),
+            "rmmod  /opt/vcam/ko/extdrv/g_webcam.ko\nrmmod  /opt/vcam/ko/extdrv/dwc_otg.ko\n"
+            "insmod /opt/vcam/ko/extdrv/dwc_otg.ko\ninsmod /opt/vcam/ko/extdrv/g_webcam.ko\n");
+  EXPECT_EQ(run.register_value(0x200F0074), 0u);
+  EXPECT_EQ(run.register_value(0x200F01A8), 0u);
+  EXPECT_THAT(run.register_log(), HasSubstr("0x20260010: 7 -> 4\n"));
+  EXPECT_THAT(run.register_log(), HasSubstr("0x20260010: 4 -> 0\n")) << "port 0 is driven high, then low";
+  expect_clean_end();
+  EXPECT_EQ(server->encoder_settings().running, 0);
+  EXPECT_TRUE(
+      wait_until([this] { return collector.text().find("exit uvc class threads...") != std::string::npos; }));
+}
+
+TEST_F(CameraTest, SigtermWhileIdle) {
+  start_and_plug_in();
+  expect_clean_end();
+}
+
+TEST_F(CameraTest, SigtermWhileStreaming) {
+  for (const sim::StreamChoice& choice : {kMjpeg, kYuy2}) {
+    start_and_plug_in();
+    ASSERT_TRUE(host.start(choice));
+    ASSERT_TRUE(picture_comes());
+    expect_clean_end();
+    host.stop("");
+    service.reset();
+  }
+}
+
+TEST_F(CameraTest, SigtermWithATroubledEncoder) {
+  for (const sim::EncoderFault fault : {sim::EncoderFault::kSilent, sim::EncoderFault::kWrongSize}) {
+    media.set_fault(sim::EncoderFault::kNone);
+    start_and_plug_in();
+    ASSERT_TRUE(host.start(kMjpeg));
+    ASSERT_TRUE(picture_comes());
+    media.set_fault(fault);
+    std::this_thread::sleep_for(300ms);
+    expect_clean_end();
+    host.stop("");
+    service.reset();
+  }
+}
+
+TEST_F(CameraTest, SigtermWithADeadServerAndAFullQueue) {
+  start_and_plug_in();
+  server->set_fault(sim::ServerFault::kDead);
+  for (int i = 0; i < 200 && host.start(kMjpeg); i++) host.stop("");
+  EXPECT_THAT(host.error(), testing::Not("")) << "the queue should have filled up";
+  expect_clean_end();
+}
+
+TEST_F(CameraTest, SigtermWhileTheNodeRefusesEverything) {
+  for (const char* fault : {"fail OPEN *", "fail S_FMT *", "fail QBUF *"}) {
+    ASSERT_TRUE(node.script("clear"));
+    ASSERT_TRUE(node.script(fault));
+    start();
+    ASSERT_TRUE(wait_until(
+        [this] { return run.shell_log().find("insmod /opt/vcam/ko/extdrv/g_webcam") != std::string::npos; }));
+    std::this_thread::sleep_for(200ms);
+    expect_clean_end();
+    service.reset();
+  }
+}
+
+TEST_F(CameraTest, NodeTroubleAtStartEndsInAWorkingStream) {
+  const char* faults[] = {"fail OPEN 1-2",  "fail QUERYCAP 1-5", "fail S_FMT 1-5",
+                          "fail G_FMT 1-2", "fail REQBUFS 1-3",  "fail QUERYBUF 2",
+                          "fail MMAP 3",    "fail QBUF 2-3",     "fail STREAMON 1"};
+  for (const char* fault : faults) {
+    SCOPED_TRACE(fault);
+    ASSERT_TRUE(node.script("clear"));
+    ASSERT_TRUE(node.script(fault));
+    start_and_plug_in();
+    if (!host.start(kMjpeg)) {
+      EXPECT_STREQ(fault, "fail STREAMON 1");
+    } else {
+      EXPECT_TRUE(picture_comes());
+    }
+    host.stop("");
+    EXPECT_EQ(stream(kMjpeg, 5), "");
+    expect_clean_end();
+    service.reset();
+  }
+}
+
+TEST_F(CameraTest, StreamsAndReplugsLeakNothing) {
+  start_and_plug_in();
+  ASSERT_TRUE(host.start(kMjpeg) && picture_comes());
+  host.stop("");
+  const long files = entries("fd"), mappings = lines("maps");
+  for (int i = 0; i < 200; i++) {
+    ASSERT_TRUE(host.start(i % 2 ? kYuy2 : kMjpeg)) << i << host.error();
+    ASSERT_TRUE(picture_comes()) << "start " << i << "\n" << service->last_lines();
+    host.stop("");
+  }
+  for (int i = 0; i < 100; i++) {
+    ASSERT_TRUE(host.start(kMjpeg)) << i << host.error();
+    ASSERT_TRUE(picture_comes()) << "replug " << i << "\n" << service->last_lines();
+    host.unplug();
+    host.stop("");
+    host.replug();
+  }
+  EXPECT_EQ(entries("fd"), files);
+  EXPECT_LE(lines("maps"),
+            mappings + 2);  // an allocator's arena may come, mappings of buffers may not pile up
+  expect_clean_end();
+}
+
+TEST_F(CameraTest, SecondStartAfterAKillFindsTheCameraUsable) {
+  start_and_plug_in();
+  ASSERT_TRUE(host.start(kMjpeg) && picture_comes());
+  kill(service->pid(), SIGKILL);
+  ASSERT_TRUE(wait_until([this] { return !service->running(); }));
+  host.unplug();
+  host.stop("");
+  service.reset();
+  start_and_plug_in();
+  EXPECT_EQ(stream(kMjpeg, 5), "");
+  expect_clean_end();
+}
+
+TEST_F(CameraTest, LevelFileMayHoldAnythingAndIsReadAgainOnSigusr1) {
+  std::string binary(5000, '\0');
+  std::mt19937 random(7);
+  for (char& byte : binary) byte = static_cast<char>(random());
+  run.write_file("/opt/params/print.conf", binary + "\nuvc_gadget" + std::string(1000, 'x') + "\n");
+  start_and_plug_in();
+  ASSERT_TRUE(host.start(kMjpeg) && picture_comes());
+  run.write_file("/opt/params/print.conf", "uvc_gadget=debug\n");
+  for (int i = 0; i < 300; i++) {
+    kill(service->pid(), SIGUSR1);
+    std::this_thread::sleep_for(1ms);
+  }
+  host.stop("");
+  EXPECT_EQ(stream(kMjpeg, 5), "");
+  run.write_file("/opt/params/print.conf", "uvc_gadget=error\n");
+  kill(service->pid(), SIGUSR1);
+  std::this_thread::sleep_for(100ms);
+  const std::string before = service->last_lines();
+  host.unplug();
+  host.replug();
+  EXPECT_EQ(service->last_lines(), before) << "level error prints nothing";
+  expect_clean_end();
+}
+
+TEST_F(CameraTest, AnyRequestIsAnsweredAndTheNextValidOneRightly) {
+  start_and_plug_in();
+  std::mt19937 random(20251122);
+  for (int i = 0; i < 1500; i++) {
+    usb_ctrlrequest setup;
+    setup.bRequestType = random() % 2 ? 0x21 : 0xA1;
+    setup.bRequest = static_cast<u8>(random());
+    setup.wValue = static_cast<u16>(random());
+    setup.wIndex = static_cast<u16>(random() % 3 ? random() % 2 : random());
+    setup.wLength = static_cast<u16>(random() % 65);
+    std::vector<u8> data(setup.bRequestType == 0x21 ? setup.wLength : 0);
+    for (u8& byte : data) byte = static_cast<u8>(random());
+    EXPECT_FALSE(node.control(setup, data).timed_out) << i;
+  }
+  ASSERT_TRUE(host.enumerate()) << host.error();
+  EXPECT_EQ(stream(kYuy2, 5), "");
+  expect_clean_end();
+}
+
+TEST(Service, SaysWhyItEndsWithoutAValidParameterRecord) {
+  sim::Run run;
+  std::FILE* output = std::tmpfile();
+  sim::Server server({.ready = false});
+  sim::ServiceProcess service(service_program(), output, false);
+  const auto start = std::chrono::steady_clock::now();
+  while (service.running() && std::chrono::steady_clock::now() - start < 30s)
+    std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(service.how_it_ended(), "exit status 255");
+  EXPECT_GT(std::chrono::steady_clock::now() - start, 10s);
+  EXPECT_THAT(service.last_lines(), HasSubstr("Timeout!"));
+  EXPECT_THAT(service.last_lines(),
+              HasSubstr("uvc_gadget: no valid parameter record from the system server"));
+  EXPECT_EQ(run.shell_log(), "") << "no module is touched";
+  std::fclose(output);
+}
+
+TEST(Service, WaitsForTheMemoryPool) {
+  sim::Run run;
+  std::FILE* output = std::tmpfile();
+  sim::Server server({.pool_address = 0});
+  {
+    sim::ServiceProcess service(service_program(), output, false);
+    std::this_thread::sleep_for(500ms);
+    EXPECT_TRUE(service.running());
+    EXPECT_GT(server.received().size(), 10u);
+    EXPECT_EQ(run.shell_log(), "");
+  }
+  std::fclose(output);
+}
+
+}  // namespace
