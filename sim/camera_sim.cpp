@@ -71,24 +71,6 @@ struct Camera {
   UsbHost host;
 };
 
-void set_fault(Camera& camera, const Fault& fault, bool on);
-
-Camera::Camera(const Options& options)
-    : media(options.media),
-      server({.pool_address = Media::pool_address(), .pool_size = Media::pool_size()}),
-      collector({.output = options.log_level ? stdout : nullptr,
-                 .level = options.log_level.value_or(0),
-                 .contains = {}}),
-      host(node, options.paced) {
-  server.on_encoder_settings([this](const EncoderSettingsMessage& message) { media.apply(message); });
-  if (!options.print_level.empty()) {
-    run.write_file("/opt/params/print.conf", "uvc_gadget=" + options.print_level + '\n');
-  }
-  for (const Fault& fault : options.faults) {
-    if (fault.at == 0) set_fault(*this, fault, true);
-  }
-}
-
 void set_fault(Camera& camera, const Fault& fault, bool on) {
   switch (fault.kind) {
     case FaultKind::kNode:
@@ -109,7 +91,23 @@ void set_fault(Camera& camera, const Fault& fault, bool on) {
       return camera.media.set_fault(on ? EncoderFault::kWrongSize : EncoderFault::kNone);
     case FaultKind::kLogQueueFull:
       camera.collector.pause(on);
-      return on ? camera.collector.fill_queue() : void();
+      if (on) camera.collector.fill_queue();
+  }
+}
+
+Camera::Camera(const Options& options)
+    : media(options.media),
+      server({.pool_address = Media::pool_address(), .pool_size = Media::pool_size()}),
+      collector({.output = options.log_level ? stdout : nullptr,
+                 .level = options.log_level.value_or(0),
+                 .contains = {}}),
+      host(node, options.paced) {
+  server.on_encoder_settings([this](const EncoderSettingsMessage& message) { media.apply(message); });
+  if (!options.print_level.empty()) {
+    run.write_file("/opt/params/print.conf", "uvc_gadget=" + options.print_level + '\n');
+  }
+  for (const Fault& fault : options.faults) {
+    if (fault.at == 0) set_fault(*this, fault, true);
   }
 }
 

@@ -123,8 +123,8 @@ FrameChecker::FrameChecker(StreamFormat format, u32 width, u32 height) {
 
 FrameChecker::~FrameChecker() = default;
 
-void FrameChecker::feed(std::span<const u8> payload) {
-  const i64 now = monotonic_ns();
+void FrameChecker::feed(std::span<const u8> payload, i64 arrived) {
+  const i64 now = arrived ? arrived : monotonic_ns();
   StreamReport& report = impl_->report;
   if (payload.size() <= kEmptyPayload) {
     ++(impl_->last ? report.empty : report.leading);

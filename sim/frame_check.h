@@ -31,8 +31,8 @@ class FrameChecker {
   FrameChecker(StreamFormat format, u32 width, u32 height);
   ~FrameChecker();
 
-  /// One payload as it came off the bus. Not copied.
-  void feed(std::span<const u8> payload);
+  /// One payload as it came off the bus. Not copied. `arrived`: CLOCK_MONOTONIC in nanoseconds, 0: now.
+  void feed(std::span<const u8> payload, i64 arrived = 0);
   const StreamReport& report() const;
   /// Writes the last whole picture as PNG; false when there is none or the file cannot be written.
   bool write_png(const std::string& path) const;

@@ -81,9 +81,11 @@ i32 HI_MPI_VPSS_GetChnFrame(i32 group, i32 channel_number, VpssPicture* picture,
   const i64 deadline = timeout_ms < 0 ? kNoDeadline : monotonic_ns() + timeout_ms * kMillisecond;
   bool taken = false;
   wait_on(channel->ready, deadline, [&] {
+    channel->waiting = 1;
     taken = take_ready(*channel, *picture);
     return taken || !channel.alive();
   });
+  channel->waiting = 0;
   if (taken) return 0;
   return code(channel.alive() ? kNoPicture : kNotReady);
 }

@@ -55,6 +55,8 @@ Made find_made(u32 counter) {
   return entry.counter == counter ? entry : Made{};
 }
 
+constexpr i32 kSensorRate = 30;  ///< pictures a second when none is asked for
+
 /// Sizes that the scene and the encoders can do; the size tables' own pass unchanged.
 EncoderSettings possible(EncoderSettings settings, EncoderFault fault) {
   const int divisor = fault == EncoderFault::kWrongSize ? 2 : 1;
@@ -63,7 +65,7 @@ EncoderSettings possible(EncoderSettings settings, EncoderFault fault) {
   };
   settings.width = size(settings.width);
   settings.height = size(settings.height);
-  settings.frame_rate = std::clamp(settings.frame_rate, 0, 60);
+  settings.frame_rate = settings.frame_rate <= 0 ? kSensorRate : std::min(settings.frame_rate, 60);
   if (settings.codec < kCodecH264 || settings.codec > kCodecYuy2) settings.frame_rate = 0;
   return settings;
 }
@@ -187,6 +189,9 @@ void Media::Impl::make_picture(const EncoderSettings& settings) {
     note_payload(last_counter, yuy2_payload(picture));
     const std::lock_guard lock(mutex);
     if (!new_stream) vpss.publish(picture);
+  } else if (vpss.somebody_waits()) {
+    // The subsystem goes on whatever is encoded: a taker left from the stream before gets its picture.
+    vpss.publish(next_scene(settings));
   } else if (EncFrameSlot* slot = ring.acquire()) {
     encode(settings, *slot);
   }

@@ -37,7 +37,8 @@ constexpr VpssOwner vpss_owner(u32 word) { return static_cast<VpssOwner>(word & 
 
 /// Group 0, channel 3. No locks: owners change by compare-exchange, so either side may be killed at any time.
 struct VpssChannel {
-  std::atomic<u32> alive;  ///< 1 while the media process runs
+  std::atomic<u32> alive;    ///< 1 while the media process runs
+  std::atomic<u32> waiting;  ///< 1 while a taker waits; the next publishing clears it
   std::atomic<u32> owner[kVpssPictures];
   VpssPicture picture[kVpssPictures];
   sem_t ready;  ///< posted when a picture has become ready, or `alive` 0

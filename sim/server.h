@@ -14,13 +14,17 @@ namespace sim {
 
 struct ServerOptions {
   u32 usb_port = 0;
-  bool ready = true;        ///< write the ready markers at start
-  bool cache_valid = false; ///< mark the camera-value cache valid
-  u32 pool_address = 0;     ///< what command 1 answers; address 0: refuses
+  bool ready = true;         ///< write the ready markers at start
+  bool cache_valid = false;  ///< mark the camera-value cache valid
+  u32 pool_address = 0;      ///< what command 1 answers; address 0: refuses
   u32 pool_size = 0;
 };
 
-enum class ServerFault { kNone, kDead, kSlow };  ///< kDead: takes nothing off its queues; kSlow: 300 ms a message
+enum class ServerFault {
+  kNone,
+  kDead,
+  kSlow
+};  ///< kDead: takes nothing off its queues; kSlow: 300 ms a message
 
 /// Runs a thread per channel from construction to destruction.
 class Server {
@@ -33,8 +37,9 @@ class Server {
   void set_fault(ServerFault fault);
 
   EncoderSettingsMessage encoder_settings() const;  ///< the last that came
-  u32 request_flag(int word) const;                 ///< of the request-flag area; word 0 is the USB disconnect word
-  /// Everything received so far, a line each, such as "velto 10 O 2 1 1920 1080 30 ..." or "sys 39 81 01 04 ...".
+  u32 request_flag(int word) const;  ///< of the request-flag area; word 0 is the USB disconnect word
+  /// Everything received so far, a line each, such as "velto 10 O 2 1 1920 1080 30 ..." or "sys 39 81 01 04
+  /// ...".
   std::vector<std::string> received() const;
   /// Requests that made no sense: wrong lengths, unknown commands, places outside the sender's slot.
   unsigned long refused() const;

@@ -69,6 +69,12 @@ ProbeBlock probe_block(const StreamChoice& choice) {
   return block;
 }
 
+/// Of a request from 0x81 to 0x87.
+std::string get_name(u8 request) {
+  constexpr const char* kNames[] = {"CUR", "MIN", "MAX", "RES", "LEN", "INFO", "DEF"};
+  return std::string("GET_") + kNames[request - UVC_GET_CUR];
+}
+
 double milliseconds(Clock::duration time) { return std::chrono::duration<double, std::milli>(time).count(); }
 
 }  // namespace
@@ -161,7 +167,7 @@ bool UsbHost::Stream::next(Frame& frame) {
 
 void UsbHost::Stream::check() {
   for (Frame frame; next(frame);) {
-    checker_.feed(frame.data);
+    checker_.feed(frame.data, std::chrono::nanoseconds(frame.arrived.time_since_epoch()).count());
     std::lock_guard guard(lock_);
     result_.report = checker_.report();
     ++result_.payloads;
@@ -205,11 +211,10 @@ bool UsbHost::set(u8 selector, std::span<const u8> block) {
   return fail(selector == UVC_VS_PROBE_CONTROL ? "SET_CUR of probe stalled" : "SET_CUR of commit stalled");
 }
 
-/// A GET request of the probe control.
 bool UsbHost::get(u8 request, std::span<u8> answer) {
   const auto setup = streaming_request(kGetType, request, UVC_VS_PROBE_CONTROL, answer.size());
   const ControlAnswer came = node_.control(setup);
-  const std::string name = "request " + std::to_string(request) + " of probe";
+  const std::string name = get_name(request) + " of probe";
   if (came.stalled) return fail(name + " stalled");
   if (came.data.size() != answer.size())
     return fail(name + ": " + std::to_string(came.data.size()) + " bytes");
@@ -254,6 +259,7 @@ bool UsbHost::start(const StreamChoice& choice) {
 StreamResult UsbHost::progress() const { return stream_ ? stream_->result() : StreamResult{}; }
 
 StreamResult UsbHost::stop(const std::string& png_path) {
+  if (!stream_) return {};
   error_.clear();
   stream_->finish();
   if (plugged_ && !node_.stream_off()) fail("no VIDIOC_STREAMOFF after SET_INTERFACE 0");

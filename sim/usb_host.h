@@ -62,7 +62,8 @@ class UsbHost {
   bool start(const StreamChoice& choice);
   /// Of the running stream so far.
   StreamResult progress() const;
-  /// Ends the stream; everything that was taken is checked then. Writes the last whole picture as PNG.
+  /// Ends the stream, if there is one; everything that was taken is checked then. Writes the last whole
+  /// picture as PNG.
   StreamResult stop(const std::string& png_path);
 
   void unplug();
@@ -76,7 +77,7 @@ class UsbHost {
   class Stream;
 
   bool set(u8 selector, std::span<const u8> block);
-  bool get(u8 request, std::span<u8> answer);
+  bool get(u8 request, std::span<u8> answer);  ///< of the probe control
   bool negotiate(const StreamChoice& choice);
   bool fail(std::string what);
 

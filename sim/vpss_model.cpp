@@ -84,6 +84,7 @@ void VpssModel::publish(const AVFrame& picture) {
   fill(buffer, picture, layout);
   take_back();
   channel_.owner[buffer] = vpss_word(handle_, kVpssReady);
+  channel_.waiting = 0;
   wake(channel_.ready);
 }
 

@@ -17,6 +17,8 @@ class VpssModel {
 
   /// While somebody takes pictures, waits up to 300 ms until the last one has been taken.
   void wait_for_taker();
+  /// Whether a taker waits right now.
+  bool somebody_waits() const { return channel_.waiting != 0; }
   /// Hands out a planar 4:2:0 picture, in the place of one that nobody has taken. A picture larger than a
   /// buffer is left out.
   void publish(const AVFrame& picture);

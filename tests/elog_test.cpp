@@ -282,8 +282,8 @@ TEST_F(Elog, Hexdump) {
 
   testing::internal::CaptureStdout();
   log_module_set_console(1);
-  elog_hexdump(ELOG_LVL_WARN, "last", 255, &bytes[32], 65503);  // ends at the 16-bit edge
-  EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::HasSubstr("HEX last: FF00-FFFE: 7A"));
+  elog_hexdump(ELOG_LVL_WARN, "last", 200, bytes.data(), 65535);  // the last line passes the 16-bit edge
+  EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::HasSubstr("HEX last: FF78-1003F: 7A"));
 }
 
 TEST_F(Elog, ReadsLevelAndTagOfALine) {
@@ -350,7 +350,8 @@ TEST_F(Elog, BrokenPreconditionsReachTheHook) {
             {level + "elog_set_filter 335", level + "elog_set_filter_lvl 348"}},
            {[] { elog_set_filter_tag_lvl(nullptr, 6); },
             {level + "elog_set_filter_tag_lvl 429", tag + "elog_set_filter_tag_lvl 430"}},
-           {[] { elog_get_filter_tag_lvl(nullptr); }, {tag + "elog_get_filter_tag_lvl 482"}},
+           {[] { elog_set_filter_tag_lvl("a", 1), elog_get_filter_tag_lvl(nullptr); },
+            {tag + "elog_get_filter_tag_lvl 482"}},
            {[] { log_text(200, "x", "dropped"); }, {level + "elog_output 590"}},
            {[] { elog_find_lvl(nullptr); },
             {"log elog_find_lvl 788", mask + "ELOG_LVL_ASSERT] & ELOG_FMT_LVL elog_find_lvl 790",
@@ -444,14 +445,15 @@ TEST_F(Elog, LifeCycle) {
   log_text("again");
   EXPECT_THAT(texts(), ElementsAre("first\n", "again\n"));
 
-  const pid_t child = fork();  // the pid text is the child's own
+  elog_set_fmt(ELOG_LVL_INFO, ELOG_FMT_P_INFO);
+  log_text("parent");
+  const pid_t child = fork();
   if (child == 0) {
-    elog_set_fmt(ELOG_LVL_INFO, ELOG_FMT_P_INFO);
     log_text("child");
     _exit(0);
   }
   waitpid(child, nullptr, 0);
-  EXPECT_THAT(texts(), ElementsAre("[" + pid_text(child) + "]child\n"));
+  EXPECT_THAT(texts(), ElementsAre("[" + pid_text() + "]parent\n", "[" + pid_text(child) + "]child\n"));
 }
 
 TEST_F(Elog, ConsoleGetsTheLinesToo) {
@@ -538,6 +540,13 @@ TEST_F(Elog, LockFollowsItsSwitch) {
   visitor = visit_lock();
   EXPECT_EQ(visitor.wait_for(50ms), std::future_status::timeout);
   elog_output_lock_enabled(true);
+  visitor.get();
+
+  elog_port_output_lock();
+  std::async(std::launch::async, elog_port_output_unlock).get();  // not that thread's to release
+  visitor = visit_lock();
+  EXPECT_EQ(visitor.wait_for(50ms), std::future_status::timeout);
+  elog_port_output_unlock();
   visitor.get();
 
   // A tag level takes the lock at the port and leaves it there while locking is off.

@@ -1,0 +1,139 @@
+#include "sim/usb_host.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/usb/video.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+#include "sim/run.h"
+#include "tests/gadget.h"
+
+using testing::HasSubstr;
+using namespace std::chrono_literals;
+
+namespace {
+
+/// One deviation from a right answer: a byte of the answer to a GET request.
+struct Deviation {
+  u8 request;
+  int byte;
+  u8 value;
+  bool stall = false;
+};
+
+constexpr sim::StreamChoice kChoice{sim::StreamFormat::kH265, {1600, 1200}, 25};
+
+/// A camera that grants every probe, except for one deviation, and streams nothing.
+class FakeCamera {
+ public:
+  explicit FakeCamera(const Deviation& deviation) : deviation_(deviation) {
+    EXPECT_EQ(sys::system("insmod /opt/vcam/ko/extdrv/g_webcam.ko"), 0);
+    EXPECT_TRUE(gadget_.open() && gadget_.start());
+    put_le32(&probe_[18], 1000);
+    thread_ = std::thread([this] { run(); });
+  }
+  ~FakeCamera() {
+    stopping_ = true;
+    thread_.join();
+    sys::close(gadget_.fd);
+  }
+  /// Once a stream has been started: the DATA of the last commit.
+  const UvcRequestData& committed() const { return committed_; }
+
+ private:
+  void run() {
+    while (!stopping_) {
+      const v4l2_event event = gadget_.event();
+      if (event.type == 0) std::this_thread::sleep_for(1ms);
+      if (event.type == UVC_EVENT_SETUP) answer(event);
+      if (event.type == UVC_EVENT_DATA) store(event);
+      if (event.type == UVC_EVENT_STREAMON) gadget_.stream(VIDIOC_STREAMON);
+      if (event.type == UVC_EVENT_STREAMOFF) gadget_.stream(VIDIOC_STREAMOFF);
+    }
+  }
+  void answer(const v4l2_event& event) {
+    std::memcpy(&setup_, event.u.data, sizeof setup_);
+    UvcRequestData response{.length = setup_.wLength, .data = {}};
+    std::memcpy(response.data, probe_, sizeof probe_);
+    if (setup_.bRequest == UVC_GET_LEN) put_le16(response.data, sizeof probe_);
+    if (setup_.bRequest == UVC_GET_INFO) response.data[0] = 3;
+    if (setup_.bRequest == deviation_.request) {
+      response.data[deviation_.byte] = deviation_.value;
+      if (deviation_.stall) response.length = -1;
+    }
+    EXPECT_EQ(gadget_.call(UVCIOC_SEND_RESPONSE, &response), 0);
+  }
+  void store(const v4l2_event& event) {
+    UvcRequestData data;
+    std::memcpy(&data, event.u.data, sizeof data);
+    std::memcpy(probe_, data.data, 18);
+    if (setup_.wValue == UVC_VS_COMMIT_CONTROL << 8) committed_ = data;
+  }
+
+  const Deviation deviation_;
+  Gadget gadget_;
+  u8 probe_[26] = {};
+  usb_ctrlrequest setup_{};
+  UvcRequestData committed_{};
+  std::atomic<bool> stopping_ = false;
+  std::thread thread_;
+};
+
+}  // namespace
+
+TEST(UsbHostTest, NamesWhatIsWrongWithACamerasAnswers) {
+  struct {
+    Deviation deviation;
+    const char* error;
+  } const cameras[] = {
+      {{UVC_GET_LEN, 0, 34}, "GET_LEN of probe is not 26"},
+      {{UVC_GET_INFO, 0, 1}, "GET_INFO of probe is not 3"},
+      {{UVC_GET_DEF, 0, 0, true}, "GET_DEF of probe stalled"},
+      {{UVC_GET_MAX, 0, 0, true}, "GET_MAX of probe stalled"},
+      {{UVC_GET_CUR, 2, 3}, "another format"},
+      {{UVC_GET_CUR, 3, 9}, "another format"},
+      {{UVC_GET_CUR, 7, 1}, "another format"},
+  };
+  for (const auto& [deviation, error] : cameras) {
+    const sim::Run run;
+    const FakeCamera camera(deviation);
+    sim::NodeHost node;
+    sim::UsbHost host(node, false);
+    ASSERT_TRUE(node.wait_for_device(5s));
+    host.replug();
+    EXPECT_FALSE(host.enumerate() && host.start(kChoice)) << error;
+    EXPECT_THAT(host.error(), HasSubstr(error));
+  }
+}
+
+TEST(UsbHostTest, CommitsWhatWasAskedFor) {
+  const sim::Run run;
+  const FakeCamera camera({UVC_GET_MAX, 12, 77});
+  sim::NodeHost node;
+  sim::UsbHost host(node, false);
+  ASSERT_TRUE(node.wait_for_device(5s));
+  host.replug();
+  ASSERT_TRUE(host.enumerate() && host.start(kChoice)) << host.error();
+  const UvcRequestData& committed = camera.committed();
+  EXPECT_EQ(committed.length, 26);
+  EXPECT_EQ(committed.data[2], 4);
+  EXPECT_EQ(committed.data[3], 6);
+  EXPECT_EQ(get_le32(committed.data + 4), 400000u);
+  EXPECT_EQ(committed.data[12], 77) << "the quality is the best that the camera knows";
+
+  const sim::StreamResult result = host.stop("");
+  EXPECT_EQ(host.error(), "");
+  EXPECT_EQ(result.payloads, 0u);
+  EXPECT_LT(result.first_picture_ms, 0);
+}
+
+TEST(UsbHostTest, AHighSpeedBusCarries24MegabytesASecond) {
+  EXPECT_EQ(sim::bus_time(0), 0us);
+  EXPECT_EQ(sim::bus_time(1), 125us);
+  EXPECT_EQ(sim::bus_time(3060), 125us);
+  EXPECT_EQ(sim::bus_time(3061), 250us);
+  EXPECT_EQ(sim::bus_time(614400), 25125us);
+}
