@@ -2,8 +2,6 @@
 
 #include <string.h>
 
-#include <cstdlib>
-
 #include "common/bytes.h"
 #include "elog/elog.h"
 #include "elog/elog_assert.h"

@@ -49,8 +49,8 @@ Area* area(std::size_t offset) {
   return driver.base ? reinterpret_cast<Area*>(driver.base + offset) : nullptr;
 }
 
-bool becomes_ready(u8* area) {
-  const std::atomic_ref<u32> marker(*reinterpret_cast<u32*>(area));
+bool becomes_ready(u8* start) {
+  const std::atomic_ref<u32> marker(*reinterpret_cast<u32*>(start));
   for (int check = 0; check < kReadyChecks; check++) {
     if (marker.load(std::memory_order_acquire) == SYSINFO_MAGIC) return true;
     sys::usleep(kReadyPause);

@@ -1,6 +1,6 @@
 #include "sim/vpss_model.h"
 
-#include <cstring>
+#include <algorithm>
 
 #include "sim/wait_on.h"
 
@@ -36,12 +36,16 @@ u32 VpssModel::choose_buffer() const {
   return best;
 }
 
+/// The scene of a JPEG stream uses the full range.
+static u8 video_luma(u8 luma) { return std::clamp(luma, u8{16}, u8{235}); }
+
 void VpssModel::fill(u32 buffer, const AVFrame& picture, const Layout& layout) {
   const u32 luma = kVpssPictureBase + buffer * kVpssPictureSize;
   const u32 chroma = luma + layout.stride[0] * picture.height;
-  for (int row = 0; row < picture.height; ++row)
-    std::memcpy(memory_.at(luma) + row * layout.stride[0], picture.data[0] + row * picture.linesize[0],
-                picture.width);
+  for (int row = 0; row < picture.height; ++row) {
+    const u8* from = picture.data[0] + row * picture.linesize[0];
+    std::transform(from, from + picture.width, memory_.at(luma) + row * layout.stride[0], video_luma);
+  }
   for (u32 row = 0; row < layout.chroma_rows; ++row) {
     const u32 from = yuv422_ ? row / 2 : row;
     const u8* u = picture.data[1] + from * picture.linesize[1];
@@ -76,6 +80,7 @@ void VpssModel::wait_for_taker() {
 }
 
 void VpssModel::publish(const AVFrame& picture) {
+  channel_.waiting = 0;
   const Layout layout = layout_of(picture);
   if (layout.size > kVpssPictureSize) return;
   const u32 buffer = choose_buffer();
@@ -84,7 +89,6 @@ void VpssModel::publish(const AVFrame& picture) {
   fill(buffer, picture, layout);
   take_back();
   channel_.owner[buffer] = vpss_word(handle_, kVpssReady);
-  channel_.waiting = 0;
   wake(channel_.ready);
 }
 

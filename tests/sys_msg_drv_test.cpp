@@ -67,9 +67,10 @@ TEST_F(SysMsgDrv, ShortBufferIsToldAtDebugLevel) {
   print_level = 4;
   testing::internal::CaptureStderr();
   u8 buffer[16] = {};
-  i32 length = 8;
+  i32 length = 8, exact = 10;
   const auto answer = [](SysMsgBuf& reply) { reply.length = 10; };
   peer.serve([&] { EXPECT_EQ(TransmitMsg2Sys(buffer, 5, nullptr, 39), 10); }, answer);
+  peer.serve([&] { EXPECT_EQ(TransmitMsg2Sys(buffer, 5, &exact, 39), 10); }, answer);
   peer.serve([&] { EXPECT_EQ(TransmitMsg2Sys(buffer, 5, &length, 39), 10); }, answer);
   const std::string text = testing::internal::GetCapturedStderr();
   const std::string line = "TransmitMsg2Sys:Recive buf too small!\n";

@@ -2,11 +2,13 @@
 #include "uvc/uvc_gadget_loop.h"
 
 #include <gmock/gmock.h>
+#include <semaphore.h>
 #include <sys/shm.h>
 
 #include <atomic>
 #include <thread>
 
+#include "support/print.h"
 #include "tests/uvc_fixture.h"
 #include "uvc/uvc_class_encoder.h"
 #include "uvc/uvc_class_streaming.h"
@@ -27,6 +29,7 @@ class LoopTest : public UvcTest {
     sim::set_sleep_divisor(10);
     ASSERT_EQ(vencbuf_get_init(), 0);
     slots = static_cast<EncFrameSlot*>(shmat(shmget(sim::run_key(VENC_RING_KEY), 0, 0), nullptr, 0));
+    frame_ready = sem_open(sim::run_semaphore(kFrameReadySemaphore).c_str(), 0);
     writer = std::thread([this] {
       for (u32 seq = 0; !done; seq++) {
         publish(slots[seq % 2], seq);
@@ -44,11 +47,15 @@ class LoopTest : public UvcTest {
     const u32 now = state.load();
     if (now == kSlotReady || now == kSlotReading) return;
     slot.seq = seq;
-    slot.frame_type = encoder_record.codec == kCodecMjpeg ? kJpegFrameType : 1;
+    const bool mjpeg = encoder_record.codec == kCodecMjpeg;
+    slot.frame_type = mjpeg ? kJpegFrameType : 1;
     slot.width = static_cast<u16>(encoder_record.width);
     slot.height = static_cast<u16>(encoder_record.height);
-    slot.size = 5000;
+    slot.size = mjpeg ? 5000 : 6000;
     state.store(kSlotReady);
+    int posts = 1;
+    sem_getvalue(frame_ready, &posts);
+    if (posts == 0) sem_post(frame_ready);
   }
 
   void commit(i32 format) {
@@ -65,6 +72,7 @@ class LoopTest : public UvcTest {
   }
 
   EncFrameSlot* slots = nullptr;
+  sem_t* frame_ready = nullptr;
   std::thread writer;
   std::atomic<bool> done = false;
   StreamLoop stream = {.need_dequeue = true};
@@ -119,6 +127,26 @@ TEST_F(LoopTest, NoFrameOfTheOldStreamOpensTheNextOne) {
   EXPECT_EQ(sent_settings().substr(0, 4), "2 1 ");
   raise(UVC_EVENT_STREAMON);
   EXPECT_EQ(received(), "2 2 2 ");
+}
+
+TEST_F(LoopTest, HostThatRestartsAtOnceGetsOnlyFramesOfItsNewStream) {
+  std::atomic<bool> over = false;
+  std::thread main_thread([&] {
+    while (!over) stream_turn(stream);
+  });
+  sim::set_sleep_divisor(1000);
+  print_level = 1;
+  std::vector<u8> frame;
+  for (int i = 0; i < 200 && !HasFailure(); i++) {
+    const bool mjpeg = i % 2;
+    commit(mjpeg ? kFormatMjpeg : kFormatH264);
+    raise(UVC_EVENT_STREAMON);
+    while (host.take_frame(frame, std::chrono::seconds(2)) && frame.size() <= 2) continue;
+    EXPECT_EQ(frame.size(), mjpeg ? 5000u : 6000u) << i << "\n" << host.call_log();
+    raise(UVC_EVENT_STREAMOFF);
+  }
+  over = true;
+  main_thread.join();
 }
 
 TEST_F(LoopTest, StreamEndingInsideATurnQueuesNothing) {

@@ -65,11 +65,17 @@ static void on_disconnect(UvcEventLoop& loop, const v4l2_event&) {
   loop.left_streaming = true;
 }
 
+static i32 end_stream(const UvcEventLoop& loop) {
+  const std::lock_guard lock(stream_end_lock);
+  uvc_stream_state.stream_on = 0;
+  return buffer_type_ioctl(loop, VIDIOC_STREAMOFF);
+}
+
 // A node that a DISCONNECT left streaming must be stopped before it is started: current kernels crash
 // otherwise.
 static void stop_left_stream(UvcEventLoop& loop) {
   if (!loop.left_streaming) return;
-  buffer_type_ioctl(loop, VIDIOC_STREAMOFF);
+  end_stream(loop);
   loop.left_streaming = false;
 }
 
@@ -88,8 +94,7 @@ static void on_stream_on(UvcEventLoop& loop, const v4l2_event&) {
 
 static void on_stream_off(UvcEventLoop& loop, const v4l2_event&) {
   PRINT_INFO("UVC_EVENT_STREAMOFF\n");
-  uvc_stream_state.stream_on = 0;
-  const i32 result = buffer_type_ioctl(loop, VIDIOC_STREAMOFF);
+  const i32 result = end_stream(loop);
   if (result < 0)
     PRINT_INFO("VIDIOC_STREAMOFF  failed (%d)\n", result);
   else

@@ -45,11 +45,17 @@ static void count_frame(StreamLoop& loop) {
   if (++loop.frames_since_start == kIntraFrames) set_key_frame_interval(loop.saved_gop);
 }
 
+// The result of VIDIOC_QBUF; 0 when the stream is over, whose end queues every buffer itself.
+static i32 queue(v4l2_buffer& buffer) {
+  const std::lock_guard lock(stream_end_lock);
+  return stream_goes_on() ? sys::ioctl(uvc_video_fd, VIDIOC_QBUF, &buffer) : 0;
+}
+
 // Deliberate: the buffer is offered with a length of 0 bytes, and a run of failures is called a queue
 // timeout.
 static void on_dequeue_failure(StreamLoop& loop, v4l2_buffer& buffer) {
   buffer.bytesused = 0;
-  if (stream_goes_on()) sys::ioctl(uvc_video_fd, VIDIOC_QBUF, &buffer);
+  queue(buffer);
   loop.dq_fail_count++;
   sys::usleep(kDequeuePause);
   if (loop.dq_fail_count <= kDequeueFailures) return;
@@ -70,8 +76,7 @@ static void feed_buffer(StreamLoop& loop, u32 index) {
   count_frame(loop);
   uvc_video_fill_buffer(0, &buffer);
   loop.dq_fail_count = 0;
-  if (!stream_goes_on()) return;  // the end of the stream queues this buffer, empty
-  const i32 result = sys::ioctl(uvc_video_fd, VIDIOC_QBUF, &buffer);
+  const i32 result = queue(buffer);
   if (result < 0) PRINT_INFO("VIDIOC_QBUF failed (%d)\n", result);
 }
 

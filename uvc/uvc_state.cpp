@@ -42,6 +42,8 @@ RateControl h265_rate_control = {
 };
 Word default_bit_rate = 30;
 
+std::mutex stream_end_lock;
+
 Word uvc_video_fd = -1;
 UvcBuffer uvc_buffers[VIDEO_MAX_FRAME];
 u32 uvc_buffer_count;

@@ -4,6 +4,7 @@
 #include <linux/videodev2.h>
 
 #include <atomic>
+#include <mutex>
 
 #include "common/stream_state.h"
 #include "common/word.h"
@@ -49,6 +50,10 @@ extern RateControl mjpeg_rate_control;
 extern RateControl h264_rate_control;
 extern RateControl h265_rate_control;
 extern Word default_bit_rate;
+
+/// Held by the control thread while it ends a stream, and by the main thread from its look at the stream
+/// words to the end of its VIDIOC_QBUF: a frame of the old stream then never enters the next one.
+extern std::mutex stream_end_lock;
 
 /// The gadget node's descriptor, -1 while it is closed.
 extern Word uvc_video_fd;

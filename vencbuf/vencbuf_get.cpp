@@ -100,7 +100,8 @@ static EncFrameSlot* take_oldest_ready() {
   return slot && state_of(*slot).compare_exchange_strong(expected, kSlotReading) ? slot : nullptr;
 }
 
-// Waits for the writer's post; a signal does not cut the slice short, unless it ended the stream or the service.
+// Waits for the writer's post; a signal does not cut the slice short, unless it ended the stream or the
+// service.
 static void wait_for_post() {
   const timespec end = slice_end();
   while (sem_timedwait(frame_ready, &end) != 0 && errno == EINTR && stream_goes_on()) continue;
