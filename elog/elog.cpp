@@ -17,7 +17,7 @@
 
 static constexpr char kElogFile[] = "elog";
 static constexpr char kVersion[] = "2.2.99";
-static constexpr const char* kLevelText[ELOG_LVL_TOTAL_NUM] = {"[A]", "[E]", "[W]", "[I]", "[D]", "[V]"};
+static constexpr std::string_view kLevelText[ELOG_LVL_TOTAL_NUM] = {"[A]", "[E]", "[W]", "[I]", "[D]", "[V]"};
 static constexpr std::size_t kLevelTextSize = 3;
 
 namespace {
@@ -71,6 +71,7 @@ struct Elog {
     FilterText tag;
     FilterText keyword;
     TagLevel tag_lvl[ELOG_FILTER_TAG_LVL_MAX_NUM];
+    Loose<bool> tag_lvl_used;  // any entry, ever since elog_init()
   } filter;
   Loose<u32> enabled_fmt_set[ELOG_LVL_TOTAL_NUM];
   Loose<bool> init_ok;
@@ -137,6 +138,7 @@ int elog_init(const ElogFileCfg* file_cfg, const ElogMsgqCfg* msgq_cfg) {
   elog.output_is_locked_before_disable = false;
   elog.filter.level = ELOG_FILTER_LVL_ALL;
   for (TagLevel& entry : elog.filter.tag_lvl) entry = {};
+  elog.filter.tag_lvl_used = false;
   elog.init_ok = true;
   return 0;
 }
@@ -224,6 +226,7 @@ static void add_tag_level(const char* tag, u8 level) {
     std::memcpy(entry.tag, tag, strnlen(tag, ELOG_FILTER_TAG_MAX_LEN));
     entry.level = level;
     entry.tag_use_flag = true;
+    elog.filter.tag_lvl_used = true;
     return;
   }
 }
@@ -253,6 +256,15 @@ u8 elog_get_filter_tag_lvl(const char* tag) {
   return found ? found->level : u8{ELOG_FILTER_LVL_ALL};
 }
 
+/// Without tag filters in use, the one look under the lock that would find none is spared.
+static bool passes_tag_filters(u8 level, const char* tag) {
+  const auto& filter = elog.filter;
+  if (!filter.tag_lvl_used && filter.tag.empty() && elog.output_lock_enabled && tag) {
+    return level <= ELOG_FILTER_LVL_ALL;
+  }
+  return level <= elog_get_filter_tag_lvl(tag) && filter.tag.occurs_in(tag);
+}
+
 static bool get_fmt_enabled(u8 level, u32 set) {
   ELOG_ASSERT(level <= ELOG_LVL_VERBOSE, 741);
   return level < ELOG_LVL_TOTAL_NUM && (elog.enabled_fmt_set[level] & set) != 0;
@@ -264,7 +276,7 @@ static void append_time_block(ElogLine& out, u8 level) {
   const bool thread = get_fmt_enabled(level, ELOG_FMT_T_INFO);
   if (!time && !process && !thread) return;
   out.append('[');
-  if (time) out.append(elog_port_get_time());
+  if (time) out.append({elog_port_get_time(), kElogTimeSize});
   if (time && (process || thread)) out.append(' ');
   if (process) out.append(elog_port_get_p_info());
   if (process && thread) out.append(' ');
@@ -276,8 +288,7 @@ static void append_time_block(ElogLine& out, u8 level) {
 static void append_line_number(ElogLine& out, long line) {
   char text[24];
   const char* end = std::to_chars(text, text + sizeof(text), line).ptr;
-  text[std::min<std::ptrdiff_t>(end - text, 4)] = '\0';
-  out.append(text);
+  out.append({text, std::min<std::size_t>(end - text, 4)});
 }
 
 static void append_location_block(ElogLine& out, u8 level, const char* file, const char* func, long line) {
@@ -310,7 +321,7 @@ void elog_voutput(u8 level, const char* tag, const char* file, const char* func,
     elog_assert_failed("level <= ELOG_LVL_VERBOSE", kElogFile, "elog_output", 590);
   }
   if (!elog.output_enabled || level > elog.filter.level) return;
-  if (level > elog_get_filter_tag_lvl(tag) || !elog.filter.tag.occurs_in(tag)) return;
+  if (!passes_tag_filters(level, tag)) return;
 
   ElogLine out(level);
   OutputLock lock(elog_output_lock);

@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "elog/elog.h"
 #include "elog/elog_port.h"
@@ -20,6 +21,11 @@ class ElogLine {
   explicit ElogLine(u8 level) { record_.payload.level = level; }
 
   void append(const char* text) { length_ += elog_strcpy(length_, end(), text); }
+  void append(std::string_view text) {
+    const std::size_t count = std::min(text.size(), ELOG_LINE_BUF_SIZE - length_);
+    std::memcpy(end(), text.data(), count);
+    length_ += count;
+  }
   void append(char c) {
     if (length_ < ELOG_LINE_BUF_SIZE) record_.payload.text[length_++] = c;
   }

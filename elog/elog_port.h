@@ -28,6 +28,7 @@ void elog_port_set_console(bool enabled);
 void elog_port_output_lock();
 void elog_port_output_unlock();
 
+constexpr std::size_t kElogTimeSize = sizeof("2024-01-05 08:03:07 004211") - 1;
 /// Texts in static buffers, overwritten by the next call: "2024-01-05 08:03:07 004211", "pid:0412" and
 /// "tid:1234"; the last two are cut at 9 characters.
 const char* elog_port_get_time();
