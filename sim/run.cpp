@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <semaphore.h>
+#include <sys/mman.h>
 #include <sys/msg.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -9,8 +10,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
@@ -25,6 +29,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr char kRootPrefix[] = "camera-sim.";  // then the process id and six letters
 constexpr char kRootVariable[] = "CAMERA_SIM_ROOT";
 constexpr char kNumberVariable[] = "CAMERA_SIM_RUN";
 
@@ -71,7 +76,8 @@ std::string make_root() {
   const char* configured = std::getenv("TMPDIR");
   for (const std::string base : {"/dev/shm", configured ? configured : "/tmp", "/tmp"}) {
     if (!holds_programs(base)) continue;
-    std::string root = fs::canonical(base).string() + "/camera-sim." + std::to_string(getpid()) + ".XXXXXX";
+    std::string root =
+        fs::canonical(base).string() + "/" + kRootPrefix + std::to_string(getpid()) + ".XXXXXX";
     if (mkdtemp(root.data())) return root;
   }
   end_program("no folder for the run can be made");
@@ -109,6 +115,20 @@ void remove_ipc(pid_t number) {
   for (const auto& entry : fs::directory_iterator("/dev/shm", ignored)) {
     const std::string name = entry.path().filename();
     if (name.starts_with("sem.") && name.ends_with(suffix)) sem_unlink(name.c_str() + 4);
+    if (name == "camera_phys" + suffix) shm_unlink(name.c_str());
+  }
+}
+
+// Runs whose process was killed leave everything behind.
+void remove_runs_of_the_dead(const std::string& folder) {
+  std::error_code ignored;
+  for (const auto& entry : fs::directory_iterator(folder, ignored)) {
+    const std::string name = entry.path().filename();
+    if (!name.starts_with(kRootPrefix)) continue;
+    const pid_t number = std::atoi(name.c_str() + std::strlen(kRootPrefix));
+    if (number <= 0 || kill(number, 0) == 0 || errno != ESRCH) continue;
+    remove_ipc(number);
+    fs::remove_all(entry.path(), ignored);
   }
 }
 
@@ -136,6 +156,7 @@ Run::Run() {
   if (own_run.load()) end_program("this process has a run already");
   const auto* made = new Current{make_root(), getpid()};
   remove_ipc(made->number);  // of a dead process that had our id
+  remove_runs_of_the_dead(fs::path(made->root).parent_path());
   setenv(kRootVariable, made->root.c_str(), 1);
   setenv(kNumberVariable, std::to_string(made->number).c_str(), 1);
   own_run = made;

@@ -216,4 +216,25 @@ TEST(Sleep, IsDividedAndCounted) {
   EXPECT_EQ(sim::sleep_count().microseconds, 1'500'000u);
 }
 
+TEST(Run, RemovesWhatAKilledProcessLeft) {
+  std::string root;
+  int pipe_ends[2];
+  ASSERT_EQ(pipe(pipe_ends), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    const sim::Run run;
+    sys::msgget(14073, IPC_CREAT | 0600);
+    root = sim::run_root();
+    _exit(write(pipe_ends[1], root.data(), root.size()) < 0);  // no destructor runs
+  }
+  waitpid(child, nullptr, 0);
+  std::array<char, 4096> text{};
+  root.assign(text.data(), static_cast<size_t>(read(pipe_ends[0], text.data(), text.size())));
+  const key_t key = static_cast<key_t>(child << 9 | 14073 % 509);
+  ASSERT_NE(root, "");
+  const sim::Run run;  // or that of a test beside this one
+  EXPECT_FALSE(std::filesystem::exists(root));
+  EXPECT_EQ(msgget(key, 0), -1);
+}
+
 }  // namespace
