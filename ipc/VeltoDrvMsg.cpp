@@ -102,7 +102,7 @@ consteval const Command& command(i32 number) {
 
 u8* at(VeltoMsgBuf& record, u8 offset) { return record.payload + velto_payload_offset(offset); }
 
-// One command's transaction; the reply's status, 0 when there is none.
+// One command's transaction; the reply's status, 0 when there is none, -1 when the process ends before it.
 i32 VeltoCall(const Command& row, const void* in, void* out = nullptr, std::string_view text = {}) {
   VeltoMsgBuf record{};
   record.dest = kServerMsgType;
@@ -113,7 +113,9 @@ i32 VeltoCall(const Command& row, const void* in, void* out = nullptr, std::stri
   text.copy(reinterpret_cast<char*>(at(record, row.text_at)), row.text_room);
 
   SemGuard guard(driver.lock);
-  if (row.kind == kOneWay)
+  if (guard.given_up())
+    record.ret = -1;
+  else if (row.kind == kOneWay)
     Msg_Send(driver.queue, &record, kRecordSize);
   else
     Msg_Transact(driver.queue, driver.process, &record, kRecordSize);

@@ -35,9 +35,9 @@ struct Driver {
 };
 Driver driver;
 
-// Null when there is no segment, it is too small, or it cannot be attached.
+// Null when the segment is too small or cannot be attached.
 u8* attach(i32 segment) {
-  if (segment < 0 || ShareMemSize(segment) < kLeastSegment) return nullptr;
+  if (ShareMemSize(segment) < kLeastSegment) return nullptr;
   void* base = shmat(segment, nullptr, 0);
   return base == reinterpret_cast<void*>(-1) ? nullptr : static_cast<u8*>(base);
 }
@@ -123,14 +123,19 @@ i32 InitFileMsgDrv(key_t key, i32 process_id) {
   }
   driver.key = key;
   driver.segment = pShareMemInit(key);
-  driver.base = attach(driver.segment);
-  if (!driver.base) {
+  if (driver.segment < 0) {
     PRINT_ERROR("Share memory id error\n");
     Msg_Kill(driver.queue);
     DestroySem(driver.lock);
     return -1;
   }
   PRINT_DEBUG("Share Memory id : %d\n", driver.segment);
+  driver.base = attach(driver.segment);
+  if (!driver.base) {
+    PRINT_ERROR("Share memory %d is too small or cannot be attached\n", driver.segment);
+    DestroySem(driver.lock);
+    return -1;
+  }
   PRINT_DEBUG("Share Memory Address:%p\n", static_cast<void*>(driver.base));
   driver.process = process_id;
   return 0;
@@ -161,6 +166,7 @@ u32* GetSysRequestFlags() { return area<u32>(kRequestFlagsOffset); }
 
 i32 SetSysInfo(i32 section) {
   SemGuard guard(driver.lock);
+  if (guard.given_up()) return -1;
   if (driver.failed_writes > kToleratedFailures) {
     driver.failed_writes = 0;
     driver.queue = Msg_Init(driver.key);
@@ -173,6 +179,7 @@ i32 SetSysInfo(i32 section) {
 
 i32 fResetSysInfo() {
   SemGuard guard(driver.lock);
+  if (guard.given_up()) return -1;
   if (server_accepts(kFileMsgReset, 0)) return 0;
   PRINT_ERROR("FILE_MSG_RESET fail\n");
   return -1;
@@ -180,6 +187,7 @@ i32 fResetSysInfo() {
 
 i32 fSaveSysDefInfo() {
   SemGuard guard(driver.lock);
+  if (guard.given_up()) return -1;
   if (server_accepts(kFileMsgSaveDefaults, 0)) return 0;
   PRINT_ERROR("FILE_MSG_SAVE_DEF fail\n");
   return -1;

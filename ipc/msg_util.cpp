@@ -22,9 +22,9 @@ ssize_t receive_cancellable(i32 qid, long type, void* record, std::size_t payloa
 }
 
 // Throws the oldest message of this type away, whatever its length.
-bool discard(i32 qid, long type) {
+void discard(i32 qid, long type) {
   long nothing_but_type;
-  return msgrcv(qid, &nothing_but_type, 0, type, IPC_NOWAIT | MSG_NOERROR) >= 0;
+  msgrcv(qid, &nothing_but_type, 0, type, IPC_NOWAIT | MSG_NOERROR);
 }
 
 }  // namespace
@@ -41,7 +41,6 @@ i32 Msg_Init(key_t key) {
 
 i32 Msg_Send(i32 qid, const void* record, std::size_t size) {
   while (msgsnd(qid, record, size - kMsgTypeSize, IPC_NOWAIT) < 0) {
-    if (errno == EINTR) continue;
     if (errno != EAGAIN || uvc_stream_state.exit_flag) return -1;
     sys::usleep(kFullQueuePause);
   }
@@ -67,11 +66,13 @@ i32 Msg_Kill(i32 qid) {
 }
 
 i32 Msg_Drain(i32 qid, long type, void* record, std::size_t size) {
-  for (;;) {
-    if (msgrcv(qid, record, size - kMsgTypeSize, type, IPC_NOWAIT) >= 0 || errno == EINTR) continue;
+  while (!uvc_stream_state.exit_flag) {
+    if (msgrcv(qid, record, size - kMsgTypeSize, type, IPC_NOWAIT) >= 0) continue;
     if (errno == ENOMSG) return 0;
-    if (errno != E2BIG || !discard(qid, type)) return -1;
+    if (errno != E2BIG) return -1;
+    discard(qid, type);
   }
+  return -1;
 }
 
 ssize_t Msg_Transact(i32 qid, long type, void* record, std::size_t size) {

@@ -28,7 +28,7 @@ ssize_t Msg_Send_Rsv(i32 qid, long type, void* record, std::size_t size);
 i32 Msg_Kill(i32 qid);
 
 /// Takes stale messages of this type off the queue, into the record; those longer than it are thrown away.
-/// 0 once there is none left, -1 on an error that does not pass.
+/// 0 once there is none left, -1 on an error that does not pass or when the process is told to end.
 i32 Msg_Drain(i32 qid, long type, void* record, std::size_t size);
 /// A server channel's transaction on a filled record: Msg_Drain, then Msg_Send_Rsv.
 /// Deliberate: the drain receives into the very record that is then sent, so a stale reply takes the

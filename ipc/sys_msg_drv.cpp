@@ -71,6 +71,7 @@ i32 TransmitMsg2Sys(void* buffer, i32 length, i32* reply_length, i32 cmd) {
   const i32 offset = sys_slot_offset(driver.process);
   SysMsgBuf record{kServerMsgType, cmd, driver.process, length, offset};
   SemGuard guard(driver.lock);
+  if (guard.given_up()) return -1;
   ShareMemWrite(offset, buffer, length);
   if (Msg_Transact(driver.queue, driver.process, &record, kRecordSize) < 0) return -1;
   if (reply_length && record.length >= 0) take_reply(offset, buffer, record.length, *reply_length);

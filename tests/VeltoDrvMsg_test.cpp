@@ -2,9 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
 
+#include "common/stream_state.h"
 #include "tests/ipc_peer.h"
 
 namespace {
@@ -211,6 +213,24 @@ TEST(VeltoDrvMsg, CancelledRequestReleasesTheChannel) {
 }
 
 // A reply is addressed by process id only: were transactions to interleave, a thread would get another's.
+TEST(VeltoDrvMsg, EndOfTheProcessDoesNotWaitForAThreadWithoutReply) {
+  sim::Run run;
+  VeltoPeer peer(kVeltoMsgKey);
+  ASSERT_EQ(VeltoDrvInit(kVeltoProcess), 0);
+  CancellableThread control([] { VeltoRequest20(1); });
+  peer.take();  // and never answers
+  std::thread ender([] {
+    usleep(50'000);
+    uvc_stream_state.exit_flag = 1;
+  });
+  VeltoSend12(1);
+  ender.join();
+  EXPECT_EQ(peer.waiting(), 0u) << "nothing is sent without the lock";
+  EXPECT_TRUE(control.cancel_and_join());
+  VeltoSend12(2);
+  EXPECT_EQ(peer.waiting(), 1u);
+}
+
 TEST(VeltoDrvMsg, ThreadsKeepTheirOwnReplies) {
   sim::Run run;
   VeltoPeer peer(kVeltoMsgKey);

@@ -261,15 +261,35 @@ TEST_F(FileMsgDrv, WithoutAnAttachedSegmentNothingIsRead) {
   EXPECT_EQ(peer.waiting(), 0u);
 }
 
-TEST_F(FileMsgDrv, TooSmallASegmentFailsTheStartAndRemovesTheQueue) {
+TEST_F(FileMsgDrv, TooSmallASegmentFailsTheStart) {
   shmctl(id, IPC_RMID, nullptr);
   const int small = shmget(sim::run_key(kFileMsgKey), 3043, IPC_CREAT | 0660);
   ASSERT_GE(small, 0);
   testing::internal::CaptureStderr();
   EXPECT_EQ(InitFileMsgDrv(kFileMsgKey, kFileMsgProcess), -1);
-  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("Share memory id error\n"));
-  EXPECT_EQ(msgget(sim::run_key(kFileMsgKey), 0), -1);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("is too small or cannot be attached\n"));
+  EXPECT_EQ(msgget(sim::run_key(kFileMsgKey), 0), peer.queue()) << "the server's queue stays";
   EXPECT_EQ(GetSysInfo(), nullptr);
+}
+
+TEST_F(FileMsgDrv, ThreadsWaitForEachOthersTransactions) {
+  open();
+  constexpr int kRounds = 100;
+  std::thread server([&] {
+    for (int i = 0; i < 2 * kRounds; i++) {
+      FileMsgBuf reply = peer.take();
+      reply.dest = reply.src;
+      accept(reply);
+      peer.send(reply);
+    }
+  });
+  const auto client = [] {
+    for (int i = 0; i < kRounds; i++) EXPECT_EQ(SetSysInfo(2), 0);
+  };
+  std::thread other(client);
+  client();
+  other.join();
+  server.join();
 }
 
 }  // namespace

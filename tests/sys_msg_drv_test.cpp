@@ -129,6 +129,26 @@ TEST_F(SysMsgDrv, FailuresOfTheQueueAreReturned) {
   EXPECT_EQ(buffer[0], 9);
 }
 
+TEST_F(SysMsgDrv, ThreadsWaitForEachOthersTransactions) {
+  ASSERT_EQ(InitSysMsgDrv(kSysMsgProcess), 0);
+  constexpr int kRounds = 100;
+  std::thread server([&] {
+    for (int i = 0; i < 2 * kRounds; i++) {
+      SysMsgBuf reply = peer.take();
+      reply.dest = reply.src;
+      peer.send(reply);  // the length that was asked with
+    }
+  });
+  const auto client = [](i32 length) {
+    u8 buffer[16] = {};
+    for (int i = 0; i < kRounds; i++) EXPECT_EQ(TransmitMsg2Sys(buffer, length, nullptr, 39), length);
+  };
+  std::thread other(client, 3);
+  client(5);
+  other.join();
+  server.join();
+}
+
 TEST_F(SysMsgDrv, CancelledTransactionReleasesTheChannel) {
   ASSERT_EQ(InitSysMsgDrv(kSysMsgProcess), 0);
   u8 buffer[16] = {};
