@@ -1,5 +1,6 @@
 // The few calls of the chip's media library (HI_MPI_*) that the service makes, and the picture record that
-// they share. On the camera the vendor's library provides them, on a PC the simulator's libmpi.so.
+// they share. On a PC the simulator's libmpi.so provides them. The vendor's library has the functions but a
+// picture record of its own, so the camera needs an adapter between the two.
 #pragma once
 
 #include "common/bytes.h"

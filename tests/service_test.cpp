@@ -1,6 +1,7 @@
 // The whole service as a process of its own, between a simulated camera and a USB host.
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/shm.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -17,6 +18,7 @@
 #include "sim/server.h"
 #include "sim/service_process.h"
 #include "sim/usb_host.h"
+#include "vencbuf/enc_frame.h"
 
 using namespace std::chrono_literals;
 using testing::HasSubstr;
@@ -188,6 +190,25 @@ TEST_F(CameraTest, SigtermWhileTheNodeRefusesEverything) {
   }
 }
 
+TEST_F(CameraTest, SigintEndsTheServiceToo) {
+  start_and_plug_in();
+  kill(service->pid(), SIGINT);
+  EXPECT_TRUE(wait_until([this] { return !service->running(); }));
+  EXPECT_EQ(service->how_it_ended(), "exit status 0");
+}
+
+TEST_F(CameraTest, RingThatCannotBeAttachedEndsTheServiceInOrder) {
+  const int ring = shmget(sim::run_key(VENC_RING_KEY), 0, 0);
+  if (ring >= 0) shmctl(ring, IPC_RMID, nullptr);
+  ASSERT_GE(shmget(sim::run_key(VENC_RING_KEY), 4096, IPC_CREAT | 0600), 0);
+  start();
+  EXPECT_TRUE(wait_until([this] { return !service->running(); }));
+  EXPECT_EQ(service->how_it_ended(), "exit status 0");
+  EXPECT_THAT(service->last_lines(), testing::ContainsRegex("\\[main\\]-[0-9]+: .*vencbuf_get_init failed!"));
+  EXPECT_THAT(run.shell_log(), HasSubstr("insmod /opt/vcam/ko/extdrv/g_webcam.ko"))
+      << "after the full start-up";
+}
+
 TEST_F(CameraTest, NodeTroubleAtStartEndsInAWorkingStream) {
   const char* faults[] = {"fail OPEN 1-2",  "fail QUERYCAP 1-5", "fail S_FMT 1-5",
                           "fail G_FMT 1-2", "fail REQBUFS 1-3",  "fail QUERYBUF 2",
@@ -265,6 +286,10 @@ TEST_F(CameraTest, LevelFileMayHoldAnythingAndIsReadAgainOnSigusr1) {
   const std::string before = service->last_lines();
   host.unplug();
   host.replug();
+  EXPECT_TRUE(wait_until([this] {
+    const std::string calls = node.call_log();
+    return calls.find("event=CONNECT", calls.rfind("event=DISCONNECT")) != std::string::npos;
+  }));
   EXPECT_EQ(service->last_lines(), before) << "level error prints nothing";
   expect_clean_end();
 }

@@ -185,6 +185,23 @@ TEST_F(UvcTest, ReplugStopsTheNodeBeforeItStartsItAgain) {
   EXPECT_THAT(host.call_log(), HasSubstr("\nSTREAMOFF"));
 }
 
+TEST_F(UvcTest, NodeThatRefusedToStopIsStoppedBeforeTheNextStart) {
+  raise(UVC_EVENT_STREAMON);
+  ASSERT_TRUE(host.script("fail STREAMOFF 1"));
+  raise(UVC_EVENT_STREAMOFF);
+  raise(UVC_EVENT_STREAMON);
+  EXPECT_THAT(host.call_log(), HasSubstr("STREAMOFF -> 0\nSTREAMON -> 0\n"));
+}
+
+TEST_F(UvcTest, PausesOnceIn2000PollsWhileStreaming) {
+  uvc_stream_state.stream_on = 1;
+  const auto before = sim::sleep_count().calls;
+  for (int i = 0; i < 2000; i++) uvc_event_turn(loop);
+  EXPECT_EQ(sim::sleep_count().calls, before);
+  uvc_event_turn(loop);
+  EXPECT_EQ(sim::sleep_count().calls, before + 1);
+}
+
 TEST_F(UvcTest, SaysNothingBelowInfo) {
   print_level = 2;
   testing::internal::CaptureStderr();
@@ -242,6 +259,30 @@ TEST_F(UvcTest, SurvivesAnyRequest) {
   set_streaming(VS_COMMIT_CONTROL, block(kFormatYuy2, 2, 333333));
   EXPECT_EQ(cur_col, 640);
   EXPECT_EQ(hex(get_streaming(UVC_GET_LEN, VS_PROBE_CONTROL, 2)), "1a 00");
+}
+
+TEST_F(UvcTest, ThreadIsNotCancelledInTheMiddleOfARequest) {
+  const int queue = msgget(sim::run_key(kVeltoMsgKey), 0);
+  VeltoMsgBuf filler = {
+      .dest = kServerMsgType, .cmd = kVeltoEncoderSettings, .src = 0, .ret = 0, .payload = {}};
+  while (msgsnd(queue, &filler, kVeltoMsgPayload, IPC_NOWAIT) == 0) continue;
+  uvc_device_close();
+  ASSERT_EQ(uvc_device_open(), 0);
+  pthread_t thread;
+  ASSERT_EQ(pthread_create(&thread, nullptr, uvc_class_procesing, &uvc_video_fd), 0);
+  ASSERT_TRUE(host.wait_for_device(std::chrono::seconds(2)));
+  host.control({0x21, UVC_SET_CUR, VS_COMMIT_CONTROL << 8, 1, 26}, block(kFormatYuy2, 1, 333333));
+  while (cur_format != kFormatYuy2) sys::usleep(1000);  // then the settings meet the full queue
+  sys::usleep(20'000);
+  pthread_cancel(thread);
+  timespec soon;
+  clock_gettime(CLOCK_REALTIME, &soon);
+  soon.tv_sec += 1;
+  EXPECT_EQ(pthread_timedjoin_np(thread, nullptr, &soon), ETIMEDOUT);
+  uvc_stream_state.exit_flag = 1;
+  void* result = nullptr;
+  pthread_join(thread, &result);
+  EXPECT_EQ(result, PTHREAD_CANCELED);
 }
 
 TEST_F(UvcTest, ThreadCanBeCancelledIdleAndStreaming) {

@@ -1,13 +1,19 @@
 // The gadget node's set-up: the calls in order, and a way back from every step that fails.
 #include "uvc/uvc_gadget_device.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 
+#include <csignal>
+#include <cstring>
+#include <fstream>
 #include <thread>
 
 #include "platform/sys.h"
 #include "sim/node.h"
 #include "sim/run.h"
+#include "support/print.h"
+#include "uvc/uvc_gadget_signals.h"
 #include "uvc/uvc_state.h"
 
 using testing::HasSubstr;
@@ -17,6 +23,13 @@ namespace {
 class DeviceTest : public testing::Test {
  protected:
   DeviceTest() { sys::system("insmod /opt/vcam/ko/extdrv/g_webcam.ko"); }
+
+  static long node_mappings() {
+    std::ifstream maps("/proc/self/maps");
+    long count = 0;
+    for (std::string line; std::getline(maps, line);) count += line.find("/dev/video0") != std::string::npos;
+    return count;
+  }
 
   sim::Run run;
   sim::NodeHost host;
@@ -56,7 +69,7 @@ TEST_F(DeviceTest, EveryFailingStepIsTriedAgainUntilItWorks) {
     ASSERT_EQ(uvc_device_open(), 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), row.text);
     EXPECT_EQ(uvc_buffer_count, 3u);
-    for (u32 i = 0; i < 3; i++) EXPECT_EQ(uvc_buffers[i].start[0], 0);
+    EXPECT_EQ(node_mappings(), 3) << "those of the failed try are undone";
     uvc_device_close();
   }
 }
@@ -90,7 +103,30 @@ TEST_F(DeviceTest, RearmLeavesOutABufferThatCannotBeMapped) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "set mmap errr\n");
   EXPECT_EQ(uvc_buffers[1].start, nullptr);
   EXPECT_NE(uvc_buffers[2].start, nullptr);
-  EXPECT_EQ(uvc_device_map(1), 0);
+  EXPECT_EQ(uvc_device_rearm_buffer(1), 0);
+  EXPECT_NE(uvc_buffers[1].start, nullptr);
+}
+
+TEST_F(DeviceTest, RearmClearsWhatTheLastStreamLeft) {
+  ASSERT_EQ(uvc_device_open(), 0);
+  std::memset(uvc_buffers[2].start, 0xEE, 100);
+  uvc_device_rearm();
+  EXPECT_EQ(uvc_buffers[2].start[0], 0);
+  EXPECT_EQ(uvc_buffers[2].start[99], 0);
+}
+
+TEST_F(DeviceTest, NodeIsNotHandedOnToChildren) {
+  ASSERT_EQ(uvc_device_open(), 0);
+  EXPECT_EQ(fcntl(uvc_video_fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}
+
+TEST_F(DeviceTest, LevelFileIsReadAgainWhileTheNodeCannotBeHad) {
+  run.write_file("/opt/params/print.conf", "uvc_gadget=warn\n");
+  install_reload_handler();
+  ASSERT_TRUE(host.script("fail OPEN 1"));
+  raise(SIGUSR1);
+  ASSERT_EQ(uvc_device_open(), 0);
+  EXPECT_EQ(print_level, 2);
 }
 
 }  // namespace

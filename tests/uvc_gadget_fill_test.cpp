@@ -213,6 +213,7 @@ TEST_F(FillTest, ConvertsPicturesThatFit) {
       {"larger than the buffer", kVpssYuv420SemiPlanar, 64, 32, 64, 1920, 1080, 2,
        "Insufficient memory space."},
       {"absurd commit", kVpssYuv420SemiPlanar, 64, 32, 64, -1, -1, 2, "Insufficient memory space."},
+      {"commit beyond 32 bits", kVpssYuv420SemiPlanar, 16, 8, 16, 65536, 65536, 256, ""},
       {"stride below the width", kVpssYuv420SemiPlanar, 16, 8, 15, 16, 8, 2, "cannot be mapped\n"},
       {"no lines", kVpssYuv422SemiPlanar, 16, 0, 16, 16, 8, 2, "cannot be mapped\n"},
   };

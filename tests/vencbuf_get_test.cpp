@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <thread>
 
 #include "common/stream_state.h"
@@ -101,6 +102,51 @@ TEST_F(RingTest, WaitsForTheWritersPost) {
   ASSERT_NE(slot, nullptr);
   EXPECT_EQ(slot->seq, 9u);
   writer.join();
+}
+
+TEST_F(RingTest, GivesUpAfter25SlicesWhateverSignalsCome) {
+  std::signal(SIGUSR1, [](int) {});
+  std::atomic<bool> done = false;
+  std::thread signals([&done, waiter = pthread_self()] {
+    while (!done) {
+      pthread_kill(waiter, SIGUSR1);
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  });
+  while (sem_trywait(ready) == 0) continue;
+  const auto start = Clock::now();
+  EXPECT_EQ(vencbuf_get(), nullptr);
+  EXPECT_GT(Clock::now() - start, std::chrono::milliseconds(2400));
+  EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(4000));
+  done = true;
+  signals.join();
+}
+
+TEST_F(RingTest, SlotThatTheWriterTakesBackIsNeverTaken) {
+  constexpr u32 kWriting = 1;
+  publish(0, 1);
+  std::atomic<bool> done = false;
+  long taken_back = 0, collisions = 0;
+  std::thread writer([&] {  // takes its ready slot back again and again
+    std::atomic_ref<u32> state(*reinterpret_cast<u32*>(&slots[0]));
+    while (!done) {
+      u32 expected = kSlotReady;
+      if (state.compare_exchange_strong(expected, kWriting)) {
+        taken_back++;
+        for (int i = 0; i < 20; i++) collisions += state.load() != kWriting;
+      }
+      if (expected != kSlotReading) state.store(kSlotReady);
+      if (value(ready) == 0) sem_post(ready);
+    }
+  });
+  const auto end = Clock::now() + std::chrono::milliseconds(300);
+  while (Clock::now() < end) {
+    if (EncFrameSlot* slot = vencbuf_get()) vencbuf_release(slot);
+  }
+  done = true;
+  writer.join();
+  EXPECT_GT(taken_back, 100);
+  EXPECT_EQ(collisions, 0);
 }
 
 struct EndRow {

@@ -14,7 +14,7 @@ static constexpr char kHelp[] =
     "SIGUSR1. Log lines go to the log collector's queue, diagnostics to standard error.\n";
 
 int main(int argc, char** argv) {
-  if (argc == 1) return uvc_gadget_main(argc, argv);
+  if (argc <= 1) return uvc_gadget_main(argc, argv);
   if (std::strcmp(argv[1], "--help") == 0) return std::fputs(kHelp, stdout) < 0;
   if (std::strcmp(argv[1], "--version") == 0) return std::puts("uvc_gadget " UVC_GADGET_VERSION) < 0;
   std::fprintf(stderr, "uvc_gadget: unknown option %s; a plain start takes none, --help tells more\n",

@@ -75,8 +75,7 @@ static i32 end_stream(const UvcEventLoop& loop) {
 // otherwise.
 static void stop_left_stream(UvcEventLoop& loop) {
   if (!loop.left_streaming) return;
-  end_stream(loop);
-  loop.left_streaming = false;
+  loop.left_streaming = end_stream(loop) < 0;
 }
 
 static void on_stream_on(UvcEventLoop& loop, const v4l2_event&) {
@@ -95,10 +94,8 @@ static void on_stream_on(UvcEventLoop& loop, const v4l2_event&) {
 static void on_stream_off(UvcEventLoop& loop, const v4l2_event&) {
   PRINT_INFO("UVC_EVENT_STREAMOFF\n");
   const i32 result = end_stream(loop);
-  if (result < 0)
-    PRINT_INFO("VIDIOC_STREAMOFF  failed (%d)\n", result);
-  else
-    loop.left_streaming = false;
+  loop.left_streaming = result < 0;
+  if (result < 0) PRINT_INFO("VIDIOC_STREAMOFF  failed (%d)\n", result);
 }
 
 using Handler = u32 (*)(UvcRequestContext*);
@@ -146,7 +143,7 @@ static void serve(UvcEventLoop& loop, const v4l2_event& event) {
   static constexpr void (*kEventHandlers[])(UvcEventLoop&, const v4l2_event&) = {
       on_connect, on_disconnect, on_stream_on, on_stream_off, on_setup, on_data};
   const u32 at = event.type - UVC_EVENT_CONNECT;
-  if (event.type >= UVC_EVENT_CONNECT && at < std::size(kEventHandlers)) kEventHandlers[at](loop, event);
+  if (at < std::size(kEventHandlers)) kEventHandlers[at](loop, event);
 }
 
 void uvc_event_turn(UvcEventLoop& loop) {

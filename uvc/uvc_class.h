@@ -10,7 +10,7 @@ struct UvcEventLoop {
   const Word* device;           ///< the gadget node's descriptor
   UvcRequestContext request;    ///< the last SETUP; zero before the first
   u32 polls = 0;                ///< since the last pause, while streaming
-  bool left_streaming = false;  ///< a DISCONNECT ended the stream, but the node was not told
+  bool left_streaming = false;  ///< the stream is over, but the node has not been stopped
 };
 
 /// Thread entry; `device` is the address of the Word that holds the descriptor of the opened, non-blocking

@@ -130,6 +130,7 @@ static UvcStatus set_commit(const Control& control) {
   cfg_col = cur_col;
   last_format = cur_format;
   config_changed = 1;
+  // Deliberate: not cur_format, which an unknown format leaves as it was; the encoder is then told nothing.
   apply_encoder_settings(cur_col, cur_line, block.bFormatIndex, cur_frame_rate);
   return kNoError;
 }

@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <sys/time.h>
 
-#include <csignal>
 #include <cstring>
 
 #include "elog/elog.h"
@@ -20,11 +19,11 @@
 #include "uvc/uvc_class_encoder.h"
 #include "uvc/uvc_gadget_device.h"
 #include "uvc/uvc_gadget_loop.h"
+#include "uvc/uvc_gadget_signals.h"
 #include "uvc/uvc_state.h"
 #include "vencbuf/vencbuf_get.h"
 
 static constexpr char kPrintFile[] = "uvc_gadget.c";
-static constexpr char kProcessName[] = "uvc_gadget";
 
 static constexpr useconds_t kConnectPause = 5'000;
 
@@ -38,28 +37,6 @@ static constexpr const char* kModuleCommands[] = {
     "insmod /opt/vcam/ko/extdrv/dwc_otg.ko",
     "insmod /opt/vcam/ko/extdrv/g_webcam.ko",
 };
-
-// The handlers only store words: they may run while their own thread holds a lock of the logger or of the C
-// library.
-void exitfunction(int) {
-  exit_requested_by_signal = 1;
-  uvc_stream_state.exit_flag = 1;
-}
-
-static void request_print_level_reload(int signal) {
-  if (signal == SIGUSR1) print_level_reload_requested = 1;
-}
-
-static void serve_signals() {
-  if (exit_requested_by_signal) {
-    exit_requested_by_signal = 0;
-    PRINT_INFO("exit uvc class threads...\n");
-  }
-  if (print_level_reload_requested) {
-    print_level_reload_requested = 0;
-    print_level_load(kProcessName);
-  }
-}
 
 void second_cnt() {
   UvcStreamState& state = uvc_stream_state;
@@ -133,10 +110,7 @@ static void find_shared_words() {
 
 static void run_streaming_loop() {
   StreamLoop loop = {.need_dequeue = uvc_buffer_count > 0};
-  while (!uvc_stream_state.exit_flag) {
-    serve_signals();
-    stream_turn(loop);
-  }
+  while (!uvc_stream_state.exit_flag) stream_turn(loop);
 }
 
 static void shut_down() {
@@ -155,16 +129,18 @@ i32 uvc_gadget_main(int, char** argv) {
   log_module_init(print_level);
   process_info_print(argv[0]);
   print_level_load(kProcessName);
-  std::signal(SIGUSR1, request_print_level_reload);
+  install_reload_handler();
   if (attach_channels() < 0) return -1;
   const i64 port = read_usb_port();
   if (port < 0) return -1;
-  while (connect_av_server(kVeltoProcess) < 0) sys::usleep(kConnectPause);
+  while (connect_av_server(kVeltoProcess) < 0) {
+    serve_signals();
+    sys::usleep(kConnectPause);
+  }
   write_pin_mux();
   gpio_set_output(kPortSelectPin, port == 0);
   gpio_set_output(kPortEnablePin, 1);
-  std::signal(SIGINT, exitfunction);
-  std::signal(SIGTERM, exitfunction);
+  install_exit_handlers();
   reload_modules();
   pthread_t control_thread;
   if (bring_up_device(&control_thread) == 0) {

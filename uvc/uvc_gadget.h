@@ -7,10 +7,6 @@
 /// an orderly end, -1 when a channel to the system server cannot be had.
 i32 uvc_gadget_main(int argc, char** argv);
 
-/// Handler of SIGINT and SIGTERM: asks the service to end. The streaming loop prints what is to be said about
-/// it.
-void exitfunction(int signal);
-
 /// A call-rate meter for diagnostics: prints "B %d" with the number of calls when the wall clock's second has
 /// changed since the last one.
 void second_cnt();

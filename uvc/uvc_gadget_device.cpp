@@ -10,6 +10,7 @@
 #include "common/stream_state.h"
 #include "platform/sys.h"
 #include "support/print.h"
+#include "uvc/uvc_gadget_signals.h"
 #include "uvc/uvc_state.h"
 
 static constexpr char kPrintFile[] = "uvc_gadget.c";
@@ -35,7 +36,6 @@ v4l2_buffer uvc_buffer_record(u32 index) {
   record.index = index;
   record.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
   record.memory = V4L2_MEMORY_MMAP;
-  record.length = uvc_buffers[index].length;
   return record;
 }
 
@@ -125,6 +125,7 @@ i32 uvc_device_open() {
     } else {
       sys::usleep(kReopenPause);
     }
+    serve_signals();
     if (uvc_stream_state.exit_flag) return -1;
   }
 }
@@ -136,16 +137,16 @@ void uvc_device_close() {
   uvc_video_fd = -1;
 }
 
-i32 uvc_device_map(u32 index) {
-  if (uvc_buffers[index].start) return 0;
-  if (query_and_map(index) == 0) return 0;
-  PRINT_INFO("set mmap errr\n");
-  return -1;
+i32 uvc_device_rearm_buffer(u32 index) {
+  if (query_and_map(index) < 0) {
+    PRINT_INFO("set mmap errr\n");
+    return -1;
+  }
+  queue_empty(index);
+  return 0;
 }
 
 void uvc_device_rearm() {
   unmap_all();
-  for (u32 i = 0; i < uvc_buffer_count; i++) {
-    if (uvc_device_map(i) == 0) queue_empty(i);
-  }
+  for (u32 i = 0; i < uvc_buffer_count; i++) uvc_device_rearm_buffer(i);
 }

@@ -16,8 +16,8 @@ void uvc_device_close();
 /// Maps every buffer anew and queues it with an empty payload, after a stream has ended.
 void uvc_device_rearm();
 
-/// Maps one buffer that an earlier call could not map. 0 or -1.
-i32 uvc_device_map(u32 index);
+/// The same for one buffer that could not be mapped then. 0 or -1.
+i32 uvc_device_rearm_buffer(u32 index);
 
 /// The record with which buffer `index` is queried, queued and dequeued.
 v4l2_buffer uvc_buffer_record(u32 index);

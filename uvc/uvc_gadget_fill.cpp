@@ -7,6 +7,7 @@
 #include "platform/hi_mpi.h"
 #include "support/print.h"
 #include "uvc/uvc_gadget_device.h"
+#include "uvc/uvc_gadget_signals.h"
 #include "uvc/uvc_gadget_yuv.h"
 #include "uvc/uvc_state.h"
 #include "vencbuf/vencbuf_get.h"
@@ -135,6 +136,7 @@ static void copy_frame(v4l2_buffer& buffer, const EncFrameSlot& slot, i32 size) 
 // Drops frames until one fits. 0, or -1 when the stream or the service ends before that.
 static i32 fill_from_ring(v4l2_buffer& buffer) {
   do {
+    serve_signals();
     EncFrameSlot* slot = vencbuf_get();
     if (!slot) {
       PRINT_ERROR_IN("uvc_video_fill_buffer", "vencbuf_get Error\n");

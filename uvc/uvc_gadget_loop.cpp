@@ -5,6 +5,7 @@
 #include "uvc/uvc_class_encoder.h"
 #include "uvc/uvc_gadget_device.h"
 #include "uvc/uvc_gadget_fill.h"
+#include "uvc/uvc_gadget_signals.h"
 #include "uvc/uvc_state.h"
 
 static constexpr char kPrintFile[] = "uvc_gadget.c";
@@ -63,16 +64,23 @@ static void on_dequeue_failure(StreamLoop& loop, v4l2_buffer& buffer) {
   loop.dq_fail_count = 0;
 }
 
+static bool is_mapped(u32 index) { return uvc_buffers[index].start != nullptr; }
+
+// A buffer that could not be mapped when the last stream ended: it is tried again, and filled once it comes
+// round.
+static void mend_buffer(u32 index) {
+  if (uvc_device_rearm_buffer(index) < 0) sys::usleep(kDequeuePause);
+}
+
 static void feed_buffer(StreamLoop& loop, u32 index) {
-  if (uvc_device_map(index) < 0) {
-    sys::usleep(kDequeuePause);
-    return;
-  }
+  serve_signals();
+  if (!is_mapped(index)) return mend_buffer(index);
   v4l2_buffer buffer = uvc_buffer_record(index);
   if (loop.need_dequeue && sys::ioctl(uvc_video_fd, VIDIOC_DQBUF, &buffer) < 0) {
     on_dequeue_failure(loop, buffer);
     return;
   }
+  if (!is_mapped(buffer.index)) return;  // not this turn's buffer, but the one that the driver gave
   count_frame(loop);
   uvc_video_fill_buffer(0, &buffer);
   loop.dq_fail_count = 0;
@@ -91,6 +99,7 @@ static void rest(StreamLoop& loop) {
 }
 
 void stream_turn(StreamLoop& loop) {
+  serve_signals();
   if (loop.stopped && uvc_stream_state.streaming()) start_stream(loop);
   if (!loop.stopped && stream_goes_on()) {
     feed_all_buffers(loop);

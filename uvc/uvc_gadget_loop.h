@@ -14,6 +14,5 @@ struct StreamLoop {
 };
 
 /// One turn: starts, feeds or ends a stream, or sleeps 10 ms. A streaming turn is paced by the dequeue and
-/// the frame sources alone. The first turn normally ends the stream that never was, and so queues the
-/// buffers.
+/// the frame sources alone. The first turn ends a stream that never was.
 void stream_turn(StreamLoop& loop);

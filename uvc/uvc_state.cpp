@@ -12,9 +12,6 @@ Word config_changed;
 Word still_trigger_format;
 Word still_trigger;
 
-Word exit_requested_by_signal;
-Word print_level_reload_requested;
-
 EncoderRecord encoder_record = {
     .width = 1920,
     .height = 1080,

@@ -29,11 +29,6 @@ extern Word config_changed;
 extern Word still_trigger_format;
 extern Word still_trigger;
 
-/// Set by the signal handlers for the streaming loop, which does what a handler must not: print, log, read
-/// files.
-extern Word exit_requested_by_signal;
-extern Word print_level_reload_requested;
-
 /// The encoder-settings record as shared words.
 struct EncoderRecord {
   Word width, height, frame_rate, reserved, codec, rc_mode, rc_param[5];

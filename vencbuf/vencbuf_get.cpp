@@ -22,6 +22,7 @@ static sem_t* slot_released;
 static int ring_id = -1;
 static EncFrameSlot* ring;
 
+// The state is the slot's first word; a member of a packed record cannot be referred to.
 static std::atomic_ref<u32> state_of(EncFrameSlot& slot) {
   return std::atomic_ref<u32>(*reinterpret_cast<u32*>(&slot));
 }
@@ -93,11 +94,13 @@ static EncFrameSlot* oldest_ready() {
   return second ? &ring[1] : nullptr;
 }
 
-// Null also when the writer has just taken the chosen slot back.
+// A slot that the writer takes back at the same moment is passed over.
 static EncFrameSlot* take_oldest_ready() {
-  EncFrameSlot* slot = oldest_ready();
-  u32 expected = kSlotReady;
-  return slot && state_of(*slot).compare_exchange_strong(expected, kSlotReading) ? slot : nullptr;
+  while (EncFrameSlot* slot = oldest_ready()) {
+    u32 expected = kSlotReady;
+    if (state_of(*slot).compare_exchange_strong(expected, kSlotReading)) return slot;
+  }
+  return nullptr;
 }
 
 // Waits for the writer's post; a signal does not cut the slice short, unless it ended the stream or the
@@ -123,7 +126,10 @@ void vencbuf_release(EncFrameSlot* slot) {
 }
 
 void vencbuf_exit() {
-  sem_close(frame_ready);
-  sem_close(slot_released);
-  shmdt(ring);
+  for (sem_t** semaphore : {&frame_ready, &slot_released}) {
+    if (*semaphore) sem_close(*semaphore);
+    *semaphore = nullptr;
+  }
+  if (ring) shmdt(ring);
+  ring = nullptr;
 }

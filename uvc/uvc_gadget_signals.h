@@ -1,0 +1,18 @@
+// Signals: the handlers only store words, since they may run while their own thread holds a lock of the
+// logger or of the C library; the main thread does what they ask for.
+#pragma once
+
+/// Handler of SIGINT and SIGTERM: asks the service to end.
+void exitfunction(int signal);
+
+/// SIGUSR1 asks for the print level to be read again. Main thread, once.
+void install_reload_handler();
+/// SIGINT and SIGTERM end the service from here on. Main thread, once.
+void install_exit_handlers();
+
+/// Does what the handlers have asked for: says that the service ends, reads the print level. Main thread, in
+/// every loop that may last.
+void serve_signals();
+
+/// Name of this process in the print configuration.
+constexpr char kProcessName[] = "uvc_gadget";
