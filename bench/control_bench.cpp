@@ -111,6 +111,7 @@ int main(int argc, char** argv) {
     std::printf("control request, %s: %.3f of an empty loop with the same waiting (aim: at most 1.10)\n",
                 state.c_str(), ns["request_" + state] / ns["empty_" + state]);
   }
-  std::printf("control thread: %.1f %% of a core idle, %.1f %% streaming (simulated node)\n", cpu_percent(0),
+  std::printf("control thread, idle: %.1f %% of a core (aim: none, the node is simulated)\n", cpu_percent(0));
+  std::printf("control thread, streaming: %.1f %% of a core (aim: none, the node is simulated)\n",
               cpu_percent(1));
 }

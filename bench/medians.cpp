@@ -2,6 +2,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstdlib>
 #include <vector>
 
 namespace {
@@ -25,14 +26,17 @@ class KeepMedians : public benchmark::ConsoleReporter {
 
 }  // namespace
 
-Medians run_benchmarks(int argc, char** argv) {
-  std::string defaults[] = {"--benchmark_repetitions=15", "--benchmark_enable_random_interleaving=true",
-                            "--benchmark_report_aggregates_only=true", "--benchmark_min_time=0.05"};
+Medians run_benchmarks(int argc, char** argv, std::initializer_list<const char*> own) {
+  std::vector<std::string> options = {"--benchmark_repetitions=15",
+                                      "--benchmark_enable_random_interleaving=true",
+                                      "--benchmark_report_aggregates_only=true", "--benchmark_min_time=0.05"};
+  options.insert(options.end(), own.begin(), own.end());
+  options.insert(options.end(), argv + 1, argv + argc);
   std::vector<char*> arguments = {argv[0]};
-  for (std::string& option : defaults) arguments.push_back(option.data());
-  arguments.insert(arguments.end(), argv + 1, argv + argc);
+  for (std::string& option : options) arguments.push_back(option.data());
   int count = static_cast<int>(arguments.size());
   benchmark::Initialize(&count, arguments.data());
+  if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) std::exit(1);
   KeepMedians reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   return reporter.medians;

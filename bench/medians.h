@@ -2,11 +2,13 @@
 // back so that the program can print ratios within the one run.
 #pragma once
 
+#include <initializer_list>
 #include <map>
 #include <string>
 
 /// Median time in nanoseconds by benchmark name, as registered ("name/argument"), of manual or CPU time.
 using Medians = std::map<std::string, double>;
 
-/// Runs the registered benchmarks. The command line's own --benchmark_ options come last, so they win.
-Medians run_benchmarks(int argc, char** argv);
+/// Runs the registered benchmarks. Options are taken in this order, the later ones winning: the shared ones,
+/// the program's `own`, the command line's.
+Medians run_benchmarks(int argc, char** argv, std::initializer_list<const char*> own = {});

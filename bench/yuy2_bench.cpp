@@ -1,6 +1,6 @@
 // How fast a picture becomes packed YUY2, as ratios: to a loop that only loads and stores the same bytes (the
-// limit), to libyuv and to swscale. All write the same bytes, which is checked first. The summary stands in
-// the last lines. Takes the flags of Google Benchmark.
+// limit), to libyuv and to swscale. All write the same bytes, which is checked first. Every plane begins at a
+// page, as mapped ones do. Takes the flags of Google Benchmark.
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
 
@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "bench/medians.h"
 #include "uvc/uvc_gadget_yuy2.h"
 
 extern "C" {
@@ -20,6 +21,20 @@ extern "C" {
 }
 
 namespace {
+
+class Plane {
+ public:
+  explicit Plane(std::size_t size) : pages_((size + sizeof(Page) - 1) / sizeof(Page)), size_(size) {}
+  u8* data() { return pages_[0].bytes; }
+  std::size_t size() const { return size_; }
+
+ private:
+  struct alignas(4096) Page {
+    u8 bytes[4096];
+  };
+  std::vector<Page> pages_;
+  std::size_t size_;
+};
 
 /// One picture and its destination. Luma is 16..235 throughout: who looks at its range must look at all of
 /// it.
@@ -30,8 +45,8 @@ struct Frame {
         chroma(picture.chroma_bytes()),
         planar_chroma(chroma.size()),
         dst(2 * luma.size()) {
-    for (std::size_t i = 0; i < luma.size(); ++i) luma[i] = static_cast<u8>(16 + i * 7 % 220);
-    for (std::size_t i = 0; i < chroma.size(); ++i) chroma[i] = static_cast<u8>(i * 11 + i / width);
+    for (std::size_t i = 0; i < luma.size(); ++i) luma.data()[i] = static_cast<u8>(16 + i * 7 % 220);
+    for (std::size_t i = 0; i < chroma.size(); ++i) chroma.data()[i] = static_cast<u8>(i * 11 + i / width);
     picture.luma = luma.data();
     picture.chroma = chroma.data();
     libyuv::SplitUVPlane(picture.chroma, stride(), v(), stride() / 2, u(), stride() / 2, stride() / 2,
@@ -43,7 +58,7 @@ struct Frame {
   u8* v() { return u() + planar_chroma.size() / 2; }
 
   SemiPlanarPicture picture;
-  std::vector<u8> luma, chroma, planar_chroma, dst;
+  Plane luma, chroma, planar_chroma, dst;
   SwsContext* sws = nullptr;
 };
 
@@ -170,12 +185,13 @@ std::deque<Case> all_cases() {
 /// Everyone but the limit must write what we write.
 bool all_agree(Frame& frame) {
   ours(frame);
-  const std::vector<u8> want = frame.dst;
+  u8* const dst = frame.dst.data();
+  const std::vector<u8> want(dst, dst + frame.dst.size());
   for (const auto& [name, convert] : kWays) {
     if (convert == limit) continue;
-    std::fill(frame.dst.begin(), frame.dst.end(), u8{0});
+    std::fill_n(dst, want.size(), u8{0});
     convert(frame);
-    if (frame.dst == want) continue;
+    if (std::equal(want.begin(), want.end(), dst)) continue;
     std::fprintf(stderr, "%s writes other bytes\n", name);
     return false;
   }
@@ -186,68 +202,40 @@ std::string run_name(const Case& of, const char* way) { return of.name + "/" + w
 
 void register_runs(Case& of) {
   for (const Way& way : kWays) {
-    benchmark::RegisterBenchmark(run_name(of, way.name).c_str(),
-                                 [&of, &way](benchmark::State& state) {
-                                   std::size_t turn = 0;
-                                   for (auto unused : state)
-                                     way.convert(of.frames[turn++ % of.frames.size()]);
-                                 })
-        ->Unit(benchmark::kMicrosecond)
-        ->MinTime(0.02);
+    benchmark::RegisterBenchmark(run_name(of, way.name).c_str(), [&of, &way](benchmark::State& state) {
+      std::size_t turn = 0;
+      for (auto unused : state) way.convert(of.frames[turn++ % of.frames.size()]);
+    })->Unit(benchmark::kMicrosecond);
   }
 }
 
-/// Prints as usual, and keeps the medians for the summary: of processor time, which other processes disturb
-/// least.
-class Medians : public benchmark::ConsoleReporter {
- public:
-  Medians() : ConsoleReporter(OO_None) {}
-
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (run.aggregate_name == "median") times_[run.run_name.function_name] = run.GetAdjustedCPUTime();
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  void summarise(const Case& of) const {
-    std::map<std::string, double> time;
-    for (const Way& way : kWays) {
-      const auto found = times_.find(run_name(of, way.name));
-      if (found == times_.end()) return;  // not run: filtered out
-      time[way.name] = found->second;
-    }
-    const double ours = time["ours"], limit = time["load+store"];
-    const double libyuv = std::min(time["libyuv swap and merge"], time["libyuv split and pack"]);
-    std::printf(
-        "%s: %.2f of load+store (aim 1.25), %.2f of libyuv (aim 0.97), %.2f of swscale; "
-        "with luma scan %.2f (aim 1.35)\n",
-        of.name.c_str(), ours / limit, ours / libyuv, ours / time["swscale"],
-        time["ours with luma scan"] / limit);
-  }
-
- private:
-  std::map<std::string, double> times_;
+struct Ratio {
+  const char *of, *to, *printed, *aim;
 };
+constexpr Ratio kRatios[] = {{"ours", "load+store", "load+store", "1.25"},
+                             {"ours with luma scan", "load+store", "load+store, with luma scan", "1.35"},
+                             {"ours", "libyuv", "libyuv's best chain", "0.97"},
+                             {"ours", "swscale", "swscale", "0.97"}};
+
+void summarise(const Case& of, Medians& all) {
+  if (!all.contains(run_name(of, "ours"))) return;  // filtered out
+  std::map<std::string, double> time;
+  for (const Way& way : kWays) time[way.name] = all[run_name(of, way.name)];
+  time["libyuv"] = std::min(time["libyuv swap and merge"], time["libyuv split and pack"]);
+  for (const Ratio& ratio : kRatios) {
+    std::printf("%s: %.2f of %s (aim: at most %s)\n", of.name.c_str(), time[ratio.of] / time[ratio.to],
+                ratio.printed, ratio.aim);
+  }
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  char repetitions[] = "--benchmark_repetitions=9";
-  char interleaving[] = "--benchmark_enable_random_interleaving=true";
-  char aggregates[] = "--benchmark_report_aggregates_only=true";
-  std::vector<char*> args = {argv[0], repetitions, interleaving, aggregates};
-  args.insert(args.end(), argv + 1, argv + argc);
-  int count = static_cast<int>(args.size());
-  benchmark::Initialize(&count, args.data());
-  if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
-
   std::deque<Case> cases = all_cases();
   for (Case& one : cases) {
     if (!all_agree(one.frames.front())) return 1;
     register_runs(one);
   }
-  Medians medians;
-  benchmark::RunSpecifiedBenchmarks(&medians);
-  for (const Case& one : cases) medians.summarise(one);
+  Medians medians = run_benchmarks(argc, argv, {"--benchmark_min_time=0.02"});
+  for (const Case& one : cases) summarise(one, medians);
 }
