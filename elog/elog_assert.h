@@ -6,7 +6,8 @@
 
 using ElogAssertHook = void (*)(const char* expression, const char* function, long line);
 
-/// From now on failed checks call `hook` and go on. Null, as at the start: they log at level 0 and spin.
+/// From now on failed checks call `hook` and go on. The hook must not log: the check may have failed
+/// under the output lock. Null, as at the start: failed checks log at level 0 and spin.
 void elog_assert_set_hook(ElogAssertHook hook);
 
 /// What a failed check does.

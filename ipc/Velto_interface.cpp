@@ -132,7 +132,8 @@ static_assert(std::size(kOperations) == AV_OP_GET_FRAME + 1);
 void* CMEM_MMAP(u32 phys_addr, u32 size) {
   void* address = HI_MPI_SYS_MmapCache(phys_addr, size);
   if (!address)
-    PRINT_ERROR("allocPool: Failed to mmap buffer at physical address %#lx\n", static_cast<long>(phys_addr));
+    PRINT_ERROR("allocPool: Failed to mmap buffer at physical address %#lx\n",
+                static_cast<unsigned long>(phys_addr));
   return address;
 }
 

@@ -20,6 +20,8 @@ ssize_t read(int fd, void* buffer, size_t length);
 ssize_t write(int fd, const void* buffer, size_t length);
 
 std::FILE* fopen(const char* path, const char* mode);
+int remove(const char* path);
+int rename(const char* from, const char* to);
 int system(const char* command);
 /// Closed with ::pclose.
 std::FILE* popen(const char* command, const char* mode);

@@ -21,6 +21,8 @@ int munmap(void* address, size_t length) { return ::munmap(address, length); }
 ssize_t read(int fd, void* buffer, size_t length) { return ::read(fd, buffer, length); }
 ssize_t write(int fd, const void* buffer, size_t length) { return ::write(fd, buffer, length); }
 std::FILE* fopen(const char* path, const char* mode) { return std::fopen(path, mode); }
+int remove(const char* path) { return std::remove(path); }
+int rename(const char* from, const char* to) { return std::rename(from, to); }
 int system(const char* command) { return std::system(command); }
 std::FILE* popen(const char* command, const char* mode) { return ::popen(command, mode); }
 int usleep(useconds_t microseconds) { return ::usleep(microseconds); }

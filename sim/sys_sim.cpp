@@ -189,6 +189,10 @@ ssize_t write(int fd, const void* buffer, size_t length) {
 }
 
 std::FILE* fopen(const char* path, const char* mode) { return std::fopen(sim::pc_path(path).c_str(), mode); }
+int remove(const char* path) { return std::remove(sim::pc_path(path).c_str()); }
+int rename(const char* from, const char* to) {
+  return std::rename(sim::pc_path(from).c_str(), sim::pc_path(to).c_str());
+}
 
 int system(const char* command) {
   if (!sim::may_run(command)) return -1;

@@ -118,7 +118,7 @@ int msg_size_check(int msqid, u32 size) {
     PRINT_ERROR_AT(372, "msgctl error.\n");
     return -1;
   }
-  const u64 used = queue.__msg_cbytes;
+  const u64 used = queue.msg_cbytes;
   if (queue.msg_qbytes < 2 * used || queue.msg_qbytes < used + size) {
     PRINT_ERROR_AT(378, "msg buffer overflow.\n");
     return -1;

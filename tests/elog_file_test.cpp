@@ -34,7 +34,7 @@ class ElogFile : public testing::Test {
   }
 
   sim::Run run;
-  const std::string name = run.path("/tmp/log");
+  const std::string name = "/tmp/log";  // the camera's path: the run's own folder, never this machine's
 };
 
 TEST_F(ElogFile, AppendsAndReopens) {
@@ -90,10 +90,10 @@ TEST_F(ElogFile, FailedRotationDropsTheLine) {
   const ElogFileCfg cfg = {name.c_str(), 0, 1, false};
   elog_file_init(&cfg);
   write("1\n");
-  std::filesystem::create_directories(name + ".0/occupied");  // can neither be removed nor replaced
+  std::filesystem::create_directories(run.path(name) + ".0/occupied");  // can neither be removed nor replaced
   write("lost\n");
   EXPECT_EQ(run.read_file("/tmp/log"), "1\n");
-  std::filesystem::remove_all(name + ".0");
+  std::filesystem::remove_all(run.path(name) + ".0");
   write("2\n");
   EXPECT_THAT(files(), ElementsAre(Pair("", "2\n"), Pair(".0", "1\n")));
 }
@@ -132,7 +132,7 @@ TEST_F(ElogFile, FileIsNotInherited) {
   const ElogFileCfg cfg = {name.c_str(), 100, 0, false};
   elog_file_init(&cfg);
   struct stat log;
-  ASSERT_EQ(stat(name.c_str(), &log), 0);
+  ASSERT_EQ(stat(run.path(name).c_str(), &log), 0);
   int found = 0;
   for (int fd = 0; fd < 100; fd++) {
     struct stat open;

@@ -87,8 +87,8 @@ static bool move_file(i32 from, i32 to) {
   char old_path[kElogFilePathSize];
   char new_path[kElogFilePathSize];
   if (!make_path(old_path, from) || !make_path(new_path, to)) return false;
-  if (readable(new_path)) std::remove(new_path);
-  return !readable(old_path) || std::rename(old_path, new_path) >= 0;
+  if (readable(new_path)) sys::remove(new_path);
+  return !readable(old_path) || sys::rename(old_path, new_path) >= 0;
 }
 
 bool elog_file_rotate() {
