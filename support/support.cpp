@@ -17,10 +17,6 @@ static constexpr char kPrintFile[] = "support";
 
 namespace {
 
-constexpr char kBuildDate[] = "2025-06-04";
-constexpr char kBuildTime[] = "11:25:23";
-constexpr char kBuildVersion[] = "1213";
-
 constexpr char kLevelFile[] = "/opt/params/print.conf";
 
 struct LevelWord {

@@ -9,6 +9,11 @@
 
 #include "common/bytes.h"
 
+/// This build, as the banner and the USB host are told.
+constexpr char kBuildDate[] = "2025-06-04";
+constexpr char kBuildTime[] = "11:25:23";
+constexpr char kBuildVersion[] = "1213";  ///< hexadecimal
+
 /// The start-up banner, whatever the print level: the program's name out of `path` (argv[0]; null allowed),
 /// then build date, time, version and process id, on standard error and in the log.
 void process_info_print(const char* path);

@@ -3,19 +3,17 @@
 #include <cstring>
 
 #include "support/print.h"
+#include "uvc/uvc_class_camera.h"
 #include "uvc/uvc_class_streaming.h"
 #include "uvc/uvc_state.h"
+#include "uvc/uvc_vendor.h"
 
 static constexpr char kPrintFile[] = "uvc_class.c";
 
-static constexpr u8 kVideoControlInterface = 0;
-static constexpr u8 kVideoStreamingInterface = 1;
-
-// The camera terminal, the processing unit and the extension unit know no control yet.
 static const Unit kUnits[] = {
-    {kVideoControlInterface, 1, {}, {}},
-    {kVideoControlInterface, 2, {}, {}},
-    {kVideoControlInterface, 3, {}, {}},
+    uvc_camera_terminal(),
+    uvc_processing_unit(),
+    uvc_extension_unit(),
     {kVideoStreamingInterface, kAnyEntity, uvc_streaming_controls(), {}},
 };
 
@@ -40,8 +38,15 @@ static UvcStatus status_without_unit(const UvcRequestContext& request) {
   return request.interface() == kVideoControlInterface ? kInvalidUnit : kWrongInterface;
 }
 
-static u32 give(const Reply& reply) {
-  if (reply.message) PRINT_INFO("%s", reply.message);
+static void say(const Reply& reply, u8 selector) {
+  if (reply.names_selector)
+    PRINT_INFO("%s %x\n", reply.message, selector);
+  else if (reply.message)
+    PRINT_INFO("%s", reply.message);
+}
+
+static u32 give(const Reply& reply, u8 selector) {
+  say(reply, selector);
   std::memcpy(uvc_resp_buf, reply.live ? reply.live : reply.bytes, reply.count);
   return reply.keeps_status ? uvc_request_error_code : store(reply.status);
 }
@@ -49,7 +54,7 @@ static u32 give(const Reply& reply) {
 static u32 answer(const UvcRequestContext& request, Reply Control::*member) {
   const Unit* unit = find_unit(request);
   if (!unit) return store(status_without_unit(request));
-  return give(find_control(*unit, request.selector()).*member);
+  return give(find_control(*unit, request.selector()).*member, request.selector());
 }
 
 u32 uvc_getmin(UvcRequestContext* request) { return answer(*request, &Control::min); }
@@ -68,12 +73,19 @@ u32 uvc_getcur(UvcRequestContext* request) {
   const Unit* unit = find_unit(*request);
   if (!unit) return store(status_without_unit(*request));
   const Control& control = find_control(*unit, request->selector());
-  return control.get_cur ? store(control.get_cur(control)) : give(control.cur);
+  return control.get_cur ? store(control.get_cur(control)) : give(control.cur, request->selector());
+}
+
+static void clear_missing_data(const UvcRequestContext& request) {
+  const std::size_t sent = request.wLength & 0xFF;
+  if (sent < sizeof(Reply::bytes)) std::memset(uvc_resp_buf + sent, 0, sizeof(Reply::bytes) - sent);
 }
 
 u32 uvc_setcur(UvcRequestContext* request) {
   const Unit* unit = find_unit(*request);
   if (!unit) return store(status_without_unit(*request));
   const Control& control = find_control(*unit, request->selector());
-  return store(control.set_cur ? control.set_cur(control) : kInvalidControl);
+  if (!control.set_cur) return store(kInvalidControl);
+  clear_missing_data(*request);
+  return store(control.set_cur(control));
 }

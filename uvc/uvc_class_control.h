@@ -27,6 +27,9 @@ enum UvcRequestCode : u8 {
   UVC_GET_DEF = 0x87,
 };
 
+constexpr u8 kVideoControlInterface = 0;
+constexpr u8 kVideoStreamingInterface = 1;
+
 constexpr u8 kInfoGetSet = 3;  ///< GET_INFO: GET and SET supported
 
 /// One class request: the setup packet, and the record for its answer or its data stage.
@@ -52,6 +55,7 @@ struct Reply {
   UvcStatus status = kInvalidControl;
   bool keeps_status = false;  ///< the status of the request before stays
   const char* message = nullptr;
+  bool names_selector = false;  ///< the message goes on with the selector, in hexadecimal
 };
 
 constexpr Reply reply_bytes(std::initializer_list<u8> bytes) {
@@ -63,16 +67,35 @@ constexpr Reply reply_bytes(std::initializer_list<u8> bytes) {
 constexpr Reply reply_word(u16 value) {
   return reply_bytes({static_cast<u8>(value), static_cast<u8>(value >> 8)});
 }
+constexpr Reply reply_longs(i32 first, i32 second) {
+  Reply reply = {.count = 8, .status = kNoError};
+  put_le32(reply.bytes, static_cast<u32>(first));
+  put_le32(reply.bytes + 4, static_cast<u32>(second));
+  return reply;
+}
+constexpr Reply reply_long(i32 value) {
+  Reply reply = reply_longs(value, 0);
+  reply.count = 4;
+  return reply;
+}
+/// The number that a constant answer of at most 4 bytes is.
+constexpr u32 reply_value(const Reply& reply) { return get_le32(reply.bytes); }
 constexpr Reply reply_live(const void* from, u8 count) {
   return {.count = count, .live = from, .status = kNoError};
 }
 constexpr Reply reply_message(const char* text) { return {.keeps_status = true, .message = text}; }
+constexpr Reply with_message(Reply reply, const char* text) {
+  reply.message = text;
+  return reply;
+}
 constexpr Reply kReplyNothing = {.status = kNoError};
 constexpr Reply kReplyInvalid = {.status = kInvalidControl};
 
 struct Control;
 /// Writes uvc_resp_buf (GET_CUR) or reads it (SET_CUR).
 using ControlFunction = UvcStatus (*)(const Control&);
+
+constexpr i8 kNotCached = -1;
 
 struct Control {
   u8 selector = 0;
@@ -85,6 +108,9 @@ struct Control {
   ControlFunction get_cur = nullptr;  ///< null: cur answers GET_CUR
   Reply cur = kReplyInvalid;
   ControlFunction set_cur = nullptr;  ///< null: invalid control
+  u8* stored = nullptr;               ///< the current value, as many bytes as `cur` gives
+  u8 visca = 0;                       ///< command byte of its frames
+  i8 cache = kNotCached;              ///< its word in the camera-value cache
 };
 
 constexpr i32 kAnyEntity = -1;
@@ -97,7 +123,8 @@ struct Unit {
 };
 
 /// The handlers: find the row, write the answer into uvc_resp_buf or take the data from it, store the status
-/// in uvc_request_error_code and return it.
+/// in uvc_request_error_code and return it. A control finds its data 8 bytes long at least: what the host did
+/// not send is 0.
 u32 uvc_getcur(UvcRequestContext* request);
 u32 uvc_getmin(UvcRequestContext* request);
 u32 uvc_getmax(UvcRequestContext* request);

@@ -21,6 +21,7 @@
 #include "uvc/uvc_gadget_loop.h"
 #include "uvc/uvc_gadget_signals.h"
 #include "uvc/uvc_state.h"
+#include "uvc/uvc_vendor.h"
 #include "vencbuf/vencbuf_get.h"
 
 static constexpr char kPrintFile[] = "uvc_gadget.c";
@@ -152,6 +153,7 @@ i32 uvc_gadget_main(int, char** argv) {
     gpio_set_output(kPortSelectPin, port != 0);
     gpio_set_output(kPortEnablePin, 0);
     find_shared_words();
+    uvc_vendor_init(kBuildVersion, kBuildDate);
     run_streaming_loop();
     pthread_cancel(control_thread);
     pthread_join(control_thread, nullptr);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -135,6 +136,13 @@ void uvc_device_close() {
   uvc_buffer_count = 0;
   sys::close(uvc_video_fd);
   uvc_video_fd = -1;
+}
+
+void uvc_device_give_up() {
+  const i32 nothing = sys::open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (nothing < 0 || dup2(nothing, uvc_video_fd) < 0) PRINT_INFO("cannot give up %s\n", kNode);
+  fcntl(uvc_video_fd, F_SETFD, FD_CLOEXEC);
+  if (nothing >= 0) sys::close(nothing);
 }
 
 i32 uvc_device_rearm_buffer(u32 index) {

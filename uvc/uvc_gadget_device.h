@@ -1,5 +1,6 @@
 // The gadget node /dev/video0 as a V4L2 output device: open, configure, map, re-arm, release. Main thread
-// only. Stream on and off and the events belong to the control thread (uvc_class.h).
+// only, but for uvc_device_give_up. Stream on and off and the events belong to the control thread
+// (uvc_class.h).
 #pragma once
 
 #include <linux/videodev2.h>
@@ -12,6 +13,10 @@ i32 uvc_device_open();
 
 /// Unmaps every buffer and closes the node.
 void uvc_device_close();
+
+/// Closes the node for good, for another program, but keeps its number on /dev/null: whoever still uses the
+/// number meets errors and no other file. Control thread.
+void uvc_device_give_up();
 
 /// Maps every buffer anew and queues it with an empty payload, after a stream has ended.
 void uvc_device_rearm();

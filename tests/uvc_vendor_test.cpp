@@ -1,0 +1,248 @@
+// The extension unit: what every selector answers, and what the host can set off with it.
+#include "uvc/uvc_vendor.h"
+
+#include <fcntl.h>
+
+#include <array>
+
+#include "support/print.h"
+#include "support/support.h"
+#include "tests/uvc_fixture.h"
+
+namespace {
+
+class VendorTest : public UvcTest {
+ protected:
+  std::string get(u8 request, u8 selector, u16 length) {
+    std::memset(uvc_resp_buf, 0xCC, sizeof(uvc_resp_buf));
+    uvc_request_error_code = 77;
+    return hex(setup(request, selector, 3, 0, length));
+  }
+  void set(u8 selector, std::vector<u8> bytes) {
+    setup(UVC_SET_CUR, selector, 3, 0, static_cast<u16>(bytes.size()));
+    uvc_request_error_code = 77;
+    data(bytes);
+    EXPECT_EQ(uvc_request_error_code, kNoError);
+  }
+  /// Commands and first words since the last call: "12:2 10:2 ".
+  std::string sent_commands() {
+    VeltoMsgBuf message;
+    std::string text;
+    while (msgrcv(msgget(sim::run_key(kVeltoMsgKey), 0), &message, kVeltoMsgPayload, 0, IPC_NOWAIT) >= 0)
+      text +=
+          std::to_string(message.cmd) + ":" + std::to_string(get_le32(message.payload + kVeltoWords)) + " ";
+    return text;
+  }
+};
+
+struct Selector {
+  std::vector<u8> selectors;
+  const char *len, *min, *max, *cur;  // cc: not written
+};
+
+TEST_F(VendorTest, AnswersEverySelector) {
+  print_level = 2;
+  const Selector rows[] = {
+      {{0, 1}, "01 00", "00 00 00 00", "03 00 cc", "00 cc"},
+      {{2, 4, 5, 6, 7, 8, 10, 11, 12, 13, 17, 18, 19, 25, 26, 27, 28},
+       "01 00",
+       "00 00 cc",
+       "01 00 cc",
+       "01 00 cc"},
+      {{14, 20, 21, 22, 23, 24, 29, 200, 255}, "01 00", "cc", "cc", "01 00 cc"},
+      {{3}, "03 00", "00 00 cc", "01 00 cc", "01 00 00 cc"},
+      {{9},
+       "16 00",
+       "00 00 cc",
+       "01 00 cc",
+       "01 01 00 00 07 e0 03 09 01 00 00 07 e0 09 09 01 00 00 07 e0 09 08"},
+      {{15}, "03 00", "cc", "cc", "00 00 00"},
+      {{16}, "08 00", "cc", "cc", "01 00 00 80 00 00 00 00"},
+  };
+  for (const Selector& row : rows) {
+    for (const u8 selector : row.selectors) {
+      SCOPED_TRACE(int(selector));
+      const std::pair<u8, const char*> requests[] = {{UVC_GET_LEN, row.len}, {UVC_GET_MIN, row.min},
+                                                     {UVC_GET_MAX, row.max}, {UVC_GET_RES, row.min},
+                                                     {UVC_GET_DEF, row.max}, {UVC_GET_CUR, row.cur}};
+      for (const auto& [request, answer] : requests) {
+        const u16 length = static_cast<u16>((std::strlen(answer) + 1) / 3);
+        EXPECT_EQ(get(request, selector, length), answer) << int(request);
+        EXPECT_EQ(uvc_request_error_code, answer[0] == 'c' ? kInvalidControl : kNoError) << int(request);
+      }
+      EXPECT_EQ(get(UVC_GET_INFO, selector, 2), "03 cc");
+      EXPECT_EQ(uvc_request_error_code, kInvalidControl);
+      if (selector != 9) set(selector, {0});
+    }
+  }
+  EXPECT_EQ(sent_commands(), "12:0 ");
+  EXPECT_EQ(run.shell_log(), "insmod /opt/vcam/ko/extdrv/g_webcam.ko\n");
+}
+
+TEST_F(VendorTest, SaysWhatIsAsked) {
+  const struct {
+    u8 request, selector;
+    const char* text;
+  } rows[] = {
+      {UVC_GET_MIN, 0, "get extern 1 mini\n"},     {UVC_GET_MAX, 1, "get exter1 max\n"},
+      {UVC_GET_LEN, 2, "get osd len\n"},           {UVC_GET_MIN, 2, "get extern2 mini\n"},
+      {UVC_GET_MAX, 2, "get exter2 max\n"},        {UVC_GET_LEN, 3, "get dir ctrl len\n"},
+      {UVC_GET_LEN, 9, "get update ctrl len\n"},   {UVC_GET_INFO, 24, "get extern info 18\n"},
+      {UVC_GET_INFO, 255, "get extern info ff\n"}, {UVC_GET_LEN, 4, ""},
+  };
+  for (const auto& row : rows) {
+    testing::internal::CaptureStderr();
+    setup(row.request, row.selector, 3, 0, 2);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), row.text);
+  }
+}
+
+TEST_F(VendorTest, VersionRecordComesFromTheBuild) {
+  const struct {
+    const char *version, *date, *record;
+  } rows[] = {
+      {kBuildVersion, kBuildDate, "01 02 01 03 07 e9 06 04 02 01 03 07 e9 06 04 02 01 03 07 e9 06 04"},
+      {" 0x1aF c-9", "1999-12-31", "01 0a 0f 0c 07 cf 0c 1f 0a 0f 0c 07 cf 0c 1f 0a 0f 0c 07 cf 0c 1f"},
+      {"1x23", "20", "01 00 00 01 00 14 00 00 00 00 01 00 14 00 00 00 00 01 00 14 00 00"},
+      {"", "", "01 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"},
+  };
+  for (const auto& row : rows) {
+    uvc_vendor_init(row.version, row.date);
+    EXPECT_EQ(get(UVC_GET_CUR, 9, 22), row.record);
+  }
+}
+
+TEST_F(VendorTest, TuningReachesTheEncoderOnlyWhileItStreams) {
+  print_level = 2;
+  for (const i32 on : {0, 1}) {
+    uvc_stream_state.stream_on = on;
+    for (const i32 format : {kFormatMjpeg, kFormatH264, kFormatYuy2, kFormatH265}) {
+      SCOPED_TRACE(format * 10 + on);
+      cur_format = format;
+      const bool told = on && (format == kFormatH264 || format == kFormatH265);
+      set(3, {static_cast<u8>(100 + format), 0, 0});
+      EXPECT_EQ(sent_commands(), told ? "10:2 " : "");
+      set(3, {0, 0, 0});
+      EXPECT_EQ(sent_commands(), told ? "12:2 " : "");
+      set(15, {9, static_cast<u8>(format), 9});
+      EXPECT_EQ(sent_commands(), told ? "10:2 " : "");
+      for (int mode = 0; mode < 4; mode++) {
+        EXPECT_EQ(h264_rate_control.param[mode][0], 100 + format);
+        EXPECT_EQ(h265_rate_control.param[mode][0], 100 + format);
+      }
+      EXPECT_EQ(h264_rate_control.common, format);
+      EXPECT_EQ(h265_rate_control.common, format);
+      EXPECT_EQ(get(UVC_GET_CUR, 3, 3), format == kFormatH264 ? "66 00 00" : "01 00 00");
+      EXPECT_EQ(get(UVC_GET_CUR, 15, 3), format == kFormatH264   ? "00 02 00"
+                                         : format == kFormatH265 ? "00 04 00"
+                                                                 : "00 00 00");
+    }
+  }
+  set(1, {7});
+  EXPECT_EQ(sent_commands(), "12:7 ");
+  EXPECT_EQ(get(UVC_GET_CUR, 0, 1), "07");
+}
+
+struct Block {
+  const char* name;
+  i32 format;
+  std::vector<u8> block;
+  bool taken;
+};
+
+TEST_F(VendorTest, RateControlReadsAsItIsSetAndRefusesWhatDoesNotFit) {
+  print_level = 2;
+  uvc_stream_state.stream_on = 1;
+  const Block blocks[] = {
+      {"MJPEG 0", kFormatMjpeg, {1, 0, 0x34, 0x12, 0, 0, 0, 0}, true},
+      {"MJPEG 1", kFormatMjpeg, {1, 1, 0x34, 0x12, 0, 100, 1, 0}, true},
+      {"MJPEG 2", kFormatMjpeg, {1, 2, 0, 0, 0, 70, 0, 0}, true},
+      {"MJPEG 3", kFormatMjpeg, {1, 3, 0, 0, 0, 70, 0, 0}, false},
+      {"MJPEG quality 101", kFormatMjpeg, {1, 2, 0, 0, 0, 101, 0, 0}, false},
+      {"MJPEG with an interval", kFormatMjpeg, {1, 0, 0x34, 0x12, 9, 0, 0, 0}, false},
+      {"MJPEG without a rate", kFormatMjpeg, {1, 0, 0, 0, 0, 0, 0, 0}, false},
+      {"H.264 for MJPEG", kFormatMjpeg, {0, 0, 0x34, 0x12, 9, 0, 0, 0}, false},
+      {"H.264 0", kFormatH264, {0, 0, 0xFF, 0xFF, 255, 0, 0, 0}, true},
+      {"H.264 1", kFormatH264, {0, 1, 0x00, 0x30, 60, 10, 40, 0}, true},
+      {"H.264 2", kFormatH264, {0, 2, 0, 0, 60, 20, 51, 0}, true},
+      {"H.264 3", kFormatH264, {0, 3, 1, 0, 1, 0, 0, 0}, true},
+      {"H.264 4", kFormatH264, {0, 4, 1, 0, 1, 0, 0, 0}, false},
+      {"H.264 255", kFormatH264, {0, 255, 1, 0, 1, 0, 0, 0}, false},
+      {"H.264 quantiser 52", kFormatH264, {0, 2, 0, 0, 60, 20, 52, 0}, false},
+      {"H.264 interval 0", kFormatH264, {0, 0, 1, 0, 0, 0, 0, 0}, false},
+      {"H.264 spare byte", kFormatH264, {0, 0, 1, 0, 1, 0, 0, 1}, false},
+      {"H.265 1", kFormatH265, {2, 1, 0x00, 0x30, 60, 10, 40, 0}, true},
+      {"H.265 2", kFormatH265, {2, 2, 0, 0, 60, 20, 51, 0}, true},
+      {"H.265 2 with three quantisers", kFormatH265, {2, 2, 0, 0, 60, 20, 51, 1}, false},
+      {"YUY2", kFormatYuy2, {3, 0, 0, 0, 0, 0, 0, 0}, false},
+      {"short", kFormatH265, {2, 0, 0, 1}, false},
+  };
+  for (const Block& row : blocks) {
+    SCOPED_TRACE(row.name);
+    cur_format = row.format;
+    const std::string before = get(UVC_GET_CUR, 16, 8);
+    set(16, row.block);
+    EXPECT_EQ(sent_commands(), row.taken ? "10:2 " : "");
+    EXPECT_EQ(get(UVC_GET_CUR, 16, 8), row.taken ? hex(row.block) : before);
+  }
+  cur_format = kFormatH264;
+  set(16, {0, 1, 0x00, 0x20, 50, 11, 41, 0});
+  EXPECT_EQ(sent_settings(), "2 1 1920 1080 30 0 0 1 1 50 8192 11 41\n");
+  uvc_stream_state.stream_on = 0;
+  set(16, {0, 0, 0x00, 0x20, 50, 0, 0, 0});
+  EXPECT_EQ(sent_settings(), "");
+  cur_format = kFormatYuy2;
+  EXPECT_EQ(get(UVC_GET_CUR, 16, 8), "03 00 00 00 00 00 00 00");
+}
+
+TEST_F(VendorTest, UpdateStartsOncePerRequestAndKeepsTheNodesNumber) {
+  const i32 number = uvc_video_fd;
+  run.write_file("/opt/base/sys_update", "");
+  for (const u8 value : {u8{0}, u8{1}}) {
+    // The events no longer arrive: the requests are served without them.
+    UvcRequestContext request = {.bRequestType = 0x21,
+                                 .bRequest = UVC_SET_CUR,
+                                 .wValue = 9 << 8,
+                                 .wIndex = 3 << 8,
+                                 .wLength = 1,
+                                 .data = {}};
+    uvc_resp_buf[0] = value;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(uvc_setcur(&request), kNoError);
+    EXPECT_EQ(testing::internal::GetCapturedStderr().substr(0, 15), "System update!\n");
+    EXPECT_EQ(uvc_video_fd, number);
+    EXPECT_TRUE(fcntl(number, F_GETFD) & FD_CLOEXEC);
+    EXPECT_NE(open("/", O_RDONLY | O_CLOEXEC), number);
+    v4l2_event event;
+    EXPECT_LT(sys::ioctl(number, VIDIOC_DQEVENT, &event), 0);
+  }
+  EXPECT_EQ(run.shell_log(),
+            "insmod /opt/vcam/ko/extdrv/g_webcam.ko\n/opt/base/sys_update &\n/opt/base/sys_update &\n");
+}
+
+TEST_F(VendorTest, RebootDisconnectAndPrivateStartWantTheirByte) {
+  u32 disconnected = 0;
+  set(25, {0});  // nobody to tell yet
+  usb_disconnect_word = &disconnected;
+  set(25, {0});
+  EXPECT_EQ(disconnected, 1u);
+  const auto private_starts = [this] {
+    const std::string log = host.call_log();
+    int count = 0;
+    for (std::size_t at = 0; (at = log.find("PRIVATE", at)) != std::string::npos; at++) count++;
+    return count;
+  };
+  const int before = private_starts();
+  set(5, {0});
+  set(5, {2});
+  EXPECT_EQ(private_starts(), before);
+  set(5, {1});
+  EXPECT_EQ(private_starts(), before + 1);
+  set(24, {0});
+  set(24, {255});
+  EXPECT_EQ(run.shell_log(), "insmod /opt/vcam/ko/extdrv/g_webcam.ko\n");
+  set(24, {1});
+  EXPECT_NE(run.shell_log().find("\nreboot\n"), std::string::npos);
+}
+
+}  // namespace
