@@ -46,36 +46,6 @@ TEST(Counter, IsRefusedWhereThereIsNone) {
   }
 }
 
-TEST(RateControl, ReadsTheRecordsWordsAndClampsThem) {
-  const struct {
-    EncoderCodec codec;
-    i32 mode;
-    i32 words[5];
-    RateControl rate;
-    int key_interval;
-  } cases[] = {
-      {kCodecH264, 0, {1, 60, 12288}, {12288000, 10, 51}, 60},
-      {kCodecH264, 1, {1, 50, 12288, 12, 40}, {12288000, 12, 40}, 50},
-      {kCodecH264, 2, {1, 60, 24, 25, 26}, {0, 25, 25}, 60},
-      {kCodecH264, 3, {1, 1, 2048}, {2048000, 10, 51}, 1},
-      {kCodecH265, 1, {60, 12288, 10, 40}, {12288000, 10, 40}, 60},
-      {kCodecH265, 2, {60, 25, 27}, {0, 27, 27}, 60},
-      {kCodecMjpeg, 0, {32768}, {32768000, 2, 31}, 1},
-      {kCodecMjpeg, 1, {40960, 99, 60}, {40960000, 2, 6}, 1},
-      {kCodecMjpeg, 2, {80}, {0, 3, 3}, 1},
-      {kCodecH265, 1, {-5, -1, 0x7FFFFFFF, -3}, {64000, 51, 51}, 1},
-      {kCodecMjpeg, 1, {0x7FFFFFFF, 0, 1000}, {100000000, 31, 31}, 1},
-  };
-  for (const auto& c : cases) {
-    EncoderSettings record{320, 240, 30, 0, c.codec, c.mode, {}};
-    std::copy(std::begin(c.words), std::end(c.words), record.rc_param);
-    EXPECT_EQ(rate_control(record), c.rate) << c.codec << " mode " << c.mode;
-    EXPECT_EQ(key_frame_interval(record), c.key_interval) << c.codec << " mode " << c.mode;
-    Scene scene("", 320, 240, c.codec == kCodecMjpeg);
-    EXPECT_TRUE(Encoder().encode(record, scene.picture(1), false)) << c.codec << " mode " << c.mode;
-  }
-}
-
 /// Ten payloads with counters in a row, none of which a media process has used.
 std::vector<Bytes> payloads(EncoderCodec codec) {
   Scene scene("", 320, 240, codec == kCodecMjpeg);

@@ -196,17 +196,6 @@ TEST_F(RingTest, FaultsComeAndGo) {
   EXPECT_EQ(reader.take().width, 160u);
 }
 
-TEST_F(RingTest, AbsurdSettingsAreSurvived) {
-  Media media;
-  RingReader reader;
-  media.apply(start({0, -5, 60, 0, kCodecMjpeg, 9, {}}));
-  EXPECT_EQ(reader.take().width, kNarrowestPicture);
-  media.apply(start(settings(kCodecH264, 320, 240, 0)));
-  EXPECT_EQ(reader.take().width, 320u) << "without a rate the sensor has its own";
-  media.apply(start(settings(static_cast<EncoderCodec>(9))));
-  EXPECT_TRUE(reader.take(100).data.empty());
-}
-
 class VpssTest : public testing::Test {
  protected:
   static VpssPicture take(int limit_ms = 2000) {

@@ -67,40 +67,6 @@ class Answering {
   std::thread thread_;
 };
 
-TEST_F(Node, IsConfiguredLikeTheGadgetDriver) {
-  ASSERT_TRUE(gadget.open());
-  v4l2_capability capability;
-  ASSERT_EQ(gadget.call(VIDIOC_QUERYCAP, &capability), 0);
-  EXPECT_STREQ(reinterpret_cast<char*>(capability.driver), "g_uvc");
-
-  v4l2_format format = Gadget::yuyv(1280, 720);
-  ASSERT_EQ(gadget.call(VIDIOC_S_FMT, &format), 0);
-  EXPECT_EQ(format.fmt.pix.field, 1u);
-  EXPECT_EQ(format.fmt.pix.width, 1280u);
-  format.fmt = {};
-  ASSERT_EQ(gadget.call(VIDIOC_G_FMT, &format), 0);
-  EXPECT_EQ(format.fmt.pix.sizeimage, 1843200u);
-  format.fmt.pix.pixelformat = V4L2_PIX_FMT_H264;
-  EXPECT_EQ(gadget.call(VIDIOC_S_FMT, &format), EINVAL);
-
-  EXPECT_EQ(gadget.request(3), 0);
-  for (u32 i = 0; i < 4; ++i) {
-    v4l2_buffer buffer = Gadget::record(i);
-    ASSERT_EQ(gadget.call(VIDIOC_QUERYBUF, &buffer), i < 3 ? 0 : EINVAL);
-    if (i == 3) break;
-    EXPECT_EQ(buffer.length, 1843200u);
-    EXPECT_EQ(buffer.m.offset, i * 1843200);
-  }
-  EXPECT_EQ(sys::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, gadget.fd, 4096), MAP_FAILED);
-  u32 type = 2;
-  EXPECT_EQ(gadget.call(kUvcPrivateStart, &type), ENOTTY);
-  EXPECT_EQ(host.call_log(),
-            "OPEN -> 0\nQUERYCAP -> 0\nS_FMT width=1280 height=720 -> 0\nG_FMT -> 0\n"
-            "S_FMT width=1280 height=720 -> EINVAL\nREQBUFS count=3 granted=3 -> 0\nQUERYBUF index=0 -> 0\n"
-            "QUERYBUF index=1 -> 0\nQUERYBUF index=2 -> 0\nQUERYBUF index=3 -> EINVAL\n"
-            "MMAP offset=4096 length=4096 -> EINVAL\nPRIVATE -> ENOTTY\n");
-}
-
 TEST_F(Node, BuffersBelongToOneSideAtATime) {
   ASSERT_TRUE(start());
   EXPECT_EQ(gadget.dequeue(), EINVAL);  // the stream is off
@@ -250,21 +216,6 @@ TEST_F(Node, ClassRequestsReachTheServiceAndBack) {
   EXPECT_EQ(host.control({kIn, 0x81, 0, 0, 2}).data, (std::vector<u8>{10, 11}));
 }
 
-TEST_F(Node, SetupsCanBeRaisedByHand) {
-  ASSERT_TRUE(start());
-  EXPECT_EQ(gadget.respond(1), EINVAL);
-  v4l2_event setup{};
-  setup.type = UVC_EVENT_SETUP;
-  host.raise(setup);
-  EXPECT_EQ(gadget.event().type, UVC_EVENT_SETUP);
-  EXPECT_FALSE(host.next_response(0ms));
-  EXPECT_EQ(gadget.respond(7, 1), 0);
-  const auto response = host.next_response(0ms);
-  ASSERT_TRUE(response);
-  EXPECT_EQ(response->length, 7);
-  EXPECT_EQ(response->data[2], 3);
-}
-
 TEST_F(Node, SetInterfaceWaitsForTheService) {
   ASSERT_TRUE(start());
   EXPECT_FALSE(host.stream_on(kNever));
@@ -322,29 +273,6 @@ TEST_F(Node, FaultsComeAsScripted) {
   EXPECT_EQ(gadget.stream(VIDIOC_STREAMON), 0);
   EXPECT_EQ(gadget.stream(VIDIOC_STREAMOFF), 0);
   EXPECT_EQ(gadget.request(3), 0);
-}
-
-TEST_F(Node, StreamsWholeFramesToTheHost) {
-  ASSERT_TRUE(start());
-  constexpr u8 kFrames = 60;
-  for (u32 i = 0; i < 3; ++i) ASSERT_EQ(gadget.queue(i, 2), 0);
-  ASSERT_EQ(gadget.stream(VIDIOC_STREAMON), 0);
-  std::thread service([&] {
-    for (u8 number = 1; number <= kFrames;) {
-      v4l2_buffer buffer;
-      gadget.event();
-      if (gadget.dequeue(buffer)) continue;
-      std::memset(gadget.buffers[buffer.index], number, kFrame - number);
-      EXPECT_EQ(gadget.queue(buffer.index, kFrame - number++), 0);
-    }
-  });
-  for (u32 number = 0; number < 3 + kFrames; ++number) {
-    ASSERT_TRUE(host.take_frame(frame, kSoon));
-    const u32 value = number < 3 ? 0 : number - 2;
-    ASSERT_EQ(frame.size(), value ? kFrame - value : 2);
-    ASSERT_TRUE(std::all_of(frame.begin(), frame.end(), [&](u8 byte) { return byte == value; }));
-  }
-  service.join();
 }
 
 TEST_F(Node, SurvivesAServiceThatIsKilled) {

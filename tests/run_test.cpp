@@ -90,12 +90,6 @@ TEST(Run, KeysAndSemaphoresAreItsOwnAndGoWithIt) {
   EXPECT_FALSE(std::filesystem::exists(root));
 }
 
-TEST(Run, AProgramStartedLaterIsInTheRun) {
-  sim::Run run;
-  const std::string text = output_of("echo $CAMERA_SIM_ROOT $CAMERA_SIM_RUN");
-  EXPECT_EQ(text, sim::run_root() + ' ' + std::to_string(getpid()) + '\n');
-}
-
 TEST(RunDeathTest, WithoutOneTheProgramEnds) {
   EXPECT_EXIT(sys::open("/dev/video0", O_RDWR), testing::ExitedWithCode(2), "no current run");
 }
@@ -171,49 +165,6 @@ TEST(Registers, KeepTheirValuesAndLogChanges) {
   EXPECT_EQ(sys::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0), MAP_FAILED);
   EXPECT_EQ(errno, ENOMEM);
   sys::close(fd);
-}
-
-TEST(I2c, TransfersFollowTheWidths) {
-  sim::Run run;
-  const struct {
-    int reg_width, data_width;
-    std::vector<u8> write;
-    const char* log;
-  } rows[] = {
-      {1, 1, {0x10, 0xAB}, "1:34 write 10 = ab\n1:34 read 10 = ab\n"},
-      {2, 1, {0x10, 0x01, 0xCD}, "1:34 write 0110 = cd\n1:34 read 0110 = cd\n"},
-      {1, 2, {0x20, 0x34, 0x12}, "1:34 write 20 = 1234\n1:34 read 20 = 1234\n"},
-      {2, 2, {0xFF, 0xFF, 0x78, 0x56}, "1:34 write ffff = 5678\n1:34 read ffff = 5678\n"},
-  };
-  const auto set = [](int fd, unsigned long request, std::uintptr_t value) {
-    return sys::ioctl(fd, request, reinterpret_cast<void*>(value));
-  };
-  std::string log;
-  for (const auto& row : rows) {
-    const int fd = sys::open("/dev/i2c-1", O_RDWR | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(set(fd, 0x0706, 0x34), 0);
-    EXPECT_EQ(set(fd, 0x0709, row.reg_width == 2), 0);
-    EXPECT_EQ(set(fd, 0x070A, row.data_width == 2), 0);
-    EXPECT_EQ(sys::write(fd, row.write.data(), row.write.size()), static_cast<ssize_t>(row.write.size()));
-    u8 buffer[4] = {row.write[0], row.reg_width == 2 ? row.write[1] : u8{0}};
-    EXPECT_EQ(sys::read(fd, buffer, static_cast<size_t>(row.reg_width)), row.reg_width);
-    for (int i = 0; i < row.data_width; ++i)
-      EXPECT_EQ(buffer[i], row.write[static_cast<size_t>(row.reg_width + i)]);
-    EXPECT_EQ(sys::write(fd, row.write.data(), 1), -1);
-    sys::close(fd);
-    log += row.log;
-  }
-  EXPECT_EQ(run.i2c_log(), log);
-  EXPECT_EQ(sim::i2c_register(1, 0x34, 0xFFFF), 0x5678);
-  EXPECT_EQ(sim::i2c_register(0, 0x34, 0xFFFF), 0);
-}
-
-TEST(Sleep, IsDividedAndCounted) {
-  sim::set_sleep_divisor(1000);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(sys::usleep(500'000), 0);
-  EXPECT_EQ(sim::sleep_count().calls, 3u);
-  EXPECT_EQ(sim::sleep_count().microseconds, 1'500'000u);
 }
 
 TEST(Run, RemovesWhatAKilledProcessLeft) {

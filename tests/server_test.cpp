@@ -76,34 +76,6 @@ i32 word_at(const VeltoMsgBuf& record, i32 offset) {
 
 }  // namespace
 
-TEST(ServerTest, TheParameterSegmentHoldsWhatTheOptionsSay) {
-  sim::Run run;
-  for (const bool on : {true, false}) {
-    const Server server({.usb_port = 7, .ready = on, .cache_valid = on});
-    u8* const segment = attach(kFileMsgKey);
-    EXPECT_EQ(get_le32(segment), on ? SYSINFO_MAGIC : 0);
-    EXPECT_EQ(get_le32(segment + 284), 7u);
-    EXPECT_EQ(get_le32(segment + kSysStateOffset), on ? SYSINFO_MAGIC : 0);
-    EXPECT_EQ(get_le32(segment + kCameraCacheOffset + 80), on ? CAMERA_CACHE_VALID : 0);
-    put_le32(segment + kRequestFlagsOffset, 1);
-    EXPECT_EQ(server.request_flag(0), 1u);
-    shmdt(segment);
-  }
-}
-
-TEST(ServerTest, ParameterRequestsAreAnsweredWithTheRecordsLength) {
-  sim::Run run;
-  const Server server({});
-  const FileClient client(kFileMsgKey);
-  client.send(file(kFileMsgNotice, 0, 0));
-  for (const i32 cmd : {kFileMsgWritten, kFileMsgReset, kFileMsgSaveDefaults}) {
-    FileMsgBuf record = file(cmd, kFileMsgProcess, kSectionNetwork);
-    ASSERT_TRUE(client.call(record));
-    EXPECT_EQ(record.length, kSysInfoLength);
-  }
-  EXPECT_THAT(server.received(), ElementsAre("file 0 0", "file 1 2", "file 2 2", "file 3 2"));
-}
-
 TEST(ServerTest, ControlRequestsAreAnsweredByTheirRow) {
   sim::Run run;
   const Server server({.pool_address = 0x88000000, .pool_size = 0x10000});
@@ -133,25 +105,6 @@ TEST(ServerTest, ControlRequestsAreAnsweredByTheirRow) {
     EXPECT_EQ(record.ret, expected.status) << expected.cmd;
     EXPECT_EQ(word_at(record, expected.offset), expected.word) << expected.cmd;
   }
-}
-
-TEST(ServerTest, EncoderSettingsAreKeptAndPassedOn) {
-  sim::Run run;
-  Server server({});
-  std::atomic<i32> width = 0;
-  server.on_encoder_settings([&](const EncoderSettingsMessage& message) { width = message.settings.width; });
-  const VeltoClient client(kVeltoMsgKey);
-  client.send(velto(10, 0, {2, 1, 1280, 720, 30, 0, 1, 1, 40960, 99, 60, 0, 0}));
-  ASSERT_TRUE(within(2s, [&] { return width != 0; }));
-  EXPECT_EQ(width, 1280);
-  EXPECT_EQ(server.encoder_settings().settings.rc_param[2], 60);
-
-  VeltoMsgBuf record = velto(24, 0, {5});
-  std::memset(record.payload + velto_payload_offset(28), 'x', 70);
-  client.send(record);
-  ASSERT_TRUE(within(2s, [&] { return server.received().size() == 2; }));
-  EXPECT_THAT(server.received(), ElementsAre("velto 10 O 2 1 1280 720 30 0 1 1 40960 99 60 0 0",
-                                             "velto 24 O 5 \"" + std::string(60, 'x') + '"'));
 }
 
 TEST(ServerTest, SystemMessagesAreReadFromAndAnsweredInTheSendersSlot) {

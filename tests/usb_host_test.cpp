@@ -129,11 +129,3 @@ TEST(UsbHostTest, CommitsWhatWasAskedFor) {
   EXPECT_EQ(result.payloads, 0u);
   EXPECT_LT(result.first_picture_ms, 0);
 }
-
-TEST(UsbHostTest, AHighSpeedBusCarries24MegabytesASecond) {
-  EXPECT_EQ(sim::bus_time(0), 0us);
-  EXPECT_EQ(sim::bus_time(1), 125us);
-  EXPECT_EQ(sim::bus_time(3060), 125us);
-  EXPECT_EQ(sim::bus_time(3061), 250us);
-  EXPECT_EQ(sim::bus_time(614400), 25125us);
-}

@@ -148,12 +148,6 @@ Bytes frame_of(std::size_t count) {
   return bytes;
 }
 
-std::string times(int count, const std::string& text) {
-  std::string all;
-  for (int i = 0; i < count; i++) all += text;
-  return all;
-}
-
 TEST_F(Uart, OpensRawAndBlocking) {
   termios before = {};
   tcgetattr(held, &before);
@@ -266,53 +260,6 @@ TEST_F(Uart, ReadsAReplyUpToItsTerminator) {
   EXPECT_EQ(sim::sleep_count().calls, 0u);
 }
 
-TEST_F(Uart, AcknowledgesWithoutTheTerminator) {
-  tty_open();
-  const ReplyRow rows[] = {
-      {"whole", {0x90, 0x41, 0xFF, 1}, {0x90, 0x41}},
-      {"50 bytes", frame_of(51), counted(50)},
-      {"60 bytes", counted(60), counted(51), "uart_ack too more !!!!!\n"},
-      {"silence", {}, {}, "uart_recive timeout 11 ack \n"},
-  };
-  for (const ReplyRow& row : rows) {
-    SCOPED_TRACE(row.name);
-    deliver(row.line);
-    struct {
-      u8 reply[kUartReplyRoom];
-      u8 behind[32];
-    } to;
-    Bytes expected(sizeof to, 0xEE);
-    std::memset(&to, 0xEE, sizeof to);
-    std::copy(row.stored.begin(), row.stored.end(), expected.begin());
-    EXPECT_EQ(told_by([&] { uart_ack(to.reply); }), row.told);
-    EXPECT_EQ(std::memcmp(&to, expected.data(), sizeof to), 0);
-    discard();
-  }
-}
-
-TEST_F(Uart, FailedReadsCountWhatStoodThere) {
-  tty_open();
-  deliver({5, 6});
-  Bytes buffer(100, 0xEE);
-  buffer[10] = 0xFF;
-  const std::string text =
-      told_by([&] { hang_up_within([&] { EXPECT_EQ(uart_read_buf(buffer.data(), 51), 10); }); });
-  EXPECT_EQ(text, times(9, "uart_read err\n"));
-  EXPECT_EQ(buffer[1], 6);
-  EXPECT_EQ(buffer[2], 0xEE);
-}
-
-TEST_F(Uart, AcknowledgesFromWhatTheLastReplyLeft) {
-  tty_open();
-  u8 reply[kUartReplyRoom];
-  deliver({1, 2, 3, 0xFF});
-  uart_ack(reply);
-  std::fill_n(reply, sizeof reply, 0xEE);
-  deliver({7});
-  EXPECT_EQ(told_by([&] { hang_up_within([&] { uart_ack(reply); }); }), times(3, "uart_read err\n"));
-  EXPECT_EQ(Bytes(reply, reply + 4), Bytes({7, 2, 3, 0xEE}));
-}
-
 TEST_F(Uart, WorkersTurnServesOneWriteAndOneRead) {
   tty_open();
   struct {
@@ -372,32 +319,6 @@ TEST_F(Uart, WorkerRefusesWhatItsBufferCannotHold) {
   EXPECT_EQ(sent(1025), expected);
 }
 
-TEST_F(Uart, WorkerKeepsWhatItReadBeforeAFailure) {
-  tty_open();
-  UartExchange exchange;
-  deliver({5, 6});
-  exchange.read_requested = 1;
-  EXPECT_EQ(told_by([&] { hang_up_within([&] { uart_turn(exchange); }); }), "uart_read err\n");
-  EXPECT_EQ(exchange.read_length, 2);
-  EXPECT_EQ(exchange.read_done, 1);
-}
-
-TEST_F(Uart, WorkerFinishesWhatItTellsBeforeItIsCancelled) {
-  UartExchange exchange;
-  exchange.write_length = -1;
-  exchange.write_requested = 1;
-  const std::string text = told_by([&] {
-    CancellableThread worker([&] {
-      int ignored;
-      pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &ignored);
-      pthread_cancel(pthread_self());
-      uart_pthread(&exchange);
-    });
-    EXPECT_TRUE(worker.join());
-  });
-  EXPECT_THAT(text, testing::EndsWith("\nuart_write_buf error\n"));
-}
-
 /// The worker in its thread; the line is open once the thread runs its turns.
 class UartWorker : public Uart {
  protected:
@@ -444,14 +365,6 @@ TEST_F(UartWorker, CanBeCancelledWhileItWaitsForAByte) {
   while (waiting() > 0) usleep(100);
   EXPECT_TRUE(worker.cancel_and_join());
   EXPECT_EQ(exchange.read_done, 0);
-}
-
-TEST_F(UartWorker, CanBeCancelledWhileTheLineTakesNothing) {
-  wait_for_the_line();
-  tcflow(held, TCOOFF);
-  exchange.write_requested = 1;
-  while (exchange.write_requested) usleep(100);
-  EXPECT_TRUE(worker.cancel_and_join());
 }
 
 }  // namespace
