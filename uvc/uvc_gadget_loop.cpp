@@ -21,7 +21,6 @@ static bool has_key_frames() { return cur_format == kFormatH264 || cur_format ==
 static void start_stream(StreamLoop& loop) {
   loop.stopped = false;
   fed_stream = uvc_stream_state.stream_starts;
-  config_changed = 0;
   if (has_key_frames()) {
     loop.saved_gop = get_key_frame_interval();
     set_key_frame_interval(1);
@@ -89,6 +88,7 @@ static void feed_buffer(StreamLoop& loop, u32 index) {
 }
 
 static void feed_all_buffers(StreamLoop& loop) {
+  config_changed = 0;
   for (u32 i = 0; i < uvc_buffer_count && stream_goes_on(); i++) feed_buffer(loop, i);
   loop.need_dequeue = true;
 }
