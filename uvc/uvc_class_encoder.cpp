@@ -106,11 +106,15 @@ i32 get_key_frame_interval() {
   return settings.param[mode >= 0 && mode < kModes ? mode : 0][0];
 }
 
-void set_key_frame_interval(i32 frames) {
+void store_key_frame_interval(i32 frames) {
   for (i32 mode = 0; mode < kModes; mode++) {
     h265_rate_control.param[mode][0] = frames;
     h264_rate_control.param[mode][0] = frames;
   }
+}
+
+void set_key_frame_interval(i32 frames) {
+  store_key_frame_interval(frames);
   refresh_encoder_settings();
 }
 

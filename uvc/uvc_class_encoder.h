@@ -19,7 +19,9 @@ void notify_stream_stop();
 /// The key-frame interval in frames: the first parameter of the current codec's current mode; for codecs that
 /// have none, of H.264's.
 i32 get_key_frame_interval();
-/// Stores the interval in every mode of H.264 and H.265, refreshes the record and sends it.
+/// Stores the interval in every mode of H.264 and H.265, and tells nobody.
+void store_key_frame_interval(i32 frames);
+/// The same, then refreshes the record and sends it.
 void set_key_frame_interval(i32 frames);
 
 /// Scales bit rates and quantisers of the current format's rate control and sends the record. `quality` is in

@@ -104,12 +104,6 @@ static UvcStatus get_key_frames(const Control&) {
   return kNoError;
 }
 
-static void store_key_frame_interval(u8 frames) {
-  for (RateControl* settings : {&h265_rate_control, &h264_rate_control}) {
-    for (auto& parameters : settings->param) parameters[0] = frames;
-  }
-}
-
 static constexpr i32 kKeyFrameNow = 2;  // value of command 12
 
 // 0 asks for one key frame and changes nothing.
