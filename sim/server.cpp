@@ -335,9 +335,10 @@ u32 Server::request_flag(int word) const {
   return impl_->parameters.segment.word(kRequestFlagsOffset + sizeof(u32) * static_cast<unsigned>(word));
 }
 
-std::vector<std::string> Server::received() const {
+std::vector<std::string> Server::received(std::size_t from) const {
   std::lock_guard guard(impl_->lock);
-  return impl_->received;
+  const auto& lines = impl_->received;
+  return {lines.begin() + static_cast<std::ptrdiff_t>(std::min(from, lines.size())), lines.end()};
 }
 
 unsigned long Server::refused() const { return impl_->refused; }

@@ -9,6 +9,7 @@
 #include "ipc/msg_records.h"
 #include "ipc/sys_info.h"
 #include "ipc/velto_commands.h"
+#include "sim/camera_head.h"
 
 namespace sim {
 
@@ -18,6 +19,7 @@ struct ServerOptions {
   bool cache_valid = false;  ///< mark the camera-value cache valid
   u32 pool_address = 0;      ///< what command 1 answers; address 0: refuses
   u32 pool_size = 0;
+  CameraHead* head = nullptr;  ///< what VISCA frames and pan-tilt commands move; null: one of its own
 };
 
 enum class ServerFault {
@@ -38,9 +40,9 @@ class Server {
 
   EncoderSettingsMessage encoder_settings() const;  ///< the last that came
   u32 request_flag(int word) const;  ///< of the request-flag area; word 0 is the USB disconnect word
-  /// Everything received so far, a line each, such as "velto 10 O 2 1 1920 1080 30 ..." or "sys 39 81 01 04
-  /// ...".
-  std::vector<std::string> received() const;
+  /// Everything received since line `from`, a line each, such as "velto 10 O 2 1 1920 1080 30 ..." or, with
+  /// the reply, "sys 39 81 01 04 A4 00 00 00 0F FF -> 90 41 FF".
+  std::vector<std::string> received(std::size_t from = 0) const;
   /// Requests that made no sense: wrong lengths, unknown commands, places outside the sender's slot.
   unsigned long refused() const;
 

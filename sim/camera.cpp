@@ -1,0 +1,47 @@
+#include "sim/camera.h"
+
+#include <cstdio>
+
+namespace sim {
+
+Camera::Camera(const Options& options)
+    : media(options.media),
+      server({.pool_address = Media::pool_address(), .pool_size = Media::pool_size(), .head = &head}),
+      collector({.output = options.log_level ? stdout : nullptr,
+                 .level = options.log_level.value_or(0),
+                 .contains = {}}),
+      host(node, options.paced) {
+  server.on_encoder_settings([this](const EncoderSettingsMessage& message) { media.apply(message); });
+  if (!options.print_level.empty()) {
+    run.write_file("/opt/params/print.conf", "uvc_gadget=" + options.print_level + '\n');
+  }
+  for (const Fault& fault : options.faults) {
+    if (fault.at == 0) set_fault(*this, fault, true);
+  }
+}
+
+void set_fault(Camera& camera, const Fault& fault, bool on) {
+  switch (fault.kind) {
+    case FaultKind::kNode:
+      if (camera.node.script(on ? fault.node_text : "clear")) return;
+      std::fprintf(stderr, "camera_sim: the node does not know the fault \"%s\"\n", fault.node_text.c_str());
+      return;
+    case FaultKind::kUnplug:
+      return on ? camera.host.unplug() : camera.host.replug();
+    case FaultKind::kServerDead:
+      return camera.server.set_fault(on ? ServerFault::kDead : ServerFault::kNone);
+    case FaultKind::kServerSlow:
+      return camera.server.set_fault(on ? ServerFault::kSlow : ServerFault::kNone);
+    case FaultKind::kEncoderSilent:
+      return camera.media.set_fault(on ? EncoderFault::kSilent : EncoderFault::kNone);
+    case FaultKind::kEncoderDead:
+      return camera.media.set_fault(on ? EncoderFault::kDead : EncoderFault::kNone);
+    case FaultKind::kEncoderWrongSize:
+      return camera.media.set_fault(on ? EncoderFault::kWrongSize : EncoderFault::kNone);
+    case FaultKind::kLogQueueFull:
+      camera.collector.pause(on);
+      if (on) camera.collector.fill_queue();
+  }
+}
+
+}  // namespace sim
