@@ -10,7 +10,8 @@ Camera::Camera(const Options& options)
       collector({.output = options.log_level ? stdout : nullptr,
                  .level = options.log_level.value_or(0),
                  .contains = {}}),
-      host(node, options.paced) {
+      conversation(node, [this](std::size_t from) { return server.received(from); }),
+      host(node, conversation, options.paced) {
   server.on_encoder_settings([this](const EncoderSettingsMessage& message) { media.apply(message); });
   if (!options.print_level.empty()) {
     run.write_file("/opt/params/print.conf", "uvc_gadget=" + options.print_level + '\n');

@@ -3,6 +3,7 @@
 
 #include "sim/camera_head.h"
 #include "sim/collector.h"
+#include "sim/conversation.h"
 #include "sim/fault_script.h"
 #include "sim/media.h"
 #include "sim/node.h"
@@ -23,6 +24,7 @@ struct Camera {
   Server server;
   Collector collector;
   NodeHost node;
+  Conversation conversation;
   UsbHost host;
 };
 

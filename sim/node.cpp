@@ -145,6 +145,14 @@ ControlAnswer NodeHost::control(const usb_ctrlrequest& setup, std::span<const u8
   return {};
 }
 
+bool NodeHost::settle(milliseconds limit) {
+  return wait_until(limit, [](const NodeState& state) {
+    return std::ranges::none_of(state.opens, [](const NodeOpen& open) {
+      return open.process && (open.waiting.load() > 0 || open.serving.load());
+    });
+  });
+}
+
 bool NodeHost::stream_on(milliseconds limit) {
   return set_interface(UVC_EVENT_STREAMON, &NodeState::stream_on_calls, limit);
 }

@@ -40,7 +40,8 @@ class NodeHost {
   /// what it does with a DATA event. More than 64 bytes are stalled by the driver itself.
   ControlAnswer control(const usb_ctrlrequest& setup, std::span<const u8> data = {},
                         std::chrono::milliseconds limit = std::chrono::seconds(5));
-  /// Waits until the service has served every event and looks for the next; false when the limit passed.
+  /// Waits until the service has served every event and calls VIDIOC_DQEVENT for the next; false when the
+  /// limit passed. True as well when nobody has the node open.
   bool settle(std::chrono::milliseconds limit);
   /// SET_INTERFACE 1 or 0: the event, then a wait for a successful VIDIOC_STREAMON or VIDIOC_STREAMOFF.
   bool stream_on(std::chrono::milliseconds limit = std::chrono::seconds(5));

@@ -161,7 +161,8 @@ i32 subscribe(Call& call, const v4l2_event_subscription& subscription) {
 
 i32 dequeue_event(Call& call, v4l2_event& event) {
   NodeOpen& open = call.open;
-  if (open.waiting == 0) return ENOENT;  // another thread of the service took it
+  open.serving = open.waiting > 0;
+  if (!open.serving) return ENOENT;  // another thread of the service took it
   const u32 left = open.waiting - 1;
   event = open.events[0];
   std::move(open.events + 1, open.events + 1 + left, open.events);
@@ -245,6 +246,7 @@ int node_open(int fd) {
   open->process = getpid();
   open->descriptor = fd;
   open->sequence = 0;
+  open->serving = false;
   std::fill(std::begin(open->subscribed), std::end(open->subscribed), false);
   return static_cast<int>(open - state.opens);
 }
@@ -282,6 +284,11 @@ int node_mmap(int, size_t length, int protection, int flags, off_t offset) {
   return result_of(error);
 }
 
-bool node_has_no_event(int number) { return node_state().opens[number].waiting.load() == 0; }
+bool node_has_no_event(int number) {
+  NodeOpen& open = node_state().opens[number];
+  if (open.waiting.load() > 0) return false;
+  if (open.serving.load(std::memory_order_relaxed)) open.serving = false;
+  return true;
+}
 
 }  // namespace sim

@@ -12,7 +12,8 @@ void node_close(int open);
 int node_ioctl(int open, unsigned long request, void* argument);
 /// Whether the driver admits the mapping; 0 or -1.
 int node_mmap(int open, size_t length, int protection, int flags, off_t offset);
-/// True when VIDIOC_DQEVENT has nothing to give. Cheap: the service asks at full speed.
+/// VIDIOC_DQEVENT while there is no event: true, and nothing else is to be done. Cheap: the service asks at
+/// full speed.
 bool node_has_no_event(int open);
 
 }  // namespace sim

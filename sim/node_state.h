@@ -1,6 +1,6 @@
 // The state of a run's gadget node, in a file that the service's side (node_calls.cpp) and the USB host's
-// side (node.cpp) map, be they one process or two. Everything is read and written under `mutex`, except the
-// count of waiting events. The mutex is robust: a process that is killed leaves the state usable.
+// side (node.cpp) map, be they one process or two. Everything is read and written under `mutex`, except an
+// open's atomics. The mutex is robust: a process that is killed leaves the state usable.
 #pragma once
 
 #include <linux/usb/ch9.h>
@@ -80,7 +80,8 @@ struct NodeOpen {
   i32 descriptor;
   bool subscribed[kEventTypes];
   u32 sequence;
-  std::atomic<u32> waiting;  ///< events in the queue; written under the mutex, read without
+  std::atomic<u32> waiting;   ///< events in the queue; written under the mutex, read without
+  std::atomic<bool> serving;  ///< from a VIDIOC_DQEVENT that took an event to the next one
   v4l2_event events[kEventTypes * kEventsPerType];  ///< oldest first
 };
 

@@ -1,5 +1,6 @@
 #include "sim/session.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <vector>
@@ -88,6 +89,10 @@ void Session::print_counts() {
       log.lines, log.malformed, service_.dropped_log_lines(), camera_.server.received().size(),
       camera_.server.refused(), media.pictures, media.encoded, media.dropped);
   write_lines(options_.out + "/server.log", camera_.server.received());
+  const auto exchanges = camera_.conversation.exchanges();
+  std::vector<std::string> lines;
+  std::ranges::transform(exchanges, std::back_inserter(lines), describe);
+  write_lines(options_.out + "/conversation.log", lines);
   write_lines(options_.out + "/node.log", {camera_.node.call_log()});
   for (const std::string& error : camera_.node.protocol_errors()) complain("gadget driver: " + error);
 }

@@ -11,6 +11,8 @@
 #include <thread>
 #include <utility>
 
+#include "sim/host_controls.h"
+
 namespace sim {
 
 namespace {
@@ -30,9 +32,6 @@ constexpr HostFormat kFormats[] = {
     {StreamFormat::kH265, "H265", kH265Sizes},
 };
 
-constexpr u16 kStreamingInterface = 1;
-constexpr u8 kSetType = 0x21, kGetType = 0xA1;  ///< class requests to an interface
-
 /// Where the probe block's fields lie.
 enum ProbeField {
   kHint = 0,
@@ -48,16 +47,6 @@ constexpr u32 kUnitsPerSecond = 10'000'000;  ///< frame intervals count 100 ns
 
 constexpr std::size_t kMostWaiting = 240;  ///< frames that may wait for their check before taking waits
 
-usb_ctrlrequest streaming_request(u8 type, u8 request, u8 selector, std::size_t length) {
-  usb_ctrlrequest setup{};
-  setup.bRequestType = type;
-  setup.bRequest = request;
-  setup.wValue = static_cast<u16>(selector << 8);
-  setup.wIndex = kStreamingInterface;
-  setup.wLength = static_cast<u16>(length);
-  return setup;
-}
-
 ProbeBlock probe_block(const StreamChoice& choice) {
   const auto sizes = host_format(choice.format).sizes;
   const auto frame = std::ranges::find(sizes, choice.size) - sizes.begin();
@@ -67,12 +56,6 @@ ProbeBlock probe_block(const StreamChoice& choice) {
   block[kFrameIndex] = static_cast<u8>(frame + 1);
   put_le32(&block[kInterval], kUnitsPerSecond / choice.rate);
   return block;
-}
-
-/// Of a request from 0x81 to 0x87.
-std::string get_name(u8 request) {
-  constexpr const char* kNames[] = {"CUR", "MIN", "MAX", "RES", "LEN", "INFO", "DEF"};
-  return std::string("GET_") + kNames[request - UVC_GET_CUR];
 }
 
 double milliseconds(Clock::duration time) { return std::chrono::duration<double, std::milli>(time).count(); }
@@ -88,6 +71,14 @@ const HostFormat& host_format(StreamFormat format) {
 std::string name_of(const StreamChoice& choice) {
   return host_format(choice.format).name + (' ' + std::to_string(choice.size.width)) + 'x' +
          std::to_string(choice.size.height);
+}
+
+std::optional<StreamChoice> choice_in(std::span<const u8> block) {
+  if (block.size() < ProbeBlock().size()) return {};
+  const u32 format = block[kFormatIndex] - 1u, frame = block[kFrameIndex] - 1u;
+  const u32 interval = get_le32(&block[kInterval]);
+  if (format >= std::size(kFormats) || frame >= kFormats[format].sizes.size() || interval == 0) return {};
+  return StreamChoice{kFormats[format].format, kFormats[format].sizes[frame], kUnitsPerSecond / interval};
 }
 
 /// A running stream: one thread takes frames, another checks them, so that decoding never holds up the bus.
@@ -197,7 +188,8 @@ StreamResult UsbHost::Stream::result() const {
   return result;
 }
 
-UsbHost::UsbHost(NodeHost& node, bool paced) : node_(node), paced_(paced) {}
+UsbHost::UsbHost(NodeHost& node, Conversation& conversation, bool paced)
+    : node_(node), conversation_(conversation), paced_(paced) {}
 UsbHost::~UsbHost() = default;
 
 bool UsbHost::fail(std::string what) {
@@ -206,15 +198,15 @@ bool UsbHost::fail(std::string what) {
 }
 
 bool UsbHost::set(u8 selector, std::span<const u8> block) {
-  const auto setup = streaming_request(kSetType, UVC_SET_CUR, selector, block.size());
-  if (!node_.control(setup, block).stalled) return true;
+  const auto setup = class_request(UVC_SET_CUR, kVideoStreamingInterface, 0, selector, block.size());
+  if (!conversation_.control(setup, block).stalled) return true;
   return fail(selector == UVC_VS_PROBE_CONTROL ? "SET_CUR of probe stalled" : "SET_CUR of commit stalled");
 }
 
 bool UsbHost::get(u8 request, std::span<u8> answer) {
-  const auto setup = streaming_request(kGetType, request, UVC_VS_PROBE_CONTROL, answer.size());
-  const ControlAnswer came = node_.control(setup);
-  const std::string name = get_name(request) + " of probe";
+  const auto setup = class_request(request, kVideoStreamingInterface, 0, UVC_VS_PROBE_CONTROL, answer.size());
+  const ControlAnswer came = conversation_.control(setup);
+  const std::string name = std::string(request_name(request)) + " of probe";
   if (came.stalled) return fail(name + " stalled");
   if (came.data.size() != answer.size())
     return fail(name + ": " + std::to_string(came.data.size()) + " bytes");

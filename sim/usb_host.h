@@ -4,11 +4,12 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 
+#include "sim/conversation.h"
 #include "sim/frame_check.h"
-#include "sim/node.h"
 
 namespace sim {
 
@@ -34,6 +35,8 @@ struct StreamChoice {
 };
 /// Such as "MJPEG 1280x720".
 std::string name_of(const StreamChoice& choice);
+/// What a probe or commit block chooses; nothing when it names no format, frame size or interval.
+std::optional<StreamChoice> choice_in(std::span<const u8> block);
 
 struct StreamResult {
   StreamReport report;
@@ -52,8 +55,8 @@ constexpr std::chrono::microseconds bus_time(std::size_t bytes) {
 /// One stream at a time. unplug(), replug(), plugged() and unplugs() may be called from any thread.
 class UsbHost {
  public:
-  /// `paced`: frames take bus_time() to arrive.
-  UsbHost(NodeHost& node, bool paced);
+  /// Class requests go through the conversation. `paced`: frames take bus_time() to arrive.
+  UsbHost(NodeHost& node, Conversation& conversation, bool paced);
   ~UsbHost();
 
   /// What a host asks when the device appears. False with error() when an answer is wrong.
@@ -82,6 +85,7 @@ class UsbHost {
   bool fail(std::string what);
 
   NodeHost& node_;
+  Conversation& conversation_;
   const bool paced_;
   std::atomic<bool> plugged_ = false;
   std::atomic<unsigned> unplugs_ = 0;

@@ -110,7 +110,8 @@ class CameraTest : public testing::Test {
   std::unique_ptr<sim::Server> server = std::make_unique<sim::Server>(
       sim::ServerOptions{.pool_address = sim::Media::pool_address(), .pool_size = sim::Media::pool_size()});
   sim::Collector collector{{}};
-  sim::UsbHost host{node, false};
+  sim::Conversation conversation{node, {}};
+  sim::UsbHost host{node, conversation, false};
   std::FILE* output = std::tmpfile();
   std::unique_ptr<sim::ServiceProcess> service;
 };

@@ -101,7 +101,8 @@ TEST(UsbHostTest, NamesWhatIsWrongWithACamerasAnswers) {
     const sim::Run run;
     const FakeCamera camera(deviation);
     sim::NodeHost node;
-    sim::UsbHost host(node, false);
+    sim::Conversation conversation(node, {});
+    sim::UsbHost host(node, conversation, false);
     ASSERT_TRUE(node.wait_for_device(5s));
     host.replug();
     EXPECT_FALSE(host.enumerate() && host.start(kChoice)) << error;
@@ -113,7 +114,8 @@ TEST(UsbHostTest, CommitsWhatWasAskedFor) {
   const sim::Run run;
   const FakeCamera camera({UVC_GET_MAX, 12, 77});
   sim::NodeHost node;
-  sim::UsbHost host(node, false);
+  sim::Conversation conversation(node, {});
+  sim::UsbHost host(node, conversation, false);
   ASSERT_TRUE(node.wait_for_device(5s));
   host.replug();
   ASSERT_TRUE(host.enumerate() && host.start(kChoice)) << host.error();

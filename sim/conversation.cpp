@@ -1,0 +1,184 @@
+#include "sim/conversation.h"
+
+#include <linux/usb/video.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include "sim/host_controls.h"
+#include "sim/usb_host.h"
+
+namespace sim {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double milliseconds(Clock::duration time) { return std::chrono::duration<double, std::milli>(time).count(); }
+
+u8 interface_of(const usb_ctrlrequest& setup) { return static_cast<u8>(setup.wIndex); }
+u8 entity_of(const usb_ctrlrequest& setup) { return static_cast<u8>(setup.wIndex >> 8); }
+u8 selector_of(const usb_ctrlrequest& setup) { return static_cast<u8>(setup.wValue >> 8); }
+
+struct Unit {
+  u8 interface, entity;
+  const char* name;
+};
+constexpr Unit kUnits[] = {
+    {kVideoControlInterface, kCameraTerminal, "CT"},
+    {kVideoControlInterface, kProcessingUnit, "PU"},
+    {kVideoControlInterface, kExtensionUnit, "XU"},
+    {kVideoStreamingInterface, 0, "VS"},
+};
+
+const Unit* unit_of(const usb_ctrlrequest& setup) {
+  const auto found = std::ranges::find_if(kUnits, [&](const Unit& unit) {
+    return unit.interface == interface_of(setup) && unit.entity == entity_of(setup);
+  });
+  return found == std::end(kUnits) ? nullptr : found;
+}
+
+/// "name", or "name = value" when the value is known.
+std::string assignment(std::string name, const std::string& value) {
+  return value.empty() ? name : name + " = " + value;
+}
+
+std::string number_text(std::optional<i32> value) { return value ? std::to_string(*value) : ""; }
+
+/// GET_LEN's and GET_INFO's answer.
+std::string attribute_text(const Exchange& exchange) {
+  const auto& data = exchange.data;
+  if (data.empty()) return "";
+  return std::to_string(data.size() == 1 ? data[0] : get_le16(data.data()));
+}
+
+std::string stream_text(const Exchange& exchange) {
+  const auto choice = choice_in(exchange.data);
+  return choice ? name_of(*choice) + ", " + std::to_string(choice->rate) + " frames/s" : "";
+}
+
+/// The control, or the several that the selector carries, with values as the data tell them.
+std::string control_text(const Exchange& exchange) {
+  const usb_ctrlrequest& setup = exchange.setup;
+  const u8 selector = selector_of(setup);
+  const bool attribute = setup.bRequest == UVC_GET_LEN || setup.bRequest == UVC_GET_INFO;
+  if (interface_of(setup) == kVideoStreamingInterface && selector <= UVC_VS_COMMIT_CONTROL && selector > 0) {
+    const char* const name = selector == UVC_VS_PROBE_CONTROL ? "probe" : "commit";
+    return assignment(name, attribute ? attribute_text(exchange) : stream_text(exchange));
+  }
+  std::string text;
+  for (const HostControl& control : host_controls()) {
+    if (control.entity != entity_of(setup) || control.selector != selector) continue;
+    const auto value = attribute ? "" : number_text(value_in(control, setup.bRequest, exchange.data));
+    text += (text.empty() ? "" : ", ") + assignment(control.name, value);
+  }
+  if (text.empty()) text = "selector " + std::to_string(selector);
+  return attribute ? assignment(text, attribute_text(exchange)) : text;
+}
+
+/// Unit, request, control and value; in numbers when there is no such unit or request.
+std::string request_text(const Exchange& exchange) {
+  const usb_ctrlrequest& setup = exchange.setup;
+  const Unit* const unit = unit_of(setup);
+  const char* const request = request_name(setup.bRequest);
+  const u8 type = USB_TYPE_CLASS | USB_RECIP_INTERFACE | (setup.bRequest & USB_DIR_IN);
+  char text[128];
+  if (unit && request && setup.bRequestType == type) {
+    std::snprintf(text, sizeof text, "%s  %-8s  %-46s", unit->name, request, control_text(exchange).c_str());
+  } else {
+    std::snprintf(text, sizeof text, "--  type 0x%02X request 0x%02X value 0x%04X index 0x%04X length %-5u",
+                  setup.bRequestType, setup.bRequest, setup.wValue, setup.wIndex, setup.wLength);
+  }
+  return text;
+}
+
+std::string outcome_text(const Exchange& exchange) {
+  const char* const outcome = exchange.timed_out ? "timeout" : exchange.stalled ? "STALL" : "ok";
+  char text[64];
+  std::snprintf(text, sizeof text, "%-7s %7.2f", outcome, exchange.answer_ms);
+  std::string line = text;
+  std::snprintf(text, sizeof text, " %7.2f ms", exchange.served_ms);
+  return line + (exchange.served_ms < 0 ? "       - ms" : text);
+}
+
+std::string data_text(std::span<const u8> data) {
+  std::string text;
+  char byte[4];
+  for (const u8 value : data) {
+    std::snprintf(byte, sizeof byte, " %02X", value);
+    text += byte;
+  }
+  return text.empty() ? "" : "  [" + text.substr(1) + ']';
+}
+
+}  // namespace
+
+usb_ctrlrequest class_request(u8 request, u8 interface, u8 entity, u8 selector, std::size_t length) {
+  usb_ctrlrequest setup{};
+  setup.bRequestType = USB_TYPE_CLASS | USB_RECIP_INTERFACE | (request & USB_DIR_IN);
+  setup.bRequest = request;
+  setup.wValue = static_cast<u16>(selector << 8);
+  setup.wIndex = static_cast<u16>(entity << 8 | interface);
+  setup.wLength = static_cast<u16>(length);
+  return setup;
+}
+
+const char* request_name(u8 request) {
+  constexpr const char* kGets[] = {"GET_CUR", "GET_MIN",  "GET_MAX", "GET_RES",
+                                   "GET_LEN", "GET_INFO", "GET_DEF"};
+  if (request == UVC_SET_CUR) return "SET_CUR";
+  return request >= UVC_GET_CUR && request <= UVC_GET_DEF ? kGets[request - UVC_GET_CUR] : nullptr;
+}
+
+std::string describe(const Exchange& exchange) {
+  char time[24];
+  std::snprintf(time, sizeof time, "%8.3f  ", exchange.at_ms / 1000);
+  std::string line = time + request_text(exchange) + "  " + outcome_text(exchange) + data_text(exchange.data);
+  for (const std::string& received : exchange.server) line += " | " + received;
+  return line;
+}
+
+Conversation::Conversation(NodeHost& node, std::function<std::vector<std::string>(std::size_t from)> received)
+    : node_(node), received_(std::move(received)) {}
+
+/// What the server has received belongs to the request before it.
+void Conversation::hear() {
+  const std::lock_guard guard(lock_);
+  const auto lines = received_ ? received_(heard_) : std::vector<std::string>();
+  heard_ += lines.size();
+  if (!exchanges_.empty()) std::ranges::copy(lines, std::back_inserter(exchanges_.back().server));
+}
+
+ControlAnswer Conversation::control(const usb_ctrlrequest& setup, std::span<const u8> data,
+                                    std::chrono::milliseconds limit) {
+  const std::lock_guard turn(turn_);
+  hear();
+  const auto begin = Clock::now();
+  const ControlAnswer answer = node_.control(setup, data, limit);
+  const double answer_ms = milliseconds(Clock::now() - begin);
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(begin + limit - Clock::now());
+  const bool served = node_.settle(left);
+  Exchange exchange{
+      .at_ms = milliseconds(begin - begin_),
+      .setup = setup,
+      .data = setup.bRequestType & USB_DIR_IN ? answer.data : std::vector(data.begin(), data.end()),
+      .stalled = answer.stalled,
+      .timed_out = answer.timed_out,
+      .answer_ms = answer_ms,
+      .served_ms = served ? milliseconds(Clock::now() - begin) : -1};
+  {
+    const std::lock_guard guard(lock_);
+    exchanges_.push_back(std::move(exchange));
+  }
+  hear();
+  return answer;
+}
+
+std::vector<Exchange> Conversation::exchanges() {
+  hear();
+  const std::lock_guard guard(lock_);
+  return exchanges_;
+}
+
+}  // namespace sim
