@@ -4,8 +4,13 @@
 
 namespace sim {
 
+static MediaOptions with_view(MediaOptions options, const CameraHead& head) {
+  options.view = [&head] { return head.view(); };
+  return options;
+}
+
 Camera::Camera(const Options& options)
-    : media(options.media),
+    : media(with_view(options.media, head)),
       server({.pool_address = Media::pool_address(), .pool_size = Media::pool_size(), .head = &head}),
       collector({.output = options.log_level ? stdout : nullptr,
                  .level = options.log_level.value_or(0),

@@ -36,13 +36,12 @@ struct CameraView {
 };
 
 constexpr double kMostZoom = 10;
-constexpr double kPictureDegrees = 60;  ///< width of the picture at zoom 1
+constexpr double kPictureDegrees = 60;                      ///< width of the picture at zoom 1
+constexpr i32 kMostPanSpeed = 0x18, kMostTiltSpeed = 0x14;  ///< in VISCA's numbers, which begin with 1
 constexpr i32 kZoomEnd = 16384;  ///< lens position of kMostZoom; the magnification grows evenly by factor
 
 class CameraHead {
  public:
-  enum class Motion { kStop, kUp, kDown, kLeft, kRight };
-
   /// Where everything is at this instant.
   CameraView view() const;
   /// In steps of 270 arc seconds, right and up positive.
@@ -54,11 +53,15 @@ class CameraHead {
   bool moving() const;        ///< head or lens
 
   /// Turns to a position, as far as the head reaches (pan 170 degrees, tilt 90 degrees to either side).
-  /// Speeds are VISCA's: pan 1..0x18, tilt 1..0x14, 5 degrees a second each.
+  /// Speeds are VISCA's, 5 degrees a second each.
   void turn_to(Position target, i32 pan_speed, i32 tilt_speed);
-  void turn(Motion motion, i32 speed);
-  void zoom_to(i32 position);
-  void zoom(i32 direction);  ///< 1 tele, -1 wide, 0 stop
+  /// Turns on until it is stopped or reaches its limits; directions: 1 right or up, -1 left or down, 0 stop.
+  struct Direction {
+    i32 pan, tilt;
+  };
+  void turn(Direction direction, i32 pan_speed, i32 tilt_speed);
+  void zoom_to(i32 position);  ///< as far as the lens reaches; from end to end in 2 seconds
+  void zoom(i32 direction);    ///< 1 tele, -1 wide, 0 stop
 
   PictureSettings settings() const;
   void set(const PictureSettings& settings);

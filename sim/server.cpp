@@ -4,16 +4,18 @@
 #include <sys/shm.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <optional>
+#include <utility>
 
 #include "sim/channel.h"
 #include "sim/run.h"
+#include "sim/visca_device.h"
+#include "visca/visca_frame.h"
 
 namespace sim {
 
@@ -21,6 +23,7 @@ namespace {
 
 constexpr i32 kFirstProcess = 2;  ///< a reply to message type 1 would come back to the server itself
 constexpr i32 kLastProcess = 24;
+constexpr i32 kViscaMessage = 39;
 constexpr std::chrono::milliseconds kSlowDelay{300};
 
 bool is_client(i32 process_id) { return process_id >= kFirstProcess && process_id <= kLastProcess; }
@@ -49,32 +52,38 @@ class Segment {
   u8* start_;
 };
 
-/// The image settings that the camera-value cache holds at start, in its own order.
-constexpr std::array<u32, 10> kCachedAtStart{8, 8, 0, 8, 3, 0, 1, 0, 0, 0};
-
 /// The parameter segment, filled from construction on.
 struct Parameters {
-  explicit Parameters(const ServerOptions& options);
+  Parameters(const ServerOptions& options, const PictureSettings& settings);
+  /// The words of the camera-value cache.
+  void cache(const PictureSettings& settings) const;
   const Segment segment{kFileMsgKey};
 };
 
-Parameters::Parameters(const ServerOptions& options) {
+Parameters::Parameters(const ServerOptions& options, const PictureSettings& settings) {
   SysInfo info{};
   const u8 mac[6] = {0x02, 0x16, 0xA5, 0x00, 0x00, 0x01};
   std::memcpy(info.mac, mac, sizeof mac);
   info.web_port = 80;
   info.listen_port = 1935;
   info.usb_port = options.usb_port;
-  CameraCache cache{};
-  std::ranges::copy(kCachedAtStart, cache.words);
-  cache.valid = options.cache_valid ? CAMERA_CACHE_VALID : 0;
 
   std::memset(segment.at(0), 0, kSysSegmentSize);
   std::memcpy(segment.at(0), &info, sizeof info);
-  std::memcpy(segment.at(kCameraCacheOffset), &cache, sizeof cache);
+  cache(settings);
+  segment.set_word(kCameraCacheOffset + offsetof(CameraCache, valid),
+                   options.cache_valid ? CAMERA_CACHE_VALID : 0);
   if (!options.ready) return;
   segment.set_word(kSysStateOffset, SYSINFO_MAGIC);
   segment.set_word(0, SYSINFO_MAGIC);
+}
+
+void Parameters::cache(const PictureSettings& settings) const {
+  const std::pair<u32, u32> words[] = {{0, settings.brightness}, {1, settings.contrast},
+                                       {3, settings.saturation}, {4, settings.sharpness},
+                                       {5, settings.gamma},      {6, settings.auto_white_balance},
+                                       {9, settings.power_line}};
+  for (const auto& [word, value] : words) segment.set_word(kCameraCacheOffset + sizeof value * word, value);
 }
 
 std::string as_hex(std::span<const u8> bytes) {
@@ -119,14 +128,6 @@ std::string quoted(const VeltoMsgBuf& record, i32 offset, i32 most) {
   return " \"" + text + '"';
 }
 
-/// The reply to a VISCA frame: a value of 0 for an inquiry, else "completed".
-std::span<const u8> visca_reply(std::span<const u8> frame) {
-  static constexpr u8 kZero[4] = {0, 0, 0, 0};
-  static constexpr u8 kCompleted[3] = {0x90, 0x41, 0xFF};
-  const bool inquiry = frame.size() >= 2 && frame[1] == 0x09;
-  return inquiry ? std::span<const u8>(kZero) : std::span<const u8>(kCompleted);
-}
-
 }  // namespace
 
 struct Server::Impl {
@@ -149,11 +150,13 @@ struct Server::Impl {
   void velto_message(std::span<const u8> payload);
   void sys_message(std::span<const u8> payload);
   i32 exchange(const SysMsgBuf& record);
+  std::vector<u8> obey(std::span<const u8> frame);
 
   void get_memory(VeltoMsgBuf& record);
   void store_encoder_settings(VeltoMsgBuf& record);
   void get_position(VeltoMsgBuf& record);
   void get_absolute(VeltoMsgBuf& record);
+  void start_motion(VeltoMsgBuf& record);
   void set_position(VeltoMsgBuf& record);
 
   void note(const std::string& line);
@@ -164,10 +167,11 @@ struct Server::Impl {
   std::vector<std::string> received;
   EncoderSettingsMessage encoder_settings{};
   std::function<void(const EncoderSettingsMessage&)> handler;
-  i32 pan = 0, tilt = 0;  ///< only the control channel's thread uses them
+  CameraHead own_head;
+  CameraHead& head = options.head ? *options.head : own_head;
   std::atomic<unsigned long> refused = 0;
 
-  const Parameters parameters{options};
+  const Parameters parameters{options, head.settings()};
   const Segment slots{kSysMsgKey};
   Channel file_channel{kFileMsgKey, kServerMsgType, [this](auto payload) { file_message(payload); }};
   Channel velto_channel{kVeltoMsgKey, kServerMsgType, [this](auto payload) { velto_message(payload); }};
@@ -209,7 +213,7 @@ const Server::Impl::VeltoRow Server::Impl::kVeltoRows[] = {
     {.cmd = kVeltoPtzMode, .kind = 'O', .offset = 24, .words = 1},
     {.cmd = kVeltoPtzNotify, .kind = 'O', .offset = 24, .words = 1},
     {.cmd = kVeltoPtzGetPosition, .kind = 'R', .act = &Impl::get_position},
-    {.cmd = kVeltoPtzMotion, .kind = 'O', .offset = 24, .words = 1},
+    {.cmd = kVeltoPtzMotion, .kind = 'O', .offset = 24, .words = 1, .act = &Impl::start_motion},
     {.cmd = kVeltoPtzSetPosition, .kind = 'O', .offset = 24, .words = 3, .act = &Impl::set_position},
     {.cmd = kVeltoPtzGetAbsolute, .kind = 'R', .act = &Impl::get_absolute},
 };
@@ -273,16 +277,28 @@ void Server::Impl::store_encoder_settings(VeltoMsgBuf& record) {
   if (notify) notify(message);
 }
 
-void Server::Impl::get_position(VeltoMsgBuf& record) { put_word(record, 24, pan << 16 | (tilt & 0xFFFF)); }
+void Server::Impl::get_position(VeltoMsgBuf& record) {
+  const auto [pan, tilt] = head.position();
+  put_word(record, 24, pan << 16 | (tilt & 0xFFFF));
+}
 
 void Server::Impl::get_absolute(VeltoMsgBuf& record) {
+  const auto [pan, tilt] = head.position();
   put_word(record, 28, pan);
   put_word(record, 32, tilt & 0xFFFF);
 }
 
+/// 0 stop, 1 left, 2 right, 3 up, 4 down.
+void Server::Impl::start_motion(VeltoMsgBuf& record) {
+  constexpr CameraHead::Direction kMotions[] = {{0, 0}, {-1, 0}, {1, 0}, {0, 1}, {0, -1}};
+  const auto motion = static_cast<u32>(get_word(record, 24));
+  if (motion < std::size(kMotions))
+    return head.turn(kMotions[motion], kViscaPanTiltSpeed, kViscaPanTiltSpeed);
+  ++refused;
+}
+
 void Server::Impl::set_position(VeltoMsgBuf& record) {
-  pan = get_word(record, 28);
-  tilt = get_word(record, 32);
+  head.turn_to({get_word(record, 28), get_word(record, 32)}, kViscaPanTiltSpeed, kViscaPanTiltSpeed);
 }
 
 void Server::Impl::sys_message(std::span<const u8> payload) {
@@ -296,7 +312,7 @@ void Server::Impl::sys_message(std::span<const u8> payload) {
 /// Carries out the request in its sender's slot and leaves the reply's body there. The reply's length, or -1.
 i32 Server::Impl::exchange(const SysMsgBuf& record) {
   const std::string line = "sys" + as_decimal({record.cmd});
-  const bool sound = record.cmd >= 0 && record.cmd <= 63 && is_client(record.src) &&
+  const bool sound = record.cmd == kViscaMessage && is_client(record.src) &&
                      record.offset == sys_slot_offset(record.src) && record.length >= 0 &&
                      record.length <= kSysSlotSize;
   if (!sound) {
@@ -305,10 +321,17 @@ i32 Server::Impl::exchange(const SysMsgBuf& record) {
   }
   u8* const slot = slots.at(static_cast<std::size_t>(record.offset));
   const std::vector<u8> body(slot, slot + record.length);
-  note(line + as_hex(body));
-  const std::span<const u8> reply = visca_reply(body);
+  const std::vector<u8> reply = obey(body);
+  note(line + as_hex(body) + " ->" + as_hex(reply));
   std::ranges::copy(reply, slot);
   return static_cast<i32>(reply.size());
+}
+
+std::vector<u8> Server::Impl::obey(std::span<const u8> frame) {
+  const ViscaAnswer answer = obey_visca(head, frame);
+  refused += answer.refused;
+  parameters.cache(head.settings());
+  return answer.bytes;
 }
 
 Server::Server(const ServerOptions& options) : impl_(std::make_unique<Impl>(options)) {}

@@ -7,6 +7,7 @@
 #include <sys/shm.h>
 
 #include <cstring>
+#include <span>
 #include <thread>
 
 #include "elog/elog_record.h"
@@ -80,7 +81,6 @@ TEST(ServerTest, ControlRequestsAreAnsweredByTheirRow) {
   sim::Run run;
   const Server server({.pool_address = 0x88000000, .pool_size = 0x10000});
   const VeltoClient client(kVeltoMsgKey);
-  client.send(velto(kVeltoPtzSetPosition, 0, {99, 100, -3}));
   struct {
     i32 cmd;
     i32 status;
@@ -89,9 +89,6 @@ TEST(ServerTest, ControlRequestsAreAnsweredByTheirRow) {
   } const conversations[] = {
       {kVeltoGetMemory, 0, 16, static_cast<i32>(0x88000000)},
       {kVeltoGetMemory, 0, 20, 0x10000},
-      {kVeltoPtzGetPosition, 0, 24, 100 << 16 | 0xFFFD},
-      {kVeltoPtzGetAbsolute, 0, 28, 100},
-      {kVeltoPtzGetAbsolute, 0, 32, 0xFFFD},
       {3, -1, 28, 0},
       {4, -97, 28, 0},
       {5, -98, 28, 0},
@@ -107,11 +104,47 @@ TEST(ServerTest, ControlRequestsAreAnsweredByTheirRow) {
   }
 }
 
-TEST(ServerTest, SystemMessagesAreReadFromAndAnsweredInTheSendersSlot) {
+TEST(ServerTest, ControlChannelAndFramesMoveTheSameHead) {
   sim::Run run;
-  const Server server({});
+  sim::CameraHead head;
+  const Server server({.head = &head});
+  const VeltoClient client(kVeltoMsgKey);
+  const auto word_of = [&](i32 cmd, i32 offset) {
+    VeltoMsgBuf record = velto(cmd, kVeltoProcess);
+    EXPECT_TRUE(client.call(record));
+    return word_at(record, offset);
+  };
+  client.send(velto(kVeltoPtzSetPosition, 0, {99, 100, -3}));
+  ASSERT_TRUE(within(2s, [&] { return head.position().pan == 100 && !head.moving(); }));
+  EXPECT_EQ(word_of(kVeltoPtzGetPosition, 24), 100 << 16 | 0xFFFD);
+  EXPECT_EQ(word_of(kVeltoPtzGetAbsolute, 28), 100);
+  EXPECT_EQ(word_of(kVeltoPtzGetAbsolute, 32), 0xFFFD);
+
+  const struct {
+    i32 motion;
+    double sim::CameraView::*axis;
+    double sign;
+  } motions[] = {{1, &sim::CameraView::pan, -1},
+                 {2, &sim::CameraView::pan, 1},
+                 {3, &sim::CameraView::tilt, 1},
+                 {4, &sim::CameraView::tilt, -1}};
+  for (const auto& [motion, axis, sign] : motions) {
+    const double before = head.view().*axis;
+    client.send(velto(kVeltoPtzMotion, 0, {motion}));
+    EXPECT_TRUE(within(2s, [&] { return sign * (head.view().*axis - before) > 1; })) << motion;
+    client.send(velto(kVeltoPtzMotion, 0, {0}));
+    EXPECT_TRUE(within(2s, [&] { return !head.moving(); })) << motion;
+  }
+  client.send(velto(kVeltoPtzMotion, 0, {5}));
+  EXPECT_TRUE(within(2s, [&] { return server.refused() == 1; }));
+}
+
+TEST(ServerTest, FramesAreReadFromAndAnsweredInTheSendersSlotAndTheCacheFollows) {
+  sim::Run run;
+  const Server server({.cache_valid = true});
   const SysClient client(kSysMsgKey);
   u8* const segment = attach(kSysMsgKey);
+  u8* const parameters = attach(kFileMsgKey);
   u8* const slot = segment + sys_slot_offset(kSysMsgProcess);
   const auto call = [&](std::vector<u8> body) {
     std::ranges::copy(body, slot);
@@ -121,8 +154,20 @@ TEST(ServerTest, SystemMessagesAreReadFromAndAnsweredInTheSendersSlot) {
     return std::vector<u8>(slot, slot + record.length);
   };
   EXPECT_THAT(call({0x81, 0x01, 0x04, 0xA4, 0, 0, 0, 0x0F, 0xFF}), ElementsAre(0x90, 0x41, 0xFF));
-  EXPECT_THAT(call({0x81, 0x09, 0x04, 0x47, 0xFF}), ElementsAre(0, 0, 0, 0));
-  EXPECT_THAT(server.received(), ElementsAre("sys 39 81 01 04 A4 00 00 00 0F FF", "sys 39 81 09 04 47 FF"));
+  EXPECT_THAT(call({0x81, 0x09, 0x04, 0xA4, 0xFF}), ElementsAre(15, 0, 0, 0));
+  EXPECT_THAT(call({0x81, 0x01, 0x04, 0x35, 0x06, 0xFF}), ElementsAre(0x90, 0x41, 0xFF));
+  EXPECT_EQ(server.refused(), 0u);
+  EXPECT_THAT(call({0x81, 0x01, 0x04, 0xAA, 0x03, 0xFF}), ElementsAre(0x90, 0x61, 0x41, 0xFF));
+  EXPECT_EQ(server.refused(), 1u);
+  EXPECT_THAT(
+      server.received(),
+      ElementsAre("sys 39 81 01 04 A4 00 00 00 0F FF -> 90 41 FF", "sys 39 81 09 04 A4 FF -> 0F 00 00 00",
+                  "sys 39 81 01 04 35 06 FF -> 90 41 FF", "sys 39 81 01 04 AA 03 FF -> 90 61 41 FF"));
+  CameraCache cache;
+  std::memcpy(&cache, parameters + kCameraCacheOffset, sizeof cache);
+  EXPECT_THAT(std::span(cache.words).first(10), ElementsAre(15, 8, 0, 8, 3, 0, 0, 0, 0, 0));
+  EXPECT_EQ(cache.valid, CAMERA_CACHE_VALID);
+  shmdt(parameters);
   shmdt(segment);
 }
 
@@ -133,7 +178,7 @@ TEST(ServerTest, AbsurdRequestsAreRefusedAndCounted) {
   const i32 slot = sys_slot_offset(kSysMsgProcess);
   for (SysMsgBuf record : {sys(39, kSysMsgProcess, 4097, slot), sys(39, kSysMsgProcess, -1, slot),
                            sys(39, kSysMsgProcess, 8, -4096), sys(39, kSysMsgProcess, 8, 0x7FFFFFFF),
-                           sys(64, kSysMsgProcess, 8, slot)}) {
+                           sys(64, kSysMsgProcess, 8, slot), sys(38, kSysMsgProcess, 8, slot)}) {
     ASSERT_TRUE(client.call(record));
     EXPECT_EQ(record.length, -1);
   }
@@ -145,7 +190,7 @@ TEST(ServerTest, AbsurdRequestsAreRefusedAndCounted) {
   velto_client.send(velto(kVeltoGetMemory, 0));
   velto_client.send(velto(kVeltoGetMemory, kVeltoProcess), 4);
   FileClient(kFileMsgKey).send(file(4, kFileMsgProcess, 0));
-  ASSERT_TRUE(within(2s, [&] { return server.refused() == 12; })) << server.refused();
+  ASSERT_TRUE(within(2s, [&] { return server.refused() == 13; })) << server.refused();
   EXPECT_THAT(server.received().front(), HasSubstr("refused"));
 }
 

@@ -1,0 +1,199 @@
+#include "sim/visca_device.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <random>
+#include <thread>
+
+#include "visca/visca_frame.h"
+
+using sim::CameraHead;
+using sim::obey_visca;
+using sim::PictureSettings;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+
+namespace {
+
+using Bytes = std::vector<u8>;
+
+Bytes as_bytes(const ViscaFrame& frame) { return {frame.bytes, frame.bytes + frame.length}; }
+
+const Bytes kAccepted{0x90, 0x41, 0xFF};
+const Bytes kWrongLength{0x90, 0x60, 0x01, 0xFF};
+const Bytes kNotUnderstood{0x90, 0x60, 0x02, 0xFF};
+const Bytes kNoSuchValue{0x90, 0x61, 0x41, 0xFF};
+
+Bytes word(u32 value) {
+  Bytes bytes(4);
+  put_le32(bytes.data(), value);
+  return bytes;
+}
+
+Bytes answer(CameraHead& head, const Bytes& frame) {
+  const sim::ViscaAnswer given = obey_visca(head, frame);
+  EXPECT_EQ(given.refused, given.bytes[0] == 0x90 && given.bytes != kAccepted);
+  return given.bytes;
+}
+
+void wait_until_still(const CameraHead& head) {
+  for (int i = 0; i < 2000 && head.moving(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+}
+
+PictureSettings with(void (*change)(PictureSettings&)) {
+  PictureSettings settings;
+  change(settings);
+  return settings;
+}
+
+}  // namespace
+
+TEST(ViscaDeviceTest, SettingsChangeWhatTheyNameAndAreReadBack) {
+  const struct {
+    const char* name;
+    u8 command;
+    ViscaFrame set;
+    u32 before, after;  ///< what the inquiry answers
+    PictureSettings settings;
+    ViscaFrame beyond;
+  } rows[] = {
+      {"brightness", 0xA4, visca_set_value(0xA4, 15), 8, 15, with([](auto& s) { s.brightness = 15; }),
+       visca_set_value(0xA4, 16)},
+      {"contrast", 0xA2, visca_set_value(0xA2, 0), 8, 0, with([](auto& s) { s.contrast = 0; }),
+       visca_set_value(0xA2, 0xFFFF)},
+      {"saturation", 0xA1, visca_set_value(0xA1, 3), 8, 3, with([](auto& s) { s.saturation = 3; }),
+       visca_set_value(0xA1, 16)},
+      {"sharpness", 0x42, visca_set_value(0x42, 14), 3, 14, with([](auto& s) { s.sharpness = 14; }),
+       visca_set_value(0x42, 0x100)},
+      {"gamma", 0x5B, visca_set_byte(0x5B, 6), 0, 6, with([](auto& s) { s.gamma = 6; }),
+       visca_set_byte(0x5B, 7)},
+      {"gain", 0x2C, visca_set_byte(0x2C, 4), 15, 4, with([](auto& s) { s.gain = 4; }),
+       visca_set_byte(0x2C, 3)},
+      {"power line", 0xAA, visca_set_byte(0xAA, 2), 0, 2, with([](auto& s) { s.power_line = 2; }),
+       visca_set_byte(0xAA, 3)},
+      {"picture mode", 0x61, visca_set_byte(0x61, 0x13), 0x10, 0x13,
+       with([](auto& s) { s.picture_mode = 0x13; }), visca_set_byte(0x61, 0x14)},
+      {"backlight", 0x33, visca_set_byte(0x33, 2), 3, 2, with([](auto& s) { s.backlight = true; }),
+       visca_set_byte(0x33, 1)},
+      {"exposure", 0x39, visca_set_byte(0x39, 3), 0, 3, with([](auto& s) { s.auto_exposure = false; }),
+       visca_set_byte(0x39, 1)},
+      {"white balance", 0x35, visca_set_byte(0x35, 6), 1, 0,
+       with([](auto& s) { s.auto_white_balance = false; }), visca_set_byte(0x35, 0xFF)},
+      {"temperature", 0x2A, visca_set_value(0x2A, 10000), 4600, 10000,
+       with([](auto& s) { s.white_balance = 10000; }), visca_set_value(0x2A, 1799)},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    CameraHead head;
+    const Bytes inquiry = as_bytes(visca_inquiry(row.command));
+    EXPECT_EQ(answer(head, inquiry), word(row.before));
+    EXPECT_EQ(answer(head, as_bytes(row.set)), kAccepted);
+    EXPECT_EQ(head.settings(), row.settings);
+    EXPECT_EQ(answer(head, as_bytes(row.beyond)), kNoSuchValue);
+    EXPECT_EQ(answer(head, inquiry), word(row.after)) << "a refused value changes nothing";
+  }
+}
+
+TEST(ViscaDeviceTest, HeadAndLensMoveAndReportWhereTheyAre) {
+  CameraHead head;
+  const Bytes where{0x81, 0x09, 0x06, 0x12, 0xFF};
+  EXPECT_EQ(answer(head, as_bytes(visca_pan_tilt_absolute(0xFFFE, 100))), kAccepted);
+  EXPECT_EQ(answer(head, as_bytes(visca_set_value(kViscaZoomPosition, 0x123))), kAccepted);
+  wait_until_still(head);
+  EXPECT_EQ(answer(head, where), word(100u << 16 | 0xFFFE));
+  EXPECT_EQ(answer(head, as_bytes(visca_inquiry(kViscaZoomPosition))), word(0x123));
+  EXPECT_EQ(answer(head, as_bytes(visca_set_value(kViscaZoomPosition, 0x4001))), kNoSuchValue);
+
+  const struct {
+    u8 pan, tilt;
+    int right, up;
+  } drives[] = {{kViscaPanLeft, kViscaTiltStop, -1, 0},
+                {kViscaPanRight, kViscaTiltStop, 1, 0},
+                {kViscaPanStop, kViscaTiltUp, 0, 1},
+                {kViscaPanStop, kViscaTiltDown, 0, -1},
+                {kViscaPanRight, kViscaTiltDown, 1, -1}};
+  const auto sign = [](double moved) { return (moved > 0) - (moved < 0); };
+  for (const auto& drive : drives) {
+    const sim::CameraView before = head.view();
+    EXPECT_EQ(answer(head, as_bytes(visca_pan_tilt_drive(drive.pan, drive.tilt))), kAccepted);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(answer(head, as_bytes(visca_pan_tilt_drive(kViscaPanStop, kViscaTiltStop))), kAccepted);
+    EXPECT_FALSE(head.moving());
+    EXPECT_EQ(sign(head.view().pan - before.pan), drive.right);
+    EXPECT_EQ(sign(head.view().tilt - before.tilt), drive.up);
+  }
+  for (const u8 drive : {kViscaZoomTele, kViscaZoomWide}) {
+    const i32 before = head.zoom_position();
+    EXPECT_EQ(answer(head, as_bytes(visca_set_byte(kViscaZoomDrive, drive))), kAccepted);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(answer(head, as_bytes(visca_set_byte(kViscaZoomDrive, kViscaZoomStop))), kAccepted);
+    EXPECT_EQ(sign(head.zoom_position() - before), drive == kViscaZoomTele ? 1 : -1);
+  }
+}
+
+TEST(ViscaDeviceTest, WhatIsNotACommandGetsItsErrorAndMovesNothing) {
+  const std::pair<Bytes, Bytes> cases[] = {
+      {{0x81, 0x01, 0x04, 0xEE, 0x00, 0xFF}, kNotUnderstood},
+      {{0x81, 0x01, 0x07, 0xA4, 0x00, 0xFF}, kNotUnderstood},
+      {{0x81, 0x02, 0x04, 0x47, 0xFF}, kNotUnderstood},
+      {{0x82, 0x09, 0x04, 0x47, 0xFF}, kNotUnderstood},
+      {{0x81, 0x09, 0x04, 0x07, 0xFF}, kNotUnderstood},
+      {{0x81, 0x09, 0x06, 0x47, 0xFF}, kNotUnderstood},
+      {{0x81, 0x09, 0x04, 0x12, 0xFF}, kNotUnderstood},
+      {{0x81, 0x01, 0x04, 0xA4, 0x00, 0x00, 0x10, 0x08, 0xFF}, kNotUnderstood},
+      {{0x81, 0x01, 0x06, 0x03, 0x10, 0x10, 0x01, 0x03, 0xFF}, kNotUnderstood},
+      {{0x81, 0x01, 0x06, 0x01, 0x10, 0x10, 0x04, 0x03, 0xFF}, kNoSuchValue},
+      {{0x81, 0x01, 0x06, 0x01, 0x10, 0x10, 0x01, 0x00, 0xFF}, kNoSuchValue},
+      {{0x81, 0x01, 0x06, 0x01, 0x19, 0x10, 0x01, 0x01, 0xFF}, kNoSuchValue},
+      {{0x81, 0x01, 0x06, 0x01, 0x10, 0x15, 0x01, 0x01, 0xFF}, kNoSuchValue},
+      {{0x81, 0x01, 0x06, 0x01, 0x00, 0x10, 0x01, 0x01, 0xFF}, kNoSuchValue},
+      {{0x81, 0x01, 0x04, 0x07, 0x04, 0xFF}, kNoSuchValue},
+  };
+  CameraHead head;
+  for (const auto& [frame, expected] : cases)
+    EXPECT_EQ(answer(head, frame), expected) << testing::PrintToString(frame);
+
+  // Every other length of every kind of frame, with and without its end.
+  for (const ViscaFrame& whole :
+       {visca_set_value(kViscaBrightness, 1), visca_set_byte(kViscaGamma, 1), visca_inquiry(kViscaGamma),
+        visca_pan_tilt_drive(1, 1), visca_pan_tilt_absolute(1, 1)}) {
+    for (std::size_t length = 0; length <= 40; ++length) {
+      Bytes frame = as_bytes(whole);
+      if (length == frame.size()) continue;
+      frame.resize(length);
+      if (length > 0) frame[length - 1] = length % 2 && length < 5 ? 0 : 0xFF;
+      EXPECT_EQ(answer(head, frame), kWrongLength) << testing::PrintToString(frame);
+    }
+    Bytes endless = as_bytes(whole);
+    endless.back() = 0;
+    EXPECT_EQ(answer(head, endless), kWrongLength);
+  }
+  EXPECT_EQ(head.view(), sim::CameraView{});
+}
+
+TEST(ViscaDeviceTest, RandomBytesNeverTakeTheCameraBeyondItsLimits) {
+  const ViscaFrame kinds[] = {visca_set_value(0, 0x0F0F), visca_set_byte(0, 0), visca_inquiry(0),
+                              visca_pan_tilt_drive(1, 1), visca_pan_tilt_absolute(0xF000, 0xF00)};
+  std::mt19937 random(20);
+  CameraHead head;
+  int accepted = 0;
+  for (int i = 0; i < 100'000; ++i) {
+    Bytes frame = as_bytes(kinds[random() % std::size(kinds)]);
+    if (frame[2] == 4) frame[3] = static_cast<u8>(random());
+    for (u32 changes = random() % 4; changes > 0; --changes)
+      frame[random() % frame.size()] = static_cast<u8>(random() % 2 ? random() : random() % 16);
+    if (random() % 16 == 0) frame.resize(random() % 20);
+    accepted += !obey_visca(head, frame).refused;
+    const sim::CameraView view = head.view();
+    const PictureSettings& s = view.settings;
+    ASSERT_TRUE(s.brightness <= 15 && s.contrast <= 15 && s.saturation <= 15 && s.sharpness <= 15 &&
+                s.gamma <= 6 && s.gain >= 4 && s.gain <= 15 && s.white_balance >= 1800 &&
+                s.white_balance <= 10000 && (s.picture_mode & 0xFC) == 0x10)
+        << testing::PrintToString(frame);
+    ASSERT_LE(std::abs(view.pan), 170);
+    ASSERT_LE(std::abs(view.tilt), 90);
+    ASSERT_LE(view.zoom, sim::kMostZoom);
+  }
+  EXPECT_GT(accepted, 1000);
+}
