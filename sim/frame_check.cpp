@@ -1,10 +1,8 @@
 #include "sim/frame_check.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <utility>
 
-#include "sim/av.h"
 #include "sim/frame_counter.h"
 #include "sim/media.h"
 #include "sim/wait_on.h"
@@ -114,6 +112,7 @@ void FrameChecker::Impl::classify(u32 counter, std::size_t size, i64 now) {
   note_latency(counter, now);
   av_frame_unref(last_whole.get());
   av_frame_ref(last_whole.get(), picture.get());
+  last_whole->pts = made;
 }
 
 FrameChecker::FrameChecker(StreamFormat format, u32 width, u32 height) {
@@ -142,44 +141,6 @@ void FrameChecker::feed(std::span<const u8> payload, i64 arrived) {
 
 const StreamReport& FrameChecker::report() const { return impl_->report; }
 
-static AvPtr<AVFrame> to_rgb(const AVFrame& from) {
-  AvPtr<AVFrame> rgb(av_frame_alloc());
-  rgb->width = from.width;
-  rgb->height = from.height;
-  rgb->format = AV_PIX_FMT_RGB24;
-  AvPtr<SwsContext> scaler(sws_getContext(from.width, from.height, static_cast<AVPixelFormat>(from.format),
-                                          from.width, from.height, AV_PIX_FMT_RGB24, SWS_BILINEAR, nullptr,
-                                          nullptr, nullptr));
-  if (!scaler || av_frame_get_buffer(rgb.get(), 0) < 0) return nullptr;
-  sws_scale(scaler.get(), from.data, from.linesize, 0, from.height, rgb->data, rgb->linesize);
-  return rgb;
-}
-
-/// Null when the picture cannot be encoded.
-static AvPtr<AVPacket> to_png(const AVFrame& rgb) {
-  const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_PNG);
-  AvPtr<AVCodecContext> encoder(avcodec_alloc_context3(codec));
-  encoder->width = rgb.width;
-  encoder->height = rgb.height;
-  encoder->pix_fmt = AV_PIX_FMT_RGB24;
-  encoder->time_base = {1, 1};
-  AvPtr<AVPacket> png(av_packet_alloc());
-  const bool done = avcodec_open2(encoder.get(), codec, nullptr) >= 0 &&
-                    avcodec_send_frame(encoder.get(), &rgb) >= 0 &&
-                    avcodec_receive_packet(encoder.get(), png.get()) >= 0;
-  return done ? std::move(png) : nullptr;
-}
-
-bool FrameChecker::write_png(const std::string& path) const {
-  if (!impl_->last) return false;
-  const auto rgb = to_rgb(*impl_->last_whole);
-  const auto png = rgb ? to_png(*rgb) : nullptr;
-  if (!png) return false;
-  std::FILE* file = std::fopen(path.c_str(), "wb");
-  if (!file) return false;
-  const std::size_t size = static_cast<std::size_t>(png->size);
-  const bool written = std::fwrite(png->data, 1, size, file) == size;
-  return std::fclose(file) == 0 && written;
-}
+const AVFrame* FrameChecker::picture() const { return impl_->last ? impl_->last_whole.get() : nullptr; }
 
 }  // namespace sim

@@ -4,9 +4,9 @@
 
 #include <memory>
 #include <span>
-#include <string>
 
 #include "common/bytes.h"
+#include "sim/av.h"
 
 namespace sim {
 
@@ -34,8 +34,9 @@ class FrameChecker {
   /// One payload as it came off the bus. Not copied. `arrived`: CLOCK_MONOTONIC in nanoseconds, 0: now.
   void feed(std::span<const u8> payload, i64 arrived = 0);
   const StreamReport& report() const;
-  /// Writes the last whole picture as PNG; false when there is none or the file cannot be written.
-  bool write_png(const std::string& path) const;
+  /// The last whole picture, until the next payload; null: there is none. Its pts is the time at which it was
+  /// made, CLOCK_MONOTONIC in nanoseconds, 0 when unknown.
+  const AVFrame* picture() const;
 
  private:
   struct Impl;

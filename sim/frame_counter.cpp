@@ -4,12 +4,8 @@
 
 namespace sim {
 
-static constexpr u32 kCells = 40;
 static constexpr u32 kCheckBits = 8;
 static constexpr u8 kBlack = 16, kWhite = 235, kGrey = 128;
-
-/// Cells are square and even, so that they also cover whole chroma samples.
-static u32 cell_size(u32 width) { return width / kCells & ~1u; }
 
 static u64 cells_of(u32 counter) {
   const u32 check = (counter * 2654435761u >> 24) ^ 0x5A;
@@ -30,7 +26,7 @@ static void burn_strip(AVFrame& picture, u64 cells, u32 first_row, u32 cell) {
 }
 
 void burn_counter(AVFrame& picture, u32 counter) {
-  const u32 cell = cell_size(picture.width);
+  const u32 cell = strip_height(picture.width);
   burn_strip(picture, cells_of(counter), 0, cell);
   burn_strip(picture, cells_of(counter), picture.height - cell, cell);
 }
@@ -46,7 +42,7 @@ static bool cell_is_white(const LumaView& picture, u32 x, u32 y, u32 cell) {
 }
 
 std::optional<u32> read_counter(const LumaView& picture, Strip strip) {
-  const u32 cell = cell_size(picture.width);
+  const u32 cell = strip_height(picture.width);
   if (cell == 0 || picture.height < 2 * cell) return std::nullopt;
   const u32 y = strip == Strip::kTop ? 0 : picture.height - cell;
   u64 cells = 0;

@@ -23,6 +23,10 @@ struct LumaView {
 /// The narrowest picture that has room for a counter, in pixels.
 constexpr u32 kNarrowestPicture = 80;
 
+constexpr u32 kCells = 40;
+/// Cells are square and even, so that they also cover whole chroma samples. 0: the picture is too narrow.
+constexpr u32 strip_height(u32 width) { return width / kCells & ~1u; }
+
 /// Draws both strips over a planar 4:2:0 picture of at least kNarrowestPicture pixels' width.
 void burn_counter(AVFrame& picture, u32 counter);
 /// Nothing when the check bits do not fit or the picture is too small.

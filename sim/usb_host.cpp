@@ -12,6 +12,8 @@
 #include <utility>
 
 #include "sim/host_controls.h"
+#include "sim/png.h"
+#include "sim/wait_on.h"
 
 namespace sim {
 
@@ -95,7 +97,8 @@ class UsbHost::Stream {
 
   void finish();
   StreamResult result() const;
-  bool write_png(const std::string& path) const { return checker_.write_png(path); }
+  /// The last whole picture once it was made after `time`, CLOCK_MONOTONIC in nanoseconds; else null.
+  AvPtr<AVFrame> picture_after(i64 time, std::chrono::milliseconds limit);
 
  private:
   struct Frame {
@@ -115,6 +118,7 @@ class UsbHost::Stream {
   mutable std::mutex lock_;
   std::condition_variable changed_;
   std::deque<Frame> waiting_;
+  AvPtr<AVFrame> picture_;  ///< the last whole one
   bool stopping_ = false;
   StreamResult result_;
   Clock::time_point first_, end_;
@@ -162,6 +166,8 @@ void UsbHost::Stream::check() {
     std::lock_guard guard(lock_);
     result_.report = checker_.report();
     ++result_.payloads;
+    picture_.reset(checker_.picture() ? av_frame_clone(checker_.picture()) : nullptr);
+    changed_.notify_all();
     if (result_.report.frames == 0 || result_.first_picture_ms >= 0) continue;
     first_ = frame.arrived;
     result_.first_picture_ms = milliseconds(first_ - begin_);
@@ -186,6 +192,12 @@ StreamResult UsbHost::Stream::result() const {
   const auto end = stopping_ ? end_ : Clock::now();
   if (result.first_picture_ms >= 0) result.seconds = milliseconds(end - first_) / 1000;
   return result;
+}
+
+AvPtr<AVFrame> UsbHost::Stream::picture_after(i64 time, std::chrono::milliseconds limit) {
+  std::unique_lock guard(lock_);
+  const bool came = changed_.wait_for(guard, limit, [&] { return picture_ && picture_->pts > time; });
+  return AvPtr<AVFrame>(came ? av_frame_clone(picture_.get()) : nullptr);
 }
 
 UsbHost::UsbHost(NodeHost& node, Conversation& conversation, bool paced)
@@ -250,13 +262,20 @@ bool UsbHost::start(const StreamChoice& choice) {
 
 StreamResult UsbHost::progress() const { return stream_ ? stream_->result() : StreamResult{}; }
 
+std::optional<MeasuredPicture> UsbHost::picture(const std::string& png_path,
+                                                std::chrono::milliseconds limit) {
+  const auto picture = stream_ ? stream_->picture_after(monotonic_ns(), limit) : nullptr;
+  if (!picture || !write_png(*picture, png_path)) return std::nullopt;
+  return measure(*picture);
+}
+
 StreamResult UsbHost::stop(const std::string& png_path) {
   if (!stream_) return {};
   error_.clear();
   stream_->finish();
   if (plugged_ && !node_.stream_off()) fail("no VIDIOC_STREAMOFF after SET_INTERFACE 0");
   const StreamResult result = stream_->result();
-  if (result.report.frames > 0) stream_->write_png(png_path);
+  if (const auto picture = stream_->picture_after(-1, 0ms)) write_png(*picture, png_path);
   stream_.reset();
   return result;
 }

@@ -10,6 +10,7 @@
 
 #include "sim/conversation.h"
 #include "sim/frame_check.h"
+#include "sim/picture_compare.h"
 
 namespace sim {
 
@@ -65,6 +66,10 @@ class UsbHost {
   bool start(const StreamChoice& choice);
   /// Of the running stream so far.
   StreamResult progress() const;
+  /// Waits for a whole picture of the running stream that is made after this call, and writes it as PNG.
+  /// Nothing when none came within the limit or the file cannot be written.
+  std::optional<MeasuredPicture> picture(const std::string& png_path,
+                                         std::chrono::milliseconds limit = std::chrono::seconds(5));
   /// Ends the stream, if there is one; everything that was taken is checked then. Writes the last whole
   /// picture as PNG.
   StreamResult stop(const std::string& png_path);

@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "sim/frame_counter.h"
+#include "sim/png.h"
 #include "sim/scene.h"
 #include "sim/vpss_model.h"
 #include "tests/media_helpers.h"
@@ -110,10 +111,10 @@ struct ScratchFile {
 TEST(Checker, AWholePictureServesAsASource) {
   const ScratchFile file(".png");
   FrameChecker checker(StreamFormat::kMjpeg, 320, 240);
-  EXPECT_FALSE(checker.write_png(file.path));
+  EXPECT_FALSE(checker.picture());
   checker.feed(payloads(kCodecMjpeg)[3]);
-  ASSERT_TRUE(checker.write_png(file.path));
-  EXPECT_FALSE(checker.write_png("/nowhere/picture.png"));
+  ASSERT_TRUE(write_png(*checker.picture(), file.path));
+  EXPECT_FALSE(write_png(*checker.picture(), "/nowhere/picture.png"));
 
   Scene scene(file.path, 640, 480, false);
   for (u32 counter : {900u, 901u, 902u}) {
