@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <utility>
 
 #include "sim/host_controls.h"
@@ -14,6 +15,8 @@ namespace sim {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kRequestColumns = 61;  ///< as wide as both pan and tilt at their limits
 
 double milliseconds(Clock::duration time) { return std::chrono::duration<double, std::milli>(time).count(); }
 
@@ -39,42 +42,48 @@ const Unit* unit_of(const usb_ctrlrequest& setup) {
   return found == std::end(kUnits) ? nullptr : found;
 }
 
-/// "name", or "name = value" when the value is known.
-std::string assignment(std::string name, const std::string& value) {
-  return value.empty() ? name : name + " = " + value;
+/// GET_LEN and GET_INFO tell of the whole control, not of a value.
+bool asks_for_attribute(const usb_ctrlrequest& setup) {
+  return setup.bRequest == UVC_GET_LEN || setup.bRequest == UVC_GET_INFO;
 }
 
-std::string number_text(std::optional<i32> value) { return value ? std::to_string(*value) : ""; }
+struct NamedValue {
+  std::string name, value{};  ///< empty: not known
+};
 
-/// GET_LEN's and GET_INFO's answer.
-std::string attribute_text(const Exchange& exchange) {
-  const auto& data = exchange.data;
-  if (data.empty()) return "";
-  return std::to_string(data.size() == 1 ? data[0] : get_le16(data.data()));
-}
-
-std::string stream_text(const Exchange& exchange) {
+NamedValue stream_value(const Exchange& exchange) {
+  const char* const name = selector_of(exchange.setup) == UVC_VS_PROBE_CONTROL ? "probe" : "commit";
   const auto choice = choice_in(exchange.data);
-  return choice ? name_of(*choice) + ", " + std::to_string(choice->rate) + " frames/s" : "";
+  if (!choice) return {name};
+  return {name, name_of(*choice) + ", " + std::to_string(choice->rate) + " frames/s"};
 }
 
-/// The control, or the several that the selector carries, with values as the data tell them.
-std::string control_text(const Exchange& exchange) {
+/// What the selector carries.
+std::vector<NamedValue> named_values(const Exchange& exchange) {
   const usb_ctrlrequest& setup = exchange.setup;
   const u8 selector = selector_of(setup);
-  const bool attribute = setup.bRequest == UVC_GET_LEN || setup.bRequest == UVC_GET_INFO;
-  if (interface_of(setup) == kVideoStreamingInterface && selector <= UVC_VS_COMMIT_CONTROL && selector > 0) {
-    const char* const name = selector == UVC_VS_PROBE_CONTROL ? "probe" : "commit";
-    return assignment(name, attribute ? attribute_text(exchange) : stream_text(exchange));
-  }
-  std::string text;
+  const bool stream = selector == UVC_VS_PROBE_CONTROL || selector == UVC_VS_COMMIT_CONTROL;
+  if (interface_of(setup) == kVideoStreamingInterface && stream) return {stream_value(exchange)};
+  std::vector<NamedValue> values;
   for (const HostControl& control : host_controls()) {
     if (control.entity != entity_of(setup) || control.selector != selector) continue;
-    const auto value = attribute ? "" : number_text(value_in(control, setup.bRequest, exchange.data));
-    text += (text.empty() ? "" : ", ") + assignment(control.name, value);
+    const auto value = value_in(control, setup.bRequest, exchange.data);
+    values.push_back({control.name, value ? std::to_string(*value) : ""});
   }
-  if (text.empty()) text = "selector " + std::to_string(selector);
-  return attribute ? assignment(text, attribute_text(exchange)) : text;
+  if (values.empty()) values.push_back({"selector " + std::to_string(selector)});
+  return values;
+}
+
+std::string control_text(const Exchange& exchange) {
+  const bool attribute = asks_for_attribute(exchange.setup);
+  std::string text;
+  for (const auto& [name, value] : named_values(exchange)) {
+    text += (text.empty() ? "" : ", ") + name;
+    if (!attribute && !value.empty()) text += " = " + value;
+  }
+  const auto& data = exchange.data;
+  if (!attribute || data.empty()) return text;
+  return text + " = " + std::to_string(data.size() == 1 ? data[0] : get_le16(data.data()));
 }
 
 /// Unit, request, control and value; in numbers when there is no such unit or request.
@@ -83,23 +92,22 @@ std::string request_text(const Exchange& exchange) {
   const Unit* const unit = unit_of(setup);
   const char* const request = request_name(setup.bRequest);
   const u8 type = USB_TYPE_CLASS | USB_RECIP_INTERFACE | (setup.bRequest & USB_DIR_IN);
-  char text[128];
-  if (unit && request && setup.bRequestType == type) {
-    std::snprintf(text, sizeof text, "%s  %-8s  %-46s", unit->name, request, control_text(exchange).c_str());
-  } else {
-    std::snprintf(text, sizeof text, "--  type 0x%02X request 0x%02X value 0x%04X index 0x%04X length %-5u",
+  char text[80];
+  if (!unit || !request || setup.bRequestType != type) {
+    std::snprintf(text, sizeof text, "--  type 0x%02X request 0x%02X value 0x%04X index 0x%04X length %u",
                   setup.bRequestType, setup.bRequest, setup.wValue, setup.wIndex, setup.wLength);
+    return text;
   }
-  return text;
+  std::snprintf(text, sizeof text, "%s  %-8s  ", unit->name, request);
+  return text + control_text(exchange);
 }
 
 std::string outcome_text(const Exchange& exchange) {
   const char* const outcome = exchange.timed_out ? "timeout" : exchange.stalled ? "STALL" : "ok";
-  char text[64];
-  std::snprintf(text, sizeof text, "%-7s %7.2f", outcome, exchange.answer_ms);
-  std::string line = text;
-  std::snprintf(text, sizeof text, " %7.2f ms", exchange.served_ms);
-  return line + (exchange.served_ms < 0 ? "       - ms" : text);
+  char text[64], served[24] = "-";
+  if (exchange.served_ms >= 0) std::snprintf(served, sizeof served, "%.2f", exchange.served_ms);
+  std::snprintf(text, sizeof text, "  %-7s %7.2f %7s ms", outcome, exchange.answer_ms, served);
+  return text;
 }
 
 std::string data_text(std::span<const u8> data) {
@@ -132,9 +140,11 @@ const char* request_name(u8 request) {
 }
 
 std::string describe(const Exchange& exchange) {
+  std::string request = request_text(exchange);
+  request.resize(std::max(request.size(), kRequestColumns), ' ');
   char time[24];
   std::snprintf(time, sizeof time, "%8.3f  ", exchange.at_ms / 1000);
-  std::string line = time + request_text(exchange) + "  " + outcome_text(exchange) + data_text(exchange.data);
+  std::string line = time + request + outcome_text(exchange) + data_text(exchange.data);
   for (const std::string& received : exchange.server) line += " | " + received;
   return line;
 }

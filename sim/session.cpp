@@ -5,6 +5,8 @@
 #include <fstream>
 #include <vector>
 
+#include "sim/usb_pcap.h"
+
 namespace sim {
 
 namespace {
@@ -93,6 +95,7 @@ void Session::print_counts() {
   std::vector<std::string> lines;
   std::ranges::transform(exchanges, std::back_inserter(lines), describe);
   write_lines(options_.out + "/conversation.log", lines);
+  judge(write_pcap(options_.out + "/conversation.pcap", exchanges));
   write_lines(options_.out + "/node.log", {camera_.node.call_log()});
   for (const std::string& error : camera_.node.protocol_errors()) complain("gadget driver: " + error);
 }

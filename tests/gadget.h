@@ -5,7 +5,12 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <functional>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/sys.h"
@@ -97,4 +102,27 @@ struct Gadget {
     for (u8 i = 1; i < kUvcRequestDataSize; ++i) response.data[i] = static_cast<u8>(first + i);
     return call(UVCIOC_SEND_RESPONSE, &response);
   }
+};
+
+/// Answers events on a thread of its own until the end of the scope.
+class Answering {
+ public:
+  Answering(const Gadget& gadget, std::function<void(const v4l2_event&)> answer)
+      : thread_([this, gadget, answer = std::move(answer)] {
+          while (!end_) {
+            const v4l2_event event = gadget.event();
+            if (event.type)
+              answer(event);
+            else
+              std::this_thread::sleep_for(std::chrono::microseconds(100));
+          }
+        }) {}
+  ~Answering() {
+    end_ = true;
+    thread_.join();
+  }
+
+ private:
+  std::atomic<bool> end_{false};
+  std::thread thread_;
 };

@@ -44,29 +44,6 @@ class Node : public testing::Test {
   size_t expected_errors = 0;
 };
 
-// Answers events on a thread of its own until the end of the scope.
-class Answering {
- public:
-  Answering(const Gadget& gadget, std::function<void(const v4l2_event&)> answer)
-      : thread_([this, gadget, answer = std::move(answer)] {
-          while (!end_) {
-            const v4l2_event event = gadget.event();
-            if (event.type)
-              answer(event);
-            else
-              std::this_thread::sleep_for(100us);
-          }
-        }) {}
-  ~Answering() {
-    end_ = true;
-    thread_.join();
-  }
-
- private:
-  std::atomic<bool> end_{false};
-  std::thread thread_;
-};
-
 TEST_F(Node, BuffersBelongToOneSideAtATime) {
   ASSERT_TRUE(start());
   EXPECT_EQ(gadget.dequeue(), EINVAL);  // the stream is off

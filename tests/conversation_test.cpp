@@ -1,0 +1,155 @@
+#include "sim/conversation.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/usb/video.h>
+
+#include <cstring>
+#include <mutex>
+
+#include "sim/run.h"
+#include "tests/gadget.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+constexpr u8 kBrightness = UVC_PU_BRIGHTNESS_CONTROL, kSlow = UVC_PU_CONTRAST_CONTROL,
+             kStalled = UVC_PU_HUE_CONTROL;
+constexpr auto kWork = 60ms;  ///< of the slow request, and of every data stage
+constexpr double kWorkMs = 60;
+
+/// A service and its server in a few lines: a data stage takes time, and the server then hears its first
+/// byte.
+class ConversationTest : public testing::Test {
+ protected:
+  ConversationTest() {
+    EXPECT_EQ(sys::system("insmod /opt/vcam/ko/extdrv/g_webcam.ko"), 0);
+    EXPECT_TRUE(gadget.open() && gadget.start());
+    service.emplace(gadget, [this](const v4l2_event& event) { serve(event); });
+  }
+  void serve(const v4l2_event& event) {
+    if (event.type == UVC_EVENT_SETUP) {
+      usb_ctrlrequest setup;
+      std::memcpy(&setup, event.u.data, sizeof setup);
+      const int selector = setup.wValue >> 8;
+      if (selector == kSlow) std::this_thread::sleep_for(kWork);
+      gadget.respond(selector == kStalled ? -1 : setup.wLength, 7);
+    } else if (event.type == UVC_EVENT_DATA) {
+      std::this_thread::sleep_for(kWork);
+      server_hears("set " + std::to_string(event.u.data[4]));
+    }
+  }
+  void server_hears(std::string line) {
+    const std::lock_guard guard(lock);
+    received.push_back(std::move(line));
+  }
+  sim::ControlAnswer get(u8 selector, std::chrono::milliseconds limit = 5s) {
+    return conversation.control(sim::class_request(UVC_GET_CUR, 0, 2, selector, 2), {}, limit);
+  }
+  sim::ControlAnswer set(u8 value) {
+    const u8 data[] = {value, 0};
+    return conversation.control(sim::class_request(UVC_SET_CUR, 0, 2, kBrightness, 2), data);
+  }
+
+  sim::Run run;
+  Gadget gadget;
+  sim::NodeHost node;
+  std::mutex lock;
+  std::vector<std::string> received{"before all requests"};
+  sim::Conversation conversation{node, [this](std::size_t from) {
+                                   const std::lock_guard guard(lock);
+                                   return std::vector(received.begin() + static_cast<long>(from),
+                                                      received.end());
+                                 }};
+  std::optional<Answering> service;
+};
+
+TEST_F(ConversationTest, ASetReturnsWhenItsDataStageIsServedAndKeepsWhatTheServerHeard) {
+  EXPECT_FALSE(set(15).stalled);
+  EXPECT_THAT(received, testing::SizeIs(2)) << "control() returned before the data stage was served";
+  server_hears("late");
+  EXPECT_THAT(get(kBrightness).data, ElementsAre(7, 8));
+
+  const auto exchanges = conversation.exchanges();
+  ASSERT_EQ(exchanges.size(), 2u);
+  EXPECT_THAT(exchanges[0].server, ElementsAre("set 15", "late"))
+      << "nothing from before, all until the next";
+  EXPECT_THAT(exchanges[0].data, ElementsAre(15, 0));
+  EXPECT_GE(exchanges[0].served_ms, kWorkMs);
+  EXPECT_LT(exchanges[0].answer_ms, exchanges[0].served_ms);
+  EXPECT_THAT(exchanges[1].server, testing::IsEmpty());
+  EXPECT_THAT(exchanges[1].data, ElementsAre(7, 8));
+  EXPECT_GE(exchanges[1].at_ms, exchanges[0].at_ms + exchanges[0].served_ms);
+}
+
+TEST_F(ConversationTest, StallsAndTimeoutsAreKeptAndTheNextRequestIsServed) {
+  EXPECT_TRUE(get(kStalled).stalled);
+  EXPECT_TRUE(get(kSlow, 10ms).timed_out);
+  EXPECT_TRUE(node.settle(5s));
+  EXPECT_FALSE(get(kSlow).stalled);
+  EXPECT_FALSE(get(kBrightness).stalled);
+  const auto exchanges = conversation.exchanges();
+  ASSERT_EQ(exchanges.size(), 4u);
+  EXPECT_TRUE(exchanges[0].stalled && !exchanges[0].timed_out && exchanges[0].served_ms >= 0);
+  EXPECT_TRUE(exchanges[1].timed_out && exchanges[1].served_ms < 0);
+  EXPECT_GE(exchanges[2].answer_ms, kWorkMs);
+  EXPECT_GE(exchanges[3].served_ms, 0);
+
+  service.reset();
+  sys::close(gadget.fd);
+  EXPECT_TRUE(get(kBrightness).stalled) << "there is no device";
+}
+
+TEST_F(ConversationTest, RequestsOfSeveralThreadsTakeTurns) {
+  std::vector<std::thread> threads;
+  for (const u8 value : {u8{1}, u8{2}, u8{3}}) threads.emplace_back([this, value] { set(value); });
+  for (std::thread& thread : threads) thread.join();
+  for (const sim::Exchange& exchange : conversation.exchanges())
+    EXPECT_THAT(exchange.server, ElementsAre("set " + std::to_string(exchange.data[0])));
+}
+
+TEST(DescribeTest, OneLineAnExchange) {
+  const std::vector<u8> probe{1, 0, 2, 2, 0x15, 0x16, 5, 0, 0, 0, 0, 0, 0,
+                              0, 0, 0, 0, 0,    0,    0, 0, 0, 0, 0, 0, 0};
+  const auto exchange = [](u8 request, u8 interface, u8 entity, u8 selector, std::vector<u8> data) {
+    sim::Exchange made{.setup = sim::class_request(request, interface, entity, selector, data.size())};
+    made.data = std::move(data);
+    return made;
+  };
+  sim::Exchange whole = exchange(UVC_SET_CUR, 0, 2, UVC_PU_BRIGHTNESS_CONTROL, {15, 0});
+  whole.at_ms = 12345;
+  whole.answer_ms = 0.31;
+  whole.served_ms = 1.625;
+  whole.server = {"sys 39 81 FF -> 90 41 FF", "velto 12"};
+  EXPECT_EQ(
+      sim::describe(whole),
+      "  12.345  PU  SET_CUR   brightness = 15                                  ok         0.31    1.62 ms  "
+      "[0F 00] | sys 39 81 FF -> 90 41 FF | velto 12");
+  sim::Exchange stalled = exchange(UVC_GET_CUR, 0, 3, 9, {});
+  stalled.stalled = true;
+  EXPECT_EQ(
+      sim::describe(stalled),
+      "   0.000  XU  GET_CUR   selector 9                                       STALL      0.00       - ms");
+  sim::Exchange strange = exchange(0x42, 0, 9, 2, {});
+  strange.stalled = strange.timed_out = true;
+  EXPECT_EQ(
+      sim::describe(strange),
+      "   0.000  --  type 0x21 request 0x42 value 0x0200 index 0x0900 length 0  timeout    0.00       - ms");
+
+  const struct {
+    sim::Exchange exchange;
+    const char* part;
+  } rows[] = {
+      {exchange(UVC_SET_CUR, 1, 0, UVC_VS_COMMIT_CONTROL, probe), "commit = H264 1280x720, 30 frames/s "},
+      {exchange(UVC_GET_CUR, 1, 0, UVC_VS_PROBE_CONTROL, std::vector<u8>(26)), "VS  GET_CUR   probe  "},
+      {exchange(UVC_GET_LEN, 1, 0, UVC_VS_PROBE_CONTROL, {26, 0}), "GET_LEN   probe = 26 "},
+      {exchange(UVC_GET_CUR, 0, 1, UVC_CT_PANTILT_ABSOLUTE_CONTROL, {0x60, 0xA9, 0xF6, 0xFF, 16, 14, 0, 0}),
+       "CT  GET_CUR   pan_absolute = -612000, tilt_absolute = 3600 "},
+      {exchange(UVC_GET_INFO, 0, 1, UVC_CT_PANTILT_RELATIVE_CONTROL, {3}), "pan_speed, tilt_speed = 3 "},
+  };
+  for (const auto& [made, part] : rows) EXPECT_THAT(sim::describe(made), testing::HasSubstr(part));
+}
+
+}  // namespace
