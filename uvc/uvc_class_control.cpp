@@ -17,6 +17,8 @@ static const Unit kUnits[] = {
     {kVideoStreamingInterface, kAnyEntity, uvc_streaming_controls(), {}},
 };
 
+std::span<const Unit> uvc_units() { return kUnits; }
+
 static const Unit* find_unit(const UvcRequestContext& request) {
   for (const Unit& unit : kUnits) {
     if (unit.interface != request.interface()) continue;

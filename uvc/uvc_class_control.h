@@ -122,6 +122,9 @@ struct Unit {
   Control other;  ///< answers every selector that has no row
 };
 
+/// Every unit that answers: camera terminal, processing unit, extension unit, streaming interface.
+std::span<const Unit> uvc_units();
+
 /// The handlers: find the row, write the answer into uvc_resp_buf or take the data from it, store the status
 /// in uvc_request_error_code and return it. A control finds its data 8 bytes long at least: what the host did
 /// not send is 0.

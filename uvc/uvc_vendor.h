@@ -1,16 +1,6 @@
 // The vendor's extension unit: encoder tuning, version record, firmware update, reboot. Control thread only,
 // but for uvc_vendor_init.
-//
-// Rate control (selector 16) reads and writes eight bytes that describe the codec of the committed format:
-//   0     codec: 0 H.264, 1 MJPEG, 2 H.265, 3 YUY2
-//   1     rate-control mode
-//   2, 3  bit rate in kbit/s, little-endian
-//   4     key-frame interval in frames
-//   5..7  H.264 and H.265: quantisers, 0..51; MJPEG: quality values, 0..100
-// A byte that the mode has no parameter for is 0. H.264 in mode 1 with 12288 kbit/s, a key frame every 60
-// frames and quantisers from 10 to 40: 00 01 00 30 3c 0a 28 00. A block that names another codec than the
-// current one, an unknown mode, or a value outside its range (rate and interval begin at 1) changes nothing;
-// so does every block while the codec is YUY2.
+// docs/controls.md tells what each selector does, and the layout of the rate control (selector 16).
 #pragma once
 
 #include "uvc/uvc_class_control.h"

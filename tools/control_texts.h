@@ -1,0 +1,60 @@
+// What the control tables do not hold: standard names, examples, what a Linux host makes of a control, and
+// the page's prose.
+#pragma once
+
+#include <span>
+#include <vector>
+
+#include "common/bytes.h"
+
+struct ControlText {
+  u8 entity, selector;
+  const char* name;                            ///< of the UVC standard
+  std::vector<std::vector<u8>> examples = {};  ///< for SET_CUR; empty: the ends of the range, and beyond
+};
+std::span<const ControlText> control_texts();
+
+/// What `v4l2-ctl --list-ctrls-menus` shows of a control when it is no plain number of its range.
+struct LinuxText {
+  const char* control;  ///< as in sim/host_controls.h
+  const char* shows;    ///< null: it does not show the control
+};
+std::span<const LinuxText> linux_texts();
+
+struct VendorText {
+  u8 selector;
+  const char* meaning;
+};
+std::span<const VendorText> vendor_texts();
+
+struct VendorExample {
+  u8 selector;
+  i32 format;  ///< UvcFormat
+  bool streams;
+  std::vector<u8> data;
+};
+/// The last one starts the firmware update, which gives up the node.
+std::span<const VendorExample> vendor_examples();
+
+struct RateMode {
+  i32 format;
+  i32 mode;
+  const char* parameters;
+};
+/// Every codec and mode that there is.
+std::span<const RateMode> rate_modes();
+
+/// A rate-control block that is not taken, and why.
+struct RefusedBlock {
+  i32 format;
+  std::vector<u8> block;
+  const char* reason;
+};
+std::span<const RefusedBlock> refused_blocks();
+
+extern const char kIntroduction[];
+extern const char kVendorText[];
+extern const char kRateControlText[];
+extern const char kVersionText[];
+extern const char kStreamingText[];
+extern const char kOddities[];
