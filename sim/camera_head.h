@@ -8,17 +8,19 @@
 
 namespace sim {
 
+enum PictureMode : u8 { kPlain = 0x10, kBlackAndWhite, kNegative, kMirrored };
+
 /// Image, exposure and white-balance settings as VISCA numbers them. The values here are those of a camera
 /// that was just switched on; with them the picture is the scene itself.
 struct PictureSettings {
-  u16 brightness = 8;      ///< 0..15
-  u16 contrast = 8;        ///< 0..15
-  u16 saturation = 8;      ///< 0..15; 0 shows grey
-  u16 sharpness = 3;       ///< 0..15
-  u8 gamma = 0;            ///< 0..6; 0 is straight
-  u8 gain = 15;            ///< 4..15; counts with manual exposure only
-  u8 power_line = 0;       ///< 0 off, 1 50 Hz, 2 60 Hz; shows nothing
-  u8 picture_mode = 0x10;  ///< 0x10 plain, 0x11 black and white, 0x12 negative, 0x13 mirrored
+  u16 brightness = 8;  ///< 0..15
+  u16 contrast = 8;    ///< 0..15
+  u16 saturation = 8;  ///< 0..15; 0 shows grey
+  u16 sharpness = 3;   ///< 0..15
+  u8 gamma = 0;        ///< 0..6; 0 is straight
+  u8 gain = 15;        ///< 4..15; counts with manual exposure only
+  u8 power_line = 0;   ///< 0 off, 1 50 Hz, 2 60 Hz; shows nothing
+  PictureMode picture_mode = kPlain;
   bool backlight = false;  ///< lightens the dark parts
   bool auto_exposure = true;
   bool auto_white_balance = true;
@@ -31,7 +33,7 @@ struct CameraView {
   double pan = 0;   ///< degrees, right is positive
   double tilt = 0;  ///< degrees, up is positive
   double zoom = 1;  ///< magnification, 1..kMostZoom
-  PictureSettings settings;
+  PictureSettings settings = {};
   bool operator==(const CameraView&) const = default;
 };
 

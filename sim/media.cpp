@@ -179,7 +179,7 @@ AVFrame& Media::Impl::next_scene(const EncoderSettings& settings) {
   const u32 counter = ++last_counter;
   note_scene(counter);
   ++pictures;
-  return scene->picture(counter);
+  return scene->picture(counter, options.view ? options.view() : CameraView{});
 }
 
 void Media::Impl::make_picture(const EncoderSettings& settings) {

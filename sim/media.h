@@ -18,8 +18,8 @@ struct MediaOptions {
   std::string source;    ///< a video or picture file that libavformat reads; empty: the test card
   bool yuv422 = false;   ///< VPSS pictures as semi-planar 4:2:2 instead of 4:2:0
   u32 extra_stride = 0;  ///< bytes by which both strides exceed the width (odd values welcome)
-  std::function<CameraView()>
-      view;  ///< asked before every picture, from the media thread; null: straight ahead
+  /// Asked before every picture, from the media thread; null: straight ahead.
+  std::function<CameraView()> view = {};
 };
 
 /// Faults of the media process, changeable while it runs.

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
+#include <vector>
 
 #include "sim/frame_counter.h"
 
@@ -80,47 +82,86 @@ int to_and_fro(u32 counter, int step, int room) {
   return step * static_cast<int>(phase < turn ? phase : 2 * turn - phase);
 }
 
+/// Samples of a picture's row or column, in pairs, since two share their chroma.
+struct Span {
+  int first, end;
+};
+
+/// What a part of the scene covers of `room` pixels.
+Span covered(const ViewLine& line, double from, double to, int room) {
+  const auto even = [&](double scene) {
+    return 2 * static_cast<int>(std::lround(std::clamp<double>(line.to_picture(scene), 0, room) / 2));
+  };
+  const auto [first, end] = std::minmax({even(from), even(to)});
+  return {first, end};
+}
+
 }  // namespace
 
 Scene::Scene(const std::string& source, int width, int height, bool full_range)
     : full_range_(full_range),
       source_(source.empty() ? nullptr : Source::open(source)),
-      background_(new_picture(width, height, full_range)),
+      tile_(new_picture(width, height, full_range)),
+      look_(view_.settings, full_range),
+      seen_(new_picture(width, height, full_range)),
       picture_(new_picture(width, height, full_range)) {
   if (source_) return;
-  draw_card(*background_);
-  if (full_range) stretch_to_full_range(*background_);
+  draw_card(*tile_);
+  if (full_range) stretch_to_full_range(*tile_);
 }
 
 bool Scene::shows(int width, int height, bool full_range) const {
   return picture_->width == width && picture_->height == height && full_range_ == full_range;
 }
 
-AVFrame& Scene::picture(u32 counter) {
-  if (source_) {
-    source_->next(*background_);
-    if (!full_range_) clip_luma(*background_);
+/// True when the tile has changed.
+bool Scene::next_tile() {
+  if (!source_ || !source_->next(*tile_)) return false;
+  if (!full_range_) clip_luma(*tile_);
+  return true;
+}
+
+AVFrame& Scene::picture(u32 counter, const CameraView& view) {
+  const bool changed = next_tile() || view != view_;
+  if (view != view_) look(view);
+  const bool straight = map_ == ViewMap{} && look_.neutral();
+  if (changed && !straight) {
+    draw_view(*tile_, map_, *seen_);
+    look_.apply(*seen_);
   }
   av_frame_make_writable(picture_.get());
-  av_frame_copy(picture_.get(), background_.get());
+  av_frame_copy(picture_.get(), straight ? tile_.get() : seen_.get());
   if (!source_) draw_moving_part(counter);
   burn_counter(*picture_, counter);
   return *picture_;
 }
 
-/// A shaded square that crosses the picture.
+void Scene::look(const CameraView& view) {
+  if (view.settings != view_.settings) look_ = PictureLook(view.settings, full_range_);
+  view_ = view;
+  map_ = map_of(view, picture_->width, picture_->height);
+}
+
+/// A shaded square that crosses the tile in the middle of the scene.
 void Scene::draw_moving_part(u32 counter) {
   AVFrame& picture = *picture_;
   const int size = picture.height / 16 * 2;
   const int left = to_and_fro(counter, 4, picture.width - size);
   const int top = to_and_fro(counter, 2, picture.height - size);
-  for (int row = 0; row < size; ++row) {
-    u8* luma = picture.data[0] + (top + row) * picture.linesize[0] + left;
-    for (int i = 0; i < size; ++i) luma[i] = static_cast<u8>(60 + 120 * i / size);
+  const Span columns = covered(map_.x, left, left + size, picture.width);
+  const Span rows = covered(map_.y, top, top + size, picture.height);
+  std::vector<u8> shades;
+  for (int column = columns.first; column < columns.end; ++column) {
+    const int place = std::clamp(static_cast<int>(map_.x.to_scene(column + 0.5)) - left, 0, size - 1);
+    shades.push_back(look_.changed(0, static_cast<u8>(60 + 120 * place / size)));
   }
-  for (int row = 0; row < size / 2; ++row) {
-    std::fill_n(picture.data[1] + (top / 2 + row) * picture.linesize[1] + left / 2, size / 2, u8{90});
-    std::fill_n(picture.data[2] + (top / 2 + row) * picture.linesize[2] + left / 2, size / 2, u8{200});
+  for (int row = rows.first; row < rows.end; ++row)
+    std::ranges::copy(shades, picture.data[0] + row * picture.linesize[0] + columns.first);
+  for (const auto& [plane, sample] : {std::pair{1, u8{90}}, {2, u8{200}}}) {
+    for (int row = rows.first / 2; row < rows.end / 2; ++row) {
+      u8* const chroma = picture.data[plane] + row * picture.linesize[plane];
+      std::fill(chroma + columns.first / 2, chroma + columns.end / 2, look_.changed(plane, sample));
+    }
   }
 }
 

@@ -7,7 +7,10 @@
 
 #include "common/bytes.h"
 #include "sim/av.h"
+#include "sim/camera_head.h"
+#include "sim/picture_settings.h"
 #include "sim/source.h"
+#include "sim/view.h"
 
 namespace sim {
 
@@ -17,17 +20,23 @@ class Scene {
   /// within 16..235. An unreadable source is reported, and the test card shown. Width and height are even.
   Scene(const std::string& source, int width, int height, bool full_range);
 
-  /// The next picture, with this counter; the scene's own until the next call.
-  AVFrame& picture(u32 counter);
+  /// The next picture as the camera sees it, with this counter; the scene's own until the next call.
+  AVFrame& picture(u32 counter, const CameraView& view);
 
   bool shows(int width, int height, bool full_range) const;
 
  private:
+  bool next_tile();
+  void look(const CameraView& view);
   void draw_moving_part(u32 counter);
 
   bool full_range_;
   std::unique_ptr<Source> source_;
-  AvPtr<AVFrame> background_;
+  AvPtr<AVFrame> tile_;  ///< the scene without moving part
+  CameraView view_;
+  ViewMap map_;
+  PictureLook look_;
+  AvPtr<AVFrame> seen_;  ///< the tile as view_ shows it; unused while that is the tile itself
   AvPtr<AVFrame> picture_;
 };
 

@@ -41,8 +41,8 @@ bool Source::decode() {
   return found;
 }
 
-void Source::next(AVFrame& picture) {
-  if (still_) return;
+bool Source::next(AVFrame& picture) {
+  if (still_) return false;
   if (decoded_->width > 0) {
     scaler_.reset(sws_getCachedContext(scaler_.release(), decoded_->width, decoded_->height,
                                        static_cast<AVPixelFormat>(decoded_->format), picture.width,
@@ -51,11 +51,12 @@ void Source::next(AVFrame& picture) {
     sws_scale(scaler_.get(), decoded_->data, decoded_->linesize, 0, decoded_->height, picture.data,
               picture.linesize);
   }
-  if (decode()) return;
+  if (decode()) return true;
   still_ = pictures_ == 1;
   avcodec_flush_buffers(decoder_.get());
   av_seek_frame(file_.get(), stream_, 0, AVSEEK_FLAG_BACKWARD);
   if (!still_) decode();
+  return true;
 }
 
 }  // namespace sim

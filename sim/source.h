@@ -14,8 +14,8 @@ class Source {
   static std::unique_ptr<Source> open(const std::string& path);
 
   /// Scales the next picture into `picture`, whose size and format it keeps. A video starts again at its
-  /// end; a file with a single picture leaves `picture` as the first call filled it.
-  void next(AVFrame& picture);
+  /// end; false when nothing changed, since a file with a single picture fills `picture` once.
+  bool next(AVFrame& picture);
 
  private:
   bool open_file(const std::string& path);

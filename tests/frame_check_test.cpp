@@ -28,7 +28,7 @@ TEST(Counter, SurvivesEveryCodecAtEverySize) {
       Encoder encoder;
       FrameChecker checker(format_of(codec), width, height);
       for (u32 counter : {0xFFFFFFFEu, 0xFFFFFFFFu, 0u})
-        checker.feed(encoder.encode(wanted, scene.picture(counter), false)->data);
+        checker.feed(encoder.encode(wanted, scene.picture(counter, {}), false)->data);
       EXPECT_EQ(text(checker.report()), "frames=3") << width << " x " << height << " codec " << codec;
     }
   }
@@ -36,7 +36,7 @@ TEST(Counter, SurvivesEveryCodecAtEverySize) {
 
 TEST(Counter, IsRefusedWhereThereIsNone) {
   Scene scene("", 640, 480, false);
-  const AVFrame& picture = scene.picture(77);
+  const AVFrame& picture = scene.picture(77, {});
   const u32 stride = picture.linesize[0];
   EXPECT_EQ(read_counter({picture.data[0], 640, 480, stride}, Strip::kBottom), 77u);
   EXPECT_FALSE(read_counter({picture.data[0] + 100 * stride, 640, 300, stride}, Strip::kTop));
@@ -56,7 +56,7 @@ std::vector<Bytes> payloads(EncoderCodec codec) {
   if (codec == kCodecH265) wanted.rc_param[0] = 1;
   std::vector<Bytes> all;
   for (u32 counter = 0; counter < 10; ++counter) {
-    AVFrame& picture = scene.picture(0x40000000 + counter);
+    AVFrame& picture = scene.picture(0x40000000 + counter, {});
     if (codec == kCodecYuy2) {
       all.push_back(yuy2_payload(picture));
     } else {
@@ -118,7 +118,7 @@ TEST(Checker, AWholePictureServesAsASource) {
 
   Scene scene(file.path, 640, 480, false);
   for (u32 counter : {900u, 901u, 902u}) {
-    const AVFrame& picture = scene.picture(counter);
+    const AVFrame& picture = scene.picture(counter, {});
     EXPECT_EQ(read_counter({picture.data[0], 640, 480, static_cast<u32>(picture.linesize[0])}, Strip::kTop),
               counter);
     const u8* bars = picture.data[0] + 60 * picture.linesize[0];
@@ -138,7 +138,7 @@ TEST(Source, AVideoBeginsAgainAtItsEnd) {
   Scene scene(file.path, 320, 240, false);
   std::vector<Bytes> luma;  // with the same counter all over, only the video makes a difference
   for (int i = 0; i < 25; ++i) {
-    const AVFrame& picture = scene.picture(0);
+    const AVFrame& picture = scene.picture(0, {.pan = 5});
     luma.emplace_back(picture.data[0], picture.data[0] + picture.linesize[0] * picture.height);
   }
   EXPECT_NE(luma[0], luma[1]);

@@ -73,7 +73,7 @@ TEST(ViscaDeviceTest, SettingsChangeWhatTheyNameAndAreReadBack) {
       {"power line", 0xAA, visca_set_byte(0xAA, 2), 0, 2, with([](auto& s) { s.power_line = 2; }),
        visca_set_byte(0xAA, 3)},
       {"picture mode", 0x61, visca_set_byte(0x61, 0x13), 0x10, 0x13,
-       with([](auto& s) { s.picture_mode = 0x13; }), visca_set_byte(0x61, 0x14)},
+       with([](auto& s) { s.picture_mode = sim::kMirrored; }), visca_set_byte(0x61, 0x14)},
       {"backlight", 0x33, visca_set_byte(0x33, 2), 3, 2, with([](auto& s) { s.backlight = true; }),
        visca_set_byte(0x33, 1)},
       {"exposure", 0x39, visca_set_byte(0x39, 3), 0, 3, with([](auto& s) { s.auto_exposure = false; }),

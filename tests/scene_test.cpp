@@ -1,0 +1,266 @@
+// What the scene looks like through view and settings.
+#include "sim/scene.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <random>
+
+#include "sim/frame_counter.h"
+
+namespace sim {
+namespace {
+
+constexpr int kWidth = 480, kHeight = 320;  // 8 pixels a degree
+constexpr int kStrip = 12;                  ///< rows of a counter strip
+constexpr u32 kCounter = 20;
+
+double between(std::mt19937& random, double low, double high) {
+  return std::uniform_real_distribution<>(low, high)(random);
+}
+
+AvPtr<AVFrame> noise(u32 seed) {
+  AvPtr<AVFrame> picture(av_frame_alloc());
+  picture->width = 64;
+  picture->height = 36;
+  picture->format = AV_PIX_FMT_YUV420P;
+  av_frame_get_buffer(picture.get(), 0);
+  std::mt19937 random(seed);
+  for (int plane = 0; plane < 3; ++plane) {
+    u8* const samples = picture->data[plane];
+    std::generate_n(samples, picture->linesize[plane] * (plane ? 18 : 36), [&] { return random(); });
+  }
+  return picture;
+}
+
+u8 sample(const AVFrame& picture, int plane, int x, int y) {
+  return picture.data[plane][y * picture.linesize[plane] + x];
+}
+
+double folded(const AVFrame& tile, int plane, int x, int y) {
+  const auto fold = [](int place, int size) {
+    while (place < 0 || place >= size) place = place < 0 ? -1 - place : 2 * size - 1 - place;
+    return place;
+  };
+  const int shift = plane == 0 ? 0 : 1;
+  return sample(tile, plane, fold(x, tile.width >> shift), fold(y, tile.height >> shift));
+}
+
+/// What a sample of the picture shows, as the geometry says it.
+double expected(const AVFrame& tile, const CameraView& view, int plane, int x, int y) {
+  const double scale = plane == 0 ? 1 : 0.5;
+  const double width = tile.width * scale, height = tile.height * scale, degree = width / kPictureDegrees;
+  const double from_middle = (x + 0.5 - width / 2) * (view.settings.picture_mode == kMirrored ? -1 : 1);
+  const double sx = width / 2 + view.pan * degree + from_middle / view.zoom - 0.5;
+  const double sy = height / 2 - view.tilt * degree + (y + 0.5 - height / 2) / view.zoom - 0.5;
+  const int left = static_cast<int>(std::floor(sx)), top = static_cast<int>(std::floor(sy));
+  const auto at = [&](int row) {
+    return std::lerp(folded(tile, plane, left, row), folded(tile, plane, left + 1, row), sx - left);
+  };
+  return std::lerp(at(top), at(top + 1), sy - top);
+}
+
+/// The greatest difference from what the geometry says.
+double difference(const AVFrame& tile, const CameraView& view) {
+  const AvPtr<AVFrame> picture = noise(0);
+  draw_view(tile, map_of(view, tile.width, tile.height), *picture);
+  double worst = 0;
+  for (int plane = 0; plane < 3; ++plane) {
+    for (int y = 0; y < tile.height >> (plane > 0); ++y)
+      for (int x = 0; x < tile.width >> (plane > 0); ++x)
+        worst = std::max(worst, std::abs(sample(*picture, plane, x, y) - expected(tile, view, plane, x, y)));
+  }
+  return worst;
+}
+
+TEST(View, ShowsItsPartOfTheMirroredTiles) {
+  const AvPtr<AVFrame> tile = noise(1);
+  const double step = 2 * kPictureDegrees / tile->width;  // two pixels: whole ones of the chroma as well
+  for (const auto& [pan, tilt] :
+       {std::pair{0.0, 0.0}, {step, 0.0}, {-step, 7 * step}, {90 * step, -40 * step}})
+    EXPECT_LT(difference(*tile, {.pan = pan, .tilt = tilt}), 1e-6) << pan << ' ' << tilt;
+  EXPECT_LT(difference(*tile, {.settings = {.picture_mode = kMirrored}}), 1e-6);
+
+  std::mt19937 random(2);
+  for (int i = 0; i < 200; ++i) {
+    CameraView view{
+        between(random, -170, 170), between(random, -90, 90), i % 4 ? between(random, 1, kMostZoom) : 1, {}};
+    if (i % 3 == 0) view.settings.picture_mode = kMirrored;
+    EXPECT_LT(difference(*tile, view), 3) << view.pan << ' ' << view.tilt << ' ' << view.zoom;
+  }
+}
+
+/// The scene's picture between the strips, as measured.
+struct Look {
+  std::vector<u8> luma, u, v;
+  double mean = 0, deviation = 0, colour = 0, warmth = 0;
+  double detail = 0;  ///< mean square of the steps from row to row
+  u8 darkest = 255, brightest = 0;
+};
+
+Look look(Scene& scene, const CameraView& view) {
+  const AVFrame& picture = scene.picture(kCounter, view);
+  const auto part = [&](int plane) {
+    std::vector<u8> samples;
+    const int shift = plane == 0 ? 0 : 1;
+    for (int row = kStrip >> shift; row < (kHeight - kStrip) >> shift; ++row) {
+      const u8* from = picture.data[plane] + row * picture.linesize[plane];
+      samples.insert(samples.end(), from, from + (kWidth >> shift));
+    }
+    return samples;
+  };
+  Look result{.luma = part(0), .u = part(1), .v = part(2)};
+  double square = 0;
+  for (const u8 luma : result.luma) result.mean += luma, square += luma * luma;
+  const auto count = static_cast<double>(result.luma.size());
+  result.mean /= count;
+  result.deviation = std::sqrt(square / count - result.mean * result.mean);
+  for (std::size_t i = kWidth; i < result.luma.size(); ++i)
+    result.detail += std::pow(result.luma[i] - result.luma[i - kWidth], 2) / count;
+  for (std::size_t i = 0; i < result.u.size(); ++i) {
+    result.colour += std::hypot(result.u[i] - 128, result.v[i] - 128) * 4 / count;
+    result.warmth += (result.v[i] - result.u[i]) * 4 / count;
+  }
+  const auto [low, high] = std::ranges::minmax(result.luma);
+  result.darkest = low, result.brightest = high;
+  return result;
+}
+
+TEST(SceneView, PanTiltAndZoomMoveTheSceneTheRightWay) {
+  Scene scene("", kWidth, kHeight, false);
+  const Look straight = look(scene, {}), right = look(scene, {.pan = 6}), up = look(scene, {.tilt = 3}),
+             close = look(scene, {.zoom = 2});
+  constexpr int kRows = kHeight - 2 * kStrip;
+  const auto at = [](const Look& seen, int x, int y) { return seen.luma[y * kWidth + x]; };
+  int wrong = 0, far = 0;
+  for (int y = 0; y < kRows; ++y)
+    for (int x = 0; x < kWidth - 48; ++x) wrong += at(right, x, y) != at(straight, x + 48, y);
+  for (int y = 24; y < kRows; ++y)
+    for (int x = 0; x < kWidth; ++x) wrong += at(up, x, y) != at(straight, x, y - 24);
+  EXPECT_EQ(wrong, 0);
+  for (int y = 0; y < kRows; ++y)
+    for (int x = 0; x < kWidth; ++x)
+      far += std::abs(at(close, x, y) - at(straight, kWidth / 4 + x / 2, kRows / 4 + y / 2)) > 24;
+  EXPECT_LT(far, kWidth * kRows / 100);
+  EXPECT_EQ(look(scene, {}).luma, straight.luma);
+}
+
+TEST(SceneView, TheMovingPartMovesThroughEveryView) {
+  Scene scene("", kWidth, kHeight, false);
+  for (const CameraView& view : {CameraView{}, CameraView{.zoom = 1.2}, CameraView{.pan = -5, .tilt = 3},
+                                 CameraView{.settings = {.picture_mode = kMirrored}}}) {
+    // The square's chroma, which nothing else of the scene has.
+    const auto middle = [&](u32 counter) {
+      const AVFrame& picture = scene.picture(counter, view);
+      double sum = 0, count = 0;
+      for (int y = 0; y < kHeight / 2; ++y)
+        for (int x = 0; x < kWidth / 2; ++x)
+          if (sample(picture, 1, x, y) == 90 && sample(picture, 2, x, y) == 200) sum += 2 * x + 1, ++count;
+      return sum / count;
+    };
+    const double way = 40 * view.zoom * (view.settings.picture_mode == kMirrored ? -1 : 1);
+    EXPECT_NEAR(middle(50) - middle(40), way, 2) << view.pan << ' ' << view.zoom;
+  }
+}
+
+TEST(SceneSettings, EveryStepChangesThePictureItsWay) {
+  const struct {
+    const char* name;
+    int first, last;
+    void (*set)(PictureSettings&, int);
+    double Look::*rises;
+    double from_8_to_12, factor;  ///< at least
+  } rows[] = {
+      {"brightness", 0, 15, [](auto& s, int v) { s.brightness = static_cast<u16>(v); }, &Look::mean, 15, 1},
+      {"contrast", 0, 15, [](auto& s, int v) { s.contrast = static_cast<u16>(v); }, &Look::deviation, 0, 1.1},
+      {"saturation", 0, 15, [](auto& s, int v) { s.saturation = static_cast<u16>(v); }, &Look::colour, 0,
+       1.2},
+      {"sharpness", 0, 15, [](auto& s, int v) { s.sharpness = static_cast<u16>(v); }, &Look::detail, 0, 1.1},
+      {"gamma", 0, 6, [](auto& s, int v) { s.gamma = static_cast<u8>(v); }, &Look::mean, 0, 1},
+      {"gain", 4, 15,
+       [](auto& s, int v) {
+         s.auto_exposure = false;
+         s.gain = static_cast<u8>(v);
+       },
+       &Look::mean, 15, 1.2},
+      {"white balance", 2, 10,
+       [](auto& s, int v) {
+         s.auto_white_balance = false;
+         s.white_balance = static_cast<u16>(1000 * v);
+       },
+       &Look::warmth, 0, 1},
+      {"backlight", 0, 1, [](auto& s, int v) { s.backlight = v; }, &Look::mean, 0, 1},
+  };
+  for (const bool full_range : {false, true}) {
+    Scene scene("", kWidth, kHeight, full_range);
+    for (const auto& row : rows) {
+      SCOPED_TRACE(row.name);
+      std::array<double, 16> values{};
+      for (int value = row.first; value <= row.last; ++value) {
+        CameraView view;
+        row.set(view.settings, value);
+        const Look seen = look(scene, view);
+        values[value] = seen.*row.rises;
+        if (value > row.first) {
+          EXPECT_GT(values[value], values[value - 1] + 0.2) << value;
+        }
+        if (!full_range) {
+          EXPECT_TRUE(seen.darkest >= 16 && seen.brightest <= 235) << value;
+        }
+      }
+      if (row.last < 12) continue;
+      EXPECT_GE(values[12], values[8] + row.from_8_to_12);
+      EXPECT_GE(values[12], values[8] * row.factor);
+    }
+  }
+}
+
+TEST(SceneSettings, ModesDoWhatTheyAreCalledAndTheRestShowsNothing) {
+  Scene scene("", kWidth, kHeight, false);
+  const auto with = [&](const PictureSettings& settings) { return look(scene, {.settings = settings}); };
+  const Look plain = with({}), grey = with({.picture_mode = kBlackAndWhite}),
+             negative = with({.picture_mode = kNegative}), mirrored = with({.picture_mode = kMirrored}),
+             unused = with({.gain = 4, .power_line = 2, .white_balance = 9000}),
+             manual = with({.auto_exposure = false, .auto_white_balance = false});
+  for (const Look* same : {&unused, &manual}) {
+    EXPECT_EQ(same->luma, plain.luma);
+    EXPECT_EQ(same->u, plain.u);
+  }
+  EXPECT_EQ(grey.luma, plain.luma);
+  EXPECT_EQ(grey.colour, 0);
+  for (std::size_t i = 0; i < plain.luma.size(); ++i) ASSERT_EQ(negative.luma[i], 251 - plain.luma[i]) << i;
+  std::vector<u8> turned = mirrored.luma;
+  for (auto row = turned.begin(); row != turned.end(); row += kWidth) std::reverse(row, row + kWidth);
+  EXPECT_EQ(turned, plain.luma);
+}
+
+TEST(Scene, TheCounterIsReadableThroughEveryViewAndSetting) {
+  std::mt19937 random(3);
+  const auto below = [&](u32 limit) { return static_cast<u8>(random() % limit); };
+  for (const bool full_range : {false, true}) {
+    Scene scene("", kWidth, kHeight, full_range);
+    for (u32 counter = 1000; counter < 1150; ++counter) {
+      const PictureSettings settings{.brightness = below(16),
+                                     .contrast = below(16),
+                                     .saturation = below(16),
+                                     .sharpness = below(16),
+                                     .gamma = below(7),
+                                     .gain = below(16),
+                                     .picture_mode = static_cast<PictureMode>(kPlain + below(4)),
+                                     .backlight = below(2) == 1,
+                                     .auto_exposure = below(2) == 1,
+                                     .auto_white_balance = below(2) == 1,
+                                     .white_balance = static_cast<u16>(1800 + random() % 8200)};
+      const AVFrame& picture = scene.picture(counter, {between(random, -170, 170), between(random, -90, 90),
+                                                       between(random, 1, kMostZoom), settings});
+      const LumaView strips{picture.data[0], kWidth, kHeight, static_cast<u32>(picture.linesize[0])};
+      ASSERT_EQ(read_counter(strips, Strip::kTop), counter);
+      ASSERT_EQ(read_counter(strips, Strip::kBottom), counter);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace sim
