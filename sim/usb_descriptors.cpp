@@ -4,6 +4,10 @@
 #include <linux/usb/video.h>
 #include <linux/videodev2.h>
 
+#include <bit>
+#include <iterator>
+#include <span>
+
 #include "sim/host_controls.h"
 #include "sim/usb_host.h"
 
@@ -50,6 +54,7 @@ constexpr u32 kThreeTransactions = 2 << 11;  ///< wMaxPacketSize: a microframe's
 // relative, pan-tilt absolute and relative, roll absolute. Processing unit: all of UVC 1.0 but hue auto.
 // Extension unit: selectors 1 to 28.
 constexpr u32 kCameraControls = 0x3E2A, kProcessingControls = 0x77FF, kExtensionControls = 0x0FFF'FFFF;
+constexpr Field kExtensionGuid[] = {dw(0x94201E5A), dw(0x334C6D0B), dw(0xD142778E), dw(0x3AC8096F)};
 
 constexpr u32 kIntervals[] = {166666, 333333, 400000, 666666};  ///< of 100 ns
 constexpr u32 kDefaultInterval = kIntervals[1];
@@ -101,9 +106,11 @@ Bytes units() {
   append(bytes,
          descriptor(USB_DT_CS_INTERFACE, {b(UVC_VC_PROCESSING_UNIT), b(kProcessingUnit), b(kCameraTerminal),
                                           w(0), b(2), w(kProcessingControls), b(0)}));
-  append(bytes, descriptor(USB_DT_CS_INTERFACE, {b(UVC_VC_EXTENSION_UNIT), b(kExtensionUnit), dw(0x94201E5A),
-                                                 dw(0x334C6D0B), dw(0xD142778E), dw(0x3AC8096F), b(28), b(1),
-                                                 b(kProcessingUnit), b(4), dw(kExtensionControls), b(0)}));
+  const Fields extension = {b(UVC_VC_EXTENSION_UNIT), b(kExtensionUnit)};
+  append(bytes, descriptor(USB_DT_CS_INTERFACE,
+                           extension + Fields(std::begin(kExtensionGuid), std::end(kExtensionGuid)) +
+                               Fields{b(static_cast<u32>(std::popcount(kExtensionControls))), b(1),
+                                      b(kProcessingUnit), b(4), dw(kExtensionControls), b(0)}));
   append(bytes, descriptor(USB_DT_CS_INTERFACE, {b(UVC_VC_OUTPUT_TERMINAL), b(kOutputTerminal),
                                                  w(UVC_TT_STREAMING), b(0), b(kExtensionUnit), b(0)}));
   return bytes;
@@ -140,19 +147,10 @@ Bytes streaming_interface() {
   constexpr u32 kFormats = std::size(kLayouts);
   const Bytes behind = formats();
   const u32 total = 13 + kFormats + static_cast<u32>(behind.size());
-  Fields header = {b(UVC_VS_INPUT_HEADER),
-                   b(kFormats),
-                   w(total),
-                   b(kStreamEndpoint),
-                   b(0),
-                   b(kOutputTerminal),
-                   b(0),
-                   b(0),
-                   b(0),
-                   b(1)};
-  header.insert(header.end(), kFormats, b(0));  // a format's own controls
+  const Fields header = {b(UVC_VS_INPUT_HEADER), b(kFormats), w(total), b(kStreamEndpoint)};
+  const Fields rest = {b(0), b(kOutputTerminal), b(0), b(0), b(0), b(1)};
   Bytes bytes = interface(kVideoStreamingInterface, 0, 0, UVC_SC_VIDEOSTREAMING);
-  append(bytes, descriptor(USB_DT_CS_INTERFACE, header));
+  append(bytes, descriptor(USB_DT_CS_INTERFACE, header + rest + Fields(kFormats, b(0))));
   append(bytes, behind);
   append(bytes, interface(kVideoStreamingInterface, 1, 1, UVC_SC_VIDEOSTREAMING));
   append(bytes,
