@@ -1,9 +1,10 @@
 // camera_sim: runs the camera service as a child process among a simulated camera and a USB host, streams
-// from it, and says whether the pictures arrive whole and in time.
+// from it and drives it, and says whether the pictures arrive whole and in time and the camera obeys.
 #include <cstdio>
 #include <filesystem>
 #include <memory>
 
+#include "sim/control_plan.h"
 #include "sim/session.h"
 #include "sim/stream_plan.h"
 
@@ -21,7 +22,10 @@ int run(const Options& options) {
   }
   catch_signals();
   Session session(options, log.get());
-  if (session.wait_for_device()) stream_plan(session);
+  if (session.wait_for_device()) {
+    if (options.streams()) stream_plan(session);
+    if (options.controls()) control_plan(session);
+  }
   session.end_service();
   session.print_counts();
   if (interrupted && !options.stay) return 130;

@@ -124,6 +124,8 @@ constexpr OptionRow kRows[] = {
      [](Options& options, std::string_view) { return options.verbose = true, Complaint(); }},
     {"stay", nullptr, "stream one format until Ctrl-C, for a debugger",
      [](Options& options, std::string_view) { return options.stay = true, Complaint(); }},
+    {"control", nullptr, "drive the camera: without streams before it, or after the one that was chosen",
+     [](Options& options, std::string_view) { return options.control = true, Complaint(); }},
     {"list", nullptr, "show formats and sizes, and end", nullptr},
     {"help", nullptr, "show this, and end", nullptr},
 };
@@ -133,7 +135,9 @@ void print_help() {
       "Usage: camera_sim [OPTION]...\n"
       "Runs the camera service against a simulated camera and USB host, and says whether the pictures "
       "arrive.\n"
-      "Without --format or --size it streams six formats and sizes and unplugs the cable once.\n");
+      "Without --format or --size it streams six formats and sizes and unplugs the cable once; then it "
+      "drives\n"
+      "the camera and measures in the pictures whether it obeys.\n");
   for (const OptionRow& row : kRows) {
     const std::string left =
         std::string("--") + row.name + (row.argument ? std::string(" ") + row.argument : "");
@@ -150,7 +154,8 @@ void print_help() {
       "  camera_sim --stay --print-level debug --verbose\n"
       "\nExit status: 0 when every stream was whole and at 90 %% of its rate or more, each unplugged stream "
       "came\n"
-      "back, and the service ended with 0 within 1 s of SIGTERM; 1 when not; 2 for a wrong option.\n",
+      "back, the camera obeyed in every step, and the service ended with 0 within 1 s of SIGTERM; 1 when "
+      "not; 2 for a wrong option.\n",
       fault_forms("  ").c_str());
 }
 

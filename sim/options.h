@@ -25,9 +25,13 @@ struct Options {
   bool paced = false;
   bool verbose = false;
   bool stay = false;
+  bool control = false;
 
   /// One stream was asked for instead of the plan.
   bool one_stream() const { return format || size || stay; }
+  /// What is to be done: the first table, the second one.
+  bool streams() const { return one_stream() || !control; }
+  bool controls() const { return control || !one_stream(); }
 };
 
 /// The options; or nothing, with the exit status, once help, the list or an error has been printed.

@@ -15,7 +15,8 @@ constexpr char kWhole[] = "whole";
 
 const char* line_start() { return isatty(STDOUT_FILENO) ? kEraseLine : ""; }
 
-/// "lost 3, torn 1"; empty when nothing is wrong.
+}  // namespace
+
 std::string defects(const StreamReport& report) {
   const struct {
     const char* name;
@@ -31,8 +32,6 @@ std::string defects(const StreamReport& report) {
   }
   return text;
 }
-
-}  // namespace
 
 std::string verdict(const ReportRow& row) {
   if (!row.error.empty()) return row.error;

@@ -14,6 +14,8 @@ struct ReportRow {
   std::string error;  ///< what kept the stream from running; empty: nothing
 };
 
+/// "lost 3, torn 1"; empty when nothing is wrong.
+std::string defects(const StreamReport& report);
 /// "whole", or what is wrong: "torn 2, lost 1", "slow: 21.0 of 30 frames/s".
 std::string verdict(const ReportRow& row);
 bool is_good(const ReportRow& row);

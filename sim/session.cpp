@@ -1,6 +1,7 @@
 #include "sim/session.h"
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <vector>
@@ -47,6 +48,12 @@ void Session::schedule(const Fault& fault) {
   if (fault.at > 0) timeline_.in(fault.at, [this, fault] { set_fault(camera_, fault, true); });
   if (!fault.duration) return;
   timeline_.in(fault.at + *fault.duration, [this, fault] { set_fault(camera_, fault, false); });
+}
+
+std::string Session::picture_path(std::string name) const {
+  std::ranges::replace(name, ' ', '-');
+  std::ranges::transform(name, name.begin(), [](unsigned char c) { return std::tolower(c); });
+  return options_.out + '/' + name + ".png";
 }
 
 void Session::complain(const std::string& what) {

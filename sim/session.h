@@ -38,6 +38,9 @@ class Session {
   bool wait(Clock::duration limit, Condition condition);
   bool going_on() { return !interrupted && service_.running(); }
 
+  /// Of a PNG in the options' folder; "replug MJPEG 1280x720" becomes replug-mjpeg-1280x720.png.
+  std::string picture_path(std::string name) const;
+
   /// Prints what went wrong; the session is not good any more.
   void complain(const std::string& what);
   void judge(bool good) { good_ = good_ && good; }

@@ -1,7 +1,6 @@
 #include "sim/stream_plan.h"
 
 #include <algorithm>
-#include <cctype>
 #include <iterator>
 #include <vector>
 
@@ -39,13 +38,6 @@ std::vector<PlannedStream> planned_streams(const Options& options) {
   return {{format, options.size.value_or(planned->size)}};
 }
 
-/// "replug MJPEG 1280x720" as a file name.
-std::string picture_path(const Options& options, std::string name) {
-  std::ranges::replace(name, ' ', '-');
-  std::ranges::transform(name, name.begin(), [](unsigned char c) { return std::tolower(c); });
-  return options.out + '/' + name + ".png";
-}
-
 /// One stream, until its time is over or the cable is pulled.
 ReportRow stream_once(Session& session, const std::string& name, const StreamChoice& choice,
                       unsigned unplugs) {
@@ -62,7 +54,7 @@ ReportRow stream_once(Session& session, const std::string& name, const StreamCho
       print_progress(row);
     }
     if (!session.service().running()) host.unplug();  // as the driver does it
-    row.result = host.stop(picture_path(options, name));
+    row.result = host.stop(session.picture_path(name));
   }
   row.error = session.service().running() ? host.error() : "the service has ended";
   return row;

@@ -48,8 +48,9 @@ AvPtr<AVFrame> draw(const Look& look) {
   std::uniform_real_distribution<float> noise(-2, 2);
   for (int y = 0; y < kHeight; ++y) {
     for (int x = 0; x < kWidth; ++x) {
-      const float seen =
-          scene((x - look.right - kWidth / 2) / look.scale, (y - look.down - kHeight / 2) / look.scale);
+      const float from_right = static_cast<float>(x - kWidth / 2) - look.right;
+      const float from_down = static_cast<float>(y - kHeight / 2) - look.down;
+      const float seen = scene(from_right / look.scale, from_down / look.scale);
       const float luma = 128 + look.offset + (80 * seen - 40) * look.gain + look.noise * noise(random);
       picture->data[0][y * picture->linesize[0] + x * step] = static_cast<u8>(std::clamp(luma, 0.0F, 255.0F));
     }
@@ -86,11 +87,12 @@ TEST(Measure, LeavesTheCounterOutInEveryFormat) {
 
 TEST(Shift, IsFoundWithinAPartOfAPercent) {
   const MeasuredPicture before = measured({});
-  for (const auto& [right, down] : {std::pair{0, 0}, {4, -4}, {-96, 0}, {100, 60}, {285, 0}, {-280, 140}}) {
-    const Look look{.right = right * 1.0F, .down = down * 1.0F, .gain = 0.6F, .offset = 30, .noise = 8};
+  for (const auto& [right, down] :
+       {std::pair{0.F, 0.F}, {4, -4}, {-96, 0}, {100, 60}, {285, 0}, {-280, 140}}) {
+    const Look look{.right = right, .down = down, .gain = 0.6F, .offset = 30, .noise = 4};
     const SceneShift shift = find_shift(before, measured(look));
-    EXPECT_NEAR(shift.right, right / 640.0, 0.002) << right << ", " << down;
-    EXPECT_NEAR(shift.up, -down / 640.0, 0.002) << right << ", " << down;
+    EXPECT_NEAR(shift.right, right / kWidth, 0.002) << right << ", " << down;
+    EXPECT_NEAR(shift.up, -down / kWidth, 0.002) << right << ", " << down;
     EXPECT_GT(shift.correlation, 0.9) << right << ", " << down;
   }
 }
