@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "sim/control_plan.h"
+#include "sim/prompt.h"
 #include "sim/session.h"
 #include "sim/stream_plan.h"
 
@@ -23,6 +24,7 @@ int run(const Options& options) {
   catch_signals();
   Session session(options, log.get());
   if (session.wait_for_device()) {
+    if (options.prompt) prompt(session);
     if (options.streams()) stream_plan(session);
     if (options.controls()) control_plan(session);
   }

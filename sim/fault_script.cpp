@@ -5,8 +5,9 @@
 #include <algorithm>
 #include <charconv>
 #include <iterator>
-#include <sstream>
 #include <vector>
+
+#include "sim/text.h"
 
 namespace sim {
 
@@ -48,11 +49,6 @@ std::optional<double> parse_time(std::string_view text) {
   return std::nullopt;
 }
 
-std::vector<std::string> words_of(std::string_view text) {
-  std::istringstream stream{std::string(text)};
-  return {std::istream_iterator<std::string>(stream), {}};
-}
-
 /// Takes `word TIME` out of the words. False when the word is there without a time.
 bool take_time(std::vector<std::string>& words, std::string_view word, std::optional<double>& time,
                std::string& error) {
@@ -79,12 +75,6 @@ bool fits(const FaultForm& form, const std::string& action) {
   return matches;
 }
 
-std::string joined(const std::vector<std::string>& words) {
-  std::string text;
-  for (const auto& word : words) text += (text.empty() ? "" : " ") + word;
-  return text;
-}
-
 }  // namespace
 
 std::optional<Fault> parse_fault(std::string_view text, std::string& error) {
@@ -106,6 +96,12 @@ std::optional<Fault> parse_fault(std::string_view text, std::string& error) {
                .at = at.value_or(0),
                .duration = duration,
                .text = std::string(text)};
+}
+
+std::vector<std::string> fault_shapes() {
+  std::vector<std::string> shapes;
+  for (const FaultForm& form : kForms) shapes.push_back(form.shown);
+  return shapes;
 }
 
 std::string fault_forms(std::string_view indent) {

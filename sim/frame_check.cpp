@@ -9,7 +9,6 @@
 
 namespace sim {
 
-static constexpr std::size_t kEmptyPayload = 2;
 static constexpr i64 kOldestFirstFrame = 1000 * kMillisecond;
 
 static AVCodecID codec_id(StreamFormat format) {

@@ -10,11 +10,13 @@
 
 namespace sim {
 
+constexpr std::size_t kEmptyPayload = 2;  ///< bytes of a payload without a picture, at most
+
 enum class StreamFormat { kMjpeg = 1, kH264 = 2, kYuy2 = 3, kH265 = 4 };  ///< values of bFormatIndex
 
 struct StreamReport {
   unsigned long frames = 0;    ///< whole frames with a readable counter
-  unsigned long empty = 0;     ///< payloads of 2 bytes or less after the first picture
+  unsigned long empty = 0;     ///< empty payloads after the first picture
   unsigned long leading = 0;   ///< such payloads before the first picture: normal at a stream start
   unsigned long lost = 0;      ///< counters skipped
   unsigned long torn = 0;      ///< not decodable, wrong size, or the two burnt-in counters differ

@@ -4,12 +4,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
-#include <charconv>
-#include <cmath>
 #include <cstdio>
 #include <iterator>
-#include <string_view>
+
+#include "sim/text.h"
 
 namespace sim {
 
@@ -18,37 +16,17 @@ namespace {
 /// What is wrong with an option's argument; empty: nothing.
 using Complaint = std::string;
 
-std::string lower(std::string_view text) {
-  std::string result(text);
-  std::ranges::transform(result, result.begin(), [](unsigned char c) { return std::tolower(c); });
-  return result;
-}
-
-template <class Number>
-std::optional<Number> parse_number(std::string_view text, Number least, Number most) {
-  Number value{};
-  const char* const end = text.data() + text.size();
-  const auto [rest, failure] = std::from_chars(text.data(), end, value);
-  if (failure != std::errc() || rest != end || !(value >= least && value <= most)) return std::nullopt;
-  return value;
-}
-
 Complaint set_format(Options& options, std::string_view text) {
+  options.format = parse_format(text);
+  if (options.format) return "";
   std::string known;
-  for (const HostFormat& format : host_formats()) {
-    if (lower(format.name) == lower(text)) options.format = format.format;
-    known += ' ' + lower(format.name);
-  }
-  return options.format ? "" : "not one of" + known;
+  for (const HostFormat& format : host_formats()) known += ' ' + lower(format.name);
+  return "not one of" + known;
 }
 
 Complaint set_size(Options& options, std::string_view text) {
-  const auto cross = std::min(text.find('x'), text.size());
-  const auto width = parse_number<u32>(text.substr(0, cross), 1, 8192);
-  const auto height = parse_number<u32>(text.substr(std::min(cross + 1, text.size())), 1, 8192);
-  if (!width || !height) return "not a size such as 1280x720";
-  options.size = FrameSize{*width, *height};
-  return "";
+  options.size = parse_size(text);
+  return options.size ? "" : "not a size such as 1280x720";
 }
 
 Complaint set_rate(Options& options, std::string_view text) {
@@ -126,6 +104,8 @@ constexpr OptionRow kRows[] = {
      [](Options& options, std::string_view) { return options.stay = true, Complaint(); }},
     {"control", nullptr, "drive the camera: without streams before it, or after the one that was chosen",
      [](Options& options, std::string_view) { return options.control = true, Complaint(); }},
+    {"prompt", nullptr, "take commands from the terminal or a script instead (\"help\" there lists them)",
+     [](Options& options, std::string_view) { return options.prompt = true, Complaint(); }},
     {"list", nullptr, "show formats and sizes, and end", nullptr},
     {"help", nullptr, "show this, and end", nullptr},
 };
@@ -152,6 +132,7 @@ void print_help() {
       "  camera_sim --format yuy2 --size 640x480 --paced --yuv422 --extra-stride 3\n"
       "  camera_sim --format mjpeg --fault \"at 2s unplug for 0.5s\" --fault \"server slow\"\n"
       "  camera_sim --stay --print-level debug --verbose\n"
+      "  echo \"set brightness 12\" | camera_sim --prompt\n"
       "\nExit status: 0 when every stream was whole and at 90 %% of its rate or more, each unplugged stream "
       "came\n"
       "back, the camera obeyed in every step, and the service ended with 0 within 1 s of SIGTERM; 1 when "
@@ -185,6 +166,21 @@ std::vector<option> long_options() {
 }
 
 }  // namespace
+
+std::optional<StreamFormat> parse_format(std::string_view text) {
+  for (const HostFormat& format : host_formats()) {
+    if (lower(format.name) == lower(text)) return format.format;
+  }
+  return std::nullopt;
+}
+
+std::optional<FrameSize> parse_size(std::string_view text) {
+  const auto cross = std::min(text.find('x'), text.size());
+  const auto width = parse_number<u32>(text.substr(0, cross), 1, 8192);
+  const auto height = parse_number<u32>(text.substr(std::min(cross + 1, text.size())), 1, 8192);
+  if (!width || !height) return std::nullopt;
+  return FrameSize{*width, *height};
+}
 
 std::optional<Options> parse_options(int argc, char** argv, int& exit_status) {
   Options options;

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "sim/fault_script.h"
@@ -26,13 +27,19 @@ struct Options {
   bool verbose = false;
   bool stay = false;
   bool control = false;
+  bool prompt = false;
 
   /// One stream was asked for instead of the plan.
   bool one_stream() const { return format || size || stay; }
   /// What is to be done: the first table, the second one.
-  bool streams() const { return one_stream() || !control; }
-  bool controls() const { return control || !one_stream(); }
+  bool streams() const { return !prompt && (one_stream() || !control); }
+  bool controls() const { return !prompt && (control || !one_stream()); }
 };
+
+/// "mjpeg", in capitals or not.
+std::optional<StreamFormat> parse_format(std::string_view text);
+/// "1280x720".
+std::optional<FrameSize> parse_size(std::string_view text);
 
 /// The options; or nothing, with the exit status, once help, the list or an error has been printed.
 std::optional<Options> parse_options(int argc, char** argv, int& exit_status);

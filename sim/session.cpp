@@ -34,7 +34,7 @@ volatile sig_atomic_t interrupted = 0;
 
 void catch_signals() {
   struct sigaction action = {};
-  action.sa_handler = [](int) { interrupted = 1; };
+  action.sa_handler = [](int number) { interrupted = number; };
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
   signal(SIGPIPE, SIG_IGN);  // a closed standard output is no reason to leave things behind
 }

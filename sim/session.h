@@ -15,7 +15,7 @@
 
 namespace sim {
 
-/// Ctrl-C, SIGTERM and SIGHUP only set this from here on; whoever waits looks at it.
+/// Ctrl-C, SIGTERM and SIGHUP only put their number here from now on; whoever waits looks at it.
 extern volatile sig_atomic_t interrupted;
 void catch_signals();
 
@@ -46,14 +46,15 @@ class Session {
   void judge(bool good) { good_ = good_ && good; }
   bool good() const { return good_; }
 
+  /// Sets the fault at its time from now on, unless that is 0, and ends it after its duration.
+  void schedule(const Fault& fault);
+
   /// Ends the service with SIGTERM, and judges its end.
   void end_service();
   /// Prints what was counted, and writes the logs of server and node.
   void print_counts();
 
  private:
-  void schedule(const Fault& fault);
-
   const Options& options_;
   Camera camera_;
   ServiceProcess service_;

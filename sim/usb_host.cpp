@@ -86,10 +86,11 @@ std::optional<StreamChoice> choice_in(std::span<const u8> block) {
 /// A running stream: one thread takes frames, another checks them, so that decoding never holds up the bus.
 class UsbHost::Stream {
  public:
-  Stream(NodeHost& node, const StreamChoice& choice, bool paced, Clock::time_point begin)
+  Stream(NodeHost& node, const StreamChoice& choice, bool paced, Clock::time_point begin, std::ostream* copy)
       : node_(node),
         paced_(paced),
         begin_(begin),
+        copy_(copy),
         checker_(choice.format, choice.size.width, choice.size.height),
         taker_([this] { take(); }),
         check_thread_([this] { check(); }) {}
@@ -114,6 +115,7 @@ class UsbHost::Stream {
   NodeHost& node_;
   const bool paced_;
   const Clock::time_point begin_;
+  std::ostream* const copy_;
   FrameChecker checker_;
   mutable std::mutex lock_;
   std::condition_variable changed_;
@@ -162,6 +164,9 @@ bool UsbHost::Stream::next(Frame& frame) {
 
 void UsbHost::Stream::check() {
   for (Frame frame; next(frame);) {
+    if (copy_ && frame.data.size() > kEmptyPayload) {
+      copy_->write(reinterpret_cast<const char*>(frame.data.data()), std::ssize(frame.data));
+    }
     checker_.feed(frame.data, std::chrono::nanoseconds(frame.arrived.time_since_epoch()).count());
     std::lock_guard guard(lock_);
     result_.report = checker_.report();
@@ -251,12 +256,12 @@ bool UsbHost::negotiate(const StreamChoice& choice) {
   return set(UVC_VS_COMMIT_CONTROL, granted);
 }
 
-bool UsbHost::start(const StreamChoice& choice) {
+bool UsbHost::start(const StreamChoice& choice, std::ostream* copy) {
   error_.clear();
   if (!negotiate(choice)) return false;
   const auto begin = Clock::now();
   if (!node_.stream_on()) return fail("no VIDIOC_STREAMON after SET_INTERFACE 1");
-  stream_ = std::make_unique<Stream>(node_, choice, paced_, begin);
+  stream_ = std::make_unique<Stream>(node_, choice, paced_, begin, copy);
   return true;
 }
 

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <span>
 #include <string>
 
@@ -62,8 +63,9 @@ class UsbHost {
 
   /// What a host asks when the device appears. False with error() when an answer is wrong.
   bool enumerate();
-  /// Negotiates and starts a stream. False with error() when the camera refuses.
-  bool start(const StreamChoice& choice);
+  /// Negotiates and starts a stream. Payloads with data go to `copy` as well, which outlives the stream.
+  /// False with error() when the camera refuses.
+  bool start(const StreamChoice& choice, std::ostream* copy = nullptr);
   /// Of the running stream so far.
   StreamResult progress() const;
   /// Waits for a whole picture of the running stream that is made after this call, and writes it as PNG.

@@ -1,0 +1,40 @@
+// What the command line, the faults and the prompt do with words.
+#pragma once
+
+#include <charconv>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+namespace sim {
+
+std::string lower(std::string_view text);
+/// What spaces separate.
+std::vector<std::string> words_of(std::string_view text);
+/// With a space between them.
+template <class Words>
+std::string joined(const Words& words) {
+  std::string text;
+  for (const auto& word : words) text.append(text.empty() ? "" : " ").append(word);
+  return text;
+}
+
+/// Nothing unless all of the text is a number in these limits. The base is for whole numbers.
+template <class Number>
+std::optional<Number> parse_number(std::string_view text, Number least, Number most, int base = 10) {
+  Number value{};
+  const char* const end = text.data() + text.size();
+  std::from_chars_result result{};
+  if constexpr (std::is_floating_point_v<Number>) {
+    result = std::from_chars(text.data(), end, value);
+  } else {
+    result = std::from_chars(text.data(), end, value, base);
+  }
+  if (result.ec != std::errc() || result.ptr != end || !(value >= least && value <= most))
+    return std::nullopt;
+  return value;
+}
+
+}  // namespace sim

@@ -1,0 +1,238 @@
+// camera_sim at its prompt: scripts on standard input, and a terminal.
+#include "sim/prompt.h"
+
+#include <gmock/gmock.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "sim/frame_counter.h"
+#include "sim/source.h"
+
+using testing::AllOf;
+using testing::Contains;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string program() { return fs::read_symlink("/proc/self/exe").replace_filename("camera_sim"); }
+
+std::string contents(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Runs in a folder of its own.
+class PromptTest : public testing::Test {
+ protected:
+  PromptTest() {
+    char name[] = "/tmp/prompt-test.XXXXXX";
+    folder = mkdtemp(name);
+  }
+  ~PromptTest() override { fs::remove_all(folder); }
+
+  /// The exit status; what was printed is in `output`.
+  int run(const std::string& script) {
+    std::ofstream(folder / "script") << script;
+    const std::string command =
+        "cd " + folder.string() + " && " + program() + " --prompt <script >output 2>&1";
+    const int status = std::system(command.c_str());
+    output = contents(folder / "output");
+    return WEXITSTATUS(status);
+  }
+
+  fs::path folder;
+  std::string output;
+};
+
+TEST_F(PromptTest, ScriptDrivesTheCamera) {
+  EXPECT_EQ(run("# two controls, then where the head went\n"
+                "\n"
+                "set brightness 12 pan_absolute 36000\n"
+                "get brightness\n"
+                "controls\n"
+                "xu 9 len\n"
+                "raw 0xA1 0x87 0x0200 0x0200 2\n"
+                "wait 0.5\n"
+                "look\n"
+                "unplug\n"
+                "plug\n"
+                "fault server slow for 1s\n"
+                "fault clear\n"
+                "quit\n"
+                "rubbish\n"),
+            0)
+      << output;
+  EXPECT_THAT(output, ContainsRegex("SET_CUR +brightness = 12 .* sys 39 81 01 04 A4 00 00 00 0C FF"));
+  EXPECT_THAT(output, HasSubstr("\nbrightness = 12\n"));
+  EXPECT_THAT(output, ContainsRegex("\nbrightness +PU +0 +15 +1 +8 +12\n"));
+  EXPECT_THAT(output, ContainsRegex("\npan_absolute +CT +-612000 +612000 +3600 "));
+  EXPECT_THAT(output, HasSubstr("[16 00]")) << "the length of the extension unit's selector 9";
+  EXPECT_THAT(output, ContainsRegex("GET_DEF +brightness = 8 "));
+  EXPECT_THAT(output, HasSubstr("pan 10.0 tilt 0.0"));
+  EXPECT_THAT(output, AllOf(Not(HasSubstr("camera_sim>")), Not(HasSubstr("\nline "))));
+}
+
+TEST_F(PromptTest, ScriptGoesOnAfterCommandsThatFail) {
+  EXPECT_EQ(run("set brightness 99\n"
+                "set brightness 70000\n"
+                "set brightness\n"
+                "set loudness 1\n"
+                "dance\n"
+                "stream yuy2 1920x1080\n"
+                "fault thunder\n"
+                "raw 0xA1 0x100 0 0 0\n"
+                "unplug\n"
+                "get brightness\n"
+                "stream mjpeg\n"
+                "plug\n"
+                "get contrast\n"),
+            1);
+  const char* const complaints[] = {
+      "line 1: brightness: 99 is outside 0 to 15; it reads 8\n",
+      "line 2: brightness: \"70000\" is no number that the control can hold\n",
+      "line 3: usage: set NAME VALUE",
+      "line 4: no such control: \"loudness\"",
+      "line 5: no such command: \"dance\"",
+      "line 6: the camera has no YUY2 1920x1080\n",
+      "line 7: no such fault: \"thunder\"",
+      "line 8: \"0x100\" is not a number up to 255\n",
+      "line 10: the cable is unplugged",
+      "line 11: the cable is unplugged",
+      "\ncontrast = 8\n",
+  };
+  for (const char* complaint : complaints) EXPECT_THAT(output, HasSubstr(complaint));
+}
+
+TEST_F(PromptTest, StreamsToFilesWhileControlsAreTried) {
+  run("stream mjpeg 320x240 for 1 to a.mjpeg\n"
+      "stream start yuy2 320x240 to a.yuv\n"
+      "stream start mjpeg\n"
+      "wait 1\n"
+      "set contrast 9\n"
+      "picture a.png\n"
+      "stream stop\n"
+      "fault encoder silent\n"
+      "stream mjpeg 320x240 for 0.5\n");
+  EXPECT_THAT(output, ContainsRegex("\nMJPEG 320x240 +[1-9]"));
+  EXPECT_THAT(output, ContainsRegex("\nYUY2 320x240 +[1-9]"));
+  EXPECT_THAT(output, HasSubstr("line 3: a stream runs already: YUY2 320x240\n"));
+  EXPECT_THAT(output, HasSubstr("line 9: the stream was not whole: no picture\n"));
+
+  const auto source = sim::Source::open(folder / "a.mjpeg");
+  ASSERT_TRUE(source) << output;
+  const sim::AvPtr<AVFrame> picture(av_frame_alloc());
+  picture->format = AV_PIX_FMT_YUV420P;
+  picture->width = 320;
+  picture->height = 240;
+  ASSERT_EQ(av_frame_get_buffer(picture.get(), 0), 0);
+  source->next(*picture);
+  const sim::LumaView luma{picture->data[0], 320, 240, static_cast<u32>(picture->linesize[0])};
+  EXPECT_TRUE(sim::read_counter(luma, sim::Strip::kTop));
+  const auto size = fs::file_size(folder / "a.yuv");
+  EXPECT_GT(size, 0u);
+  EXPECT_EQ(size % (320 * 240 * 2), 0u);
+  EXPECT_THAT(contents(folder / "a.png"), testing::StartsWith("\x89PNG"));
+}
+
+TEST(Prompt, CompletesCommandsTheirWordsAndFiles) {
+  const auto expect = [](const std::vector<std::string>& words,
+                         const testing::Matcher<sim::Choices>& choices) {
+    EXPECT_THAT(sim::completions(words), choices) << testing::PrintToString(words);
+  };
+  const auto has = [](const char* word) { return testing::Optional(Contains(std::string(word))); };
+  const auto none = testing::Optional(testing::IsEmpty());
+  expect({"con"}, has("controls"));
+  expect({"get", "zo"}, has("zoom_absolute"));
+  expect({"get", "brightness", "a"}, has("all"));
+  expect({"set", "brightness", ""}, none);
+  expect({"set", "brightness", "9", ""}, has("contrast"));
+  expect({"stream", ""}, AllOf(has("start"), has("h265")));
+  expect({"stream", "start", "YUY2", ""}, AllOf(has("640x480"), Not(has("1280x720"))));
+  expect({"stream", "h264", "for", ""}, none);
+  expect({"stream", "h264", "to", ""}, testing::Eq(std::nullopt));
+  expect({"picture", ""}, testing::Eq(std::nullopt));
+  expect({"fault", ""}, AllOf(has("server"), has("clear")));
+  expect({"fault", "server", ""}, AllOf(has("slow"), Not(has("silent"))));
+  expect({"help", ""}, has("xu"));
+  expect({"dance", ""}, none);
+}
+
+/// camera_sim on a terminal.
+class Terminal {
+ public:
+  explicit Terminal(const fs::path& folder) {
+    pid_ = forkpty(&line_, nullptr, nullptr, nullptr);
+    if (pid_ != 0) return;
+    setenv("TERM", "dumb", 1);
+    setenv("XDG_STATE_HOME", folder.c_str(), 1);
+    if (chdir(folder.c_str()) == 0) execl(program().c_str(), "camera_sim", "--prompt", nullptr);
+    _exit(127);
+  }
+  ~Terminal() { close(line_); }
+
+  void type(const std::string& keys) { EXPECT_EQ(write(line_, keys.data(), keys.size()), std::ssize(keys)); }
+
+  /// Whether this came on the screen, from what came since the last call on; false when the program ended or
+  /// nothing came for 30 s.
+  bool shows(const std::string& text) {
+    while (screen_.find(text) == std::string::npos) {
+      char bytes[1024];
+      pollfd event{line_, POLLIN, 0};
+      const ssize_t count = poll(&event, 1, 30'000) > 0 ? read(line_, bytes, sizeof bytes) : 0;
+      if (count <= 0) return false;
+      screen_.append(bytes, static_cast<std::size_t>(count));
+    }
+    screen_.erase(0, screen_.find(text) + text.size());
+    return true;
+  }
+
+  int exit_status() {
+    while (shows("\n")) {
+    }
+    int status = -1;
+    waitpid(pid_, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+ private:
+  int line_;
+  pid_t pid_;
+  std::string screen_;
+};
+
+TEST_F(PromptTest, TerminalCompletesKeepsHistoryAndOutlivesCtrlC) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "this sanitizer holds Ctrl-C back while readline waits for a key";
+#endif
+  Terminal terminal(folder);
+  ASSERT_TRUE(terminal.shows("camera_sim> "));
+  terminal.type("get brigh\t\r");
+  EXPECT_TRUE(terminal.shows("brightness = 8"));
+  ASSERT_TRUE(terminal.shows("camera_sim> "));
+  terminal.type("rubbish");
+  ASSERT_TRUE(terminal.shows("rubbish"));
+  terminal.type("\x03");
+  ASSERT_TRUE(terminal.shows("camera_sim> "));
+  terminal.type("wait 1000\r");
+  ASSERT_TRUE(terminal.shows("wait 1000\r\n"));
+  terminal.type("\x03");
+  ASSERT_TRUE(terminal.shows("camera_sim> "));
+  terminal.type("dance\r");
+  EXPECT_TRUE(terminal.shows("no such command: \"dance\""));
+  ASSERT_TRUE(terminal.shows("camera_sim> "));
+  terminal.type("\x04");
+  EXPECT_EQ(terminal.exit_status(), 0) << "a slip of the fingers is no failure";
+  EXPECT_EQ(contents(folder / "camera_sim/history"), "get brightness \nwait 1000\ndance\n");
+}
+
+}  // namespace
