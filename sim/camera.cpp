@@ -27,6 +27,8 @@ Camera::Camera(const Options& options)
 }
 
 void set_fault(Camera& camera, const Fault& fault, bool on) {
+  const auto server = [&](ServerFault kind) { camera.server.set_fault(on ? kind : ServerFault::kNone); };
+  const auto encoder = [&](EncoderFault kind) { camera.media.set_fault(on ? kind : EncoderFault::kNone); };
   switch (fault.kind) {
     case FaultKind::kNode:
       if (camera.node.script(on ? fault.node_text : "clear")) return;
@@ -35,15 +37,23 @@ void set_fault(Camera& camera, const Fault& fault, bool on) {
     case FaultKind::kUnplug:
       return on ? camera.host.unplug() : camera.host.replug();
     case FaultKind::kServerDead:
-      return camera.server.set_fault(on ? ServerFault::kDead : ServerFault::kNone);
+      return server(ServerFault::kDead);
     case FaultKind::kServerSlow:
-      return camera.server.set_fault(on ? ServerFault::kSlow : ServerFault::kNone);
+      return server(ServerFault::kSlow);
+    case FaultKind::kServerGarbled:
+      return server(ServerFault::kGarbled);
+    case FaultKind::kServerMute:
+      return server(ServerFault::kMute);
+    case FaultKind::kServerMisdirects:
+      return server(ServerFault::kMisdirected);
+    case FaultKind::kServerAnswersTwice:
+      return server(ServerFault::kAnswersTwice);
     case FaultKind::kEncoderSilent:
-      return camera.media.set_fault(on ? EncoderFault::kSilent : EncoderFault::kNone);
+      return encoder(EncoderFault::kSilent);
     case FaultKind::kEncoderDead:
-      return camera.media.set_fault(on ? EncoderFault::kDead : EncoderFault::kNone);
+      return encoder(EncoderFault::kDead);
     case FaultKind::kEncoderWrongSize:
-      return camera.media.set_fault(on ? EncoderFault::kWrongSize : EncoderFault::kNone);
+      return encoder(EncoderFault::kWrongSize);
     case FaultKind::kLogQueueFull:
       camera.collector.pause(on);
       if (on) camera.collector.fill_queue();

@@ -238,6 +238,8 @@ int node_open(int fd) {
   NodeState& state = node_state();
   const NodeLock lock(state.mutex);
   release_dead_opens(state);
+  for (NodeOpen& former : state.opens)  // its number was given to another file and is free again
+    if (former.process == getpid() && former.descriptor == fd) release_open(state, former);
   NodeOpen* open = free_open(state);
   i32 error = next_fault(state, CallKind::kOpen);
   if (!error && !open) error = EMFILE;

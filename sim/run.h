@@ -47,7 +47,8 @@ std::string run_semaphore(std::string_view name);
 /// The current run's root folder. Ends the program with a message when there is no current run.
 const std::string& run_root();
 
-/// Divides every sys::usleep of this process, so that a test need not wait for long timeouts. 1 at start.
+/// Divides every sys::usleep of this process, so that a test need not wait for long timeouts; what comes to
+/// less than 1 us does not sleep at all. 1 at start.
 void set_sleep_divisor(unsigned divisor);
 /// Calls of sys::usleep in this process so far, and the microseconds asked for.
 struct SleepCount {

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <utility>
 
 #include "sim/channel.h"
@@ -22,7 +23,7 @@ namespace sim {
 namespace {
 
 constexpr i32 kFirstProcess = 2;  ///< a reply to message type 1 would come back to the server itself
-constexpr i32 kLastProcess = 24;
+constexpr i32 kLastProcess = 24;  ///< nobody uses it
 constexpr i32 kViscaMessage = 39;
 constexpr std::chrono::milliseconds kSlowDelay{300};
 
@@ -151,6 +152,8 @@ struct Server::Impl {
   void sys_message(std::span<const u8> payload);
   i32 exchange(const SysMsgBuf& record);
   std::vector<u8> obey(std::span<const u8> frame);
+  void send_answer(SysMsgBuf record);
+  void garble(SysMsgBuf& record);
 
   void get_memory(VeltoMsgBuf& record);
   void store_encoder_settings(VeltoMsgBuf& record);
@@ -170,6 +173,9 @@ struct Server::Impl {
   CameraHead own_head;
   CameraHead& head = options.head ? *options.head : own_head;
   std::atomic<unsigned long> refused = 0;
+  std::atomic<ServerFault> fault = ServerFault::kNone;
+  SysMsgBuf last_answer{};  ///< this and `random`: only the system-message channel's thread uses them
+  std::mt19937 random;
 
   const Parameters parameters{options, head.settings()};
   const Segment slots{kSysMsgKey};
@@ -306,7 +312,24 @@ void Server::Impl::sys_message(std::span<const u8> payload) {
   if (!record) return refuse("sys length " + std::to_string(payload.size()));
   record->length = exchange(*record);
   record->dest = record->src;
-  if (is_client(record->src)) sys_channel.send(&*record, kSysMsgPayload);
+  if (is_client(record->src)) send_answer(*record);
+}
+
+void Server::Impl::send_answer(SysMsgBuf record) {
+  const ServerFault now = fault;
+  if (now == ServerFault::kMute) return;
+  if (now == ServerFault::kMisdirected) record.dest = kLastProcess;
+  if (now == ServerFault::kGarbled) garble(record);
+  if (now == ServerFault::kAnswersTwice && last_answer.dest) sys_channel.send(&last_answer, kSysMsgPayload);
+  sys_channel.send(&record, kSysMsgPayload);
+  last_answer = record;
+}
+
+void Server::Impl::garble(SysMsgBuf& record) {
+  record.length = std::uniform_int_distribution<i32>(-5, 5000)(random);
+  u8* const slot = slots.at(static_cast<std::size_t>(sys_slot_offset(record.src)));
+  std::generate_n(slot, std::clamp(record.length, 16, kSysSlotSize),
+                  [this] { return static_cast<u8>(random()); });
 }
 
 /// Carries out the request in its sender's slot and leaves the reply's body there. The reply's length, or -1.
@@ -343,6 +366,7 @@ void Server::on_encoder_settings(std::function<void(const EncoderSettingsMessage
 }
 
 void Server::set_fault(ServerFault fault) {
+  impl_->fault = fault;
   for (Channel* channel : {&impl_->file_channel, &impl_->velto_channel, &impl_->sys_channel}) {
     channel->set_delay(fault == ServerFault::kSlow ? kSlowDelay : std::chrono::milliseconds(0));
     channel->hold(fault == ServerFault::kDead);

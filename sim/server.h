@@ -24,9 +24,14 @@ struct ServerOptions {
 
 enum class ServerFault {
   kNone,
-  kDead,
-  kSlow
-};  ///< kDead: takes nothing off its queues; kSlow: 300 ms a message
+  kDead,  ///< takes nothing off its queues
+  kSlow,  ///< 300 ms a message
+  // What it answers to system messages, which it carries out all the same:
+  kGarbled,       ///< a length of -5..5000 and random bytes
+  kMute,          ///< nothing
+  kMisdirected,   ///< another process gets the answer
+  kAnswersTwice,  ///< the answer to the message before comes first
+};
 
 /// Runs a thread per channel from construction to destruction.
 class Server {

@@ -207,7 +207,8 @@ std::FILE* popen(const char* command, const char* mode) {
 int usleep(useconds_t microseconds) {
   ++sim::sleep_calls;
   sim::sleep_microseconds += microseconds;
-  return ::usleep(microseconds / sim::sleep_divisor);
+  const useconds_t shorter = microseconds / sim::sleep_divisor;
+  return shorter ? ::usleep(shorter) : 0;  // usleep(0) takes as long as the kernel's timer slack
 }
 
 int msgget(key_t key, int flags) { return ::msgget(sim::run_key(key), flags); }
