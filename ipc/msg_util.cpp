@@ -59,6 +59,11 @@ ssize_t Msg_Send_Rsv(i32 qid, long type, void* record, std::size_t size) {
   return sent < 0 ? sent : Msg_Rsv(qid, type, record, size);
 }
 
+bool Msg_Waits(i32 qid, long type) {
+  long nothing_but_type;
+  return msgrcv(qid, &nothing_but_type, 0, type, IPC_NOWAIT) < 0 && errno == E2BIG;
+}
+
 i32 Msg_Kill(i32 qid) {
   msgctl(qid, IPC_RMID, nullptr);
   PRINT_DEBUG("Kill queue id:%d\n", qid);

@@ -24,6 +24,8 @@ ssize_t Msg_Rsv(i32 qid, long type, void* record, std::size_t size);
 /// Sends the record and waits for a message of this type, which replaces it. As Msg_Rsv, or a failed send's
 /// -1.
 ssize_t Msg_Send_Rsv(i32 qid, long type, void* record, std::size_t size);
+/// True while a message of this type waits in the queue, where it stays; one without payload is thrown away.
+bool Msg_Waits(i32 qid, long type);
 /// Removes the queue. Always 0.
 i32 Msg_Kill(i32 qid);
 

@@ -1,7 +1,11 @@
 #include "ipc/sys_msg_drv.h"
 
+#include <sys/msg.h>
+
+#include <chrono>
 #include <cstdio>
 
+#include "common/word.h"
 #include "ipc/msg_records.h"
 #include "ipc/msg_util.h"
 #include "ipc/sem_util.h"
@@ -16,10 +20,15 @@ constexpr i32 kClosedProcess = 1;
 constexpr u32 kLastCommand = 63;
 constexpr std::size_t kRecordSize = kMsgTypeSize + kSysMsgPayload;
 
+using Clock = std::chrono::steady_clock;
+constexpr std::chrono::seconds kAnswerLimit{5};
+
 struct Driver {
   i32 process = kClosedProcess;
   i32 queue = -1;
   SemHandle lock = nullptr;
+  u32 transactions = 0;  // under the lock
+  Word unanswered;       // the number of the transaction that is going on, 0: none
 };
 Driver driver;
 
@@ -28,6 +37,13 @@ i32 fail_init(const char* message) {
   driver.process = kClosedProcess;
   std::fputs(message, stderr);
   return -1;
+}
+
+ssize_t transact(SysMsgBuf& record) {
+  driver.unanswered = static_cast<i32>(++driver.transactions);
+  const ssize_t result = Msg_Transact(driver.queue, driver.process, &record, kRecordSize);
+  driver.unanswered = 0;
+  return result;
 }
 
 // Brings the answer's bytes from the slot, as far as the caller has room.
@@ -73,7 +89,23 @@ i32 TransmitMsg2Sys(void* buffer, i32 length, i32* reply_length, i32 cmd) {
   SemGuard guard(driver.lock);
   if (guard.given_up()) return -1;
   ShareMemWrite(offset, buffer, length);
-  if (Msg_Transact(driver.queue, driver.process, &record, kRecordSize) < 0) return -1;
+  if (transact(record) < 0) return -1;
   if (reply_length && record.length >= 0) take_reply(offset, buffer, record.length, *reply_length);
   return record.length;
+}
+
+void EndOverdueSysMsg() {
+  static i32 watched = 0;
+  static Clock::time_point since;
+  const i32 transaction = driver.unanswered;
+  if (transaction == 0) return;
+  const auto now = Clock::now();
+  if (transaction != watched || Msg_Waits(driver.queue, kServerMsgType)) {
+    watched = transaction;
+    since = now;
+  } else if (now - since > kAnswerLimit) {
+    since = now;
+    const SysMsgBuf failure{driver.process, 0, driver.process, -1, 0};
+    msgsnd(driver.queue, &failure, kSysMsgPayload, IPC_NOWAIT);
+  }
 }

@@ -21,3 +21,8 @@ i32 SendMsg2Sys(i32 cmd, void* buffer, i32 length, i32* reply_length);
 /// it failed), or -1 when sending or receiving failed. Deliberate: a body that is too long for the slot is
 /// announced all the same, and not written.
 i32 TransmitMsg2Sys(void* buffer, i32 length, i32* reply_length, i32 cmd);
+
+/// Lets a transaction of another thread fail (-1) whose request the server has taken, but not answered for
+/// 5 s: its host has given up by then too. A request that the server has not taken waits without limit. For
+/// one thread, to be called again and again; never waits.
+void EndOverdueSysMsg();

@@ -4,6 +4,9 @@
 #include <sys/shm.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -175,6 +178,42 @@ TEST_F(CameraTest, SigtermWithADeadServerAndAFullQueue) {
   server->set_fault(sim::ServerFault::kDead);
   for (int i = 0; i < 200 && host.start(kMjpeg); i++) host.stop("");
   EXPECT_THAT(host.error(), testing::Not("")) << "the queue should have filled up";
+  expect_clean_end();
+}
+
+TEST_F(CameraTest, AServerWithoutAnswersDelaysTheControlsButNotTheVideo) {
+  start_and_plug_in();
+  ASSERT_TRUE(host.start(kMjpeg) && picture_comes());
+  const u16 processing_unit = 2 << 8, brightness = 2 << 8;
+  const auto server_received = [this](const std::string& line) {
+    const auto lines = server->received();
+    return std::ranges::any_of(lines, [&](const std::string& each) { return each.starts_with(line); });
+  };
+  u8 value = 0;
+  for (const auto fault :
+       {sim::ServerFault::kDead, sim::ServerFault::kMute, sim::ServerFault::kMisdirected}) {
+    SCOPED_TRACE(static_cast<int>(fault));
+    server->set_fault(fault);
+    std::atomic<bool> answered = false;
+    std::thread waiting([&] {
+      const auto reading = node.control({0xA1, 0x81, brightness, processing_unit, 2}, {}, 30s);
+      EXPECT_EQ(reading.data.size(), 2u);
+      answered = true;
+    });
+    const unsigned long before = host.progress().report.frames;
+    std::this_thread::sleep_for(2s);
+    EXPECT_GE(host.progress().report.frames, before + 54);
+    EXPECT_FALSE(answered);
+    std::this_thread::sleep_for(4s);  // past the limit for an answer to what the server has taken
+    EXPECT_EQ(answered, fault != sim::ServerFault::kDead);
+    server->set_fault(sim::ServerFault::kNone);
+    waiting.join();
+    const std::array<u8, 2> setting = {++value, 0};
+    EXPECT_FALSE(node.control({0x21, 0x01, brightness, processing_unit, 2}, setting).stalled);
+    EXPECT_TRUE(wait_until(
+        [&] { return server_received("sys 39 81 01 04 A4 00 00 00 0" + std::to_string(value) + " FF"); }));
+  }
+  EXPECT_EQ(host.stop("").report.lost, 0u);
   expect_clean_end();
 }
 
