@@ -3,19 +3,15 @@
 // side.
 #include <benchmark/benchmark.h>
 #include <pthread.h>
-#include <sched.h>
-#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
-#include <sys/prctl.h>
 #include <sys/shm.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 
+#include "bench/echo.h"
 #include "bench/medians.h"
 #include "ipc/VeltoDrvMsg.h"
 #include "ipc/msg_records.h"
@@ -31,17 +27,6 @@ constexpr std::size_t kBody = 9;  // a camera-control frame
 
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 int velto_queue, sys_queue, sys_segment;
-
-template <typename Record, std::size_t kPayload>
-[[noreturn]] void echo(int queue) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  Record record;
-  while (msgrcv(queue, &record, kPayload, kServerMsgType, 0) >= 0) {
-    record.dest = record.src;
-    msgsnd(queue, &record, kPayload, 0);
-  }
-  _exit(0);
-}
 
 // The calls of one transaction under the lock; `before` and `after` stand for the bodies' way.
 template <typename Record, std::size_t kPayload, typename Before, typename After>
@@ -112,13 +97,6 @@ BENCHMARK(velto)->UseManualTime();
 BENCHMARK(bare_sys)->UseManualTime();
 BENCHMARK(sys_message)->UseManualTime();
 
-void stay_on_this_core() {
-  cpu_set_t core;
-  CPU_ZERO(&core);
-  CPU_SET(sched_getcpu(), &core);
-  if (sched_setaffinity(0, sizeof core, &core) < 0) std::perror("ipc_bench: sched_setaffinity");
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -128,8 +106,8 @@ int main(int argc, char** argv) {
   velto_queue = msgget(sim::run_key(kVeltoMsgKey), 0);
   sys_queue = msgget(sim::run_key(kSysMsgKey), 0);
   sys_segment = shmget(sim::run_key(kSysMsgKey), 0, 0);
-  if (fork() == 0) echo<VeltoMsgBuf, kVeltoMsgPayload>(velto_queue);
-  if (fork() == 0) echo<SysMsgBuf, kSysMsgPayload>(sys_queue);
+  start_echo<VeltoMsgBuf, kVeltoMsgPayload>(velto_queue);
+  start_echo<SysMsgBuf, kSysMsgPayload>(sys_queue);
 
   Medians ns = run_benchmarks(argc, argv);
   std::printf("server transaction: %.3f of bare lock, drain, msgsnd, msgrcv (aim: at most 1.05)\n",

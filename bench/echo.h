@@ -1,0 +1,33 @@
+// A system server in a process of its own that sends every request back as it came, and the one core that it
+// shares with the benchmark, so that every message costs one switch to the other side.
+#pragma once
+
+#include <sched.h>
+#include <signal.h>
+#include <sys/msg.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "ipc/msg_records.h"
+
+/// Ends with the caller. Before any thread is started.
+template <typename Record, std::size_t kPayload>
+void start_echo(int queue) {
+  if (fork() != 0) return;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  Record record;
+  while (msgrcv(queue, &record, kPayload, kServerMsgType, 0) >= 0) {
+    record.dest = record.src;
+    msgsnd(queue, &record, kPayload, 0);
+  }
+  _exit(0);
+}
+
+inline void stay_on_this_core() {
+  cpu_set_t core;
+  CPU_ZERO(&core);
+  CPU_SET(sched_getcpu(), &core);
+  if (sched_setaffinity(0, sizeof core, &core) < 0) std::perror("sched_setaffinity");
+}
