@@ -154,6 +154,12 @@ bool NodeHost::settle(milliseconds limit) {
 }
 
 bool NodeHost::stream_on(milliseconds limit) {
+  {
+    NodeState& state = node_state();
+    const NodeLock lock(state.mutex);
+    state.starting = true;
+    state.endpoint_off = false;
+  }
   return set_interface(UVC_EVENT_STREAMON, &NodeState::stream_on_calls, limit);
 }
 
@@ -166,7 +172,7 @@ bool NodeHost::take_frame(std::vector<u8>& frame, milliseconds limit) {
   u64 order = 0;
   u32 offset = 0, length = 0;
   const auto begin_transfer = [&](NodeState& state) {
-    if (!state.streaming || state.cut_off) return false;
+    if (!state.streaming || state.cut_off || state.endpoint_off) return false;
     buffer = oldest_buffer(state, BufferState::kQueued);
     if (!buffer) return false;
     change_buffer(state, *buffer, BufferState::kInTransfer);

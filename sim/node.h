@@ -43,7 +43,8 @@ class NodeHost {
   /// Waits until the service has served every event and calls VIDIOC_DQEVENT for the next; false when the
   /// limit passed. True as well when nobody has the node open.
   bool settle(std::chrono::milliseconds limit);
-  /// SET_INTERFACE 1 or 0: the event, then a wait for a successful VIDIOC_STREAMON or VIDIOC_STREAMOFF.
+  /// SET_INTERFACE 1 or 0: the event, then a wait for a successful VIDIOC_STREAMON or VIDIOC_STREAMOFF. A
+  /// VIDIOC_STREAMOFF that comes while SET_INTERFACE 1 waits leaves the endpoint off: no frame arrives.
   bool stream_on(std::chrono::milliseconds limit = std::chrono::seconds(5));
   bool stream_off(std::chrono::milliseconds limit = std::chrono::seconds(5));
 

@@ -139,6 +139,7 @@ i32 stream_on(Call& call, const i32& type) {
     return EINVAL;
   }
   state.streaming = true;
+  state.starting = false;
   ++state.stream_on_calls;
   return 0;
 }
@@ -146,6 +147,7 @@ i32 stream_on(Call& call, const i32& type) {
 i32 stream_off(Call& call, const i32& type) {
   if (type != static_cast<i32>(kOutput)) return EINVAL;
   stop_stream(call.state);
+  call.state.endpoint_off = call.state.endpoint_off || call.state.starting;
   ++call.state.stream_off_calls;
   return 0;
 }

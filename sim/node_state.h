@@ -96,6 +96,8 @@ struct NodeState {
   u64 order;
   bool streaming;
   bool cut_off;         ///< the host vanished while streaming; until VIDIOC_STREAMOFF
+  bool starting;        ///< SET_INTERFACE 1 waits for VIDIOC_STREAMON
+  bool endpoint_off;    ///< a VIDIOC_STREAMOFF came meanwhile; until the next SET_INTERFACE 1
   u32 stream_on_calls;  ///< successful ones
   u32 stream_off_calls;
   u32 crashes;  ///< calls that would have crashed a kernel

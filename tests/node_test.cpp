@@ -207,6 +207,22 @@ TEST_F(Node, SetInterfaceWaitsForTheService) {
   EXPECT_TRUE(host.stream_off());
 }
 
+TEST_F(Node, AStopWhileTheHostStartsLeavesTheEndpointOff) {
+  bool late_stop = true;
+  ASSERT_TRUE(start());
+  const Answering service(gadget, [&](const v4l2_event& event) {
+    if (event.type == UVC_EVENT_STREAMON && late_stop) gadget.stream(VIDIOC_STREAMOFF);
+    if (event.type == UVC_EVENT_STREAMON) gadget.queue(0, 2), gadget.stream(VIDIOC_STREAMON);
+    if (event.type == UVC_EVENT_STREAMOFF) gadget.stream(VIDIOC_STREAMOFF);
+  });
+  EXPECT_TRUE(host.stream_on());
+  EXPECT_FALSE(take());
+  EXPECT_TRUE(host.stream_off());
+  late_stop = false;
+  EXPECT_TRUE(host.stream_on());
+  EXPECT_TRUE(take());
+}
+
 TEST_F(Node, ADisconnectCutsTheStreamOff) {
   ASSERT_TRUE(start());
   EXPECT_EQ(gadget.queue(0, 2), 0);

@@ -48,13 +48,28 @@ static void pause_between_polls(UvcEventLoop& loop) {
   sys::usleep(kPause);
 }
 
-static void on_connect(UvcEventLoop&, const v4l2_event&) {
+static i32 end_stream(const UvcEventLoop& loop) {
+  const std::lock_guard lock(stream_end_lock);
+  uvc_stream_state.stream_on = 0;
+  return buffer_type_ioctl(loop, VIDIOC_STREAMOFF);
+}
+
+// A node that a DISCONNECT left streaming must be stopped before the host selects the streaming interface
+// again: current kernels crash when it is started without, and switch the new stream's endpoint off when it
+// comes later.
+static void stop_left_stream(UvcEventLoop& loop) {
+  if (!loop.left_streaming) return;
+  loop.left_streaming = end_stream(loop) < 0;
+}
+
+static void on_connect(UvcEventLoop& loop, const v4l2_event&) {
   PRINT_INFO("UVC_EVENT_CONN\n");
+  stop_left_stream(loop);
   uvc_stream_state.connected = 1;
   uvc_stream_state.stream_stopped = 0;
 }
 
-// Deliberate: the node is not told here that the stream has ended, see on_stream_on.
+// Deliberate: the node is not told here that the stream has ended, see stop_left_stream.
 static void on_disconnect(UvcEventLoop& loop, const v4l2_event&) {
   PRINT_INFO("UVC_EVENT_DISCONN\n");
   if (u32* word = usb_disconnect_word.load()) std::atomic_ref<u32>(*word).store(1);
@@ -63,19 +78,6 @@ static void on_disconnect(UvcEventLoop& loop, const v4l2_event&) {
   if (!uvc_stream_state.stream_on) return;
   uvc_stream_state.stream_on = 0;
   loop.left_streaming = true;
-}
-
-static i32 end_stream(const UvcEventLoop& loop) {
-  const std::lock_guard lock(stream_end_lock);
-  uvc_stream_state.stream_on = 0;
-  return buffer_type_ioctl(loop, VIDIOC_STREAMOFF);
-}
-
-// A node that a DISCONNECT left streaming must be stopped before it is started: current kernels crash
-// otherwise.
-static void stop_left_stream(UvcEventLoop& loop) {
-  if (!loop.left_streaming) return;
-  loop.left_streaming = end_stream(loop) < 0;
 }
 
 static void on_stream_on(UvcEventLoop& loop, const v4l2_event&) {
