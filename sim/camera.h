@@ -1,15 +1,12 @@
 // The simulated camera around a service: everything but the service itself.
 #pragma once
 
-#include "sim/camera_head.h"
-#include "sim/collector.h"
 #include "sim/conversation.h"
 #include "sim/fault_script.h"
-#include "sim/media.h"
 #include "sim/node.h"
 #include "sim/options.h"
+#include "sim/parties.h"
 #include "sim/run.h"
-#include "sim/server.h"
 #include "sim/usb_host.h"
 
 namespace sim {
@@ -19,10 +16,7 @@ struct Camera {
   explicit Camera(const Options& options);
 
   Run run;
-  CameraHead head;
-  Media media;
-  Server server;
-  Collector collector;
+  Parties parties;
   NodeHost node;
   Conversation conversation;
   UsbHost host;

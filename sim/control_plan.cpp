@@ -65,10 +65,11 @@ StepOutcome take(Session& session, const ControlStep& step) {
   Camera& camera = session.camera();
   const auto before = camera.host.picture(session.picture_path(step.name + std::string(" before")));
   if (!before) return {.error = "no picture before"};
-  const std::size_t from = camera.server.received().size();
+  const std::size_t from = camera.parties.server.received().size();
   if (!set_all(session, step)) return {.error = "refused by the camera"};
-  StepOutcome outcome{.frames = visca_frames(camera.server.received(from))};
-  if (!session.wait(kRestLimit, [&] { return !camera.head.moving(); })) outcome.error = "still moving";
+  StepOutcome outcome{.frames = visca_frames(camera.parties.server.received(from))};
+  if (!session.wait(kRestLimit, [&] { return !camera.parties.head.moving(); }))
+    outcome.error = "still moving";
   const auto after = camera.host.picture(session.picture_path(step.name + std::string(" after")));
   if (!after) outcome.error = "no picture after";
   if (outcome.error.empty()) outcome.values = step.measure->of(*before, *after);

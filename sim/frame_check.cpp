@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "sim/frame_counter.h"
-#include "sim/media.h"
+#include "sim/made_frames.h"
 #include "sim/wait_on.h"
 
 namespace sim {
@@ -26,7 +26,7 @@ static AVCodecID codec_id(StreamFormat format) {
 }
 
 struct FrameChecker::Impl {
-  Impl(StreamFormat stream_format, u32 stream_width, u32 stream_height);
+  Impl(StreamFormat stream_format, u32 stream_width, u32 stream_height, i64 stream_start);
   bool decode(std::span<const u8> payload);
   std::optional<u32> whole_counter(std::span<const u8> payload, u32 checksum);
   void classify(u32 counter, std::size_t size, i64 now);
@@ -34,7 +34,7 @@ struct FrameChecker::Impl {
 
   const StreamFormat format;
   const u32 width, height;
-  const i64 start = monotonic_ns();
+  const i64 start;
   AvPtr<AVCodecContext> decoder;
   AvPtr<AVPacket> packet{av_packet_alloc()};
   AvPtr<AVFrame> picture{av_frame_alloc()};
@@ -46,8 +46,8 @@ struct FrameChecker::Impl {
   StreamReport report;
 };
 
-FrameChecker::Impl::Impl(StreamFormat stream_format, u32 stream_width, u32 stream_height)
-    : format(stream_format), width(stream_width), height(stream_height) {
+FrameChecker::Impl::Impl(StreamFormat stream_format, u32 stream_width, u32 stream_height, i64 stream_start)
+    : format(stream_format), width(stream_width), height(stream_height), start(stream_start) {
   const AVCodec* codec = avcodec_find_decoder(codec_id(format));
   decoder.reset(avcodec_alloc_context3(codec));
   decoder->thread_count = 1;
@@ -86,7 +86,7 @@ std::optional<u32> FrameChecker::Impl::whole_counter(std::span<const u8> payload
 }
 
 void FrameChecker::Impl::note_latency(u32 counter, i64 now) {
-  const i64 made = Media::scene_time(counter);
+  const i64 made = scene_time(counter);
   if (made == 0) return;
   const double latency_ms = static_cast<double>(now - made) / kMillisecond;
   latency_sum_ms += latency_ms;
@@ -100,7 +100,7 @@ void FrameChecker::Impl::classify(u32 counter, std::size_t size, i64 now) {
     ++report.repeated;
     return;
   }
-  const i64 made = Media::scene_time(counter);
+  const i64 made = scene_time(counter);
   const bool from_before = !last && made != 0 && made < start - kOldestFirstFrame;
   if (step < 0 || from_before) ++report.stale;
   if (step < 0) return;
@@ -114,9 +114,9 @@ void FrameChecker::Impl::classify(u32 counter, std::size_t size, i64 now) {
   last_whole->pts = made;
 }
 
-FrameChecker::FrameChecker(StreamFormat format, u32 width, u32 height) {
+FrameChecker::FrameChecker(StreamFormat format, u32 width, u32 height, i64 start) {
   av_log_set_level(AV_LOG_QUIET);
-  impl_ = std::make_unique<Impl>(format, width, height);
+  impl_ = std::make_unique<Impl>(format, width, height, start ? start : monotonic_ns());
 }
 
 FrameChecker::~FrameChecker() = default;

@@ -30,7 +30,8 @@ struct StreamReport {
 
 class FrameChecker {
  public:
-  FrameChecker(StreamFormat format, u32 width, u32 height);
+  /// `start` of the stream: CLOCK_MONOTONIC in nanoseconds, 0: now.
+  FrameChecker(StreamFormat format, u32 width, u32 height, i64 start = 0);
   ~FrameChecker();
 
   /// One payload as it came off the bus. Not copied. `arrived`: CLOCK_MONOTONIC in nanoseconds, 0: now.

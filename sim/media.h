@@ -5,8 +5,6 @@
 
 #include <functional>
 #include <memory>
-#include <optional>
-#include <span>
 #include <string>
 
 #include "ipc/velto_commands.h"
@@ -15,11 +13,12 @@
 namespace sim {
 
 struct MediaOptions {
-  std::string source;    ///< a video or picture file that libavformat reads; empty: the test card
-  bool yuv422 = false;   ///< VPSS pictures as semi-planar 4:2:2 instead of 4:2:0
-  u32 extra_stride = 0;  ///< bytes by which both strides exceed the width (odd values welcome)
+  std::string source = {};  ///< a video or picture file that libavformat reads; empty: the test card
+  bool yuv422 = false;      ///< VPSS pictures as semi-planar 4:2:2 instead of 4:2:0
+  u32 extra_stride = 0;     ///< bytes by which both strides exceed the width (odd values welcome)
   /// Asked before every picture, from the media thread; null: straight ahead.
   std::function<CameraView()> view = {};
+  std::string lent_encoder = {};  ///< memory of an encoder that another machine lends; empty: encodes itself
 };
 
 /// Faults of the media process, changeable while it runs.
@@ -41,8 +40,6 @@ class Media {
   void apply(const EncoderSettingsMessage& message);
   void set_fault(EncoderFault fault);
 
-  /// Monotonic time in nanoseconds at which the scene with this counter was made; 0 when unknown.
-  static i64 scene_time(u32 counter);
   /// Physical address and size of the AV memory pool that the server hands out.
   static u32 pool_address();
   static u32 pool_size();
@@ -57,10 +54,5 @@ class Media {
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
-
-/// Checksum of the payload that shows this counter (an encoded frame, or the YUY2 picture that the service is
-/// to make), when this process made it lately.
-std::optional<u32> expected_checksum(u32 counter);
-u32 payload_checksum(std::span<const u8> payload);
 
 }  // namespace sim

@@ -78,7 +78,7 @@ Choices fault_choices(Words words) {
 }
 
 Complaint look(Prompt& prompt, Words) {
-  const CameraHead& head = prompt.session.camera().head;
+  const CameraHead& head = prompt.session.camera().parties.head;
   const CameraView view = head.view();
   const PictureSettings& settings = view.settings;
   std::printf("pan %.1f tilt %.1f degrees, zoom %.2f (lens at %d of %d)%s\n", view.pan, view.tilt, view.zoom,
@@ -93,7 +93,7 @@ Complaint look(Prompt& prompt, Words) {
 }
 
 Complaint server(Prompt& prompt, Words) {
-  const auto lines = prompt.session.camera().server.received(prompt.server_lines);
+  const auto lines = prompt.session.camera().parties.server.received(prompt.server_lines);
   for (const std::string& line : lines) std::printf("%s\n", line.c_str());
   prompt.server_lines += lines.size();
   return "";

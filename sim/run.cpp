@@ -42,6 +42,8 @@ constexpr bool different(std::initializer_list<key_t> keys) {
 }
 static_assert(different({0x5678, 12930021, 152421, 14073, 0x012345AB}));
 
+constexpr pid_t kWholeMachine = 0;  ///< the number of no run
+
 struct Current {
   std::string root;
   pid_t number;
@@ -200,12 +202,15 @@ std::string Run::i2c_log() const { return read_file(kI2cLog); }
 u32 Run::register_value(u32 addr) const { return access_register(addr, nullptr); }
 void Run::set_register(u32 addr, u32 value) const { access_register(addr, &value); }
 
+void use_whole_machine() { own_run = new Current{"", kWholeMachine}; }
+
 key_t run_key(key_t key) {
-  if (key == IPC_PRIVATE) return key;
+  if (key == IPC_PRIVATE || current().number == kWholeMachine) return key;
   return static_cast<key_t>(static_cast<u32>(current().number) << 9 | static_cast<u32>(key) % kKeys);
 }
 
 std::string run_semaphore(std::string_view name) {
+  if (current().number == kWholeMachine) return std::string(name);
   return std::string(name) + '.' + std::to_string(current().number);
 }
 

@@ -40,6 +40,10 @@ class Run {
   std::string i2c_log() const;
 };
 
+/// Makes the machine itself the current run: keys, names and paths stay the camera's. For programs on a
+/// machine that is the camera's own, such as a guest.
+void use_whole_machine();
+
 /// What a System V key or a semaphore name of the camera becomes in the current run. Keys that are equal
 /// modulo 509 meet; the camera's five are not.
 key_t run_key(key_t key);

@@ -90,14 +90,14 @@ void Session::end_service() {
 }
 
 void Session::print_counts() {
-  const Collector::Counts log = camera_.collector.counts();
-  const Media::Counts media = camera_.media.counts();
+  const Collector::Counts log = camera_.parties.collector.counts();
+  const Media::Counts media = camera_.parties.media.counts();
   std::printf(
       "log: %lu lines, %lu malformed, %lu dropped by the service; server: %zu requests, %lu refused; "
       "media: %lu pictures, %lu encoded, %lu dropped\n",
-      log.lines, log.malformed, service_.dropped_log_lines(), camera_.server.received().size(),
-      camera_.server.refused(), media.pictures, media.encoded, media.dropped);
-  write_lines(options_.out + "/server.log", camera_.server.received());
+      log.lines, log.malformed, service_.dropped_log_lines(), camera_.parties.server.received().size(),
+      camera_.parties.server.refused(), media.pictures, media.encoded, media.dropped);
+  write_lines(options_.out + "/server.log", camera_.parties.server.received());
   const auto exchanges = camera_.conversation.exchanges();
   std::vector<std::string> lines;
   std::ranges::transform(exchanges, std::back_inserter(lines), describe);
