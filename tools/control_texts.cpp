@@ -36,7 +36,7 @@ static const ControlText kControls[] = {
 std::span<const ControlText> control_texts() { return kControls; }
 
 static constexpr LinuxText kLinux[] = {
-    {"auto_exposure", "(menu) one entry, 1: Manual Mode; see the oddities"},
+    {"auto_exposure", "(menu) 1: Manual Mode; see the oddities"},
     {"power_line_frequency", "(menu) 0: Disabled, 1: 50 Hz, 2: 60 Hz"},
     {"white_balance_automatic", "(bool) default 1"},
     {"roll_absolute", nullptr},

@@ -1,0 +1,109 @@
+# Sourced by every part: the camera around the service, the service itself, and a row of the table for every check.
+# Needs $build and $bed, the project's folders as the guest sees them.
+out=/out
+
+now() {
+  local up
+  read -r up _ </proc/uptime
+  echo "$up"
+}
+
+# check NAME COMMAND...: held if the command succeeds; the last line that it prints goes into the table.
+check() {
+  local name=$1 begin verdict=held
+  shift
+  begin=$(now)
+  "$@" >/tmp/said 2>&1 || verdict=FAILED
+  row "$name" "$begin" "$verdict" "$(tail -n 1 /tmp/said)"
+  { echo "== $name: $verdict"; cat /tmp/said; } >>$out/checks.txt
+}
+
+# row NAME BEGIN VERDICT DETAIL
+row() { printf '%s\t%.1f\t%s\t%s\n' "$1" "$(bc_minus "$(now)" "$2")" "$3" "$4" >>$out/rows; }
+bc_minus() { awk "BEGIN { print $1 - $2 }"; }
+
+# wait_until SECONDS COMMAND...
+wait_until() {
+  local end=$((SECONDS + $1))
+  shift
+  until "$@" >/dev/null 2>&1; do
+    [ $SECONDS -lt $end ] || { echo "not within the limit: $*"; return 1; }
+    sleep 0.1
+  done
+}
+
+# The host's capture node; nothing while there is none.
+node() {
+  local device
+  for device in /sys/class/video4linux/*; do
+    [[ $(readlink "$device/device/driver") == */uvcvideo && $(<"$device/index") == 0 ]] || continue
+    echo "/dev/${device##*/}"
+    return
+  done
+  return 1
+}
+node_answers() { v4l2-ctl -d "$(node || echo none)" --get-input; }
+node_gone() { ! node; }
+
+# The encoder that the PC lends: memory of a device on the guest's PCI bus.
+lent_encoder() {
+  local device
+  for device in /sys/bus/pci/devices/*; do
+    [[ $(<"$device/vendor") == 0x1af4 && $(<"$device/device") == 0x1110 ]] || continue
+    echo 1 >"$device/enable"
+    echo "$device/resource2"
+  done
+}
+
+# Server, media process and log collector; faults go into their standard input. Their logs lie in a folder of each start.
+starts=0
+start_parties() {
+  logs=$out/camera.$((++starts))
+  mkdir -p $logs
+  [ -p /tmp/faults ] || mkfifo /tmp/faults
+  "$build/camera_parties" $logs "$(lent_encoder)" <>/tmp/faults 2>>$out/errors.txt &
+  parties=$!
+  wait_until 10 test -e $logs/ready
+}
+stop_parties() { kill "-$1" "$parties" && { wait "$parties" || true; }; }
+fault() { echo "$*" >/tmp/faults; }
+
+start_service() {
+  "$build/uvc_gadget" >>$out/service.txt 2>&1 &
+  service=$!
+  wait_until 20 node_answers
+}
+# What the service's exit status was, and after which time.
+end_service() {
+  local begin status=0
+  begin=$(now)
+  kill "-${1:-TERM}" "$service"
+  wait "$service" || status=$?
+  echo "exit status $status after $(bc_minus "$(now)" "$begin") s"
+  return $status
+}
+start_camera() {
+  mkdir -p /opt/params /opt/base /opt/vcam/www/config
+  start_parties && start_service
+}
+
+# The cable is the port's power on the emulated hub.
+cable() { echo "$1" >/sys/bus/usb/devices/1-0:1.0/usb1-port1/disable; }
+unplug() { cable 1; }
+replug() { cable 0 && wait_until 20 node_answers; }
+
+# capture FOURCC SIZE FRAMES FILE LOG: with v4l2-ctl, into the guest's memory first, since the shared folder is slow.
+# Three more than FRAMES are taken: the first payloads of a stream are empty.
+capture() {
+  timeout 120 v4l2-ctl -d "$(node)" --verbose --set-fmt-video="width=${2%x*},height=${2#*x},pixelformat=$1" \
+    --stream-mmap=8 --stream-count=$(($3 + 3)) --stream-to-hdr="$4" >"$5" 2>&1
+}
+
+# stream NAME FOURCC SIZE FRAMES: a capture that the PC judges afterwards, who fills in the row.
+stream() {
+  local file=$out/${1// /-} begin status=0
+  begin=$(now)
+  capture "$2" "$3" "$4" /tmp/capture "$file.txt" || status=$?
+  row "$1" "$begin" capture "$2 $3 $4 $status ${logs##*/}"
+  mv /tmp/capture "$file.capture"
+}

@@ -1,0 +1,109 @@
+# Sourced by every part: the checks that parts are made of. Each prints what it saw last.
+
+listed_formats() {
+  v4l2-ctl -d "$(node)" --list-formats-ext |
+    sed -nE "s/^\s*\[[0-9]+\]: '(....)'.*/format \1/p; s/^\s*Size: Discrete ([0-9]+x[0-9]+)$/size \1/p" |
+    while read -r kind what; do
+      if [ "$kind" = format ]; then format=$what; else echo "$format $what"; fi
+    done
+}
+formats_and_sizes() {
+  diff <("$build/capture_check" formats) <(listed_formats) || return
+  echo "$(listed_formats | cut -d' ' -f1 | sort -u | wc -l) formats, $(listed_formats | wc -l) frame sizes"
+}
+
+# whole FOURCC SIZE FRAMES: a short stream, judged at once.
+whole() {
+  capture "$@" /tmp/capture /tmp/capture.txt || { tail -n 3 /tmp/capture.txt; return 1; }
+  "$build/capture_check" "$@" /tmp/capture /tmp/capture.txt $logs/made.log /tmp/capture.raw
+}
+
+# A host program that streams until it is stopped or the device goes.
+begin_stream() {
+  v4l2-ctl -d "$(node)" --verbose --set-fmt-video="width=${2%x*},height=${2#*x},pixelformat=$1" \
+    --stream-mmap --stream-count=0 --stream-to=/dev/null >/tmp/stream.txt 2>&1 &
+  stream=$!
+  wait_until 10 frames_flow
+}
+frames_flow() { [ "$(grep -c 'cap dqbuf' /tmp/stream.txt)" -gt 15 ]; }
+end_stream() {
+  kill $stream 2>/dev/null
+  wait $stream || true
+}
+
+formats="MJPG:1280x720 YUYV:640x480 H264:1920x1080 HEVC:1280x720 MJPG:320x240 YUYV:320x240 H264:640x480"
+
+# cycles COUNT: open, stream, close, with another format every time.
+cycles() {
+  local count=$1 i=0 choice
+  local choices
+  read -ra choices <<<"$formats"
+  for ((i = 0; i < count; i++)); do
+    choice=${choices[i % ${#choices[@]}]}
+    whole "${choice%:*}" "${choice#*:}" 8 || { echo "cycle $i, $choice: $(tail -n 1 /tmp/said)"; return 1; }
+  done
+  echo "$count streams whole, 8 frames and more each"
+}
+
+# replugs COUNT: the cable pulled while streaming and put back; the next stream is whole.
+replugs() {
+  local count=$1 i
+  for ((i = 0; i < count; i++)); do
+    begin_stream MJPG 1280x720 || return
+    unplug
+    wait $stream || true
+    wait_until 5 node_gone && replug && whole MJPG 1280x720 8 || { echo "replug $i: $(tail -n 1 /tmp/said)"; return 1; }
+  done
+  echo "$count times, the next stream whole each time"
+}
+
+stop_while_streaming() {
+  begin_stream MJPG 1280x720 || return
+  end_service TERM || return
+  end_stream
+  tail -n 1 /tmp/said >/tmp/end
+  start_service && whole MJPG 1280x720 8 && echo "$(cat /tmp/end); whole after a restart"
+}
+
+kill_while_streaming() {
+  begin_stream H264 1920x1080 || return
+  end_service KILL
+  end_stream
+  start_service && whole H264 1920x1080 8 && echo "whole after a restart"
+}
+
+# A server that takes no messages for a while, then one that died and is started again.
+server_rests() {
+  fault "server dead for 3s"
+  whole YUYV 320x240 30 || return
+  sleep 3
+  whole MJPG 1280x720 30
+}
+server_restarts() {
+  begin_stream MJPG 1280x720 || return
+  stop_parties KILL
+  start_parties || return
+  end_stream
+  whole MJPG 1280x720 30
+}
+
+# While one program streams, another asks and sets a control, but gets no stream; a third looks at the gadget's own node.
+second_client() {
+  local first
+  rm -f /tmp/capture.txt
+  capture MJPG 1280x720 150 /tmp/capture /tmp/capture.txt &
+  first=$!
+  wait_until 10 grep -q 'cap dqbuf' /tmp/capture.txt || return
+  v4l2-ctl -d "$(node)" --set-ctrl=brightness=3 --get-ctrl=brightness || return
+  v4l2-ctl -d "$(node)" --stream-mmap --stream-count=1 >/tmp/second.txt 2>&1 || true
+  grep busy /tmp/second.txt || { cat /tmp/second.txt; return 1; }
+  v4l2-ctl -d /dev/video0 --get-fmt-video-out || return
+  wait $first || return
+  "$build/capture_check" MJPG 1280x720 150 /tmp/capture /tmp/capture.txt $logs/made.log /tmp/capture.raw
+}
+
+runtime_suspended() { [ "$(<"/sys/bus/usb/devices/1-1/power/runtime_status")" = suspended ]; }
+host_suspends_device() {
+  wait_until 15 runtime_suspended || return
+  whole MJPG 1280x720 8 && echo "suspended when idle; the next stream is whole"
+}
