@@ -1,5 +1,7 @@
 # v4l2-compliance, streams included. What fails must be what docs/deliberate.md lists with its cause.
-listed_failures() { sed -nE '/^## Failures of v4l2-compliance/,/^## [^F]/ s/^\| `([^`]*)` \|.*/\1/p' "$bed/../../docs/deliberate.md"; }
+listed_failures() {
+  sed -nE '/^## Failures of v4l2-compliance/,/^## [^F]/ s/^\| `([^`]*)` \|.*/\1/p' "$bed/../../docs/deliberate.md"
+}
 failures() { sed -nE 's/^.*\btest (.*): FAIL$/\1/p' $out/v4l2-compliance.txt; }
 compliance() {
   v4l2-compliance -d "$(node)" -s >$out/v4l2-compliance.txt 2>&1

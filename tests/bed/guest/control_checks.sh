@@ -18,17 +18,19 @@ ranges_as_documented() {
 
 # VISCA frames that the server received since they were last asked for, as the page writes them; no inquiries.
 seen=0
-new_frames() { tail -n "+$((seen + 1))" $logs/server.log | sed -n 's/^sys 39 \(81 01 .*\) ->.*/\1/p' | paste -sd, | sed 's/,/, /g'; }
+new_frames() {
+  tail -n "+$((seen + 1))" $logs/server.log | sed -n 's/^sys 39 \(81 01 .*\) ->.*/\1/p' | paste -sd, | sed 's/,/, /g'
+}
 frames_are() { [ "$(new_frames)" = "$1" ]; }
 forget_frames() { seen=$(wc -l <$logs/server.log); }
 
 declare -A value_of
 # Linux offers these while the automatic white balance is off only.
 manual_white_balance="white_balance_temperature blue_balance"
-# set_controls NAME=VALUE[,NAME=VALUE]
+# set_controls NAME=VALUE[,NAME=VALUE] [NAME[,NAME]]: the names are read then, a line each.
 set_controls() {
   local each
-  v4l2-ctl -d "$(node)" --set-ctrl="$1" || return
+  v4l2-ctl -d "$(node)" --set-ctrl="$1" ${2:+--get-ctrl="$2"} || return
   for each in ${1//,/ }; do value_of[${each%=*}]=${each#*=}; done
 }
 read_controls() { v4l2-ctl -d "$(node)" --get-ctrl="$1"; }
@@ -39,9 +41,9 @@ set_and_read() {
   if [[ " $manual_white_balance " == *" ${1%%=*} "* ]]; then set_controls white_balance_automatic=0 || return; fi
   sleep 0.1
   forget_frames
-  set_controls "$1" || return
   names=$(sed 's/=[^,]*//g' <<<"$1")
-  diff <(tr ',' '\n' <<<"${1//=/: }") <(read_controls "$names" | sed 's/ (.*//') || return
+  set_controls "$1" "$names" >/tmp/read || return
+  diff <(tr ',' '\n' <<<"${1//=/: }") <(sed 's/ (.*//' /tmp/read) || return
   wait_until 2 frames_are "$2" || { echo "$1: expected $2, received $(new_frames)"; return 1; }
 }
 # The driver keeps what was set of the controls that it has read before, and reads the others: all are read first.
@@ -71,7 +73,8 @@ read_anew() {
       always*) expected=${reads#always } ;;
       *) expected=${value_of[$name]} ;;
     esac
-    [ "$(read_controls "$name" | sed 's/ (.*//')" = "$name: $expected" ] || { echo "$(read_controls "$name"), not $expected"; return 1; }
+    [ "$(read_controls "$name" | sed 's/ (.*//')" = "$name: $expected" ] ||
+      { echo "$(read_controls "$name"), not $expected"; return 1; }
     count=$((count + 1))
   done < <(documented shows)
   echo "$count controls"
@@ -79,25 +82,30 @@ read_anew() {
 
 # The driver reaches the selectors 1 to 28, which the descriptors tell.
 xu() { "$build/xu_query" "$(node)" 3 "$@"; }
-# The first number of an answer's bytes.
-number() { echo $((16#${1%% *})); }
+# unit_answers_at SELECTOR LENGTH MIN MAX RES DEF: the limits are the answers' first bytes, "-" is any.
+unit_answers_at() {
+  local selector=$1 length=$2 answers limit i
+  shift 2
+  mapfile -t answers < <(xu "$selector" len info min max res def)
+  [ "${answers[0]}" = "$(printf '%02x 00' "$length")" ] && [ "${answers[1]}" = 03 ] || return
+  for ((i = 2; i < 6; i++)); do
+    limit=$1
+    shift
+    [ "$limit" = - ] || [ "$((16#${answers[i]:0:2}))" = "$limit" ] || return
+  done
+}
 unit_answers() {
-  local selectors length all_limits limits selector query expected count=0
-  while IFS=$'\t' read -r selectors length all_limits; do
+  local selectors numbers selector count=0
+  while IFS=$'\t' read -r selectors numbers; do
     for selector in ${selectors//,/}; do
-      limits=$all_limits
       [[ $selector != 0 && $selector != *..* ]] || continue
-      [ "$(xu "$selector" len)" = "$(printf '%02x 00' "$length")" ] && [ "$(xu "$selector" info)" = 03 ] ||
-        { echo "selector $selector: $(xu "$selector" len), $(xu "$selector" info)"; return 1; }
-      for query in min max res def; do
-        expected=${limits%%$'\t'*} limits=${limits#*$'\t'}
-        [ "$expected" = - ] || [ "$(number "$(xu "$selector" $query)")" = "$expected" ] ||
-          { echo "selector $selector, $query: $(xu "$selector" $query), not $expected"; return 1; }
-        count=$((count + 1))
-      done
+      # shellcheck disable=SC2086
+      unit_answers_at "$selector" $numbers ||
+        { echo "selector $selector, not $numbers: $(xu "$selector" len info min max res def | xargs)"; return 1; }
+      count=$((count + 1))
     done
   done < <(documented unit)
-  echo "$count limits as documented"
+  echo "$count selectors: length, info and limits as documented"
 }
 
 # unit_reads SELECTOR BYTES
