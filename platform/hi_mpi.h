@@ -1,6 +1,6 @@
 // The few calls of the chip's media library (HI_MPI_*) that the service makes, and the picture record that
-// they share. On a PC the simulator's libmpi.so provides them. The vendor's library has the functions but a
-// picture record of its own, so the camera needs an adapter between the two.
+// they share. Without the vendor's library the simulator's stand-in provides them all. The vendor's has the
+// functions but a picture record of its own: hi_mpi_vendor.cpp stands between the two.
 #pragma once
 
 #include "common/bytes.h"
@@ -22,12 +22,15 @@ struct VpssPicture {
 };
 static_assert(sizeof(VpssPicture) == 32);
 
-extern "C" {
+// Not extern "C": beside the vendor's functions of the same names, which take another record, these are
+// overloads.
 
 /// Takes the next picture of a channel. timeout_ms -1 waits without limit. 0, or an error code.
 i32 HI_MPI_VPSS_GetChnFrame(i32 group, i32 channel, VpssPicture* picture, i32 timeout_ms);
 /// Gives back a picture that HI_MPI_VPSS_GetChnFrame took. 0, or an error code.
 i32 HI_MPI_VPSS_ReleaseChnFrame(i32 group, i32 channel, const VpssPicture* picture);
+
+extern "C" {
 
 /// Maps a physical range uncached, or with caching. Null on failure; a size of 0 is refused.
 void* HI_MPI_SYS_Mmap(u32 phys_addr, u32 size);

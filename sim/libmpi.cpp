@@ -71,8 +71,6 @@ void* map_physical(u32 phys_addr, u32 size) {
 
 }  // namespace
 
-extern "C" {
-
 i32 HI_MPI_VPSS_GetChnFrame(i32 group, i32 channel_number, VpssPicture* picture, i32 timeout_ms) {
   if (group != 0 || channel_number != 3) return code(kNoSuchChannel);
   if (!picture) return code(kNullPointer);
@@ -101,6 +99,8 @@ i32 HI_MPI_VPSS_ReleaseChnFrame(i32 group, i32 channel_number, const VpssPicture
   }
   return code(kBadHandle);
 }
+
+extern "C" {
 
 void* HI_MPI_SYS_Mmap(u32 phys_addr, u32 size) { return map_physical(phys_addr, size); }
 
