@@ -1,0 +1,164 @@
+// elog_cat: prints what the logger left in the collector's queue, for a camera whose collector is not
+// running. Plain C library calls only: it stays small beside the service.
+#include <getopt.h>
+#include <signal.h>
+#include <sys/msg.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "elog/elog_record.h"
+#include "platform/sys.h"
+
+namespace {
+
+constexpr char kHelp[] =
+    "Usage: elog_cat [OPTIONS]\n"
+    "Prints the camera's log lines as they come, until SIGINT or SIGTERM. It takes them off the log queue: "
+    "run\n"
+    "it where no log collector does.\n"
+    "\n"
+    "  -l LEVEL  lines up to this level only: assert, error, warn, info, debug or verbose (the default)\n"
+    "  -t TEXT   lines that contain TEXT only\n"
+    "  -e        end once the queue is empty\n"
+    "  -c        print no lines, but at the end how many there were of each level\n"
+    "  -h        print this text\n";
+
+struct Level {
+  const char* name;
+  char letter;
+  const char* colour;
+};
+constexpr Level kLevels[] = {
+    {"assert", 'A', "\033[1;35m"}, {"error", 'E', "\033[31m"}, {"warn", 'W', "\033[33m"},
+    {"info", 'I', "\033[36m"},     {"debug", 'D', "\033[32m"}, {"verbose", 'V', "\033[2m"},
+};
+constexpr int kLevelCount = sizeof(kLevels) / sizeof(kLevels[0]);
+constexpr char kPlain[] = "\033[0m";
+
+struct Options {
+  int level = kLevelCount - 1;
+  const char* text = "";
+  bool until_empty = false;
+  bool count_only = false;
+  bool colours = false;
+};
+
+struct Counts {
+  unsigned long of_level[kLevelCount];
+  unsigned long malformed;
+};
+
+constexpr useconds_t kPause = 50'000;
+
+volatile sig_atomic_t ended;
+
+int level_of(const char* name) {
+  for (int level = 0; level < kLevelCount; level++) {
+    if (std::strcmp(name, kLevels[level].name) == 0) return level;
+  }
+  std::fprintf(stderr, "elog_cat: unknown level %s; -h lists them\n", name);
+  std::exit(2);
+}
+
+Options options_of(int argc, char** argv) {
+  Options options;
+  for (int option; (option = getopt(argc, argv, "l:t:ech")) >= 0;) {
+    switch (option) {
+      case 'l':
+        options.level = level_of(optarg);
+        break;
+      case 't':
+        options.text = optarg;
+        break;
+      case 'e':
+        options.until_empty = true;
+        break;
+      case 'c':
+        options.count_only = true;
+        break;
+      case 'h':
+        std::exit(std::fputs(kHelp, stdout) < 0);
+      default:
+        std::exit(2);
+    }
+  }
+  if (optind != argc) {
+    std::fprintf(stderr, "elog_cat: unexpected argument %s; -h tells more\n", argv[optind]);
+    std::exit(2);
+  }
+  options.colours = isatty(STDOUT_FILENO) == 1;
+  return options;
+}
+
+void print(const Options& options, const Level& level, const char* text, int length) {
+  std::printf("%s%c %.*s%s\n", options.colours ? level.colour : "", level.letter, length, text,
+              options.colours ? kPlain : "");
+}
+
+/// `size` bytes came behind the message type; one more of `text` is the caller's for a zero.
+void take(const Options& options, ElogPayload& record, std::size_t size, Counts& counts) {
+  if (size < kElogHeaderSize || record.length != size - kElogHeaderSize || record.level >= kLevelCount) {
+    counts.malformed++;
+    return;
+  }
+  std::size_t length = record.length;
+  while (length > 0 && record.text[length - 1] == '\n') length--;
+  record.text[length] = '\0';
+  if (record.level > options.level || !std::strstr(record.text, options.text)) return;
+  counts.of_level[record.level]++;
+  if (!options.count_only) print(options, kLevels[record.level], record.text, static_cast<int>(length));
+}
+
+/// 0, or 1 when the queue cannot be read any more.
+int read_queue(int queue, const Options& options, Counts& counts) {
+  struct [[gnu::packed]] {
+    ElogRecord record;
+    char zero;
+  } message;
+  while (!ended) {
+    const ssize_t size =
+        msgrcv(queue, &message, sizeof(ElogPayload), kElogQueueType, IPC_NOWAIT | MSG_NOERROR);
+    if (size >= 0) {
+      take(options, message.record.payload, static_cast<std::size_t>(size), counts);
+    } else if (errno != ENOMSG && errno != EINTR) {
+      std::perror("elog_cat: the log queue cannot be read");
+      return 1;
+    } else if (options.until_empty) {
+      return 0;
+    } else {
+      std::fflush(stdout);
+      usleep(kPause);
+    }
+  }
+  return 0;
+}
+
+void print_counts(const Counts& counts) {
+  for (int level = 0; level < kLevelCount; level++) {
+    std::printf("%-8s %lu\n", kLevels[level].name, counts.of_level[level]);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Options options = options_of(argc, argv);
+  const int queue = sys::msgget(kElogQueueKey, 0);
+  if (queue < 0) {
+    std::fprintf(stderr, "elog_cat: no log queue (key 0x%08X): start the service first\n", kElogQueueKey);
+    return 1;
+  }
+  struct sigaction end = {};
+  end.sa_handler = [](int) { ended = 1; };
+  sigaction(SIGINT, &end, nullptr);
+  sigaction(SIGTERM, &end, nullptr);
+  Counts counts = {};
+  const int result = read_queue(queue, options, counts);
+  if (options.count_only) print_counts(counts);
+  if (counts.malformed) std::fprintf(stderr, "elog_cat: %lu malformed records\n", counts.malformed);
+  return result;
+}
