@@ -52,6 +52,19 @@ std::string format_word(std::string_view label, u32 value) {
   return ' ' + std::string(label) + '=' + text;
 }
 
+#ifdef __UCLIBC__  // has no names for errors: those that the node gives
+const char* strerrorname_np(int error) {
+  constexpr struct {
+    int number;
+    const char* name;
+  } kNames[] = {{EAGAIN, "EAGAIN"}, {EBADF, "EBADF"},   {EBUSY, "EBUSY"},
+                {EINVAL, "EINVAL"}, {EMFILE, "EMFILE"}, {ENODEV, "ENODEV"},
+                {ENOENT, "ENOENT"}, {ENOSPC, "ENOSPC"}, {ENOTTY, "ENOTTY"}};
+  const auto* found = std::ranges::find(kNames, error, [](const auto& row) { return row.number; });
+  return found != std::end(kNames) ? found->name : nullptr;
+}
+#endif
+
 std::string format_call(const CallRecord& call) {
   const KindText& text = kKinds[static_cast<size_t>(call.kind)];
   std::string line = text.name;

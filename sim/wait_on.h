@@ -15,11 +15,26 @@ namespace sim {
 constexpr i64 kMillisecond = 1'000'000;
 constexpr i64 kNoDeadline = std::numeric_limits<i64>::max();
 
-/// CLOCK_MONOTONIC in nanoseconds.
-inline i64 monotonic_ns() {
+inline i64 nanoseconds_of(clockid_t clock) {
   timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
+  clock_gettime(clock, &now);
   return now.tv_sec * 1'000'000'000LL + now.tv_nsec;
+}
+inline i64 monotonic_ns() { return nanoseconds_of(CLOCK_MONOTONIC); }
+
+/// Until a post, at most `duration` nanoseconds.
+inline void wait_for_post(sem_t& semaphore, i64 duration) {
+  const auto until = [&](clockid_t clock) {
+    const i64 end = nanoseconds_of(clock) + duration;
+    return timespec{end / 1'000'000'000, end % 1'000'000'000};
+  };
+#ifdef __UCLIBC__  // has no sem_clockwait: a step of the clock lengthens or shortens a wait
+  const timespec limit = until(CLOCK_REALTIME);
+  sem_timedwait(&semaphore, &limit);
+#else
+  const timespec limit = until(CLOCK_MONOTONIC);
+  sem_clockwait(&semaphore, CLOCK_MONOTONIC, &limit);
+#endif
 }
 
 /// Tests `done` at once, after every post and at least every 100 ms. True as soon as it holds, false when
@@ -29,9 +44,7 @@ bool wait_on(sem_t& semaphore, i64 deadline, Done done) {
   while (!done()) {
     const i64 now = monotonic_ns();
     if (now >= deadline) return false;
-    const i64 until = std::min(deadline, now + 100 * kMillisecond);
-    const timespec limit{until / 1'000'000'000, until % 1'000'000'000};
-    sem_clockwait(&semaphore, CLOCK_MONOTONIC, &limit);
+    wait_for_post(semaphore, std::min(deadline - now, 100 * kMillisecond));
   }
   return true;
 }

@@ -199,7 +199,8 @@ TEST_F(ToolboxTest, SystemRestsTheChildHandler) {
   handler.sa_handler = [](int) { children_seen = children_seen + 1; };
   handler.sa_flags = SA_RESTART | SA_NOCLDSTOP;
   sigaction(SIGCHLD, &handler, nullptr);
-  EXPECT_EQ(WEXITSTATUS(pox_system("exit 3")), 3);
+  const int status = pox_system("exit 3");
+  EXPECT_EQ(WEXITSTATUS(status), 3);
   EXPECT_EQ(children_seen, 0);
   struct sigaction after;
   sigaction(SIGCHLD, nullptr, &after);
@@ -207,7 +208,8 @@ TEST_F(ToolboxTest, SystemRestsTheChildHandler) {
   EXPECT_EQ(after.sa_flags & (SA_RESTART | SA_NOCLDSTOP), SA_RESTART | SA_NOCLDSTOP);
   // With children reaped by the kernel, a plain system() could not tell the result.
   signal(SIGCHLD, SIG_IGN);
-  EXPECT_EQ(WEXITSTATUS(pox_system("exit 4")), 4);
+  const int unreaped = pox_system("exit 4");
+  EXPECT_EQ(WEXITSTATUS(unreaped), 4);
   EXPECT_EQ(signal(SIGCHLD, SIG_DFL), SIG_IGN);
 }
 
