@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 
+#include "platform/fopen_cloexec.h"
 #include "platform/sys.h"
 
 namespace sys {
@@ -20,7 +21,7 @@ void* mmap(void* address, size_t length, int protection, int flags, int fd, off_
 int munmap(void* address, size_t length) { return ::munmap(address, length); }
 ssize_t read(int fd, void* buffer, size_t length) { return ::read(fd, buffer, length); }
 ssize_t write(int fd, const void* buffer, size_t length) { return ::write(fd, buffer, length); }
-std::FILE* fopen(const char* path, const char* mode) { return std::fopen(path, mode); }
+std::FILE* fopen(const char* path, const char* mode) { return fopen_cloexec(path, mode); }
 int remove(const char* path) { return std::remove(path); }
 int rename(const char* from, const char* to) { return std::rename(from, to); }
 int system(const char* command) { return std::system(command); }

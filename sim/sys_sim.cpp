@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/fopen_cloexec.h"
 #include "platform/sys.h"
 #include "sim/files.h"
 #include "sim/i2c_bus.h"
@@ -188,7 +189,9 @@ ssize_t write(int fd, const void* buffer, size_t length) {
   return i2c ? sim::i2c_write(i2c->i2c, buffer, length) : ::write(fd, buffer, length);
 }
 
-std::FILE* fopen(const char* path, const char* mode) { return std::fopen(sim::pc_path(path).c_str(), mode); }
+std::FILE* fopen(const char* path, const char* mode) {
+  return fopen_cloexec(sim::pc_path(path).c_str(), mode);
+}
 int remove(const char* path) { return std::remove(sim::pc_path(path).c_str()); }
 int rename(const char* from, const char* to) {
   return std::rename(sim::pc_path(from).c_str(), sim::pc_path(to).c_str());
