@@ -31,7 +31,7 @@ static void plug_in() {
   constexpr char kHost[] = "/sys/devices/platform/vhci_hcd.0/attach";
   int cable[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, cable) < 0) return std::perror("socketpair");
-  while (!put(kDevice, std::to_string(cable[0]))) usleep(20'000);
+  while (!put(kDevice, std::to_string(cable[0]))) usleep(200'000);
   const std::string port0_high_speed = "0 " + std::to_string(cable[1]) + " 65538 3";
   if (!put(kHost, port0_high_speed)) std::perror(kHost);
 }
