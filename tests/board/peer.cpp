@@ -1,44 +1,95 @@
-// What stands around the service on the emulated board: the system server, on the camera's own keys, the
-// memory of the media library's stand-in, and the USB cable. Plugs in as soon as the service listens, then
-// serves for ever.
+// What stands around the service on the emulated board: the system server, on the camera's own keys, and the
+// media process, which makes the pictures that the service asks for. Serves for ever.
 #include <fcntl.h>
-#include <sys/socket.h>
+#include <semaphore.h>
+#include <sys/shm.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <atomic>
 #include <cstring>
-#include <string>
 
 #include "sim/physical_memory.h"
 #include "sim/run.h"
 #include "sim/server.h"
+#include "sim/wait_on.h"
+#include "tests/board/pictures.h"
+#include "vencbuf/enc_frame.h"
 
 namespace sim {
 key_t run_key(key_t key) { return key; }
 }  // namespace sim
 
-static bool put(const char* path, const std::string& text) {
-  const int fd = open(path, O_WRONLY | O_CLOEXEC);
-  const bool written = fd >= 0 && write(fd, text.data(), text.size()) > 0;
-  if (fd >= 0) close(fd);
-  return written;
-}
+namespace {
 
-/// A socket pair between the kernel's virtual device controller and its virtual host. The controller refuses
-/// its end until the service has subscribed to the node's events.
-static void plug_in() {
-  constexpr char kDevice[] = "/sys/devices/platform/usbip-vudc.0/usbip_sockfd";
-  constexpr char kHost[] = "/sys/devices/platform/vhci_hcd.0/attach";
-  int cable[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, cable) < 0) return std::perror("socketpair");
-  while (!put(kDevice, std::to_string(cable[0]))) usleep(200'000);
-  const std::string port0_high_speed = "0 " + std::to_string(cable[1]) + " 65538 3";
-  if (!put(kHost, port0_high_speed)) std::perror(kHost);
-}
+/// The encoder's end of the frame ring.
+class Ring {
+ public:
+  /// False when the service has not taken the last one yet.
+  bool put(u32 number, u16 width, u16 height) {
+    EncFrameSlot& slot = slots_[number % kRingSlots];
+    std::atomic_ref<u32> state(*reinterpret_cast<u32*>(&slot));
+    if (state == kSlotReady || state == kSlotReading) return false;
+    const std::vector<u8> picture = board::jpeg_picture(number);
+    slot.seq = number;
+    slot.frame_type = kJpegFrameType;
+    slot.width = width;
+    slot.height = height;
+    slot.size = static_cast<u32>(picture.size());
+    std::memcpy(slot.data, picture.data(), picture.size());
+    state = kSlotReady;
+    sem_post(ready_);
+    return true;
+  }
+
+ private:
+  EncFrameSlot* slots_ =
+      static_cast<EncFrameSlot*>(shmat(shmget(VENC_RING_KEY, kRingSize, IPC_CREAT | 0666), nullptr, 0));
+  sem_t* ready_ = sem_open(kFrameReadySemaphore, O_CREAT, 0644, 1);
+};
+
+/// The VPSS channel, with one picture at a time.
+class Channel {
+ public:
+  Channel() { channel_.alive = 1; }
+
+  bool put(u32 number, u32 width, u32 height) {
+    if (sim::vpss_owner(channel_.owner[0]) != sim::kVpssFree) return false;
+    const u32 luma = sim::kVpssPictureBase, chroma = luma + width * height;
+    for (u32 row = 0; row < height; row++) {
+      for (u32 column = 0; column < width; column++) {
+        memory_.at(luma)[row * width + column] = board::luma(number, column, row);
+      }
+    }
+    for (u32 row = 0; row < height / 2; row++) {
+      u8* pair = memory_.at(chroma + row * width);
+      for (u32 column = 0; column < width / 2; column++, pair += 2) {
+        pair[0] = board::red(number, column, row);
+        pair[1] = board::blue(number, column, row);
+      }
+    }
+    channel_.picture[0] = {width, height, kVpssYuv420SemiPlanar, {luma, chroma}, {width, width}, number};
+    channel_.owner[0] = sim::vpss_word(number, sim::kVpssReady);
+    sim::wake(channel_.ready);
+    return true;
+  }
+
+ private:
+  const sim::PhysicalMemory memory_;
+  sim::VpssChannel& channel_ = memory_.channel();
+};
+
+}  // namespace
 
 int main() {
-  const sim::PhysicalMemory memory;
+  Channel channel;
+  Ring ring;
   const sim::Server server({.pool_address = sim::kAvPoolBase, .pool_size = sim::kAvPoolSize});
-  plug_in();
-  for (;;) pause();
+  for (u32 number = 0;;) {
+    const auto [header, running, wanted] = server.encoder_settings();
+    const bool yuy2 = wanted.codec == kCodecYuy2;
+    const bool put = running && (yuy2 ? channel.put(number, wanted.width, wanted.height)
+                                      : ring.put(number, wanted.width, wanted.height));
+    number += put;
+    usleep(put ? 1'000'000 / wanted.frame_rate : 5'000);
+  }
 }
