@@ -17,9 +17,8 @@ namespace {
 
 constexpr char kHelp[] =
     "Usage: elog_cat [OPTIONS]\n"
-    "Prints the camera's log lines as they come, until SIGINT or SIGTERM. It takes them off the log queue: "
-    "run\n"
-    "it where no log collector does.\n"
+    "Prints the camera's log lines as they come, until SIGINT or SIGTERM. It takes them off the log\n"
+    "queue: run it where no log collector does.\n"
     "\n"
     "  -l LEVEL  lines up to this level only: assert, error, warn, info, debug or verbose (the default)\n"
     "  -t TEXT   lines that contain TEXT only\n"
