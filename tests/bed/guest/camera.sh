@@ -94,9 +94,10 @@ replug() { cable 0 && wait_until 20 node_answers; }
 
 # capture FOURCC SIZE FRAMES FILE LOG: with v4l2-ctl, into the guest's memory first, since the shared folder is slow.
 # Three more than FRAMES are taken: the first payloads of a stream are empty.
+# Buffers for almost a second: on a busy PC v4l2-ctl falls behind.
 capture() {
   timeout 120 v4l2-ctl -d "$(node)" --verbose --set-fmt-video="width=${2%x*},height=${2#*x},pixelformat=$1" \
-    --stream-mmap=8 --stream-count=$(($3 + 3)) --stream-to-hdr="$4" >"$5" 2>&1
+    --stream-mmap=24 --stream-count=$(($3 + 3)) --stream-to-hdr="$4" >"$5" 2>&1
 }
 
 # stream NAME FOURCC SIZE FRAMES: a capture that the PC judges afterwards, who fills in the row.
