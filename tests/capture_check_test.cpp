@@ -41,12 +41,15 @@ struct CaptureCheckTest : testing::Test {
     std::ofstream capture(folder / "capture"), log(folder / "log");
     for (std::size_t i = 0; i < payloads.size(); ++i) {
       const auto size = static_cast<u32>(payloads[i].size());
-      capture << "rdhV";
-      for (int shift = 24; shift >= 0; shift -= 8) capture.put(static_cast<char>(size >> shift));
-      capture.write(reinterpret_cast<const char*>(payloads[i].data()), size);
+      if (i != marked) {
+        capture << "rdhV";
+        for (int shift = 24; shift >= 0; shift -= 8) capture.put(static_cast<char>(size >> shift));
+        capture.write(reinterpret_cast<const char*>(payloads[i].data()), size);
+      }
       const i64 microseconds = (kStart + static_cast<i64>(i) * kFrameTime) / 1000;
       log << "cap dqbuf: 0 seq: " << i << " bytesused: " << size << " ts: " << microseconds / 1'000'000 << '.'
-          << std::to_string(1'000'000 + microseconds % 1'000'000).substr(1) << '\n';
+          << std::to_string(1'000'000 + microseconds % 1'000'000).substr(1)
+          << (i == marked ? " (error, ts-monotonic)\n" : " (ts-monotonic)\n");
     }
     capture.close();
     log.close();
@@ -61,12 +64,17 @@ struct CaptureCheckTest : testing::Test {
     std::string name = "/dev/shm/capture-check-XXXXXX";
     return std::filesystem::path(mkdtemp(name.data()));
   }();
+  std::size_t marked = 99;        ///< index of a payload that the driver marks as torn
   std::vector<Payload> payloads;  ///< three empty ones, as at every stream's start, then five pictures
 };
 
 TEST_F(CaptureCheckTest, HoldsForAWholeStream) { EXPECT_EQ(judged(), 0); }
 
-TEST_F(CaptureCheckTest, FindsOneChangedByte) {
+TEST_F(CaptureCheckTest, FindsOneChangedByteAndAFrameThatTheDriverMarks) {
+  marked = 5;
+  EXPECT_EQ(judged(), 1);
+  marked = 2;
+  EXPECT_EQ(judged(), 0);
   payloads[5][payloads[5].size() / 2] ^= 1;
   EXPECT_EQ(judged(), 1);
 }

@@ -29,6 +29,7 @@ constexpr Format kFormats[] = {{"MJPG", StreamFormat::kMjpeg},
                                {"YUYV", StreamFormat::kYuy2},
                                {"HEVC", StreamFormat::kH265}};
 
+constexpr std::size_t kMostPayload = 1920 * 1080 * 2;
 constexpr u8 kFrameMark[] = {'r', 'd', 'h', 'V'};  ///< then the size, big-endian
 
 struct Frame {
@@ -43,24 +44,33 @@ std::vector<u8> read_bytes(const std::string& path) {
 }
 
 /// Payloads with the times and numbers that the log tells; stops at the first that does not fit its header.
+/// What the driver marks as torn is not in the capture: zeros stand for it.
 std::vector<Frame> read_capture(std::span<const u8> bytes, const std::string& log_path) {
-  static const std::regex line_form(R"(cap dqbuf: .*seq: *(\d+) .*ts: (\d+)\.(\d{6}))");
+  static const std::regex line_form(
+      R"(cap dqbuf: .*seq: *(\d+) bytesused: (\d+) ts: (\d+)\.(\d{6}).*\((error)?)");
+  static const std::vector<u8> zeros(kMostPayload);
   std::vector<Frame> frames;
   std::ifstream log(log_path);
   std::smatch match;
   for (std::string line; std::getline(log, line);) {
     if (!std::regex_search(line, match, line_form)) continue;
+    const i64 arrived = (std::stoll(match[3]) * 1'000'000 + std::stoll(match[4])) * 1000;
+    const u32 sequence = static_cast<u32>(std::stoul(match[1]));
+    if (match[5].matched) {
+      const std::size_t size = std::min<std::size_t>(std::stoul(match[2]), kMostPayload);
+      frames.push_back({std::span(zeros).first(size), arrived, sequence});
+      continue;
+    }
     if (bytes.size() < 8 || std::memcmp(bytes.data(), kFrameMark, sizeof kFrameMark) != 0) break;
     const std::size_t size = u32{bytes[4]} << 24 | bytes[5] << 16 | bytes[6] << 8 | bytes[7];
     if (size > bytes.size() - 8) break;
-    const i64 microseconds = std::stoll(match[2]) * 1'000'000 + std::stoll(match[3]);
-    frames.push_back({bytes.subspan(8, size), microseconds * 1000, static_cast<u32>(std::stoul(match[1]))});
+    frames.push_back({bytes.subspan(8, size), arrived, sequence});
     bytes = bytes.subspan(8 + size);
   }
   return frames;
 }
 
-/// Frames between the first and the last that the host's driver counted and v4l2-ctl did not get.
+/// Frames between the first and the last that the host's driver counted and v4l2-ctl was too slow for.
 unsigned long missed(const std::vector<Frame>& frames) {
   return frames.back().sequence - frames.front().sequence + 1 - frames.size();
 }
@@ -81,7 +91,7 @@ int check(StreamFormat format, sim::FrameSize size, const std::vector<Frame>& fr
       "%lu frames, %.1f/s, %lu bytes each, latency %.0f ms (at most %.0f); %lu first payloads of 2 bytes",
       report.frames, static_cast<double>(frames.size() - 1) / seconds,
       static_cast<unsigned long>(report.bytes / std::max(report.frames, 1ul)), report.latency_ms,
-      report.latency_max_ms, report.leading + frames.front().sequence);
+      report.latency_max_ms, report.leading);
   const struct {
     const char* name;
     unsigned long count;
