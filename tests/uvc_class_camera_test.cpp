@@ -133,37 +133,19 @@ struct Range {
   const char *len, *info, *min, *max, *res, *def;  // cc: not written
 };
 
-TEST_F(CameraControlTest, TellsEveryRange) {
-  const char pan_min[] = "60 a9 f6 ff 60 0e fb ff", pan_max[] = "a0 56 09 00 a0 f1 04 00";
-  const char none8[] = "cc cc cc cc cc cc cc cc", none2[] = "cc cc";
+// The page of controls holds every range; here are the widths that do not go with the told length.
+TEST_F(CameraControlTest, TellsARangeAndNoByteMore) {
+  const char none2[] = "cc cc";
   const Range ranges[] = {
-      {"backlight", kImage, 1, "02 00", "03", "00 00", "01 00", "01 00", "00 00"},
       {"brightness", kImage, 2, "02 00", "03", "00 00", "0f 00", "01 00", "08 00"},
-      {"contrast", kImage, 3, "02 00", "03", "00 00", "0f 00", "01 00", "08 00"},
-      {"gain", kImage, 4, "02 00", "03", "04 00", "0f 00", "01 00", "0f 00"},
       {"power line", kImage, 5, "01 00", "03", "00 00", "02 00", "01 00", "00 00"},
-      {"hue", kImage, 6, "02 00", "03", "00 80", "ff 7f", "01 00", "00 00"},
-      {"saturation", kImage, 7, "02 00", "03", "00 00", "0f 00", "01 00", "08 00"},
-      {"sharpness", kImage, 8, "02 00", "03", "00 00", "0f 00", "01 00", "03 00"},
-      {"gamma", kImage, 9, "02 00", "03", "00 00", "06 00", "01 00", "00 00"},
-      {"temperature", kImage, 10, "02 00", "03", "08 07", "10 27", "01 00", "f8 11"},
-      {"temperature auto", kImage, 11, "01 00", "03", none2, none2, none2, "01 00"},
       {"component", kImage, 12, "02 00", "03", "00 00 00 00", "50 50 00 00", "01 00 00 00", "10 10 00 00"},
       {"component auto", kImage, 13, "02 00", "03", none2, none2, none2, "01 00"},
-      {"multiplier", kImage, 14, "02 00", "03", "00 00", "80 00", "01 00", "32 00"},
       {"no image control", kImage, 15, "02 00", "cc", none2, none2, none2, none2},
-      {"exposure mode", kCamera, 2, "01 00", "03", "00", "01", "01", "00"},
       {"exposure", kCamera, 4, "04 00", "03", "01 00 00 00", "10 27 00 00", "01 00 00 00", "64 00 00 00"},
-      {"focus", kCamera, 6, "02 00", "03", "00 00", "ff ff", "00 00", "00 00"},
       {"focus relative", kCamera, 7, "02 00", "00", none2, none2, none2, none2},
-      {"zoom", kCamera, 11, "02 00", "03", "00 00", "00 40", "01 00", "00 00"},
       {"zoom relative", kCamera, 12, "03 00", "03", "00 00 00", "ff 00 04", "00 00 01", "cc cc cc"},
-      {"pan-tilt", kCamera, 13, "08 00", "03", pan_min, pan_max, "10 0e 00 00 10 0e 00 00",
-       "00 00 00 00 00 00 00 00"},
-      {"pan-tilt relative", kCamera, 14, "04 00", "03", "00 01 00 01", "00 07 00 07", "00 01 00 01",
-       "00 01 00 01"},
-      {"roll", kCamera, 15, "02 00", "03", "00 00", "e8 03", "00 00", "00 00"},
-      {"no camera control", kCamera, 16, "02 00", "00", none8, none8, none8, none8},
+      {"no camera control", kCamera, 16, "02 00", "00", none2, none2, none2, none2},
   };
   for (const Range& range : ranges) {
     SCOPED_TRACE(range.name);
@@ -193,42 +175,19 @@ struct Setting {
 
 TEST_F(CameraControlTest, SettingsBecomeFrames) {
   const Setting settings[] = {
-      {"backlight on", kImage, 1, {1, 0}, 0, "81 01 04 33 02 ff", "01 00"},
-      {"backlight off", kImage, 1, {0, 0}, 0, "81 01 04 33 03 ff", "00 00"},
       {"brightness 15", kImage, 2, {15, 0}, 0, "81 01 04 a4 00 00 00 0f ff", "0f 00"},
       {"brightness of one byte", kImage, 2, {5}, 0, "81 01 04 a4 00 00 00 05 ff", "05 00"},
-      {"contrast 0", kImage, 3, {0, 0}, 0, "81 01 04 a2 00 00 00 00 ff", "00 00"},
-      {"gain 4", kImage, 4, {4, 0}, 0, "81 01 04 2c 04 ff", "00 00"},
       {"gain 15", kImage, 4, {15, 0}, 0, "81 01 04 2c 0f ff", "00 00"},
-      {"power line 2", kImage, 5, {2}, 0, "81 01 04 aa 02 ff", "02 00"},
-      {"saturation 15", kImage, 7, {15, 0}, 0, "81 01 04 a1 00 00 00 0f ff", "0f 00"},
-      {"sharpness 9", kImage, 8, {9, 0}, 0, "81 01 04 42 00 00 00 09 ff", "09 00"},
-      {"gamma 6", kImage, 9, {6, 0}, 0, "81 01 04 5b 06 ff", "06 00"},
-      {"1800 K", kImage, 10, {0x08, 0x07}, 0, "81 01 04 35 06 ff | 81 01 04 2a 00 07 00 08 ff", "08 07"},
-      {"4600 K", kImage, 10, {0xF8, 0x11}, 0, "81 01 04 35 06 ff | 81 01 04 2a 01 01 0f 08 ff", "f8 11"},
       {"10000 K", kImage, 10, {0x10, 0x27}, 0, "81 01 04 35 06 ff | 81 01 04 2a 02 07 01 00 ff", "10 27"},
-      {"balance auto", kImage, 11, {1}, 0, "81 01 04 35 00 ff", "01"},
-      {"balance manual", kImage, 11, {0}, 0, "81 01 04 35 06 ff", "00"},
       {"component 20560", kImage, 12, {0x50, 0x50, 0, 0}, 0, "", "50 50 00 00"},
-      {"component auto", kImage, 13, {7}, 0, "", "07"},
       {"multiplier 128", kImage, 14, {128, 0}, 0, "", "32 00"},
       {"no image control", kImage, 15, {1, 0}, 6, "", "cc"},
       {"exposure auto", kCamera, 2, {8}, 0, "81 01 04 39 00 ff", "08"},
-      {"exposure manual", kCamera, 2, {0}, 0, "81 01 04 39 03 ff", "00"},
       {"exposure", kCamera, 4, {1, 2, 3, 4}, 0, "", "01 02 03 04"},
       {"focus", kCamera, 6, {9, 9}, 0, "", "00 00"},
       {"focus relative", kCamera, 7, {9, 9}, 77, "", "cc"},
       {"zoom", kCamera, 11, {0x34, 0x12}, 0, "81 01 04 47 01 02 03 04 ff", "34 12"},
-      {"zoom in", kCamera, 12, {1, 9, 3}, 0, "81 01 04 07 02 ff", "01 00 03"},
       {"zoom out", kCamera, 12, {255, 9, 2}, 0, "81 01 04 07 03 ff", "ff 00 02"},
-      {"zoom stop", kCamera, 12, {2, 0, 1}, 0, "81 01 04 07 00 ff", "02 00 01"},
-      {"pan and tilt",
-       kCamera,
-       13,
-       {0xA0, 0x56, 9, 0, 0x60, 0x0E, 0xFB, 0xFF},
-       0,
-       "81 01 06 02 10 10 00 08 0d 0a 0f 0b 05 00 ff",
-       "a0 56 09 00 60 0e fb ff"},
       {"pan and tilt out of this world",
        kCamera,
        13,
@@ -236,14 +195,7 @@ TEST_F(CameraControlTest, SettingsBecomeFrames) {
        0,
        "81 01 06 02 10 10 0a 03 01 05 05 0c 0e 0b ff",
        "00 00 00 80 ff ff ff 7f"},
-      {"left", kCamera, 14, {255, 7, 1, 7}, 0, "81 01 06 01 10 10 01 03 ff", "ff 07 01 07"},
-      {"right", kCamera, 14, {1, 1, 255, 1}, 0, "81 01 06 01 10 10 02 03 ff", "01 01 ff 01"},
-      {"up", kCamera, 14, {0, 1, 1, 1}, 0, "81 01 06 01 10 10 03 01 ff", "00 01 01 01"},
-      {"down", kCamera, 14, {2, 1, 255, 1}, 0, "81 01 06 01 10 10 03 02 ff", "02 01 ff 01"},
-      {"stop", kCamera, 14, {0, 0, 0, 0}, 0, "81 01 06 01 10 10 03 03 ff", "00 00 00 00"},
-      {"roll 1", kCamera, 15, {1, 0}, 0, "81 01 04 61 10 ff", "00 00"},
-      {"roll 4", kCamera, 15, {4, 0}, 0, "81 01 04 61 13 ff", "00 00"},
-      {"roll 0", kCamera, 15, {0, 0}, 0, "", "00 00"},
+      {"left before up", kCamera, 14, {255, 7, 1, 7}, 0, "81 01 06 01 10 10 01 03 ff", "ff 07 01 07"},
       {"roll 5", kCamera, 15, {5, 0}, 0, "", "00 00"},
       {"no camera control", kCamera, 3, {1}, 6, "", "cc"},
   };
@@ -311,6 +263,7 @@ TEST_F(CameraControlTest, ReadingsComeByInquiryAndStayWithinTheirLimits) {
   const Reading readings[] = {
       {"brightness", kImage, 2, {{7, 0}}, "81 09 04 a4 ff", "07 00"},
       {"above the limit", kImage, 2, {{16, 0}}, "81 09 04 a4 ff", "0f 00"},
+      {"late", kImage, 2, {{6, 0}, 2, std::chrono::milliseconds(150)}, "81 09 04 a4 ff", "06 00"},
       {"low 16 bits", kImage, 2, {{3, 0, 1, 0}}, "81 09 04 a4 ff", "03 00"},
       {"too short", kImage, 2, {{1}}, "81 09 04 a4 ff", "03 00"},
       {"no reply", kImage, 2, {{1, 0}, 0}, "81 09 04 a4 ff", "03 00"},
@@ -318,17 +271,11 @@ TEST_F(CameraControlTest, ReadingsComeByInquiryAndStayWithinTheirLimits) {
       {"refused badly", kImage, 2, {{1, 0}, INT_MIN}, "81 09 04 a4 ff", "03 00"},
       {"long", kImage, 2, {long_reply}, "81 09 04 a4 ff", "09 00"},
       {"longer than there is", kImage, 2, {{8, 0}, INT_MAX}, "81 09 04 a4 ff", "08 00"},
-      {"contrast", kImage, 3, {{1, 0}}, "81 09 04 a2 ff", "01 00"},
       {"power line", kImage, 5, {{255, 255}}, "81 09 04 aa ff", "02 00"},
-      {"saturation", kImage, 7, {{4, 0}}, "81 09 04 a1 ff", "04 00"},
-      {"sharpness", kImage, 8, {{5, 0}}, "81 09 04 42 ff", "05 00"},
-      {"gamma", kImage, 9, {{7, 0}}, "81 09 04 5b ff", "06 00"},
-      {"balance auto", kImage, 11, {{1}}, "81 09 04 35 ff", "01"},
       {"exposure auto", kCamera, 2, {{0, 0, 0, 0}}, "81 09 04 39 ff", "01"},
       {"exposure, no reply", kCamera, 2, {{}}, "81 09 04 39 ff", "01"},
       {"exposure manual", kCamera, 2, {{3, 0, 0, 0}}, "81 09 04 39 ff", "00"},
       {"exposure, any bit", kCamera, 2, {{0, 0, 0, 1}}, "81 09 04 39 ff", "00"},
-      {"zoom", kCamera, 11, {{0x34, 0x12}}, "81 09 04 47 ff", "34 12"},
       {"zoom beyond", kCamera, 11, {{1, 0x40}}, "81 09 04 47 ff", "00 40"},
   };
   for (const Reading& reading : readings) {
@@ -341,29 +288,6 @@ TEST_F(CameraControlTest, ReadingsComeByInquiryAndStayWithinTheirLimits) {
   server.send_stale(2);
   get(UVC_GET_CUR, kImage, 2, 2);
   EXPECT_LE(get_le16(uvc_resp_buf), 15);
-}
-
-TEST_F(CameraControlTest, AValidCacheSparesTheInquiry) {
-  CameraCache cache = {};
-  camera_cache = &cache;
-  for (u32 i = 0; i < std::size(cache.words); i++) cache.words[i] = 0x70000 + i + 1;
-  cache.words[9] = 3;
-  const struct {
-    u8 selector;
-    const char* reads;
-  } rows[] = {{2, "01 00"}, {3, "02 00"}, {5, "02 00"}, {7, "04 00"}, {8, "05 00"}, {9, "06 00"}, {11, "07"}};
-  for (const u32 valid : {CAMERA_CACHE_VALID, 0u}) {
-    cache.valid = valid;
-    for (const auto& row : rows) {
-      EXPECT_EQ(get(UVC_GET_CUR, kImage, row.selector, bytes_in(row.reads)), row.reads);
-      EXPECT_EQ(server.frames().empty(), valid == CAMERA_CACHE_VALID) << int(row.selector);
-    }
-  }
-}
-
-TEST_F(CameraControlTest, WaitsForALateServer) {
-  server.answer({{6, 0}, 2, std::chrono::milliseconds(150)});
-  EXPECT_EQ(get(UVC_GET_CUR, kImage, PU_BRIGHTNESS_CONTROL, 2), "06 00");
 }
 
 struct Inquiry {

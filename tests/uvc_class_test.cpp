@@ -28,26 +28,14 @@ struct Question {
   u8 status;           // after it was left at 77 by the request before
 };
 
-TEST_F(UvcTest, AnswersEveryGetOfTheStreamingInterface) {
+TEST_F(UvcTest, AnswersWhatIsUnknownOrOdd) {
   const Question questions[] = {
-      {"probe len", UVC_GET_LEN, 1, 0, 1, 2, "1a 00", 0},
-      {"commit len", UVC_GET_LEN, 2, 0, 1, 2, "1a 00", 0},
       {"still probe len, low byte only", UVC_GET_LEN, 3, 0, 1, 2, "0b cc", 0},
       {"still commit len", UVC_GET_LEN, 4, 0, 1, 2, "cc cc", 0},
       {"trigger len", UVC_GET_LEN, 5, 0, 1, 2, "cc cc", 77},
       {"unknown len", UVC_GET_LEN, 9, 0, 1, 2, "cc cc", 0},
-      {"probe info", UVC_GET_INFO, 1, 0, 1, 1, "03", 0},
-      {"still probe info", UVC_GET_INFO, 3, 0, 1, 1, "03", 0},
-      {"still commit info", UVC_GET_INFO, 4, 0, 1, 1, "cc", 6},
       {"trigger info", UVC_GET_INFO, 5, 0, 1, 1, "cc", 77},
-      {"probe min", UVC_GET_MIN, 1, 0, 1, 26, kInitialBlock, 0},
-      {"probe max", UVC_GET_MAX, 1, 0, 1, 26, kInitialBlock, 0},
-      {"commit def", UVC_GET_DEF, 2, 0, 1, 26, kInitialBlock, 0},
-      {"still probe min", UVC_GET_MIN, 3, 0, 1, 11, "02 01 01 00 80 79 00 00 04 00 00", 0},
-      {"still probe cur", UVC_GET_CUR, 3, 0, 1, 11, "02 01 01 00 80 79 00 00 04 00 00", 0},
-      {"still commit cur", UVC_GET_CUR, 4, 0, 1, 2, "cc cc", 6},
       {"trigger cur", UVC_GET_CUR, 5, 0, 1, 2, "cc cc", 77},
-      {"trigger min", UVC_GET_MIN, 5, 0, 1, 2, "cc cc", 6},
       {"unknown cur", UVC_GET_CUR, 200, 0, 1, 2, "cc cc", 6},
       {"unknown entity", UVC_GET_CUR, 1, 9, 0, 2, "cc cc", 5},
       {"unknown entity len", UVC_GET_LEN, 1, 0, 0, 2, "cc cc", 5},
@@ -117,16 +105,6 @@ TEST_F(UvcTest, CommitSetsTheStreamAndTellsTheEncoder) {
     const auto answer = get_streaming(UVC_GET_CUR, VS_COMMIT_CONTROL, 26);
     EXPECT_EQ(get_le32(&answer[18]), commit.max_frame_size);
   }
-}
-
-TEST_F(UvcTest, CommitSaysWhatItDoes) {
-  set_streaming(VS_COMMIT_CONTROL, block(kFormatH264, 1, 333333));
-  testing::internal::CaptureStderr();
-  set_streaming(VS_COMMIT_CONTROL, block(kFormatYuy2, 1, 333333));
-  EXPECT_EQ(
-      testing::internal::GetCapturedStderr(),
-      "vs_probe_and_commit_control.bFormatIndex 3\n cur_format == YUY2 last_format 2\ncur_frame_rate 30\n"
-      "need to config frame resolution\ncur_col 320 cur_line 240, cur_frame_rate = 30\n");
 }
 
 TEST_F(UvcTest, StillImageBlockAndTrigger) {
@@ -202,15 +180,6 @@ TEST_F(UvcTest, PausesOnceIn2000PollsWhileStreaming) {
   EXPECT_EQ(sim::sleep_count().calls, before);
   uvc_event_turn(loop);
   EXPECT_EQ(sim::sleep_count().calls, before + 1);
-}
-
-TEST_F(UvcTest, SaysNothingBelowInfo) {
-  print_level = 2;
-  testing::internal::CaptureStderr();
-  raise(UVC_EVENT_CONNECT);
-  set_streaming(VS_COMMIT_CONTROL, block(kFormatYuy2, 1, 333333));
-  raise(UVC_EVENT_DISCONNECT);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 TEST_F(UvcTest, FailedSubscriptionEndsTheThread) {
