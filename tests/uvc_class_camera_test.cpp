@@ -15,6 +15,7 @@
 #include "ipc/sys_msg_drv.h"
 #include "sim/server.h"
 #include "support/print.h"
+#include "tests/ipc_peer.h"
 #include "tests/uvc_fixture.h"
 
 namespace {
@@ -33,8 +34,7 @@ class FrameServer {
  public:
   FrameServer() : thread_([this] { run(); }) {}
   ~FrameServer() {
-    SysMsgBuf last = {.dest = kServerMsgType, .cmd = kStop, .src = 0, .length = 0, .offset = 0};
-    msgsnd(queue_, &last, kSysMsgPayload, 0);
+    peer_.send({.dest = kServerMsgType, .cmd = kStop, .src = 0, .length = 0, .offset = 0});
     thread_.join();
     shmdt(segment_);
   }
@@ -51,20 +51,16 @@ class FrameServer {
     return std::exchange(frames_, {});
   }
   /// Puts an answer into the queue that nobody asked for.
-  void send_stale(i32 length) {
-    const SysMsgBuf reply = {kSysMsgProcess, 39, kSysMsgProcess, length, 0};
-    msgsnd(queue_, &reply, kSysMsgPayload, 0);
-  }
+  void send_stale(i32 length) { peer_.send({kSysMsgProcess, 39, kSysMsgProcess, length, 0}); }
 
  private:
   static constexpr i32 kStop = -1;
 
   void run() {
-    SysMsgBuf record;
-    while (msgrcv(queue_, &record, kSysMsgPayload, kServerMsgType, 0) >= 0 && record.cmd != kStop) {
+    for (SysMsgBuf record = peer_.take(); record.cmd != kStop; record = peer_.take()) {
       record.length = serve(record);
       record.dest = record.src;
-      msgsnd(queue_, &record, kSysMsgPayload, 0);
+      peer_.send(record);
     }
   }
 
@@ -80,7 +76,7 @@ class FrameServer {
     return answer.length;
   }
 
-  const int queue_ = msgget(sim::run_key(kSysMsgKey), IPC_CREAT | 0666);
+  const SysPeer peer_{kSysMsgKey};
   u8* const segment_ = static_cast<u8*>(
       shmat(shmget(sim::run_key(kSysMsgKey), kSysSegmentSize, IPC_CREAT | 0660), nullptr, 0));
   std::mutex mutex_;
@@ -288,6 +284,24 @@ TEST_F(CameraControlTest, ReadingsComeByInquiryAndStayWithinTheirLimits) {
   server.send_stale(2);
   get(UVC_GET_CUR, kImage, 2, 2);
   EXPECT_LE(get_le16(uvc_resp_buf), 15);
+}
+
+TEST_F(CameraControlTest, AValidCacheSparesTheInquiry) {
+  CameraCache cache = {};
+  camera_cache = &cache;
+  for (u32 i = 0; i < std::size(cache.words); i++) cache.words[i] = 0x70000 + i + 1;
+  cache.words[9] = 3;
+  const struct {
+    u8 selector;
+    const char* reads;
+  } rows[] = {{2, "01 00"}, {3, "02 00"}, {5, "02 00"}, {7, "04 00"}, {8, "05 00"}, {9, "06 00"}, {11, "07"}};
+  for (const u32 valid : {CAMERA_CACHE_VALID, 0u}) {
+    cache.valid = valid;
+    for (const auto& row : rows) {
+      EXPECT_EQ(get(UVC_GET_CUR, kImage, row.selector, bytes_in(row.reads)), row.reads);
+      EXPECT_EQ(server.frames().empty(), valid == CAMERA_CACHE_VALID) << int(row.selector);
+    }
+  }
 }
 
 struct Inquiry {

@@ -63,6 +63,14 @@ class LoopTest : public UvcTest {
     sent_settings();
   }
 
+  /// The loop's first turn, and one with a stream.
+  void start(i32 format) {
+    stream_turn(stream);
+    commit(format);
+    raise(UVC_EVENT_STREAMON);
+    stream_turn(stream);
+  }
+
   /// Payload sizes that reach the host until none comes for a while.
   std::string received() {
     std::string sizes;
@@ -90,10 +98,7 @@ TEST_F(LoopTest, FirstTurnEndsTheStreamThatNeverWas) {
 }
 
 TEST_F(LoopTest, MjpegIsAnnouncedTwiceAndStreams) {
-  stream_turn(stream);
-  commit(kFormatMjpeg);
-  raise(UVC_EVENT_STREAMON);
-  stream_turn(stream);
+  start(kFormatMjpeg);
   const std::string notice = "2 1 1280 720 30 0 1 0 32768 99 60 0 0\n";
   EXPECT_EQ(sent_settings(), notice + notice);
   EXPECT_EQ(config_changed, 0);
@@ -104,10 +109,7 @@ TEST_F(LoopTest, MjpegIsAnnouncedTwiceAndStreams) {
 }
 
 TEST_F(LoopTest, H264StartsWithKeyFramesOnly) {
-  stream_turn(stream);
-  commit(kFormatH264);
-  raise(UVC_EVENT_STREAMON);
-  stream_turn(stream);
+  start(kFormatH264);
   const std::string intra = "2 1 1280 720 30 0 0 0 1 1 12288 0 0\n";
   EXPECT_EQ(sent_settings(), intra + intra);
   received();
@@ -117,10 +119,7 @@ TEST_F(LoopTest, H264StartsWithKeyFramesOnly) {
 }
 
 TEST_F(LoopTest, NoFrameOfTheOldStreamOpensTheNextOne) {
-  stream_turn(stream);
-  commit(kFormatMjpeg);
-  raise(UVC_EVENT_STREAMON);
-  stream_turn(stream);
+  start(kFormatMjpeg);
   received();
   raise(UVC_EVENT_STREAMOFF);
   stream_turn(stream);
@@ -150,10 +149,7 @@ TEST_F(LoopTest, HostThatRestartsAtOnceGetsOnlyFramesOfItsNewStream) {
 }
 
 TEST_F(LoopTest, StreamEndingInsideATurnQueuesNothing) {
-  stream_turn(stream);
-  commit(kFormatMjpeg);
-  raise(UVC_EVENT_STREAMON);
-  stream_turn(stream);
+  start(kFormatMjpeg);
   received();
   done = true;  // no frame any more: the turn waits in the ring until the stream ends
   writer.join();
@@ -170,10 +166,7 @@ TEST_F(LoopTest, StreamEndingInsideATurnQueuesNothing) {
 }
 
 TEST_F(LoopTest, StreamThatEndedAndBeganBehindTheLoopStartsAnew) {
-  stream_turn(stream);
-  commit(kFormatMjpeg);
-  raise(UVC_EVENT_STREAMON);
-  stream_turn(stream);
+  start(kFormatMjpeg);
   raise(UVC_EVENT_STREAMOFF);
   commit(kFormatH264);
   raise(UVC_EVENT_STREAMON);
@@ -185,10 +178,7 @@ TEST_F(LoopTest, StreamThatEndedAndBeganBehindTheLoopStartsAnew) {
 }
 
 TEST_F(LoopTest, DequeueFailuresAreCountedAndSaid) {
-  stream_turn(stream);
-  commit(kFormatMjpeg);
-  raise(UVC_EVENT_STREAMON);
-  stream_turn(stream);
+  start(kFormatMjpeg);
   sim::set_sleep_divisor(1000);
   testing::internal::CaptureStderr();
   for (int i = 0; i < 33; i++) stream_turn(stream);  // nobody takes a frame: 99 failures
@@ -200,10 +190,7 @@ TEST_F(LoopTest, DequeueFailuresAreCountedAndSaid) {
 
 TEST_F(LoopTest, BufferWithoutAMappingIsLeftOutUntilItCanBeMapped) {
   ASSERT_TRUE(host.script("fail MMAP 1-4"));
-  stream_turn(stream);
-  commit(kFormatMjpeg);
-  raise(UVC_EVENT_STREAMON);
-  stream_turn(stream);
+  start(kFormatMjpeg);
   EXPECT_EQ(uvc_buffers[0].start, nullptr);
   EXPECT_NE(uvc_buffers[2].start, nullptr);
   std::string sizes = received();
@@ -217,10 +204,7 @@ TEST_F(LoopTest, BufferWithoutAMappingIsLeftOutUntilItCanBeMapped) {
 }
 
 TEST_F(LoopTest, StreamEndingInOneBufferLeavesTheOthersAlone) {
-  stream_turn(stream);
-  commit(kFormatMjpeg);
-  raise(UVC_EVENT_STREAMON);
-  stream_turn(stream);
+  start(kFormatMjpeg);
   ASSERT_EQ(received(), "2 2 2 ");
   const std::size_t before = host.call_log().size();
   uvc_stream_state.stream_on = 0;
@@ -239,14 +223,6 @@ TEST_F(LoopTest, DriverWithoutBuffersLeavesNothingToDo) {
   stream_turn(stream);
   EXPECT_TRUE(stream.need_dequeue);
   EXPECT_FALSE(stream.stopped);
-}
-
-TEST_F(LoopTest, SecondCounterSaysTheCallsOfASecond) {
-  uvc_stream_state.second_cnt_count = 41;
-  testing::internal::CaptureStderr();
-  second_cnt();
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "B 42\n");
-  EXPECT_EQ(uvc_stream_state.second_cnt_count, 0);
 }
 
 TEST_F(LoopTest, PinsAreDrivenThroughTheirRegisters) {

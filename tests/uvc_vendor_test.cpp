@@ -44,6 +44,9 @@ TEST_F(VendorTest, SelectorsWithoutAMeaningTakeTheirByteAndDoNothing) {
     set(static_cast<u8>(selector), {0});
     EXPECT_EQ(get(UVC_GET_INFO, static_cast<u8>(selector), 2), "03 cc");
     EXPECT_EQ(uvc_request_error_code, kInvalidControl);
+    if (selector > 28) {
+      EXPECT_EQ(get(UVC_GET_MIN, static_cast<u8>(selector), 1), "cc");
+    }
   }
   EXPECT_EQ(sent_commands(), "");
   EXPECT_EQ(run.shell_log(), "insmod /opt/vcam/ko/extdrv/g_webcam.ko\n");
