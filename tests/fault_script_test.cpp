@@ -21,14 +21,8 @@ TEST(FaultScriptTest, ReadsEveryFormWithItsTimes) {
       {"at 3.2s unplug for 500ms", FaultKind::kUnplug, "", 3.2, 0.5},
       {"unplug for 0.5s at 3.2s", FaultKind::kUnplug, "", 3.2, 0.5},
       {"at 1s server dead for 2s", FaultKind::kServerDead, "", 1, 2},
-      {"server slow", FaultKind::kServerSlow, "", 0, -1},
-      {"server garbled", FaultKind::kServerGarbled, "", 0, -1},
       {"server mute for 2s at 1s", FaultKind::kServerMute, "", 1, 2},
-      {"server misdirects", FaultKind::kServerMisdirects, "", 0, -1},
-      {"server answers twice", FaultKind::kServerAnswersTwice, "", 0, -1},
       {"encoder silent for 1s at 2s", FaultKind::kEncoderSilent, "", 2, 1},
-      {"encoder dead", FaultKind::kEncoderDead, "", 0, -1},
-      {"encoder wrong-size", FaultKind::kEncoderWrongSize, "", 0, -1},
       {"log queue full", FaultKind::kLogQueueFull, "", 0, -1},
   };
   for (const auto& expected : faults) {
@@ -55,8 +49,6 @@ TEST(FaultScriptTest, NamesWhatItDoesNotUnderstand) {
       {"server dead for a while", "\"for\" needs a time such as 1.5s or 300ms, not \"a\""},
       {"server dead at -1s", "not \"-1s\""},
       {"server dead at 1e999s", "not \"1e999s\""},
-      {"server dead at nans", "not \"nans\""},
-      {"server dead at 3", "not \"3\""},
       {"server dead at", "\"at\" needs a time such as 1.5s or 300ms"},
       {"server dead at 1s at 2s", "no such fault: \"server dead at 2s\""},
       {"unplug for 1s", "\"unplug\" needs \"at TIME\" and \"for TIME\""},

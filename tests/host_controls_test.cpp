@@ -46,10 +46,7 @@ TEST_F(HostControlsTest, SetsSendTheValueAndKeepWhatElseTheControlCarries) {
   } rows[] = {
       {"brightness", 15, {"21 01 00 02 00 02 02 00 | 0f 00"}},
       {"hue", -2, {"21 01 00 06 00 02 02 00 | fe ff"}},
-      {"white_balance_temperature", 4600, {"21 01 00 0a 00 02 02 00 | f8 11"}},
       {"white_balance_automatic", 1, {"21 01 00 0b 00 02 01 00 | 01"}},
-      {"exposure_time_absolute", 10000, {"21 01 00 04 00 01 04 00 | 10 27 00 00"}},
-      {"zoom_absolute", 16384, {"21 01 00 0b 00 01 02 00 | 00 40"}},
       {"red_balance", 16, {"a1 81 00 0c 00 02 04 00", "21 01 00 0c 00 02 04 00 | 01 02 10 00"}},
       {"pan_absolute",
        -612000,

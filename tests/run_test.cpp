@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/msg.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
@@ -15,7 +14,6 @@
 #include <optional>
 
 #include "platform/sys.h"
-#include "sim/node.h"
 
 namespace {
 
@@ -121,50 +119,12 @@ TEST(Run, ShellCommandsMeetTheRunsOwnPathsAndTools) {
   EXPECT_THAT(run.shell_log(), testing::EndsWith("\nreboot\n"));
 }
 
-TEST(Run, TheGadgetModuleMakesTheNode) {
-  sim::Run run;
-  const auto node_exists = [&] { return access(run.path("/dev/video0").c_str(), F_OK) == 0; };
-  EXPECT_EQ(sys::system("insmod /opt/vcam/ko/extdrv/dwc_otg.ko"), 0);
-  EXPECT_FALSE(node_exists());
-  EXPECT_EQ(sys::system("insmod /opt/vcam/ko/extdrv/g_webcam.ko"), 0);
-  EXPECT_TRUE(node_exists());
-  EXPECT_EQ(sys::system("rmmod  /opt/vcam/ko/extdrv/g_webcam.ko"), 0);
-  EXPECT_FALSE(node_exists());
-}
-
 TEST(Run, NoCommandRunsOnceTheStandInsAreGone) {
   sim::Run run;
   std::filesystem::remove_all(run.path("/bin"));
   EXPECT_EQ(sys::system("touch /etc/trace"), -1);
   EXPECT_EQ(sys::popen("touch /etc/trace", "r"), nullptr);
   EXPECT_NE(access(run.path("/etc/trace").c_str(), F_OK), 0);
-}
-
-TEST(Registers, KeepTheirValuesAndLogChanges) {
-  sim::Run run;
-  EXPECT_EQ(run.register_value(0x200F0074), 1u);
-  EXPECT_EQ(run.register_value(0x200F01A8), 1u);
-  run.set_register(0xFFFFF000, 0x80);
-
-  const int fd = sys::open("/dev/mem", O_RDWR | O_SYNC | O_CLOEXEC);
-  ASSERT_GE(fd, 0);
-  const auto with_page = [&](u32 page, auto&& use) {
-    void* mapping = sys::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, page);
-    ASSERT_NE(mapping, MAP_FAILED);
-    use(static_cast<u32*>(mapping));
-    EXPECT_EQ(sys::munmap(mapping, 4096), 0);
-  };
-  with_page(0x200F0000, [](u32* words) { words[0x74 / 4] = 0; });
-  with_page(0x20240000, [](u32* words) { words[4] = 4; });
-  with_page(0x20240000, [](u32* words) { EXPECT_EQ(words[4], 4u); });
-  with_page(0xFFFFF000, [](u32* words) { words[0] |= 0xA0000000; });
-  EXPECT_EQ(run.register_value(0x20240010), 4u);
-  EXPECT_EQ(run.register_log(), "0x200F0074: 1 -> 0\n0x20240010: 0 -> 4\n0xFFFFF000: 80 -> a0000080\n");
-
-  ASSERT_TRUE(sim::NodeHost().script("fail MEM_MMAP 1 errno=12"));
-  EXPECT_EQ(sys::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0), MAP_FAILED);
-  EXPECT_EQ(errno, ENOMEM);
-  sys::close(fd);
 }
 
 TEST(Run, RemovesWhatAKilledProcessLeft) {

@@ -128,22 +128,14 @@ Look look(Scene& scene, const CameraView& view) {
   return result;
 }
 
-TEST(SceneView, PanTiltAndZoomMoveTheSceneTheRightWay) {
+TEST(SceneView, PanAndTiltMoveTheSceneTheRightWay) {
   Scene scene("", kWidth, kHeight, false);
-  const Look straight = look(scene, {}), right = look(scene, {.pan = 6}), up = look(scene, {.tilt = 3}),
-             close = look(scene, {.zoom = 2});
-  constexpr int kRows = kHeight - 2 * kStrip;
+  const Look straight = look(scene, {}), moved = look(scene, {.pan = 6, .tilt = 3});
   const auto at = [](const Look& seen, int x, int y) { return seen.luma[y * kWidth + x]; };
-  int wrong = 0, far = 0;
-  for (int y = 0; y < kRows; ++y)
-    for (int x = 0; x < kWidth - 48; ++x) wrong += at(right, x, y) != at(straight, x + 48, y);
-  for (int y = 24; y < kRows; ++y)
-    for (int x = 0; x < kWidth; ++x) wrong += at(up, x, y) != at(straight, x, y - 24);
+  int wrong = 0;
+  for (int y = 24; y < kHeight - 2 * kStrip; ++y)
+    for (int x = 0; x < kWidth - 48; ++x) wrong += at(moved, x, y) != at(straight, x + 48, y - 24);
   EXPECT_EQ(wrong, 0);
-  for (int y = 0; y < kRows; ++y)
-    for (int x = 0; x < kWidth; ++x)
-      far += std::abs(at(close, x, y) - at(straight, kWidth / 4 + x / 2, kRows / 4 + y / 2)) > 24;
-  EXPECT_LT(far, kWidth * kRows / 100);
   EXPECT_EQ(look(scene, {}).luma, straight.luma);
 }
 
