@@ -125,10 +125,15 @@ const Row kRows[] = {
     {"261", ask<VeltoPtzGetAbsolute>, "4:05010000 8:03000000", "-1: 24 28 32", -1},
 };
 
-TEST(VeltoDrvMsg, EveryCommandsRecord) {
+class VeltoChannel : public testing::Test {
+ protected:
+  VeltoChannel() { EXPECT_EQ(VeltoDrvInit(kVeltoProcess), 0); }
+
   sim::Run run;
-  VeltoPeer peer(kVeltoMsgKey);
-  ASSERT_EQ(VeltoDrvInit(kVeltoProcess), 0);
+  VeltoPeer peer{kVeltoMsgKey};
+};
+
+TEST_F(VeltoChannel, EveryCommandsRecord) {
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.name);
     std::string result;
@@ -139,10 +144,7 @@ TEST(VeltoDrvMsg, EveryCommandsRecord) {
   }
 }
 
-TEST(VeltoDrvMsg, TextsFitTheRecord) {
-  sim::Run run;
-  VeltoPeer peer(kVeltoMsgKey);
-  ASSERT_EQ(VeltoDrvInit(kVeltoProcess), 0);
+TEST_F(VeltoChannel, TextsFitTheRecord) {
   const std::string longest(127, 'a');
   const std::string sent = peer.serve([&] { EXPECT_EQ(VeltoRequest21(longest.c_str()), 0); }, [](auto&) {});
   EXPECT_TRUE(sent.ends_with(" 144:61616161 148:61616100")) << sent;
@@ -186,10 +188,7 @@ TEST(VeltoDrvMsg, SendersRunUnconnected) {
   EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("SemWait: Invalid Semaphore handler pid:"));
 }
 
-TEST(VeltoDrvMsg, RequestOnARemovedQueueEnds) {
-  sim::Run run;
-  VeltoPeer peer(kVeltoMsgKey);
-  ASSERT_EQ(VeltoDrvInit(kVeltoProcess), 0);
+TEST_F(VeltoChannel, RequestOnARemovedQueueEnds) {
   std::thread remover([&] {
     peer.take();
     msgctl(peer.queue(), IPC_RMID, nullptr);
@@ -201,10 +200,7 @@ TEST(VeltoDrvMsg, RequestOnARemovedQueueEnds) {
   EXPECT_EQ(VeltoPtzGetPosition(position), 0);
 }
 
-TEST(VeltoDrvMsg, CancelledRequestReleasesTheChannel) {
-  sim::Run run;
-  VeltoPeer peer(kVeltoMsgKey);
-  ASSERT_EQ(VeltoDrvInit(kVeltoProcess), 0);
+TEST_F(VeltoChannel, CancelledRequestReleasesTheChannel) {
   i32 position = 0;
   CancellableThread control([&] { VeltoPtzGetPosition(position); });
   peer.take();  // and never answers
@@ -213,10 +209,7 @@ TEST(VeltoDrvMsg, CancelledRequestReleasesTheChannel) {
 }
 
 // A reply is addressed by process id only: were transactions to interleave, a thread would get another's.
-TEST(VeltoDrvMsg, EndOfTheProcessDoesNotWaitForAThreadWithoutReply) {
-  sim::Run run;
-  VeltoPeer peer(kVeltoMsgKey);
-  ASSERT_EQ(VeltoDrvInit(kVeltoProcess), 0);
+TEST_F(VeltoChannel, EndOfTheProcessDoesNotWaitForAThreadWithoutReply) {
   CancellableThread control([] { VeltoRequest20(1); });
   peer.take();  // and never answers
   std::thread ender([] {
@@ -231,10 +224,7 @@ TEST(VeltoDrvMsg, EndOfTheProcessDoesNotWaitForAThreadWithoutReply) {
   EXPECT_EQ(peer.waiting(), 1u);
 }
 
-TEST(VeltoDrvMsg, ThreadsKeepTheirOwnReplies) {
-  sim::Run run;
-  VeltoPeer peer(kVeltoMsgKey);
-  ASSERT_EQ(VeltoDrvInit(kVeltoProcess), 0);
+TEST_F(VeltoChannel, ThreadsKeepTheirOwnReplies) {
   constexpr int kRounds = 200;
   std::thread server([&] {
     for (int i = 0; i < 2 * kRounds; i++) {

@@ -115,14 +115,6 @@ class Uart : public testing::Test {
     return bytes;
   }
   void hang_up() { close(controller); }
-  /// While `reader` waits for more than what is delivered, the controller goes away.
-  template <typename Reader>
-  void hang_up_within(Reader reader) {
-    std::thread thread(reader);
-    while (waiting() > 0) usleep(100);
-    hang_up();
-    thread.join();
-  }
   template <typename Call>
   static std::string told_by(Call call) {
     testing::internal::CaptureStderr();
