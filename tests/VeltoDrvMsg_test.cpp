@@ -225,22 +225,11 @@ TEST_F(VeltoChannel, EndOfTheProcessDoesNotWaitForAThreadWithoutReply) {
 }
 
 TEST_F(VeltoChannel, ThreadsKeepTheirOwnReplies) {
-  constexpr int kRounds = 200;
-  std::thread server([&] {
-    for (int i = 0; i < 2 * kRounds; i++) {
-      VeltoMsgBuf record = peer.take();
-      record.dest = record.src;
-      record.ret = static_cast<i32>(get_le32(record.payload + kVeltoWords));
-      peer.send(record);
-    }
-  });
-  const auto client = [](i32 first) {
-    for (i32 value = first; value < first + kRounds; value++) EXPECT_EQ(VeltoRequest20(value), value);
+  const auto echo = [](VeltoMsgBuf& record) {
+    record.ret = static_cast<i32>(get_le32(record.payload + kVeltoWords));
   };
-  std::thread other(client, 1000);
-  client(5000);
-  other.join();
-  server.join();
+  peer.serve_two(
+      200, [](i32 value) { EXPECT_EQ(VeltoRequest20(value), value); }, echo);
 }
 
 }  // namespace

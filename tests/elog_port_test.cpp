@@ -150,42 +150,39 @@ std::future<void> visit_lock() {
   });
 }
 
+void expect_held_until(const std::function<void()>& release) {
+  auto visitor = visit_lock();
+  EXPECT_EQ(visitor.wait_for(50ms), std::future_status::timeout);
+  release();
+  visitor.get();
+}
+
 TEST_F(Elog, LockFollowsItsSwitch) {
   start_bare();
   elog_output_lock_enabled(false);
   elog_output_lock();
   visit_lock().get();  // not really taken
   elog_output_lock_enabled(true);
-  auto visitor = visit_lock();
-  EXPECT_EQ(visitor.wait_for(50ms), std::future_status::timeout);  // it is now
-  elog_output_unlock();
-  visitor.get();
+  expect_held_until(elog_output_unlock);  // it is now
 
   elog_output_lock();
   elog_output_lock_enabled(false);
   elog_output_lock();
   elog_output_unlock();
-  visitor = visit_lock();
-  EXPECT_EQ(visitor.wait_for(50ms), std::future_status::timeout);
-  elog_output_lock_enabled(true);
-  visitor.get();
+  expect_held_until([] { elog_output_lock_enabled(true); });
 
   elog_port_output_lock();
   std::async(std::launch::async, elog_port_output_unlock).get();  // not that thread's to release
-  visitor = visit_lock();
-  EXPECT_EQ(visitor.wait_for(50ms), std::future_status::timeout);
-  elog_port_output_unlock();
-  visitor.get();
+  expect_held_until(elog_port_output_unlock);
 
   // A tag level takes the lock at the port and leaves it there while locking is off.
   elog_output_lock_enabled(false);
   elog_get_filter_tag_lvl("tag");
-  visitor = visit_lock();
-  EXPECT_EQ(visitor.wait_for(50ms), std::future_status::timeout);
-  log_text("one");
-  log_text("two");
-  elog_port_output_unlock();
-  visitor.get();
+  expect_held_until([] {
+    log_text("one");
+    log_text("two");
+    elog_port_output_unlock();
+  });
   EXPECT_THAT(texts(), ElementsAre("one\n", "two\n"));
 }
 

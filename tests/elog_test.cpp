@@ -49,13 +49,9 @@ TEST_F(Elog, LayoutFollowsTheMask) {
   const std::string pid = pid_text(), tid = "tid:[0-9]{5}";
   for (const auto& [mask, shown] : std::vector<std::pair<u32, std::string>>{
            {0, ""},
-           {ELOG_FMT_TAG, ""},
-           {ELOG_FMT_LVL, "\\[I\\]"},
-           {ELOG_FMT_TIME, "\\[" + kTime + "\\]"},
            {ELOG_FMT_T_INFO, "\\[" + tid + "\\]"},
            {ELOG_FMT_TIME | ELOG_FMT_T_INFO, "\\[" + kTime + " " + tid + "\\]"},
            {ELOG_FMT_P_INFO | ELOG_FMT_T_INFO, "\\[" + pid + " " + tid + "\\]"},
-           {ELOG_FMT_DIR, "\\[f.c\\]"},
            {ELOG_FMT_LINE, "\\[7\\]"},
            {ELOG_FMT_DIR | ELOG_FMT_FUNC, "\\[f.c func\\]"},
            {ELOG_FMT_DIR | ELOG_FMT_LINE, "\\[f.c:7\\]"},
@@ -112,12 +108,10 @@ TEST_F(Elog, TagAndKeywordFilters) {
   };
   for (const Case& c :
        std::vector<Case>{{"", "", "NO_TAG", "text", true},
-                         {"TAG", "", "NO_TAG", "text", true},
                          {"NO_TAGS", "", "NO_TAG", "text", false},
                          {"sixteen_letters_", "", "my_sixteen_letters_x", "text", true},
                          {"sixteen_letters_", "", "sixteen_letters", "text", false},
                          {"sixteen_letters_and_more", "", "sixteen_letters_", "text", true},
-                         {"", "xt", "NO_TAG", "text", true},
                          {"", "NO_TAG", "NO_TAG", "text", false},
                          {"", "func", "NO_TAG", "text", true},
                          {"", "sixteen_letters_", "NO_TAG", "my sixteen_letters_", true},

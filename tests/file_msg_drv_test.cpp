@@ -274,22 +274,8 @@ TEST_F(FileMsgDrv, TooSmallASegmentFailsTheStart) {
 
 TEST_F(FileMsgDrv, ThreadsWaitForEachOthersTransactions) {
   open();
-  constexpr int kRounds = 100;
-  std::thread server([&] {
-    for (int i = 0; i < 2 * kRounds; i++) {
-      FileMsgBuf reply = peer.take();
-      reply.dest = reply.src;
-      accept(reply);
-      peer.send(reply);
-    }
-  });
-  const auto client = [] {
-    for (int i = 0; i < kRounds; i++) EXPECT_EQ(SetSysInfo(2), 0);
-  };
-  std::thread other(client);
-  client();
-  other.join();
-  server.join();
+  peer.serve_two(
+      100, [](i32) { EXPECT_EQ(SetSysInfo(2), 0); }, accept);
 }
 
 }  // namespace

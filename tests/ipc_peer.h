@@ -66,6 +66,26 @@ class Peer {
     return request;
   }
 
+  /// Two threads, 1 and 2, make so many calls each; every request is answered with what `answer` makes of it.
+  void serve_two(int rounds, const std::function<void(i32)>& call,
+                 const std::function<void(Record&)>& answer) const {
+    std::thread server([&] {
+      for (int i = 0; i < 2 * rounds; i++) {
+        Record record = take();
+        record.dest = record.src;
+        answer(record);
+        send(record);
+      }
+    });
+    const auto client = [&](i32 number) {
+      for (int i = 0; i < rounds; i++) call(number);
+    };
+    std::thread other(client, 1);
+    client(2);
+    other.join();
+    server.join();
+  }
+
  private:
   int queue_;
 };

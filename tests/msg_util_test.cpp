@@ -159,18 +159,6 @@ TEST(MsgUtil, SignalEndsAReceiveOnlyWhenTheProcessEnds) {
   EXPECT_EQ(result, -1);
 }
 
-TEST(SemUtil, NullHandlesAreReported) {
-  const std::string pid = std::to_string(getpid());
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(SemWait(nullptr), -1);
-  EXPECT_EQ(SemRelease(nullptr), -1);
-  EXPECT_EQ(DestroySem(nullptr), -1);
-  const std::string text = testing::internal::GetCapturedStderr();
-  EXPECT_THAT(text, HasSubstr("SemWait: Invalid Semaphore handler pid:" + pid + "\n"));
-  EXPECT_THAT(text, HasSubstr("SemRelease: Invalid Semaphore handler pid:" + pid + "\n"));
-  EXPECT_THAT(text, HasSubstr("DestroySem: Invalid Semaphore handler\n"));
-}
-
 TEST(SemUtil, HolderFinishesBeforeTheLockIsDestroyed) {
   SemHandle lock = MakeSem();
   ASSERT_NE(lock, nullptr);

@@ -77,33 +77,6 @@ i32 word_at(const VeltoMsgBuf& record, i32 offset) {
 
 }  // namespace
 
-TEST(ServerTest, ControlRequestsAreAnsweredByTheirRow) {
-  sim::Run run;
-  const Server server({.pool_address = 0x88000000, .pool_size = 0x10000});
-  const VeltoClient client(kVeltoMsgKey);
-  struct {
-    i32 cmd;
-    i32 status;
-    i32 offset;
-    i32 word;
-  } const conversations[] = {
-      {kVeltoGetMemory, 0, 16, static_cast<i32>(0x88000000)},
-      {kVeltoGetMemory, 0, 20, 0x10000},
-      {3, -1, 28, 0},
-      {4, -97, 28, 0},
-      {5, -98, 28, 0},
-      {7, 0, 32, 0},
-      {9, -1, 28, 0},
-      {20, 0, 24, 0},
-  };
-  for (const auto& expected : conversations) {
-    VeltoMsgBuf record = velto(expected.cmd, kVeltoProcess);
-    ASSERT_TRUE(client.call(record)) << expected.cmd;
-    EXPECT_EQ(record.ret, expected.status) << expected.cmd;
-    EXPECT_EQ(word_at(record, expected.offset), expected.word) << expected.cmd;
-  }
-}
-
 TEST(ServerTest, ControlChannelAndFramesMoveTheSameHead) {
   sim::Run run;
   sim::CameraHead head;

@@ -4,9 +4,8 @@
 #include <gtest/gtest.h>
 #include <linux/usb/video.h>
 
-#include <atomic>
 #include <cstring>
-#include <thread>
+#include <optional>
 
 #include "sim/run.h"
 #include "tests/gadget.h"
@@ -33,26 +32,21 @@ class FakeCamera {
     EXPECT_EQ(sys::system("insmod /opt/vcam/ko/extdrv/g_webcam.ko"), 0);
     EXPECT_TRUE(gadget_.open() && gadget_.start());
     put_le32(&probe_[18], 1000);
-    thread_ = std::thread([this] { run(); });
+    service_.emplace(gadget_, [this](const v4l2_event& event) { serve(event); });
   }
   ~FakeCamera() {
-    stopping_ = true;
-    thread_.join();
+    service_.reset();
     sys::close(gadget_.fd);
   }
   /// Once a stream has been started: the DATA of the last commit.
   const UvcRequestData& committed() const { return committed_; }
 
  private:
-  void run() {
-    while (!stopping_) {
-      const v4l2_event event = gadget_.event();
-      if (event.type == 0) std::this_thread::sleep_for(1ms);
-      if (event.type == UVC_EVENT_SETUP) answer(event);
-      if (event.type == UVC_EVENT_DATA) store(event);
-      if (event.type == UVC_EVENT_STREAMON) gadget_.stream(VIDIOC_STREAMON);
-      if (event.type == UVC_EVENT_STREAMOFF) gadget_.stream(VIDIOC_STREAMOFF);
-    }
+  void serve(const v4l2_event& event) {
+    if (event.type == UVC_EVENT_SETUP) answer(event);
+    if (event.type == UVC_EVENT_DATA) store(event);
+    if (event.type == UVC_EVENT_STREAMON) gadget_.stream(VIDIOC_STREAMON);
+    if (event.type == UVC_EVENT_STREAMOFF) gadget_.stream(VIDIOC_STREAMOFF);
   }
   void answer(const v4l2_event& event) {
     std::memcpy(&setup_, event.u.data, sizeof setup_);
@@ -78,8 +72,20 @@ class FakeCamera {
   u8 probe_[26] = {};
   usb_ctrlrequest setup_{};
   UvcRequestData committed_{};
-  std::atomic<bool> stopping_ = false;
-  std::thread thread_;
+  std::optional<Answering> service_;
+};
+
+/// The camera, plugged in.
+struct Bus {
+  explicit Bus(const Deviation& deviation) : camera(deviation) {
+    EXPECT_TRUE(node.wait_for_device(5s));
+    host.replug();
+  }
+  sim::Run run;
+  FakeCamera camera;
+  sim::NodeHost node;
+  sim::Conversation conversation{node, {}};
+  sim::UsbHost host{node, conversation, false};
 };
 
 }  // namespace
@@ -98,28 +104,17 @@ TEST(UsbHostTest, NamesWhatIsWrongWithACamerasAnswers) {
       {{UVC_GET_CUR, 7, 1}, "another format"},
   };
   for (const auto& [deviation, error] : cameras) {
-    const sim::Run run;
-    const FakeCamera camera(deviation);
-    sim::NodeHost node;
-    sim::Conversation conversation(node, {});
-    sim::UsbHost host(node, conversation, false);
-    ASSERT_TRUE(node.wait_for_device(5s));
-    host.replug();
-    EXPECT_FALSE(host.enumerate() && host.start(kChoice)) << error;
-    EXPECT_THAT(host.error(), HasSubstr(error));
+    Bus bus(deviation);
+    EXPECT_FALSE(bus.host.enumerate() && bus.host.start(kChoice)) << error;
+    EXPECT_THAT(bus.host.error(), HasSubstr(error));
   }
 }
 
 TEST(UsbHostTest, CommitsWhatWasAskedFor) {
-  const sim::Run run;
-  const FakeCamera camera({UVC_GET_MAX, 12, 77});
-  sim::NodeHost node;
-  sim::Conversation conversation(node, {});
-  sim::UsbHost host(node, conversation, false);
-  ASSERT_TRUE(node.wait_for_device(5s));
-  host.replug();
+  Bus bus({UVC_GET_MAX, 12, 77});
+  sim::UsbHost& host = bus.host;
   ASSERT_TRUE(host.enumerate() && host.start(kChoice)) << host.error();
-  const UvcRequestData& committed = camera.committed();
+  const UvcRequestData& committed = bus.camera.committed();
   EXPECT_EQ(committed.length, 26);
   EXPECT_EQ(committed.data[2], 4);
   EXPECT_EQ(committed.data[3], 6);

@@ -5,7 +5,6 @@
 #include <linux/usb/video.h>
 
 #include <cstdio>
-#include <map>
 
 #include "sim/host_controls.h"
 #include "sim/run.h"
@@ -88,43 +87,25 @@ TEST(UsbPcapTest, SaysWhenTheFileCannotBeWritten) {
   EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("/nowhere/conversation.pcap: No such file"));
 }
 
-/// Walks the configuration as a host does: every length leads to the next descriptor.
-TEST(UsbDescriptorsTest, LengthsAddUpAndAllFramesAreThere) {
-  const auto bytes = sim::configuration_descriptor();
-  EXPECT_EQ(sim::device_descriptor().size(), sim::device_descriptor()[0]);
-  EXPECT_EQ(get_le16(&bytes[2]), bytes.size());
-
-  u8 interface = 0xFF, format = 0;
-  std::map<u8, u32> told, found;                     // by interface: bytes of class descriptors
-  std::map<u8, std::vector<sim::FrameSize>> frames;  // by format
-  std::map<u8, u8> frame_counts;
-  for (std::size_t at = 0; at < bytes.size(); at += bytes[at]) {
-    ASSERT_GE(bytes[at], 2);
-    ASSERT_LE(at + bytes[at], bytes.size());
-    const u8* const descriptor = &bytes[at];
-    if (descriptor[1] == USB_DT_INTERFACE) interface = descriptor[2];
-    if (descriptor[1] != USB_DT_CS_INTERFACE) continue;
-    found[interface] += descriptor[0];
-    const u8 subtype = descriptor[2];
-    if (subtype == UVC_VC_HEADER) told[interface] = get_le16(descriptor + (interface == 0 ? 5 : 4));
-    if (interface == 0) continue;
-    if (subtype == UVC_VS_FORMAT_MJPEG || subtype == UVC_VS_FORMAT_UNCOMPRESSED ||
-        subtype == UVC_VS_FORMAT_FRAME_BASED) {
-      format = descriptor[3];
-      frame_counts[format] = descriptor[4];
-    }
-    if (subtype == UVC_VS_FRAME_MJPEG || subtype == UVC_VS_FRAME_UNCOMPRESSED ||
-        subtype == UVC_VS_FRAME_FRAME_BASED) {
-      frames[format].push_back({get_le16(descriptor + 5), get_le16(descriptor + 7)});
-      EXPECT_EQ(descriptor[3], frames[format].size());
+TEST(UsbDescriptorsTest, AllFramesAreThere) {
+  const sim::Run run;
+  const std::string path = sim::run_root() + "/conversation.pcap";
+  ASSERT_TRUE(sim::write_pcap(path, {}));
+  std::string counts, indices, widths, heights;
+  for (const sim::HostFormat& format : sim::host_formats()) {
+    counts += " " + std::to_string(format.sizes.size());
+    for (std::size_t i = 0; i < format.sizes.size(); i++) {
+      indices += " " + std::to_string(i + 1);
+      widths += " " + std::to_string(format.sizes[i].width);
+      heights += " " + std::to_string(format.sizes[i].height);
     }
   }
-  EXPECT_EQ(told, found);
-  ASSERT_EQ(frames.size(), sim::host_formats().size());
-  for (const sim::HostFormat& made : sim::host_formats()) {
-    EXPECT_THAT(frames[static_cast<u8>(made.format)], testing::ElementsAreArray(made.sizes)) << made.name;
-    EXPECT_EQ(frame_counts[static_cast<u8>(made.format)], made.sizes.size());
-  }
+  EXPECT_EQ(
+      tshark(path,
+             "-Y usbvideo.frame.width -T fields -E aggregator=/s -e usbvideo.format.numFrameDescriptors "
+             "-e usbvideo.frame.index -e usbvideo.frame.width -e usbvideo.frame.height"),
+      counts.substr(1) + '\t' + indices.substr(1) + '\t' + widths.substr(1) + '\t' + heights.substr(1) +
+          '\n');
 }
 
 }  // namespace

@@ -82,20 +82,6 @@ TEST(Yuy2, EverySetGivesTheReferenceBytesAtEveryWidthAndStride) {
   }
 }
 
-TEST(Yuy2, RowsMayStandAnywhereInMemory) {
-  constexpr std::size_t kPairs = 45;
-  const std::vector<u8> luma = random_bytes(256, 16, 235), chroma = random_bytes(256, 0, 255);
-  for (const Yuy2Kernels& kernels : yuy2_kernels()) {
-    for (u32 shift = 0; shift < 32; ++shift) {
-      std::vector<u8> got(300, 0xEE), want(300, 0xEE);
-      kernels.convert(luma.data() + shift, chroma.data() + 2 * shift, got.data() + (shift * 7 & 31), kPairs);
-      yuy2_kernels()[0].convert(luma.data() + shift, chroma.data() + 2 * shift,
-                                want.data() + (shift * 7 & 31), kPairs);
-      EXPECT_EQ(got, want) << kernels.name << " shifted by " << shift;
-    }
-  }
-}
-
 TEST(Yuy2, OneLumaByteOutOfRangeIsSeenWhereverItStands) {
   struct {
     u8 value;
