@@ -64,7 +64,9 @@ TEST_F(UvcTest, ProbeKeepsTheDevicesOwnFields) {
   set_streaming(VS_PROBE_CONTROL, block(kFormatYuy2, 3, 333333));
   const auto beyond = get_streaming(UVC_GET_CUR, VS_PROBE_CONTROL, 26);
   EXPECT_EQ(get_le32(&beyond[18]), 0u);
-  EXPECT_EQ(hex(get_streaming(UVC_GET_MIN, VS_PROBE_CONTROL, 26)), kInitialBlock);
+  for (const u8 limit : {UVC_GET_MIN, UVC_GET_MAX})
+    EXPECT_EQ(hex(get_streaming(limit, VS_PROBE_CONTROL, 26)), kInitialBlock);
+  EXPECT_EQ(get_streaming(UVC_GET_DEF, VS_PROBE_CONTROL, 26), beyond);
 }
 
 struct Commit {

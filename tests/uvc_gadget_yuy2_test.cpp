@@ -114,10 +114,8 @@ TEST(Yuy2, GeometryThatDoesNotHoldTogetherIsRefused) {
     bool valid;
   } const cases[] = {
       {"full HD 4:2:0", {1920, 1080, 1920, 1920, false}, true},
-      {"padded 4:2:2", {640, 480, 704, 656, true}, true},
       {"one pixel", {1, 1, 1, 1, true}, true},
       {"no width", {0, 480, 640, 640, false}, false},
-      {"no height", {640, 0, 640, 640, true}, false},
       {"no whole chroma row", {640, 1, 640, 640, false}, false},
       {"short luma stride", {640, 480, 639, 640, false}, false},
       {"short chroma stride", {640, 480, 640, 639, true}, false},
