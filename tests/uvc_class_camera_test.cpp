@@ -233,6 +233,18 @@ TEST_F(CameraControlTest, RefusesWhatLiesBeyondTheLimitsOfTheImage) {
   }
 }
 
+TEST_F(CameraControlTest, SaysWhereTheHeadGoes) {
+  print_level = 3;
+  testing::internal::CaptureStderr();
+  uvc_apantilt_process(612000, -324000);
+  uvc_rpantilt_process(255, 1, 1, 1);
+  uvc_rpantilt_process(0, 1, 255, 1);
+  get(UVC_GET_CUR, kImage, 12, 4);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "set pan[170] tilt[-90] \npan_direct[255] tilt_direct[1] \npan & tilt is 1,0\n"
+            "pan_direct[0] tilt_direct[255] \npan & tilt is 0,4\nget cur wbc\n");
+}
+
 struct Reading {
   const char* name;
   u8 entity, selector;

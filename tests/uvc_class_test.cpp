@@ -109,6 +109,16 @@ TEST_F(UvcTest, CommitSetsTheStreamAndTellsTheEncoder) {
   }
 }
 
+TEST_F(UvcTest, CommitSaysWhatItDoes) {
+  set_streaming(VS_COMMIT_CONTROL, block(kFormatH264, 1, 333333));
+  testing::internal::CaptureStderr();
+  set_streaming(VS_COMMIT_CONTROL, block(kFormatYuy2, 1, 333333));
+  EXPECT_EQ(
+      testing::internal::GetCapturedStderr(),
+      "vs_probe_and_commit_control.bFormatIndex 3\n cur_format == YUY2 last_format 2\ncur_frame_rate 30\n"
+      "need to config frame resolution\ncur_col 320 cur_line 240, cur_frame_rate = 30\n");
+}
+
 TEST_F(UvcTest, StillImageBlockAndTrigger) {
   const u8 still[11] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
   set_streaming(VS_STILL_COMMIT_CONTROL, still);
