@@ -119,7 +119,7 @@ TEST_F(SysMsgDrv, ThreadsWaitForEachOthersTransactions) {
     u8 buffer[16] = {};
     EXPECT_EQ(TransmitMsg2Sys(buffer, length, nullptr, 39), length);
   };
-  peer.serve_two(100, client, [](SysMsgBuf&) {});  // answered with the length that was asked with
+  peer.serve_two(300, client, [](SysMsgBuf&) {});  // answered with the length that was asked with
 }
 
 TEST_F(SysMsgDrv, CancelledTransactionReleasesTheChannel) {
