@@ -275,7 +275,7 @@ TEST_F(FileMsgDrv, TooSmallASegmentFailsTheStart) {
 TEST_F(FileMsgDrv, ThreadsWaitForEachOthersTransactions) {
   open();
   peer.serve_two(
-      100, [](i32) { EXPECT_EQ(SetSysInfo(2), 0); }, accept);
+      300, [](i32) { EXPECT_EQ(SetSysInfo(2), 0); }, accept);
 }
 
 }  // namespace
