@@ -6,7 +6,6 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -46,24 +45,23 @@ std::vector<u8> read_bytes(const std::string& path) {
 /// Payloads with the times and numbers that the log tells; stops at the first that does not fit its header.
 /// What the driver marks as torn is not in the capture: zeros stand for it.
 std::vector<Frame> read_capture(std::span<const u8> bytes, const std::string& log_path) {
-  static const std::regex line_form(
-      R"(cap dqbuf: .*seq: *(\d+) bytesused: (\d+) ts: (\d+)\.(\d{6}).*\((error)?)");
   static const std::vector<u8> zeros(kMostPayload);
   std::vector<Frame> frames;
   std::ifstream log(log_path);
-  std::smatch match;
   for (std::string line; std::getline(log, line);) {
-    if (!std::regex_search(line, match, line_form)) continue;
-    const i64 arrived = (std::stoll(match[3]) * 1'000'000 + std::stoll(match[4])) * 1000;
-    const u32 sequence = static_cast<u32>(std::stoul(match[1]));
-    if (match[5].matched) {
-      const std::size_t size = std::min<std::size_t>(std::stoul(match[2]), kMostPayload);
-      frames.push_back({std::span(zeros).first(size), arrived, sequence});
+    u32 sequence, size, seconds, microseconds;
+    if (std::sscanf(line.c_str(), " cap dqbuf: %*u seq: %u bytesused: %u ts: %u.%6u", &sequence, &size,
+                    &seconds, &microseconds) != 4)
+      continue;
+    const i64 arrived = (i64{seconds} * 1'000'000 + microseconds) * 1000;
+    if (line.find("(error") != line.npos) {
+      frames.push_back(
+          {std::span(zeros).first(std::min<std::size_t>(size, kMostPayload)), arrived, sequence});
       continue;
     }
     if (bytes.size() < 8 || std::memcmp(bytes.data(), kFrameMark, sizeof kFrameMark) != 0) break;
-    const std::size_t size = u32{bytes[4]} << 24 | bytes[5] << 16 | bytes[6] << 8 | bytes[7];
-    if (size > bytes.size() - 8) break;
+    if (size != (u32{bytes[4]} << 24 | bytes[5] << 16 | bytes[6] << 8 | bytes[7]) || size > bytes.size() - 8)
+      break;
     frames.push_back({bytes.subspan(8, size), arrived, sequence});
     bytes = bytes.subspan(8 + size);
   }
