@@ -3,12 +3,14 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 
 #include "sim/av.h"
 #include "sim/lent_encoder.h"
 
-static volatile sig_atomic_t interrupted = 0;
+static std::atomic<bool> interrupted = false;
+static_assert(decltype(interrupted)::is_always_lock_free);
 
 int main(int argc, char** argv) {
   if (argc != 2) {
@@ -19,8 +21,8 @@ int main(int argc, char** argv) {
     std::perror(argv[1]);
     return 1;
   }
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) signal(number, [](int) { interrupted = 1; });
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) signal(number, [](int) { interrupted = true; });
   av_log_set_level(AV_LOG_QUIET);
-  sim::lend_encoder(argv[1], &interrupted);
+  sim::lend_encoder(argv[1], interrupted);
   return 0;
 }

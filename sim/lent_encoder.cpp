@@ -101,10 +101,10 @@ static void answer(LentEncoderMemory& memory, Encoder& encoder) {
   std::ranges::copy(frame->data, memory.data);
 }
 
-void lend_encoder(const std::string& path, const volatile int* end) {
+void lend_encoder(const std::string& path, const std::atomic<bool>& end) {
   LentEncoderMemory& memory = map(path);
   Encoder encoder;
-  for (; !*end; usleep(kPollUs)) {
+  for (; !end; usleep(kPollUs)) {
     const u32 number = memory.asked;
     if (number == memory.answered) continue;
     answer(memory, encoder);

@@ -3,6 +3,7 @@
 // slowly.
 #pragma once
 
+#include <atomic>
 #include <optional>
 #include <string>
 
@@ -28,8 +29,8 @@ class LentEncoder {
   LentEncoderMemory& memory_;
 };
 
-/// The lender's side: encodes what comes until `*end` becomes nonzero.
-void lend_encoder(const std::string& path, const volatile int* end);
+/// The lender's side: encodes what comes until `end` becomes true, in a signal handler for example.
+void lend_encoder(const std::string& path, const std::atomic<bool>& end);
 /// Size of the shared memory in bytes.
 extern const std::size_t kLentEncoderSize;
 

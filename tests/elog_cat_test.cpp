@@ -82,9 +82,10 @@ TEST_F(ElogCatTest, CountsRecordsThatMakeNoSense) {
 
 TEST_F(ElogCatTest, FollowsInColourOnATerminalUntilItIsEnded) {
   int terminal = -1;
+  const std::string program = viewer();
   const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
   if (child == 0) {
-    execl(viewer().c_str(), "elog_cat", static_cast<char*>(nullptr));
+    execl(program.c_str(), "elog_cat", static_cast<char*>(nullptr));
     _exit(127);
   }
   send(1, "first\n");

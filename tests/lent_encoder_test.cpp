@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <string>
 #include <thread>
 
@@ -26,8 +27,8 @@ struct LentEncoderTest : testing::Test {
 };
 
 TEST_F(LentEncoderTest, FramesAreThoseOfAnEncoderOfOnesOwn) {
-  volatile int end = 0;
-  std::thread lender([&] { sim::lend_encoder(path, &end); });
+  std::atomic<bool> end = false;
+  std::thread lender([&] { sim::lend_encoder(path, end); });
   sim::LentEncoder lent(path);
   sim::Encoder own;
   for (u32 counter = 1; counter <= 3; ++counter) {
@@ -38,7 +39,7 @@ TEST_F(LentEncoderTest, FramesAreThoseOfAnEncoderOfOnesOwn) {
     EXPECT_EQ(frame->type, expected->type);
     EXPECT_TRUE(std::ranges::equal(frame->data, expected->data)) << counter;
   }
-  end = 1;
+  end = true;
   lender.join();
 }
 
