@@ -16,43 +16,29 @@ Parties::Parties(MediaOptions media_options, const CollectorOptions& collector_o
   server.on_encoder_settings([this](const EncoderSettingsMessage& message) { media.apply(message); });
 }
 
+static constexpr std::pair<FaultKind, ServerFault> kServerFaults[] = {
+    {FaultKind::kServerDead, ServerFault::kDead},
+    {FaultKind::kServerSlow, ServerFault::kSlow},
+    {FaultKind::kServerGarbled, ServerFault::kGarbled},
+    {FaultKind::kServerMute, ServerFault::kMute},
+    {FaultKind::kServerMisdirects, ServerFault::kMisdirected},
+    {FaultKind::kServerAnswersTwice, ServerFault::kAnswersTwice},
+};
+static constexpr std::pair<FaultKind, EncoderFault> kEncoderFaults[] = {
+    {FaultKind::kEncoderSilent, EncoderFault::kSilent},
+    {FaultKind::kEncoderDead, EncoderFault::kDead},
+    {FaultKind::kEncoderWrongSize, EncoderFault::kWrongSize},
+};
+
 bool set_fault(Parties& parties, FaultKind kind, bool on) {
-  const auto server = [&](ServerFault fault) {
-    parties.server.set_fault(on ? fault : ServerFault::kNone);
-    return true;
-  };
-  const auto encoder = [&](EncoderFault fault) {
-    parties.media.set_fault(on ? fault : EncoderFault::kNone);
-    return true;
-  };
-  switch (kind) {
-    case FaultKind::kServerDead:
-      return server(ServerFault::kDead);
-    case FaultKind::kServerSlow:
-      return server(ServerFault::kSlow);
-    case FaultKind::kServerGarbled:
-      return server(ServerFault::kGarbled);
-    case FaultKind::kServerMute:
-      return server(ServerFault::kMute);
-    case FaultKind::kServerMisdirects:
-      return server(ServerFault::kMisdirected);
-    case FaultKind::kServerAnswersTwice:
-      return server(ServerFault::kAnswersTwice);
-    case FaultKind::kEncoderSilent:
-      return encoder(EncoderFault::kSilent);
-    case FaultKind::kEncoderDead:
-      return encoder(EncoderFault::kDead);
-    case FaultKind::kEncoderWrongSize:
-      return encoder(EncoderFault::kWrongSize);
-    case FaultKind::kLogQueueFull:
-      parties.collector.pause(on);
-      if (on) parties.collector.fill_queue();
-      return true;
-    case FaultKind::kNode:
-    case FaultKind::kUnplug:
-      return false;
-  }
-  return false;
+  for (const auto& [row, fault] : kServerFaults)
+    if (row == kind) return parties.server.set_fault(on ? fault : ServerFault::kNone), true;
+  for (const auto& [row, fault] : kEncoderFaults)
+    if (row == kind) return parties.media.set_fault(on ? fault : EncoderFault::kNone), true;
+  if (kind != FaultKind::kLogQueueFull) return false;
+  parties.collector.pause(on);
+  if (on) parties.collector.fill_queue();
+  return true;
 }
 
 }  // namespace sim
