@@ -166,7 +166,6 @@ ControlAnswer Conversation::control(const usb_ctrlrequest& setup, std::span<cons
   hear();
   const auto begin = Clock::now();
   const ControlAnswer answer = node_.control(setup, data, limit);
-  const double answer_ms = milliseconds(Clock::now() - begin);
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(begin + limit - Clock::now());
   const bool served = node_.settle(left);
   Exchange exchange{
@@ -175,7 +174,7 @@ ControlAnswer Conversation::control(const usb_ctrlrequest& setup, std::span<cons
       .data = setup.bRequestType & USB_DIR_IN ? answer.data : std::vector(data.begin(), data.end()),
       .stalled = answer.stalled,
       .timed_out = answer.timed_out,
-      .answer_ms = answer_ms,
+      .answer_ms = answer.waited_ms,
       .served_ms = served ? milliseconds(Clock::now() - begin) : -1};
   {
     const std::lock_guard guard(lock_);

@@ -107,11 +107,13 @@ void make_programs(const std::string& root) {
   make_program(root + "/bin/reboot", "exit 0\n");
 }
 
+void remove_key(key_t key) {
+  if (const int queue = msgget(key, 0); queue >= 0) msgctl(queue, IPC_RMID, nullptr);
+  if (const int segment = shmget(key, 0, 0); segment >= 0) shmctl(segment, IPC_RMID, nullptr);
+}
+
 void remove_ipc(pid_t number) {
-  for (key_t key = number << 9, end = key + kKeys; key != end; ++key) {
-    if (const int queue = msgget(key, 0); queue >= 0) msgctl(queue, IPC_RMID, nullptr);
-    if (const int segment = shmget(key, 0, 0); segment >= 0) shmctl(segment, IPC_RMID, nullptr);
-  }
+  for (key_t key = number << 9, end = key + kKeys; key != end; ++key) remove_key(key);
   const std::string suffix = '.' + std::to_string(number);
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator("/dev/shm", ignored)) {
@@ -213,6 +215,8 @@ std::string run_semaphore(std::string_view name) {
   if (current().number == kWholeMachine) return std::string(name);
   return std::string(name) + '.' + std::to_string(current().number);
 }
+
+void remove_objects(key_t key) { remove_key(run_key(key)); }
 
 const std::string& run_root() { return current().root; }
 

@@ -70,11 +70,11 @@ bool ServiceProcess::running() {
   return !status_;
 }
 
-std::optional<double> ServiceProcess::stop(double limit) {
+std::optional<double> ServiceProcess::stop(double limit, int signal) {
   using Clock = std::chrono::steady_clock;
   const auto begin = Clock::now();
   const auto waited = [&] { return std::chrono::duration<double>(Clock::now() - begin).count(); };
-  if (running()) kill(pid_, SIGTERM);
+  if (running()) kill(pid_, signal);
   while (running() && waited() < limit) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   if (!running()) return waited();
   kill(-pid_, SIGKILL);

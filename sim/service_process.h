@@ -1,6 +1,7 @@
 // The service as a child process: its output goes to a file, line by line, and it is never left behind.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -24,9 +25,9 @@ class ServiceProcess {
 
   pid_t pid() const { return pid_; }
   bool running();
-  /// SIGTERM, then SIGKILL to its group when it has not ended within `limit` seconds. How long it took;
+  /// `signal`, then SIGKILL to its group when it has not ended within `limit` seconds. How long it took;
   /// nothing when it had to be killed.
-  std::optional<double> stop(double limit);
+  std::optional<double> stop(double limit, int signal = SIGTERM);
   /// Once it has ended: "exit status 0", "killed by signal 11 (Segmentation fault)".
   std::string how_it_ended() const;
   bool ended_with_success() const;
