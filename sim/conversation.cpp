@@ -178,10 +178,16 @@ ControlAnswer Conversation::control(const usb_ctrlrequest& setup, std::span<cons
       .served_ms = served ? milliseconds(Clock::now() - begin) : -1};
   {
     const std::lock_guard guard(lock_);
+    slowest_ms_ = std::max(slowest_ms_, exchange.answer_ms);
     exchanges_.push_back(std::move(exchange));
   }
   hear();
   return answer;
+}
+
+double Conversation::take_slowest_ms() {
+  const std::lock_guard guard(lock_);
+  return std::exchange(slowest_ms_, 0);
 }
 
 std::vector<Exchange> Conversation::exchanges() {
