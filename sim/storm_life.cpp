@@ -109,8 +109,9 @@ void StormLives::round(const StormRound& round) {
   controls_->go_on();
   const unsigned unplugs = camera_.host.unplugs();
   pass(round);
-  const bool lost = round.then && round.any(&StormFault::loses);
-  const bool again = !streams_ || lost || camera_.host.unplugs() != unplugs;
+  const bool asked_in_vain = round.then && round.any(&StormFault::loses);
+  const bool damaged = round.any(&StormFault::damages);  // key frames are rare
+  const bool again = !streams_ || asked_in_vain || damaged || camera_.host.unplugs() != unplugs;
   log_->step(again ? "the storm is over, the host starts its stream again" : "the storm is over");
   if (again) {
     stop(round);
@@ -211,13 +212,16 @@ void StormLives::expect_order(const StormRound& round) {
   expect_belongings();
 }
 
+/// The streaming loop may need a moment to put down what it holds.
 void StormLives::expect_belongings() {
-  const Belongings now = belongings_of(service_->pid());
+  Belongings now = belongings_of(service_->pid());
   if (!belongings_) belongings_ = now;
   const Belongings& before = *belongings_;
-  const bool same = now.files == before.files && now.threads == before.threads &&
-                    now.mappings == before.mappings &&
-                    now.own_kilobytes <= before.own_kilobytes + kMostOwnKilobytes;
+  const bool same = wait(kPictureBack, [&] {
+    now = belongings_of(service_->pid());
+    return now.files == before.files && now.threads == before.threads && now.mappings == before.mappings &&
+           now.own_kilobytes <= before.own_kilobytes + kMostOwnKilobytes;
+  });
   if (!same) log_->fail("the service has " + now.text() + "; before: " + before.text());
 }
 

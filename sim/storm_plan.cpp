@@ -26,7 +26,7 @@ constexpr StormFault kFaults[] = {
     {kServer, "server answers twice", 0.1, 2},
     {kEncoder, "encoder silent", 0.1, 3},
     {kEncoder, "encoder dead", 0.1, 2},
-    {kEncoder, "encoder wrong-size", 0.1, 2},
+    {kEncoder, "encoder wrong-size", 0.1, 2, 0, false, true},
     {kEncoder, "encoder posts", 0.1, 2},
     {kEncoder, "encoder gone", 0.1, 2},
     {kCollector, "log queue full", 0.1, 2},
@@ -39,8 +39,8 @@ constexpr StormFault kFaults[] = {
     {kNode, "fail QBUF 1-3", 1, 1, 0, false, true},
     {kNode, "fail STREAMOFF 1", 1, 1},
     {kNode, "fail STREAMON 1", 1, 1},
-    {kNode, "fail QUERYBUF 1-2", 1, 1},
-    {kNode, "fail MMAP 1-2", 1, 1},
+    {kNode, "fail QUERYBUF 1-2", 1, 1, 0, false, true},
+    {kNode, "fail MMAP 1-2", 1, 1, 0, false, true},
 };
 
 constexpr const char* kStateNames[] = {"starting",  "idle",         "streaming",  "stopping",

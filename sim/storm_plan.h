@@ -21,7 +21,7 @@ struct StormFault {
   double shortest, longest;  ///< seconds
   double aftermath = 0;      ///< seconds for which it goes on after its end
   bool loses = false;        ///< messages may get lost: what was asked for meanwhile is asked again
-  bool damages = false;      ///< the driver itself breaks frames
+  bool damages = false;      ///< frames are broken or left out before the service has them or after
 };
 std::span<const StormFault> storm_faults();
 constexpr char kServiceStopped[] = "service stopped";  ///< SIGSTOP, then SIGCONT
