@@ -25,7 +25,7 @@ class ServiceProcess {
 
   pid_t pid() const { return pid_; }
   bool running();
-  /// `signal`, then SIGKILL to its group when it has not ended within `limit` seconds. How long it took;
+  /// The signal, then SIGKILL to its group when it has not ended within `limit` seconds. How long it took;
   /// nothing when it had to be killed.
   std::optional<double> stop(double limit, int signal = SIGTERM);
   /// Once it has ended: "exit status 0", "killed by signal 11 (Segmentation fault)".

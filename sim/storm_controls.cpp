@@ -132,7 +132,6 @@ void StormControls::send_other() {
   const u8 zoom[] = {byte, static_cast<u8>(byte / 4)};
   const u8 pan_tilt[] = {0, byte, static_cast<u8>(byte / 32), 0, byte, static_cast<u8>(byte / 64), 0, 0};
   const u8 turn[] = {static_cast<u8>(byte % 2), 1, static_cast<u8>(byte / 2 % 2), 1};
-  const u8 key_frames[] = {60, 0, 0};
   switch (random_() % 6) {
     case 0:
       request(UVC_SET_CUR, kCameraTerminal, UVC_CT_ZOOM_ABSOLUTE_CONTROL, zoom, sizeof zoom);
@@ -144,7 +143,7 @@ void StormControls::send_other() {
       request(UVC_SET_CUR, kCameraTerminal, UVC_CT_PANTILT_RELATIVE_CONTROL, turn, sizeof turn);
       break;
     case 3:
-      request(UVC_SET_CUR, kExtensionUnit, 3, key_frames, sizeof key_frames);
+      request(UVC_SET_CUR, kExtensionUnit, 1, {&byte, 1}, 1);
       break;
     case 4:
       request(UVC_GET_CUR, kExtensionUnit, byte % 29, {}, 22);
