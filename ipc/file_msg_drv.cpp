@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ipc/msg_channel.h"
 #include "ipc/msg_records.h"
 #include "ipc/msg_util.h"
 #include "ipc/sem_util.h"
@@ -26,11 +27,9 @@ constexpr i32 kToleratedFailures = 2;
 
 struct Driver {
   SemHandle lock = nullptr;
-  key_t key = 0;
+  MsgChannel channel;
   i32 segment = -1;
   u8* base = nullptr;
-  i32 process = 0;
-  i32 queue = -1;
   i32 failed_writes = 0;
 };
 Driver driver;
@@ -60,9 +59,9 @@ bool becomes_ready(u8* start) {
 
 // One transaction, under the lock. True when the server reports success.
 bool server_accepts(i32 cmd, i32 section) {
-  FileMsgBuf record{kServerMsgType, cmd, driver.process, driver.segment, 0, section, {0, 0}};
-  return Msg_Transact(driver.queue, driver.process, &record, kRecordSize) >= 0 &&
-         record.length == kSysInfoLength;
+  Msg_Settle(driver.channel);
+  FileMsgBuf record{kServerMsgType, cmd, driver.channel.process, driver.segment, 0, section, {0, 0}};
+  return Msg_Transact(driver.channel, &record, kRecordSize) >= 0 && record.length == kSysInfoLength;
 }
 
 template <typename Value>
@@ -115,17 +114,17 @@ i32 InitFileMsgDrv(key_t key, i32 process_id) {
     return -1;
   }
   PRINT_DEBUG("Semaphore Addr: %p\n", static_cast<void*>(driver.lock));
-  driver.queue = Msg_Init(key);
-  if (driver.queue < 0) {
+  driver.channel.queue = Msg_Init(key);
+  if (driver.channel.queue < 0) {
     PRINT_ERROR("Message init fail\n");
     DestroySem(driver.lock);
     return -1;
   }
-  driver.key = key;
+  driver.channel.key = key;
   driver.segment = pShareMemInit(key);
   if (driver.segment < 0) {
     PRINT_ERROR("Share memory id error\n");
-    Msg_Kill(driver.queue);
+    Msg_Kill(driver.channel.queue);
     DestroySem(driver.lock);
     return -1;
   }
@@ -137,7 +136,7 @@ i32 InitFileMsgDrv(key_t key, i32 process_id) {
     return -1;
   }
   PRINT_DEBUG("Share Memory Address:%p\n", static_cast<void*>(driver.base));
-  driver.process = process_id;
+  driver.channel.process = process_id;
   return 0;
 }
 
@@ -169,7 +168,7 @@ i32 SetSysInfo(i32 section) {
   if (guard.given_up()) return -1;
   if (driver.failed_writes > kToleratedFailures) {
     driver.failed_writes = 0;
-    driver.queue = Msg_Init(driver.key);
+    driver.channel.queue = Msg_Init(driver.channel.key);
   }
   if (server_accepts(kFileMsgWritten, section)) return 0;
   PRINT_ERROR("Data write error\n");
@@ -253,10 +252,10 @@ i32 ReplaceConfigLine(const char* path, const char* prefix, const char* replacem
   return 0;
 }
 
-void SetFileMsgQueue(i32 queue) { driver.queue = queue; }
+void SetFileMsgQueue(i32 queue) { driver.channel.queue = queue; }
 
 void SendFileMsgNotice() {
   FileMsgBuf record{};
   record.dest = kServerMsgType;
-  Msg_Send(driver.queue, &record, kRecordSize);
+  Msg_Notify(driver.channel, &record, kRecordSize);
 }

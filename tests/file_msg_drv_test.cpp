@@ -185,10 +185,11 @@ TEST_F(FileMsgDrv, OnlyTheExactReplyLengthIsSuccess) {
 
 TEST_F(FileMsgDrv, QueueIsOpenedAnewAfterThreeFailures) {
   open();
-  msgctl(peer.queue(), IPC_RMID, nullptr);
-  const FilePeer restarted(kFileMsgKey);
-  for (int failure = 0; failure < 3; failure++) EXPECT_EQ(SetSysInfo(1), -1);
-  const std::string sent = restarted.serve([] { EXPECT_EQ(SetSysInfo(1), 0); }, accept);
+  const FilePeer stranger(kSysMsgKey);
+  SetFileMsgQueue(stranger.queue());
+  for (int failure = 0; failure < 3; failure++)
+    stranger.serve([] { EXPECT_EQ(SetSysInfo(1), -1); }, [](FileMsgBuf& reply) { reply.length = 2639; });
+  const std::string sent = peer.serve([] { EXPECT_EQ(SetSysInfo(1), 0); }, accept);
   EXPECT_EQ(sent, record("4:01000000 20:01000000"));
 }
 
