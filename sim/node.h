@@ -53,7 +53,7 @@ class NodeHost {
   /// within `limit` or the stream is off.
   bool take_frame(std::vector<u8>& frame, std::chrono::milliseconds limit);
 
-  /// Queues an event as it is (for tests of the service's event handling).
+  /// Queues an event as it is (for tests of the service's event handling); one without time is stamped now.
   void raise(const v4l2_event& event);
   /// Takes the answer to a SETUP that raise() queued.
   std::optional<UvcRequestData> next_response(std::chrono::milliseconds limit);

@@ -138,7 +138,8 @@ NodeState& node_state();
 void record_call(NodeState& state, const CallRecord& call);
 /// The errno with which this call of `kind` is to fail, or 0. Counts the call.
 i32 next_fault(NodeState& state, CallKind kind);
-/// Queues an event to every open that has subscribed to its type.
+/// Queues an event to every open that has subscribed to its type; stamps one without time as the kernel does,
+/// by CLOCK_MONOTONIC.
 void queue_event(NodeState& state, const v4l2_event& event);
 /// The open that subscribed to SETUP: with it the device is on the bus. Null when there is none.
 NodeOpen* connected_open(NodeState& state);

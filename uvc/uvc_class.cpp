@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "common/cancel.h"
+#include "common/wait_limit.h"
 #include "platform/sys.h"
 #include "support/print.h"
 #include "uvc/uvc_state.h"
@@ -12,6 +13,11 @@ static constexpr char kPrintFile[] = "uvc_class.c";
 
 static constexpr u32 kPollsBetweenPauses = 2000;  // while streaming; an idle thread pauses before every poll
 static constexpr useconds_t kPause = 1000;
+
+using Clock = WaitLimit::Clock;
+static constexpr std::chrono::milliseconds kHostPatience{5000};
+static constexpr std::chrono::milliseconds kServerShare{4400};  // of an event's time, for the system server
+static constexpr std::chrono::milliseconds kLeastForData{100};  // a SET is tried, however late it is
 
 static i32 buffer_type_ioctl(const UvcEventLoop& loop, unsigned long request) {
   i32 type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
@@ -122,10 +128,18 @@ static void read_setup(UvcRequestContext& request, const u8* packet) {
   request.wLength = get_le16(packet + 6);
 }
 
+// When the driver queued the event, by its own stamp if it has one.
+static Clock::time_point time_of(const v4l2_event& event) {
+  const auto stamp =
+      std::chrono::seconds(event.timestamp.tv_sec) + std::chrono::nanoseconds(event.timestamp.tv_nsec);
+  const Clock::time_point now = Clock::now();
+  return stamp.count() > 0 ? std::min(Clock::time_point(stamp), now) : now;
+}
+
 // Every SETUP is answered, known or not: what the answer buffer holds goes out.
-static void on_setup(UvcEventLoop& loop, const v4l2_event& event) {
+static void answer(UvcEventLoop& loop) {
   UvcRequestContext& request = loop.request;
-  read_setup(request, event.u.data);
+  loop.put_off = false;
   if (const Handler handler = handler_of(request.bRequest)) handler(&request);
   request.data.length = data_length(request);
   std::memcpy(request.data.data, uvc_resp_buf, request.data.length);
@@ -133,11 +147,26 @@ static void on_setup(UvcEventLoop& loop, const v4l2_event& event) {
   if (result < 0) PRINT_INFO("UVCIOC_SEND_RESPONSE IN failed (%d)\n", result);
 }
 
+// No newer SETUP came: the host may still wait, the server is not asked.
+static void answer_late(UvcEventLoop& loop) {
+  const WaitLimit passed(Clock::now());
+  answer(loop);
+}
+
+static void on_setup(UvcEventLoop& loop, const v4l2_event& event) {
+  read_setup(loop.request, event.u.data);
+  loop.put_off = event.pending > 0 && Clock::now() - time_of(event) > kHostPatience;
+  if (loop.put_off) return;
+  const WaitLimit limit(time_of(event) + kServerShare);
+  answer(loop);
+}
+
 static void on_data(UvcEventLoop& loop, const v4l2_event& event) {
   UvcRequestContext& request = loop.request;
   const i32 length = data_length(request);
   std::memcpy(&request.data, event.u.data, sizeof(request.data.length) + length);
   std::memcpy(uvc_resp_buf, request.data.data, length);
+  const WaitLimit limit(std::max(time_of(event) + kServerShare, Clock::now() + kLeastForData));
   uvc_setcur(&request);
 }
 
@@ -151,8 +180,10 @@ static void serve(UvcEventLoop& loop, const v4l2_event& event) {
 void uvc_event_turn(UvcEventLoop& loop) {
   pause_between_polls(loop);
   v4l2_event event = {};
-  if (sys::ioctl(*loop.device, VIDIOC_DQEVENT, &event) < 0) return;
-  serve(loop, event);
+  if (sys::ioctl(*loop.device, VIDIOC_DQEVENT, &event) >= 0)
+    serve(loop, event);
+  else if (loop.put_off)
+    answer_late(loop);
 }
 
 void* uvc_class_procesing(void* device) {

@@ -1,6 +1,5 @@
 #include "uvc/uvc_gadget_loop.h"
 
-#include "ipc/sys_msg_drv.h"
 #include "platform/sys.h"
 #include "support/print.h"
 #include "uvc/uvc_class_encoder.h"
@@ -101,7 +100,6 @@ static void rest(StreamLoop& loop) {
 
 void stream_turn(StreamLoop& loop) {
   serve_signals();
-  EndOverdueSysMsg();
   if (loop.stopped && uvc_stream_state.streaming()) start_stream(loop);
   if (!loop.stopped && stream_goes_on()) {
     feed_all_buffers(loop);

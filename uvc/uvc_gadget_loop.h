@@ -13,7 +13,6 @@ struct StreamLoop {
   i32 saved_gop = 30;          ///< key-frame interval to be put back then
 };
 
-/// One turn: starts, feeds or ends a stream, or sleeps 10 ms; also ends the control thread's wait for an
-/// answer that the system server owes. A streaming turn is paced by the dequeue and
-/// the frame sources alone. The first turn ends a stream that never was.
+/// One turn: starts, feeds or ends a stream, or sleeps 10 ms. A streaming turn is paced by the dequeue and the
+/// frame sources alone. The first turn ends a stream that never was.
 void stream_turn(StreamLoop& loop);
