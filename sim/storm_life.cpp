@@ -109,8 +109,8 @@ void StormLives::round(const StormRound& round) {
   controls_->go_on();
   const unsigned unplugs = camera_.host.unplugs();
   pass(round);
-  const bool asked_in_vain = round.then && round.any(&StormFault::loses);
-  const bool damaged = round.any(&StormFault::damages);  // key frames are rare
+  const bool asked_in_vain = round.then && round.any(kLoses);
+  const bool damaged = round.any(kDamages);  // key frames are rare
   const bool again = !streams_ || asked_in_vain || damaged || camera_.host.unplugs() != unplugs;
   log_->step(again ? "the storm is over, the host starts its stream again" : "the storm is over");
   if (again) {
@@ -129,7 +129,7 @@ void StormLives::set_rules(const StormRound& round) {
   });
   const double stopped = round.has(kServiceStopped) ? kLongestStopMs : 0;
   controls_->set_rules(
-      {.longest_ms = kLongestAnswerMs + stopped, .in_range = !round.has("server garbled"), .exact = !server});
+      {.longest_ms = kLongestAnswerMs + stopped, .in_range = !round.any(kConfuses), .exact = !server});
 }
 
 /// From the round's first fault to the end of its last.
@@ -181,7 +181,7 @@ bool StormLives::start(const StreamChoice& choice) {
 void StormLives::stop(const StormRound& round) {
   const StreamReport report = camera_.host.stop("").report;
   streams_ = false;
-  if (round.any(&StormFault::damages) || report.torn + report.stale + report.repeated == 0) return;
+  if (round.any(kDamages) || report.torn + report.stale + report.repeated == 0) return;
   log_->fail("frames: torn " + std::to_string(report.torn) + ", stale " + std::to_string(report.stale) +
              ", repeated " + std::to_string(report.repeated));
 }
@@ -202,7 +202,7 @@ void StormLives::expect_order(const StormRound& round) {
   const auto seconds = controls_->come_back(kControlsBack);
   if (!seconds) log_->fail("the controls do not obey after 5 s");
   tally_.controls.note(1000 * seconds.value_or(0));
-  controls_->judge_settings(round.any(&StormFault::loses));
+  controls_->judge_settings(round.any(kLoses));
   if (const double ms = camera_.conversation.take_slowest_ms(); ms > kLongestAnswerMs + kLongestStopMs)
     log_->fail("a probe or commit was answered after " + std::to_string(ms) + " ms");
   const std::pair<i32, i32> queues[] = {

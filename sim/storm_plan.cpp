@@ -15,18 +15,18 @@ namespace {
 using enum StormParty;
 
 constexpr StormFault kFaults[] = {
-    {kServer, "server dead", 0.1, 3, 0, true},
-    {kServer, "server full", 0.1, 2, 0, true},
-    {kServer, "server gone", 0.1, 2, 0, true},
-    {kServer, "server late", 0.1, 1, 6, true},
+    {kServer, "server dead", 0.1, 3, 0, kLoses},
+    {kServer, "server full", 0.1, 2, 0, kLoses},
+    {kServer, "server gone", 0.1, 2, 0, kLoses},
+    {kServer, "server late", 0.1, 1, 6, kLoses},
     {kServer, "server slow", 0.5, 2},
-    {kServer, "server garbled", 0.1, 2},
+    {kServer, "server garbled", 0.1, 2, 0, kConfuses},
     {kServer, "server mute", 0.1, 2},
     {kServer, "server misdirects", 0.1, 2},
-    {kServer, "server answers twice", 0.1, 2},
+    {kServer, "server answers twice", 0.1, 2, 0, kLoses | kConfuses},
     {kEncoder, "encoder silent", 0.1, 3},
     {kEncoder, "encoder dead", 0.1, 2},
-    {kEncoder, "encoder wrong-size", 0.1, 2, 0, false, true},
+    {kEncoder, "encoder wrong-size", 0.1, 2, 0, kDamages},
     {kEncoder, "encoder posts", 0.1, 2},
     {kEncoder, "encoder gone", 0.1, 2},
     {kCollector, "log queue full", 0.1, 2},
@@ -36,11 +36,11 @@ constexpr StormFault kFaults[] = {
     {kService, kServiceStopped, 0.05, 2},
     {kService, kServiceReloads, 0.05, 0.5},
     {kNode, "fail DQBUF 1-20", 1, 1},
-    {kNode, "fail QBUF 1-3", 1, 1, 0, false, true},
+    {kNode, "fail QBUF 1-3", 1, 1, 0, kDamages},
     {kNode, "fail STREAMOFF 1", 1, 1},
     {kNode, "fail STREAMON 1", 1, 1},
-    {kNode, "fail QUERYBUF 1-2", 1, 1, 0, false, true},
-    {kNode, "fail MMAP 1-2", 1, 1, 0, false, true},
+    {kNode, "fail QUERYBUF 1-2", 1, 1, 0, kDamages},
+    {kNode, "fail MMAP 1-2", 1, 1, 0, kDamages},
 };
 
 constexpr const char* kStateNames[] = {"starting",  "idle",         "streaming",  "stopping",
@@ -114,8 +114,9 @@ double StormRound::end() const {
   return last;
 }
 
-bool StormRound::any(bool StormFault::*trait) const {
-  return std::ranges::any_of(steps, [&](const StormStep& step) { return kFaults[step.fault].*trait; });
+bool StormRound::any(StormHarm harm) const {
+  return std::ranges::any_of(steps,
+                             [&](const StormStep& step) { return (kFaults[step.fault].harm & harm) != 0; });
 }
 
 bool StormRound::has(const char* text) const {

@@ -14,14 +14,19 @@ namespace sim {
 /// Who has trouble. A round has one fault of a party at most.
 enum class StormParty { kServer, kEncoder, kCollector, kCable, kHost, kService, kNode };
 
+enum StormHarm : u8 {
+  kLoses = 1,     ///< messages get lost: what was asked for meanwhile is asked for again
+  kConfuses = 2,  ///< answers may be anything
+  kDamages = 4,   ///< frames are broken or left out before the service has them or after
+};
+
 /// One row a kind of fault.
 struct StormFault {
   StormParty party;
   const char* text;          ///< as --fault takes it, or one of the two below
   double shortest, longest;  ///< seconds
   double aftermath = 0;      ///< seconds for which it goes on after its end
-  bool loses = false;        ///< messages may get lost: what was asked for meanwhile is asked again
-  bool damages = false;      ///< frames are broken or left out before the service has them or after
+  u8 harm = 0;               ///< what is excused meanwhile, of StormHarm
 };
 std::span<const StormFault> storm_faults();
 constexpr char kServiceStopped[] = "service stopped";  ///< SIGSTOP, then SIGCONT
@@ -40,7 +45,7 @@ struct StormRound {
   double then_at = 0;
   /// Seconds until the last fault is over.
   double end() const;
-  bool any(bool StormFault::*trait) const;
+  bool any(StormHarm harm) const;
   bool has(const char* text) const;
 };
 
