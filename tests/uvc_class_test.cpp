@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <array>
+#include <chrono>
 #include <random>
 
 #include "ipc/sys_msg_drv.h"
@@ -14,6 +15,7 @@
 #include "uvc/uvc_class_streaming.h"
 
 using testing::HasSubstr;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -192,6 +194,49 @@ TEST_F(UvcTest, PausesOnceIn2000PollsWhileStreaming) {
   EXPECT_EQ(sim::sleep_count().calls, before);
   uvc_event_turn(loop);
   EXPECT_EQ(sim::sleep_count().calls, before + 1);
+}
+
+// A SETUP for brightness, to which nobody but the service answers, `age` after its event.
+v4l2_event old_setup(u8 request, std::chrono::milliseconds age) {
+  v4l2_event event = {};
+  event.type = UVC_EVENT_SETUP;
+  const u8 packet[8] = {0xA1, request, 0, 2, 0, 2, 2, 0};
+  std::memcpy(event.u.data, packet, sizeof(packet));
+  const auto stamp = std::chrono::steady_clock::now().time_since_epoch() - age;
+  event.timestamp.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(stamp).count();
+  event.timestamp.tv_nsec = static_cast<long>((stamp % 1s).count());
+  return event;
+}
+
+TEST_F(UvcTest, AnswersWithinTheTimeThatItsEventLeaves) {
+  ASSERT_EQ(InitSysMsgDrv(kSysMsgProcess), 0);
+  for (const auto& [age, least] : {std::pair{4200ms, 150ms}, {4450ms, 0ms}, {9000ms, 0ms}}) {
+    host.raise(old_setup(UVC_GET_CUR, age));
+    const auto start = std::chrono::steady_clock::now();
+    uvc_event_turn(loop);
+    EXPECT_TRUE(host.next_response(0ms)) << age.count();
+    const auto taken = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(taken, least) << age.count();
+    EXPECT_LT(taken, 1s) << age.count();
+  }
+}
+
+TEST_F(UvcTest, ASetupThatItsHostGaveUpIsLeftOutOnceANewerOneWaits) {
+  ASSERT_EQ(InitSysMsgDrv(kSysMsgProcess), 0);
+  const auto answers = [&](std::initializer_list<v4l2_event> events) {
+    for (const v4l2_event& event : events) host.raise(event);
+    for (std::size_t i = 0; i <= events.size(); i++) uvc_event_turn(loop);
+    std::string values;
+    while (const auto response = host.next_response(0ms)) values += std::to_string(response->data[0]) + ' ';
+    return values;
+  };
+  v4l2_event plugged_in = {};
+  plugged_in.type = UVC_EVENT_CONNECT;
+  const auto given_up = old_setup(UVC_GET_MAX, 6s);
+  EXPECT_EQ(answers({given_up, given_up, old_setup(UVC_GET_DEF, 1s)}), "8 ");
+  EXPECT_EQ(answers({old_setup(UVC_GET_MAX, 4900ms), old_setup(UVC_GET_DEF, 1s)}), "15 8 ");
+  EXPECT_EQ(answers({given_up}), "15 ") << "no newer one";
+  EXPECT_EQ(answers({given_up, plugged_in}), "15 ") << "no newer SETUP";
 }
 
 TEST_F(UvcTest, FailedSubscriptionEndsTheThread) {
