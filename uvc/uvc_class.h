@@ -11,6 +11,7 @@ struct UvcEventLoop {
   UvcRequestContext request;    ///< the last SETUP; zero before the first
   u32 polls = 0;                ///< since the last pause, while streaming
   bool left_streaming = false;  ///< the stream is over, but the node has not been stopped
+  u32 stop_again_in = 0;        ///< turns without an event until it is told again to stop; 0: it is not
 };
 
 /// Thread entry; `device` is the address of the Word that holds the descriptor of the opened, non-blocking
