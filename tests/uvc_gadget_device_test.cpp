@@ -81,6 +81,10 @@ TEST_F(DeviceTest, TakesWhatTheDriverGrants) {
   ASSERT_EQ(uvc_device_open(), 0);
   EXPECT_EQ(uvc_buffer_count, 2u);
   uvc_device_close();
+  ASSERT_TRUE(host.script("QUERYBUF gives index 4294967295"));
+  ASSERT_EQ(uvc_device_open(), 0);
+  EXPECT_TRUE(uvc_buffers[0].start && uvc_buffers[1].start) << "the buffers that were asked for";
+  uvc_device_close();
   ASSERT_TRUE(host.script("grant 0"));
   ASSERT_EQ(uvc_device_open(), 0);
   EXPECT_EQ(uvc_buffer_count, 0u);
@@ -100,8 +104,10 @@ TEST_F(DeviceTest, RearmClearsBuffersAndLeavesOutWhatCannotBeMapped) {
   ASSERT_EQ(uvc_device_open(), 0);
   std::memset(uvc_buffers[2].start, 0xEE, 100);
   ASSERT_TRUE(host.script("fail MMAP 2"));
+  ASSERT_TRUE(host.script("fail MMAP 4"));
   testing::internal::CaptureStderr();
   uvc_device_rearm();
+  EXPECT_EQ(uvc_device_rearm_buffer(1), -1) << "and says nothing";
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "set mmap errr\n");
   EXPECT_EQ(uvc_buffers[1].start, nullptr);
   ASSERT_NE(uvc_buffers[2].start, nullptr);

@@ -18,10 +18,11 @@ void uvc_device_close();
 /// number meets errors and no other file. Control thread.
 void uvc_device_give_up();
 
-/// Maps every buffer anew and queues it with an empty payload, after a stream has ended.
+/// Maps every buffer anew and queues it with an empty payload, after a stream has ended. Says so when one
+/// cannot be mapped.
 void uvc_device_rearm();
 
-/// The same for one buffer that could not be mapped then. 0 or -1.
+/// The same for one buffer that could not be mapped then. 0, or -1 without a report.
 i32 uvc_device_rearm_buffer(u32 index);
 
 /// The record with which buffer `index` is queried, queued and dequeued.

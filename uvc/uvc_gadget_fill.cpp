@@ -137,7 +137,7 @@ static void copy_frame(v4l2_buffer& buffer, const EncFrameSlot& slot, i32 size) 
 static i32 fill_from_ring(v4l2_buffer& buffer) {
   do {
     serve_signals();
-    EncFrameSlot* slot = vencbuf_get();
+    EncFrameSlot* slot = vencbuf_get(serve_signals);
     if (!slot) {
       PRINT_ERROR_IN("uvc_video_fill_buffer", "vencbuf_get Error\n");
       put_empty_payload(buffer);
