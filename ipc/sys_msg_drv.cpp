@@ -1,15 +1,16 @@
 #include "ipc/sys_msg_drv.h"
 
 #include <sys/msg.h>
+#include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 
 #include "common/word.h"
 #include "ipc/msg_records.h"
 #include "ipc/msg_util.h"
 #include "ipc/sem_util.h"
 #include "ipc/share_mem.h"
+#include "platform/output.h"
 #include "support/print.h"
 
 static constexpr char kPrintFile[] = "sys_msg_drv.c";
@@ -35,7 +36,7 @@ Driver driver;
 // Deliberate: these messages go to standard error only, whatever the print level.
 i32 fail_init(const char* message) {
   driver.process = kClosedProcess;
-  std::fputs(message, stderr);
+  output(STDERR_FILENO, message);
   return -1;
 }
 
