@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -104,6 +105,9 @@ TEST(Output, FileIsWrittenAtItsEndAndWhatIsTooLongIsCut) {
   EXPECT_EQ(std::string(text, size), "before after" + std::string(kOutputSize - 1, 'y'));
   dup2(saved, STDERR_FILENO);
   std::fclose(file);
+
+  output_init();
+  EXPECT_TRUE(WIFSIGNALED(std::system("kill -PIPE $$"))) << "commands keep the default action";
 }
 
 }  // namespace

@@ -253,7 +253,9 @@ TEST_F(CameraTest, CommandsThatDoNotReturnHoldUpNeitherTheEndNorTheHost) {
       const auto before = run.shell_log().size();
       start();
       ASSERT_TRUE(wait_until([&] { return run.shell_log().find(tool + 5, before) != std::string::npos; }));
+      const auto told = server->received().size();
       expect_end(signal);
+      EXPECT_TRUE(wait_until([&] { return server->received().size() > told; }, 2s)) << "of the end";
       EXPECT_TRUE(run.shell_log().ends_with("dwc_otg.ko\n") == (tool[5] == 'i')) << "none after that one";
       run.write_file(tool, working);
     }
