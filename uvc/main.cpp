@@ -9,11 +9,11 @@
 static constexpr char kHelp[] =
     "Usage: uvc_gadget\n"
     "Runs the camera's USB Video Class service on /dev/video0 until SIGTERM or SIGINT.\n"
-    "It takes no arguments; words other than these are ignored:\n"
     "\n"
     "  --help     print this text\n"
     "  --version  print the version\n"
     "\n"
+    "Other words are reported and ignored.\n"
     "The print level is read from /opt/params/print.conf (a line such as uvc_gadget=debug) at start and on\n"
     "SIGUSR1. Log lines go to the log collector's queue, diagnostics to standard error.\n";
 
