@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
 #include <csignal>
 #include <cstring>
@@ -114,6 +115,19 @@ TEST_F(DeviceTest, RearmClearsBuffersAndLeavesOutWhatCannotBeMapped) {
   EXPECT_EQ(uvc_buffers[2].start[0] + uvc_buffers[2].start[99], 0);
   EXPECT_EQ(uvc_device_rearm_buffer(1), 0);
   EXPECT_NE(uvc_buffers[1].start, nullptr);
+}
+
+TEST_F(DeviceTest, GivesTheNodeUpWithoutAFreeDescriptorToo) {
+  ASSERT_EQ(uvc_device_open(), 0);
+  const i32 number = uvc_video_fd;
+  const rlimit few = {64, 64};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+  while (open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0) {
+  }
+  uvc_device_give_up();
+  EXPECT_EQ(fcntl(number, F_GETFD), -1);
+  EXPECT_THAT(host.call_log(), testing::EndsWith("CLOSE -> 0\n"));
+  EXPECT_EQ(uvc_video_fd, -1) << "the number may become another file's";
 }
 
 TEST_F(DeviceTest, LevelFileIsReadAgainWhileTheNodeCannotBeHad) {

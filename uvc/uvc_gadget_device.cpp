@@ -131,18 +131,25 @@ i32 uvc_device_open() {
   }
 }
 
+// The number is forgotten first: once closed it may be another file's.
+static void close_node() {
+  const i32 number = uvc_video_fd;
+  uvc_video_fd = -1;
+  sys::close(number);
+}
+
 void uvc_device_close() {
   unmap_all();
   uvc_buffer_count = 0;
-  sys::close(uvc_video_fd);
-  uvc_video_fd = -1;
+  close_node();
 }
 
 void uvc_device_give_up() {
   const i32 nothing = sys::open("/dev/null", O_RDWR | O_CLOEXEC);
-  if (nothing < 0 || dup2(nothing, uvc_video_fd) < 0) PRINT_INFO("cannot give up %s\n", kNode);
+  if (nothing < 0) return close_node();
+  dup2(nothing, uvc_video_fd);
   fcntl(uvc_video_fd, F_SETFD, FD_CLOEXEC);
-  if (nothing >= 0) sys::close(nothing);
+  sys::close(nothing);
 }
 
 i32 uvc_device_rearm_buffer(u32 index) {

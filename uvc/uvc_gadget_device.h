@@ -15,7 +15,8 @@ i32 uvc_device_open();
 void uvc_device_close();
 
 /// Closes the node for good, for another program, but keeps its number on /dev/null: whoever still uses the
-/// number meets errors and no other file. Control thread.
+/// number meets errors and no other file. If /dev/null cannot be opened, uvc_video_fd becomes -1 instead.
+/// Control thread.
 void uvc_device_give_up();
 
 /// Maps every buffer anew and queues it with an empty payload, after a stream has ended. Says so when one

@@ -1,10 +1,12 @@
 #include "uvc/uvc_gadget_fill.h"
 
+#include <unistd.h>
+
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 #include "platform/hi_mpi.h"
+#include "platform/output.h"
 #include "support/print.h"
 #include "uvc/uvc_gadget_device.h"
 #include "uvc/uvc_gadget_signals.h"
@@ -77,7 +79,7 @@ i32 frame_get_yuv(u8* destination, u32 dst_size, u32 layout) {
     return -1;
   }
   const YuvResult result = yuv_convert(mapped.planes, layout, destination, dst_size);
-  if (result.luma_out_of_range) std::puts("Check.");
+  if (result.luma_out_of_range) output(STDOUT_FILENO, "Check.\n");
   if (yuv_bytes_needed(layout, picture.width, picture.height) > dst_size) {
     PRINT_ERROR("Insufficient memory space.");
   }
