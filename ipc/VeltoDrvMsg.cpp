@@ -18,8 +18,9 @@ namespace {
 constexpr i32 kUnconnectedProcess = 1;
 constexpr std::size_t kRecordSize = kMsgTypeSize + kVeltoMsgPayload;
 
+// Nothing is owed at the start: the first request is for the memory, and every answer to that is right.
 struct Driver {
-  MsgChannel channel{.key = kVeltoMsgKey, .process = kUnconnectedProcess};
+  MsgChannel channel{.key = kVeltoMsgKey, .process = kUnconnectedProcess, .owed = 0};
   SemHandle lock = nullptr;
 };
 Driver driver;

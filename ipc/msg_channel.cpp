@@ -3,6 +3,7 @@
 #include <sys/ipc.h>
 #include <sys/msg.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 
@@ -21,6 +22,8 @@ using Clock = WaitLimit::Clock;
 // idle server may have taken and answered it between two looks.
 constexpr useconds_t kLookPause = 200;
 constexpr std::chrono::milliseconds kPrompt{2};
+// How long an answer that may be the request's own is kept for another one to follow.
+constexpr std::chrono::milliseconds kKept{500};
 
 // The queue by its key, when the one that was known is gone. A fresh queue holds nothing that was owed.
 bool found_again(MsgChannel& channel) {
@@ -75,39 +78,49 @@ ssize_t give_up(MsgChannel& channel, const Request& request) {
   return -1;
 }
 
-// Receives until nothing is owed any more. Returns nothing then, but the bytes of the request's own answer if
-// that came already, or -1. A look at the server's side comes before each look at ours: an answer to a former
-// request was there before the last request was taken.
-std::optional<ssize_t> receive_owed(MsgChannel& channel, const Request& request) {
+struct Received {
+  ssize_t bytes = 0;
+  bool done = false;         // these are the result
+  bool perhaps_own = false;  // these are, unless another answer follows
+};
+
+bool only_suspected(const MsgChannel& channel) { return channel.owed_since == Clock::time_point{}; }
+
+// Receives until nothing is owed any more. A look at the server's side comes before each look at ours: an
+// answer to a former request was there before the last request was taken.
+Received receive_owed(MsgChannel& channel, const Request& request) {
+  Received last;
   while (channel.owed > 0) {
     const bool taken = server_has_taken_all(channel);
-    const ssize_t received =
-        msgrcv(channel.queue, request.record, request.payload, channel.process, IPC_NOWAIT);
-    if (received >= 0) {
+    const ssize_t bytes = msgrcv(channel.queue, request.record, request.payload, channel.process, IPC_NOWAIT);
+    if (bytes >= 0) {
       const bool own = request.server_was_idle && Clock::now() - request.sent < kPrompt;
+      last = {bytes, own, only_suspected(channel)};
       channel.owed = own ? 0 : channel.owed - 1;
-      if (own) return received;
     } else if (errno == E2BIG) {
       throw_away(channel, IPC_NOWAIT);
     } else if (errno != ENOMSG || uvc_stream_state.exit_flag) {
-      return -1;
+      return {-1, true};
     } else if (taken) {
       channel.owed = 0;
     } else if (WaitLimit::over()) {
-      return give_up(channel, request);
+      return {give_up(channel, request), true};
     } else {
       pause_between_looks();
     }
   }
-  return {};
+  return last;
 }
 
-ssize_t receive_own(MsgChannel& channel, const Request& request) {
+ssize_t receive_own(MsgChannel& channel, const Request& request, const Received& before) {
+  const Clock::time_point kept_until = before.perhaps_own ? Clock::now() + kKept : Clock::time_point::max();
+  const Clock::time_point end = std::min(WaitLimit::end(), kept_until);
   std::optional<Alarm> alarm;
-  if (WaitLimit::end() != Clock::time_point::max()) alarm.emplace(WaitLimit::end() - Clock::now());
+  if (end != Clock::time_point::max()) alarm.emplace(end - Clock::now());
   for (;;) {
-    const ssize_t received = receive(channel, request.record, request.payload);
-    if (received >= 0 || errno != EINTR || uvc_stream_state.exit_flag) return received;
+    const ssize_t bytes = receive(channel, request.record, request.payload);
+    if (bytes >= 0 || errno != EINTR || uvc_stream_state.exit_flag) return bytes;
+    if (before.perhaps_own && Clock::now() >= end) return before.bytes;
     if (WaitLimit::over()) return give_up(channel, request);
   }
 }
@@ -137,6 +150,6 @@ ssize_t Msg_Transact(MsgChannel& channel, void* record, std::size_t size) {
   const bool server_was_idle = channel.owed > 0 && server_has_taken_all(channel);
   if (Msg_Notify(channel, record, size) < 0) return -1;
   const Request request{record, size - kMsgTypeSize, Clock::now(), server_was_idle};
-  const std::optional<ssize_t> received = receive_owed(channel, request);
-  return received ? *received : receive_own(channel, request);
+  const Received received = receive_owed(channel, request);
+  return received.done ? received.bytes : receive_own(channel, request, received);
 }

@@ -4,9 +4,11 @@
 // leaves a debt, one answer that may come at any time, and its successor must not take that answer for its
 // own. The server takes requests one after the other, in the order in which they were sent. Therefore an
 // answer that comes while answers are owed is the oldest of those, until the server is seen to have taken the
-// request that was sent last: what came before has then been answered, or never will be. A process that has
-// just started owes nothing itself, but the one before it may have died in the middle of a transaction: it
-// begins with one owed answer.
+// request that was sent last: what came before has then been answered, or never will be.
+//
+// A process that has just started has given nothing up, but the one before it may have died in the middle of
+// a transaction: so one answer is owed from the start. As that is only a suspicion, an answer that would be
+// thrown away for it alone is kept, and taken after all when no other follows within 500 ms.
 //
 // All functions are for a thread that holds the channel's lock, and keep its WaitLimit.
 #pragma once
@@ -23,7 +25,7 @@ struct MsgChannel {
   i32 process = 0;  ///< this process's id on the channel: the message type of its answers
   i32 queue = -1;
   u32 owed = 1;                                  ///< answers that still belong to former transactions
-  WaitLimit::Clock::time_point owed_since = {};  ///< when the last of their requests was sent
+  WaitLimit::Clock::time_point owed_since = {};  ///< when the last of their requests was sent; 0: a suspicion
 };
 
 /// Before a record is filled: throws away what has come of the owed answers.

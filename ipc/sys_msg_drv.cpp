@@ -1,8 +1,9 @@
 #include "ipc/sys_msg_drv.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 
 #include "common/wait_limit.h"
 #include "ipc/msg_channel.h"
@@ -10,6 +11,7 @@
 #include "ipc/msg_util.h"
 #include "ipc/sem_util.h"
 #include "ipc/share_mem.h"
+#include "platform/output.h"
 #include "support/print.h"
 
 static constexpr char kPrintFile[] = "sys_msg_drv.c";
@@ -36,7 +38,7 @@ Driver driver;
 // Deliberate: these messages go to standard error only, whatever the print level.
 i32 fail_init(const char* message) {
   driver.channel.process = kClosedProcess;
-  std::fputs(message, stderr);
+  output(STDERR_FILENO, message);
   return -1;
 }
 

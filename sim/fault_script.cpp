@@ -25,6 +25,8 @@ constexpr FaultForm kForms[] = {
      "fail CALL N|N-M|* [errno=E]", "the driver refuses calls, such as \"fail QBUF 2\""},
     {"grant [0-9]+", FaultKind::kNode, "grant N", "the driver grants N buffers at most"},
     {"reqbufs returns count", FaultKind::kNode, "reqbufs returns count", "it answers as newer drivers do"},
+    {"(DQ|QUERY)BUF gives index [0-9]+", FaultKind::kNode, "DQBUF|QUERYBUF gives index N",
+     "its answers name that buffer"},
     {"unplug", FaultKind::kUnplug, "at TIME unplug for TIME", "the USB cable is pulled", true},
     {"server dead", FaultKind::kServerDead, "server dead", "the system server takes no messages"},
     {"server full", FaultKind::kServerFull, "server full", "it is dead, and its queues are full"},

@@ -60,8 +60,9 @@ class NodeHost {
 
   /// Faults as text, one a call: "fail QUERYBUF 2" (the 2nd call of a kind from now on), "fail QBUF 3-5",
   /// "fail STREAMON *", with " errno=N" (a number, else EIO) behind it; "grant N" buffers at most (32 at
-  /// start); "reqbufs returns count" as newer drivers do; "clear" undoes all. False when it is not understood
-  /// or there are 16 faults already. Kinds: OPEN QUERYCAP S_FMT G_FMT REQBUFS QUERYBUF MMAP QBUF DQBUF
+  /// start); "reqbufs returns count" as newer drivers do; "DQBUF gives index N", "QUERYBUF gives index N":
+  /// the answers name that buffer; "clear" undoes all. False when it is not understood or there are 16 faults
+  /// already. Kinds: OPEN QUERYCAP S_FMT G_FMT REQBUFS QUERYBUF MMAP QBUF DQBUF
   /// STREAMON STREAMOFF SUBSCRIBE DQEVENT (those with an event) SEND_RESPONSE PRIVATE; of other devices:
   /// MEM_MMAP I2C_SLAVE I2C_REG_WIDTH I2C_DATA_WIDTH I2C_READ I2C_WRITE. May be set before the node is
   /// opened.

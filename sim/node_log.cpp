@@ -108,6 +108,7 @@ void clear_faults(NodeState& state) {
   state.fault_count = 0;
   state.grant = kMaxBuffers;
   state.reqbufs_returns_count = false;
+  state.dequeued_index = state.queried_index = {};
 }
 
 }  // namespace
@@ -141,6 +142,10 @@ bool script_fault(std::string_view text) {
   if (line == "reqbufs returns count") return state.reqbufs_returns_count = true;
   if (u32 grant; std::sscanf(line.c_str(), "grant %u%c", &grant, &rest) == 1)
     return grant <= kMaxBuffers && (state.grant = grant, true);
+  if (u32 index; std::sscanf(line.c_str(), "DQBUF gives index %u%c", &index, &rest) == 1)
+    return state.dequeued_index = index, true;
+  if (u32 index; std::sscanf(line.c_str(), "QUERYBUF gives index %u%c", &index, &rest) == 1)
+    return state.queried_index = index, true;
   if (!line.starts_with("fail ") || state.fault_count == std::size(state.faults)) return false;
   const auto fault = parse_fault(line.c_str() + 5);
   if (fault) state.faults[state.fault_count++] = *fault;

@@ -109,6 +109,7 @@ struct NodeState {
 
   u32 grant;  ///< most buffers that are granted
   bool reqbufs_returns_count;
+  std::optional<u32> dequeued_index, queried_index;  ///< the answers name this buffer instead of their own
   u32 fault_count;
   Fault faults[16];
   u64 call_count;

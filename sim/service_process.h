@@ -14,12 +14,21 @@
 
 namespace sim {
 
+/// What becomes of a service's standard output and error.
+enum class ServiceOutput {
+  kLogged,
+  kUnread,      ///< short pipes that nobody reads
+  kReaderGone,  ///< pipes whose reader has ended
+  kClosed,      ///< standard input too
+};
+
 class ServiceProcess {
  public:
   /// Starts `program`. Its standard output and error go to `log` (the caller's) and, when `echo`, to standard
   /// error. It becomes a process group of its own, so that Ctrl-C reaches the caller only, and dies with the
   /// caller.
-  ServiceProcess(const std::string& program, std::FILE* log, bool echo);
+  ServiceProcess(const std::string& program, std::FILE* log, bool echo,
+                 ServiceOutput output = ServiceOutput::kLogged);
   ~ServiceProcess();  ///< kills it if need be
   ServiceProcess(const ServiceProcess&) = delete;
 

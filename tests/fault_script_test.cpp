@@ -18,6 +18,7 @@ TEST(FaultScriptTest, ReadsEveryFormWithItsTimes) {
       {"fail I2C_READ 3-5 errno=19", FaultKind::kNode, "fail I2C_READ 3-5 errno=19", 0, -1},
       {"fail STREAMON * for 2s", FaultKind::kNode, "fail STREAMON *", 0, 2},
       {"  reqbufs  returns count ", FaultKind::kNode, "reqbufs returns count", 0, -1},
+      {"DQBUF gives index 7", FaultKind::kNode, "DQBUF gives index 7", 0, -1},
       {"at 3.2s unplug for 500ms", FaultKind::kUnplug, "", 3.2, 0.5},
       {"unplug for 0.5s at 3.2s", FaultKind::kUnplug, "", 3.2, 0.5},
       {"at 1s server dead for 2s", FaultKind::kServerDead, "", 1, 2},

@@ -247,9 +247,9 @@ TEST_F(Node, ADisconnectCutsTheStreamOff) {
 
 TEST_F(Node, FaultsComeAsScripted) {
   ASSERT_TRUE(gadget.open());
-  for (const char* wrong :
-       {"", "fail", "fail QBUF", "fail QBUF 0", "fail QBUF 3-2", "fail NOTHING 1", "fail QBUF 1x",
-        "fail QBUF 1 errno=x", "fail QBUF 1 errno=5 6", "grant 33", "grant"})
+  for (const char* wrong : {"", "fail", "fail QBUF", "fail QBUF 0", "fail QBUF 3-2", "fail NOTHING 1",
+                            "fail QBUF 1x", "fail QBUF 1 errno=x", "fail QBUF 1 errno=5 6", "grant 33",
+                            "grant", "DQBUF gives index", "QBUF gives index 1"})
     EXPECT_FALSE(host.script(wrong)) << wrong;
 
   ASSERT_TRUE(host.script("fail OPEN 1 errno=19"));

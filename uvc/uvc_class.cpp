@@ -13,6 +13,7 @@ static constexpr char kPrintFile[] = "uvc_class.c";
 
 static constexpr u32 kPollsBetweenPauses = 2000;  // while streaming; an idle thread pauses before every poll
 static constexpr useconds_t kPause = 1000;
+static constexpr u32 kTurnsToStopAgain = 10;
 
 using Clock = WaitLimit::Clock;
 static constexpr std::chrono::milliseconds kHostPatience{5000};
@@ -60,22 +61,25 @@ static i32 end_stream(const UvcEventLoop& loop) {
   return buffer_type_ioctl(loop, VIDIOC_STREAMOFF);
 }
 
-// A node that a DISCONNECT left streaming must be stopped before the host selects the streaming interface
-// again: current kernels crash when it is started without, and switch the new stream's endpoint off when it
-// comes later.
-static void stop_left_stream(UvcEventLoop& loop) {
-  if (!loop.left_streaming) return;
-  loop.left_streaming = end_stream(loop) < 0;
+// Stops the node; one that refuses is told again in the turns that find no event. The result of
+// VIDIOC_STREAMOFF.
+static i32 stop_node(UvcEventLoop& loop) {
+  const i32 result = end_stream(loop);
+  loop.left_streaming = result < 0;
+  loop.stop_again_in = result < 0 ? kTurnsToStopAgain : 0;
+  return result;
 }
 
+// A node that a DISCONNECT left streaming must be stopped before the host selects the streaming interface
+// again: current kernels crash when it is started without.
 static void on_connect(UvcEventLoop& loop, const v4l2_event&) {
   PRINT_INFO("UVC_EVENT_CONN\n");
-  stop_left_stream(loop);
+  if (loop.left_streaming) stop_node(loop);
   uvc_stream_state.connected = 1;
   uvc_stream_state.stream_stopped = 0;
 }
 
-// Deliberate: the node is not told here that the stream has ended, see stop_left_stream.
+// Deliberate: the node is not told here that the stream has ended, see on_connect.
 static void on_disconnect(UvcEventLoop& loop, const v4l2_event&) {
   PRINT_INFO("UVC_EVENT_DISCONN\n");
   if (u32* word = usb_disconnect_word.load()) std::atomic_ref<u32>(*word).store(1);
@@ -86,23 +90,25 @@ static void on_disconnect(UvcEventLoop& loop, const v4l2_event&) {
   loop.left_streaming = true;
 }
 
+// The host's SET_INTERFACE is under way, also when the start fails: at a VIDIOC_STREAMOFF now current kernels
+// would switch off the endpoint that it has just selected.
 static void on_stream_on(UvcEventLoop& loop, const v4l2_event&) {
   PRINT_INFO("set inter 1 UVC_EVENT_STREAMON\n");
-  stop_left_stream(loop);
+  loop.stop_again_in = 0;
   const i32 result = buffer_type_ioctl(loop, VIDIOC_STREAMON);
   if (result < 0) {
     PRINT_INFO("VIDIOC_STREAMON  failed (%d)\n", result);
     return;
   }
-  uvc_stream_state.stream_starts = uvc_stream_state.stream_starts + 1;
+  loop.left_streaming = false;
+  if (!uvc_stream_state.streaming()) uvc_stream_state.stream_starts = uvc_stream_state.stream_starts + 1;
   uvc_stream_state.stream_on = 1;
   uvc_stream_state.stream_stopped = 0;
 }
 
 static void on_stream_off(UvcEventLoop& loop, const v4l2_event&) {
   PRINT_INFO("UVC_EVENT_STREAMOFF\n");
-  const i32 result = end_stream(loop);
-  loop.left_streaming = result < 0;
+  const i32 result = stop_node(loop);
   if (result < 0) PRINT_INFO("VIDIOC_STREAMOFF  failed (%d)\n", result);
 }
 
@@ -170,6 +176,11 @@ static void on_data(UvcEventLoop& loop, const v4l2_event& event) {
   uvc_setcur(&request);
 }
 
+static void on_no_event(UvcEventLoop& loop) {
+  if (loop.put_off) answer_late(loop);
+  if (loop.stop_again_in > 0 && --loop.stop_again_in == 0) stop_node(loop);
+}
+
 static void serve(UvcEventLoop& loop, const v4l2_event& event) {
   static constexpr void (*kEventHandlers[])(UvcEventLoop&, const v4l2_event&) = {
       on_connect, on_disconnect, on_stream_on, on_stream_off, on_setup, on_data};
@@ -180,10 +191,8 @@ static void serve(UvcEventLoop& loop, const v4l2_event& event) {
 void uvc_event_turn(UvcEventLoop& loop) {
   pause_between_polls(loop);
   v4l2_event event = {};
-  if (sys::ioctl(*loop.device, VIDIOC_DQEVENT, &event) >= 0)
-    serve(loop, event);
-  else if (loop.put_off)
-    answer_late(loop);
+  if (sys::ioctl(*loop.device, VIDIOC_DQEVENT, &event) < 0) return on_no_event(loop);
+  serve(loop, event);
 }
 
 void* uvc_class_procesing(void* device) {

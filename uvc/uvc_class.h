@@ -12,6 +12,7 @@ struct UvcEventLoop {
   bool put_off = false;         ///< that SETUP has not been answered: its host may have given it up
   u32 polls = 0;                ///< since the last pause, while streaming
   bool left_streaming = false;  ///< the stream is over, but the node has not been stopped
+  u32 stop_again_in = 0;        ///< turns without an event until it is told again to stop; 0: it is not
 };
 
 /// Thread entry; `device` is the address of the Word that holds the descriptor of the opened, non-blocking
