@@ -1,5 +1,5 @@
-// camera_storm: the service under random faults from a seed that repeats the run, in two processes: one lives
-// through storms, the other makes many short lives of which nothing but the end counts.
+// camera_storm: the service under random faults from a seed that repeats the run. One process lives through
+// storms, others make many short lives of which nothing but the end counts.
 #include <getopt.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -18,6 +18,8 @@ namespace sim {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr u32 kShortLives = 4;  ///< processes; each mostly waits
 
 constexpr char kHelp[] =
     "Usage: camera_storm [MINUTES] [OPTION]...\n"
@@ -68,27 +70,37 @@ std::string service_program() {
 
 using Plan = StormLife (*)(u32 seed, u32 number);
 
-/// A process that carries plans out, one after the other or a single one, until the time is over.
-pid_t fork_lives(const StormOptions& options, StormTally& tally, Plan plan, const char* name,
-                 std::optional<u32> only) {
+/// What one of the storm's processes does: the lives `first`, `first` + `step` and so on, or one alone.
+struct Share {
+  Plan plan;
+  const char* name;
+  u32 first, step;
+  bool alone;
+};
+
+bool live(const StormOptions& options, StormTally& tally, const Share& share) {
+  const auto end = Clock::now() + std::chrono::duration<double>(60 * options.minutes);
+  StormLives lives(service_program(), tally);
+  bool good = true;
+  u32 number = share.first;
+  do {
+    const StormLife life = share.plan(options.seed, number);
+    const std::string who =
+        "seed " + std::to_string(options.seed) + ' ' + share.name + ' ' + std::to_string(number);
+    good = lives.live(life, options.seed + number, who, life.rounds.empty() && !share.alone) && good;
+    number += share.step;
+  } while (!share.alone && Clock::now() < end);
+  return good;
+}
+
+/// A process that carries its share out until the time is over.
+pid_t fork_lives(const StormOptions& options, StormTally& tally, const Share& share) {
   std::fflush(stdout);
   const pid_t parent = getpid(), child = fork();
   if (child != 0) return child;
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(2);
-  const auto end = Clock::now() + std::chrono::duration<double>(60 * options.minutes);
-  bool good = true;
-  {
-    StormLives lives(service_program(), tally);
-    u32 number = only.value_or(0);
-    do {
-      const StormLife life = plan(options.seed, number);
-      const std::string who =
-          "seed " + std::to_string(options.seed) + ' ' + name + ' ' + std::to_string(number);
-      good = lives.live(life, options.seed + number, who, life.rounds.empty() && !only) && good;
-      ++number;
-    } while (!only && Clock::now() < end);
-  }
+  const bool good = live(options, tally, share);
   std::fflush(stdout);
   _exit(good ? 0 : 1);
 }
@@ -110,8 +122,11 @@ int storm(const StormOptions& options) {
   std::printf("seed %u, %g minutes\n", options.seed, options.minutes);
   const auto limit = Clock::now() + std::chrono::seconds(std::lround(60 * options.minutes) + 180);
   std::vector<pid_t> children;
-  if (!options.end) children.push_back(fork_lives(options, tally, plan_storm_life, "life", options.life));
-  if (!options.life) children.push_back(fork_lives(options, tally, plan_short_life, "end", options.end));
+  const auto begin = [&](const Share& share) { children.push_back(fork_lives(options, tally, share)); };
+  if (!options.end) begin({plan_storm_life, "life", options.life.value_or(0), 1, options.life.has_value()});
+  if (options.end) begin({plan_short_life, "end", *options.end, 1, true});
+  for (u32 i = 0; i < kShortLives && !options.life && !options.end; ++i)
+    begin({plan_short_life, "end", i, kShortLives, false});
   bool good = true;
   for (const pid_t child : children) good = wait_for(child, limit) && good;
   print_storm_tally(tally);

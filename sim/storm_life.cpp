@@ -63,7 +63,8 @@ bool StormLives::live(const StormLife& life, u32 seed, const std::string& name, 
   log_ = &log;
   ++tally_.lives;
   std::filesystem::remove(camera_.run.path(kShellLog));
-  service_.emplace(program_, output_.get(), false);
+  log.step(std::string("starts, its output ") + name_of(life.output));
+  service_.emplace(program_, output_.get(), false, life.output);
   if (!life.rounds.empty()) be_stormy(life, seed);
   if (!service_->running()) {
     log.fail("the service ended early: " + service_->how_it_ended());
@@ -143,7 +144,7 @@ void StormLives::pass(const StormRound& round) {
     std::this_thread::sleep_until(begin + as_milliseconds(round.then_at));
     log_->step("goes over to " + name_of(*round.then));
     stop(round);
-    start(*round.then);
+    if (camera_.host.plugged()) start(*round.then);
   }
   weather.over.get_future().wait();
   weather.signals_over.get_future().wait();

@@ -37,7 +37,7 @@ constexpr StormFault kFaults[] = {
     {kService, kServiceReloads, 0.05, 0.5},
     {kNode, "fail DQBUF 1-20", 1, 1},
     {kNode, "fail QBUF 1-3", 1, 1, 0, kDamages},
-    {kNode, "fail STREAMOFF 1", 1, 1},
+    {kNode, "fail STREAMOFF 1", 1, 1, 0, kDamages},
     {kNode, "fail STREAMON 1", 1, 1},
     {kNode, "fail QUERYBUF 1-2", 1, 1, 0, kDamages},
     {kNode, "fail MMAP 1-2", 1, 1, 0, kDamages},
@@ -47,6 +47,9 @@ constexpr const char* kStateNames[] = {"starting",  "idle",         "streaming",
                                        "unplugged", "needs answer", "full queue", "needs picture"};
 static_assert(std::size(kStateNames) == static_cast<std::size_t>(StormState::kCount));
 
+constexpr const char* kOutputNames[] = {"logged", "not read", "without a reader", "closed"};
+
+constexpr u32 kWidestVideo = 1280;     ///< pixels
 constexpr double kFaultsBegin = 1.5;   ///< seconds within which the faults of a round begin
 constexpr double kLongestState = 0.2;  ///< seconds
 
@@ -68,10 +71,15 @@ class Dice {
   std::mt19937 random_;
 };
 
+/// Large video pictures are left out: a busy PC takes longer to encode the first ones than the service may
+/// take to bring them.
 StreamChoice any_choice(Dice& dice) {
   const HostFormat& format = dice.one_of(host_formats());
   constexpr u32 kRates[] = {30, 25, 15};
-  return {format.format, dice.one_of(format.sizes), dice.one_of(kRates)};
+  StreamChoice choice{format.format, dice.one_of(format.sizes), dice.one_of(kRates)};
+  const bool video = choice.format == StreamFormat::kH264 || choice.format == StreamFormat::kH265;
+  if (video && choice.size.width > kWidestVideo) choice.size = {640, 480};
+  return choice;
 }
 
 StormRound any_round(Dice& dice) {
@@ -90,6 +98,12 @@ StormRound any_round(Dice& dice) {
   return round;
 }
 
+/// Mostly one that can be shown.
+ServiceOutput any_output(Dice& dice) {
+  const u32 output = dice.below(2 * std::size(kOutputNames));
+  return output < std::size(kOutputNames) ? static_cast<ServiceOutput>(output) : ServiceOutput::kLogged;
+}
+
 StormEnd any_end(Dice& dice) {
   const auto state = static_cast<StormState>(dice.below(static_cast<u32>(StormState::kCount)));
   const StreamChoice choice = any_choice(dice);
@@ -100,6 +114,8 @@ StormEnd any_end(Dice& dice) {
 
 std::span<const StormFault> storm_faults() { return kFaults; }
 const char* name_of(StormState state) { return kStateNames[static_cast<u32>(state)]; }
+
+const char* name_of(ServiceOutput output) { return kOutputNames[static_cast<u32>(output)]; }
 
 std::string StormStep::text() const {
   char times[48];
@@ -126,7 +142,7 @@ bool StormRound::has(const char* text) const {
 
 StormLife plan_storm_life(u32 seed, u32 number) {
   Dice dice(seed, number);
-  StormLife life;
+  StormLife life{.output = any_output(dice), .rounds = {}, .end = {}};
   for (u32 rounds = 1 + dice.below(4); rounds > 0; --rounds) life.rounds.push_back(any_round(dice));
   life.end = any_end(dice);
   return life;
@@ -134,7 +150,7 @@ StormLife plan_storm_life(u32 seed, u32 number) {
 
 StormLife plan_short_life(u32 seed, u32 number) {
   Dice dice(~seed, number);
-  return {.rounds = {}, .end = any_end(dice)};
+  return {.output = any_output(dice), .rounds = {}, .end = any_end(dice)};
 }
 
 }  // namespace sim

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/service_process.h"
 #include "sim/usb_host.h"
 
 namespace sim {
@@ -62,6 +63,7 @@ enum class StormState {
   kCount,
 };
 const char* name_of(StormState state);
+const char* name_of(ServiceOutput output);
 
 struct StormEnd {
   StormState state;
@@ -71,6 +73,7 @@ struct StormEnd {
 };
 
 struct StormLife {
+  ServiceOutput output;
   std::vector<StormRound> rounds;
   StormEnd end;
 };
