@@ -49,7 +49,7 @@ static_assert(std::size(kStateNames) == static_cast<std::size_t>(StormState::kCo
 
 constexpr const char* kOutputNames[] = {"logged", "not read", "without a reader", "closed"};
 
-constexpr u32 kWidestVideo = 1280;     ///< pixels
+constexpr u32 kWidestVideo = 720;      ///< pixels
 constexpr double kFaultsBegin = 1.5;   ///< seconds within which the faults of a round begin
 constexpr double kLongestState = 0.2;  ///< seconds
 
