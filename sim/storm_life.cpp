@@ -39,6 +39,10 @@ bool message_waits(i32 key, i32 process) {
   return queue >= 0 && msgrcv(queue, &nothing_but_type, 0, process, IPC_NOWAIT) < 0 && errno == E2BIG;
 }
 
+double longest_answer_ms(const StormRound& round) {
+  return kLongestAnswerMs + (round.has(kServiceStopped) ? kLongestStopMs : 0);
+}
+
 }  // namespace
 
 /// What carries a round's faults out; the service's own in another thread, so that a stopped service goes on
@@ -107,6 +111,7 @@ void StormLives::be_stormy(const StormLife& life, u32 seed) {
 
 void StormLives::round(const StormRound& round) {
   ++tally_.rounds;
+  const double late_ms = metronome_.late_ms();
   log_->step("streams " + name_of(round.choice));
   if (!start(round.choice)) log_->fail("no stream: " + camera_.host.error());
   expect_picture(true);
@@ -125,6 +130,9 @@ void StormLives::round(const StormRound& round) {
   expect_picture(again);
   controls_->pause();
   stop(round);
+  const double slowest_ms = camera_.conversation.take_slowest_ms();
+  if (slowest_ms > longest_answer_ms(round) + metronome_.late_ms() - late_ms)
+    log_->fail("a probe or commit was answered after " + std::to_string(slowest_ms) + " ms");
   expect_order(round);
 }
 
@@ -132,9 +140,8 @@ void StormLives::set_rules(const StormRound& round) {
   const bool server = std::ranges::any_of(round.steps, [](const StormStep& step) {
     return storm_faults()[step.fault].party == StormParty::kServer;
   });
-  const double stopped = round.has(kServiceStopped) ? kLongestStopMs : 0;
   controls_->set_rules(
-      {.longest_ms = kLongestAnswerMs + stopped, .in_range = !round.any(kConfuses), .exact = !server});
+      {.longest_ms = longest_answer_ms(round), .in_range = !round.any(kConfuses), .exact = !server});
 }
 
 /// From the round's first fault to the end of its last.
@@ -214,8 +221,6 @@ void StormLives::expect_order(const StormRound& round) {
   if (!seconds) log_->fail("the controls do not obey after 5 s");
   tally_.controls.note(1000 * seconds.value_or(0));
   controls_->judge_settings(round.any(kLoses));
-  if (const double ms = camera_.conversation.take_slowest_ms(); ms > kLongestAnswerMs + kLongestStopMs)
-    log_->fail("a probe or commit was answered after " + std::to_string(ms) + " ms");
   const std::pair<i32, i32> queues[] = {
       {kSysMsgKey, kSysMsgProcess}, {kFileMsgKey, kFileMsgProcess}, {kVeltoMsgKey, kVeltoProcess}};
   for (const auto& [key, process] : queues)
