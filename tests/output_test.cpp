@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <regex>
 #include <string>
 
 namespace {
@@ -74,11 +73,11 @@ TEST_P(OutputTest, FullOneDropsAndCountsAndAReaderThatEndedHarmsNobody) {
   EXPECT_EQ(errno, ENOENT);
   text += read_all();
   const long whole = std::ranges::count(text, 'x') / 1000;
-  const std::regex notice("uvc_gadget: (\\d+) messages lost\r?\n");
-  EXPECT_TRUE(std::regex_search(text, std::regex("lost\r?\nlast$")));
+  EXPECT_TRUE(text.ends_with("\nlast"));
+  const std::string notice = "uvc_gadget: messages lost: ";
   long lost = 0;
-  for (std::sregex_iterator each(text.begin(), text.end(), notice), none; each != none; ++each)
-    lost += std::stol((*each)[1]);
+  for (auto at = text.find(notice); at != text.npos; at = text.find(notice, at + 1))
+    lost += std::stol(text.substr(at + notice.size()));
   EXPECT_GT(lost, kSent / 2);
   EXPECT_TRUE(whole + lost == kSent || (GetParam() == std::string("terminal") && whole + lost > kSent))
       << whole << " + " << lost << "; a terminal may take a part of a message";
