@@ -56,7 +56,7 @@ struct CallRecord {
 };
 
 /// Calls number `from` to `to` of a kind fail, counted from when the fault was set.
-struct Fault {
+struct CallFault {
   CallKind kind;
   u32 from, to;
   u32 seen;
@@ -110,7 +110,7 @@ struct NodeState {
   u32 grant;  ///< most buffers that are granted
   bool reqbufs_returns_count;
   u32 fault_count;
-  Fault faults[16];
+  CallFault faults[16];
   u64 call_count;
   std::array<CallRecord, 4096> calls;  ///< a ring
 };
