@@ -1,4 +1,5 @@
-// The USB host: events and class requests in any order, with a system server that answers.
+// The USB host: events and class requests in any order, with a system server
+// that answers.
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -31,7 +32,8 @@ class Camera {
     begin();
   }
 
-  /// A fresh context for the requests; the server forgets now and then what it has received.
+  /// A fresh context for the requests; the server forgets now and then what it
+  /// has received.
   void begin() {
     if (starts_++ % 5000 == 0) server_.emplace(sim::ServerOptions{});
     loop_ = std::make_unique<UvcEventLoop>(UvcEventLoop{.device = &uvc_video_fd, .request = {}});
@@ -46,6 +48,9 @@ class Camera {
     std::copy(bytes.begin(), bytes.end(), event.u.data);
     host_.raise(event);
     uvc_event_turn(*loop_);
+    const UvcRequestContext& last = loop_->request;
+    const bool update = last.interface() == 0 && last.entity() == 3 && last.selector() == 9;
+    if (type == UVC_EVENT_DATA && update) reopen();  // the node was given up
   }
 
   UvcRequestData setup(std::span<const u8> packet) {
@@ -62,23 +67,15 @@ class Camera {
     return *answer;
   }
 
-  void data(i32 length, std::span<const u8> bytes) {
-    UvcRequestData record = {.length = length, .data = {}};
-    std::copy(bytes.begin(), bytes.end(), record.data);
-    raise(UVC_EVENT_DATA, {reinterpret_cast<const u8*>(&record), sizeof(record)});
-    const UvcRequestContext& request = loop_->request;
-    const bool update = request.interface() == 0 && request.entity() == 3 && request.selector() == 9;
-    if (update) reopen();  // the node was given up
-  }
-
-  /// The locks are free and both channels work: a value that is set goes to the server and comes back.
+  /// The locks are free and both channels work: a value that is set goes to the
+  /// server and comes back.
   void check_order() {
     check(stream_end_lock.try_lock(), "the lock of the stream's end is free");
     stream_end_lock.unlock();
     camera_cache = nullptr;
     const u8 value = starts_ % 16;
     setup(std::array<u8, 8>{0x21, UVC_SET_CUR, 0, 2, 0, 2, 2, 0});
-    data(2, std::array<u8, 2>{value, 0});
+    raise(UVC_EVENT_DATA, std::array<u8, 6>{2, 0, 0, 0, value, 0});
     check(setup(std::array<u8, 8>{0xA1, UVC_GET_CUR, 0, 2, 0, 2, 2, 0}).data[0] == value,
           "a valid request after any other does what it should");
     check(SendEncoderSettings({}) == 0, "the encoder can be told");
@@ -110,14 +107,11 @@ CameraCache cache;
 void step(Camera& camera, fuzz::Input& input) {
   const u8 kind = input.take<u8>(), variant = kind / 8;
   if (kind % 8 <= 1) camera.setup(input.bytes(8));
-  if (kind % 8 == 2) {
-    const i32 length = input.take<i32>();
-    camera.data(length, input.bytes(variant * 2));
-  }
+  if (kind % 8 == 2) camera.raise(UVC_EVENT_DATA, input.bytes(sizeof(UvcRequestData)));
   if (kind % 8 == 3) {  // a SET as hosts send it: to an entity or, as 0, to the stream
     const u8 entity = variant % 4;
     camera.setup(std::array<u8, 8>{0x21, UVC_SET_CUR, 0, input.take<u8>(), entity == 0, entity, 26, 0});
-    camera.data(26, input.bytes(26));
+    camera.raise(UVC_EVENT_DATA, input.bytes(4 + 26));
   }
   if (kind % 8 == 4) camera.raise(UVC_EVENT_CONNECT + variant % 4, {});
   if (kind % 8 == 5) camera.raise(input.take<u32>(), input.bytes(64));

@@ -1,5 +1,5 @@
-// The system server: any records in its channels' queues, before a request, in the reply's place and after
-// it.
+// The system server: any records in its channels' queues, before a request, in
+// the reply's place and after it.
 #include <sys/msg.h>
 #include <sys/shm.h>
 
@@ -33,7 +33,8 @@ struct Message {
   std::size_t size;
 };
 
-/// One channel with a server that sends what the input wants, and then what it should.
+/// One channel with a server that sends what the input wants, and then what it
+/// should.
 class Channel {
  public:
   Channel(key_t key, long client, std::size_t payload)
@@ -48,7 +49,8 @@ class Channel {
     for (; before > 0; before--) send(message(input));
     for (planned_.clear(); instead > 0; instead--) planned_.push_back(message(input));
   }
-  /// Waits until the server has done with every request, and throws away what is left.
+  /// Waits until the server has done with every request, and throws away what
+  /// is left.
   void clear() {
     Message message = {.type = kServerMsgType, .bytes = {}, .size = payload_};
     put_le32(message.bytes, static_cast<u32>(kEndOfStep));
@@ -147,24 +149,16 @@ void ask_for_data(Input& input) {
 }
 
 void ask_velto(u8 kind, Input& input) {
-  const u8 call = kind % 16;
-  VeltoFrame frame{};
-  frame.stream_type = input.take<i8>();
+  const u8 call = kind % 8;
   VeltoMemory memory;
   VeltoThreeWords words;
   i32 position;
   if (call == 0) VeltoGetMemory(memory);
-  if (call == 1) VeltoGetFrame3(frame);
-  if (call == 2) VeltoGetFrame4(frame);
-  if (call == 3) VeltoGetFrame5(frame);
-  if (call == 4) VeltoGetFrame8(frame);
-  if (call == 5) VeltoGetFrame9(frame);
-  if (call == 6) VeltoGetBlock(frame);
-  if (call == 7) VeltoPtzGetPosition(position);
-  if (call == 8) VeltoPtzGetAbsolute(words);
-  if (call == 9) VeltoRequest21(input.line().c_str());
-  if (call == 10) VeltoSend24(0, input.line().c_str());
-  if (call > 10) ask_for_data(input);
+  if (call == 1) VeltoPtzGetPosition(position);
+  if (call == 2) VeltoPtzGetAbsolute(words);
+  if (call == 3) VeltoRequest21(input.line().c_str());
+  if (call == 4) VeltoSend24(0, input.line().c_str());
+  if (call > 4) ask_for_data(input);
 }
 
 void ask_file(u8 kind, Input& input) {

@@ -1,4 +1,5 @@
-// The controller at the serial line: any bytes, which come in parts, and a line that hangs up.
+// The controller at the serial line: any bytes, which come in parts, and a line
+// that hangs up.
 #include <fcntl.h>
 #include <termios.h>
 
@@ -38,8 +39,6 @@ class Line {
   void write(std::span<const u8> bytes) const {
     [[maybe_unused]] const ssize_t written = ::write(controller_, bytes.data(), bytes.size());
   }
-  /// So that no read waits for a byte that does not come.
-  void write_terminators() const { write(std::vector<u8>(60, 0xFF)); }
   void discard() const {
     u8 bytes[4096];
     while (read(controller_, bytes, sizeof(bytes)) > 0) continue;
@@ -63,8 +62,10 @@ void read_reply(i32 maximum) {
 }
 
 void acknowledge() {
-  static const fuzz::Guarded memory(kUartReplyRoom);
-  uart_ack(reinterpret_cast<u8(&)[kUartReplyRoom]>(*memory.lend(kUartReplyRoom).data()));
+  struct Area {
+    u8 bytes[kUartReplyRoom];
+  };
+  uart_ack(std::make_unique<Area>()->bytes);
 }
 
 void serve(i32 write_length, bool read) {
@@ -92,10 +93,10 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* bytes, std::size_t size) {
     line.write(input.bytes((kind / 8 + 1) % 32));  // without any, the read waits for its first byte
     const auto later = input.bytes(input.take<u8>() % 64);
     if (kind % 8 == 7) line.hang_up();
-    std::thread controller([&] {
-      line.write(later);
-      line.write_terminators();
-    });
+    std::vector<u8> part(later.begin(), later.end());
+    part.resize(part.size() + 60,
+                0xFF);  // no read waits for a byte that does not come
+    std::thread controller([&] { line.write(part); });
     if (kind % 4 == 0) read_reply(number);
     if (kind % 4 == 1) acknowledge();
     if (kind % 4 == 2) serve(number, true);
