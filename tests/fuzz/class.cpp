@@ -1,5 +1,4 @@
-// The USB host: events and class requests in any order, with a system server
-// that answers.
+// The USB host: events and class requests in any order, with a system server that answers.
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -32,8 +31,7 @@ class Camera {
     begin();
   }
 
-  /// A fresh context for the requests; the server forgets now and then what it
-  /// has received.
+  /// A fresh context for the requests; the server forgets now and then what it has received.
   void begin() {
     if (starts_++ % 5000 == 0) server_.emplace(sim::ServerOptions{});
     loop_ = std::make_unique<UvcEventLoop>(UvcEventLoop{.device = &uvc_video_fd, .request = {}});
@@ -67,8 +65,7 @@ class Camera {
     return *answer;
   }
 
-  /// The locks are free and both channels work: a value that is set goes to the
-  /// server and comes back.
+  /// The locks are free and both channels work: a value that is set goes to the server and comes back.
   void check_order() {
     check(stream_end_lock.try_lock(), "the lock of the stream's end is free");
     stream_end_lock.unlock();

@@ -1,5 +1,4 @@
-// The video processing subsystem: picture records of any geometry, in every
-// layout.
+// The video processing subsystem: picture records of any geometry, in every layout.
 #include "platform/hi_mpi.h"
 #include "support/print.h"
 #include "tests/fuzz/fuzz.h"

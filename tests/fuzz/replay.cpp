@@ -1,5 +1,4 @@
-// Runs a target over the files of a folder, or a file, for builds without a
-// fuzzer.
+// Runs a target over the files of a folder, or a file, for builds without a fuzzer.
 #include <filesystem>
 #include <fstream>
 #include <iterator>

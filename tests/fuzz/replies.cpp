@@ -1,5 +1,5 @@
-// The system server: any records in its channels' queues, before a request, in
-// the reply's place and after it.
+// The system server: any records in its channels' queues, before a request, in the reply's place and after
+// it.
 #include <sys/msg.h>
 #include <sys/shm.h>
 
@@ -33,8 +33,7 @@ struct Message {
   std::size_t size;
 };
 
-/// One channel with a server that sends what the input wants, and then what it
-/// should.
+/// One channel with a server that sends what the input wants, and then what it should.
 class Channel {
  public:
   Channel(key_t key, long client, std::size_t payload)
@@ -49,8 +48,7 @@ class Channel {
     for (; before > 0; before--) send(message(input));
     for (planned_.clear(); instead > 0; instead--) planned_.push_back(message(input));
   }
-  /// Waits until the server has done with every request, and throws away what
-  /// is left.
+  /// Waits until the server has done with every request, and throws away what is left.
   void clear() {
     Message message = {.type = kServerMsgType, .bytes = {}, .size = payload_};
     put_le32(message.bytes, static_cast<u32>(kEndOfStep));

@@ -1,5 +1,4 @@
-// The encoder's process: slots with any header, whose words change while the
-// frame is taken.
+// The encoder's process: slots with any header, whose words change while the frame is taken.
 #include <fcntl.h>
 #include <semaphore.h>
 #include <sys/shm.h>
@@ -48,8 +47,7 @@ struct Ring {
     Word32(word(slot, 0)).store(kSlotReady);
   }
 
-  /// Runs once the word changes, until the buffer is filled or after `most`
-  /// changes.
+  /// Runs once the word changes, until the buffer is filled or after `most` changes.
   std::thread changing(u32& changed, u32 value, int most) {
     filled = false;
     changes = 0;

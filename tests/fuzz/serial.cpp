@@ -1,5 +1,4 @@
-// The controller at the serial line: any bytes, which come in parts, and a line
-// that hangs up.
+// The controller at the serial line: any bytes, which come in parts, and a line that hangs up.
 #include <fcntl.h>
 #include <termios.h>
 

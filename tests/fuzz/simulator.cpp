@@ -1,5 +1,4 @@
-// What the simulator reads: f a fault as a person writes it, n one of the
-// gadget node, v VISCA frames.
+// What the simulator reads: f a fault as a person writes it, n one of the gadget node, v VISCA frames.
 #include <cmath>
 
 #include "sim/camera_head.h"

@@ -1,6 +1,5 @@
-// Files, log calls and log records. The first character chooses: l level file,
-// c configuration file, o log line, r raw line, h hex dump, v record for the
-// log viewer.
+// Files, log calls and log records. The first character chooses: l level file, c configuration file, o log
+// line, r raw line, h hex dump, v record for the log viewer.
 #define main elog_cat_main
 #include "elog/elog_cat.cpp"
 #undef main
