@@ -1,5 +1,4 @@
-// The system server: any records in its channels' queues, before a request, in the reply's place and after
-// it.
+// The system server: any records in its channels' queues, before a request, as its reply and after it.
 #include <sys/msg.h>
 #include <sys/shm.h>
 
