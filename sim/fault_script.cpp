@@ -29,6 +29,7 @@ constexpr FaultForm kForms[] = {
      "its answers name that buffer"},
     {"unplug", FaultKind::kUnplug, "at TIME unplug for TIME", "the USB cable is pulled", true},
     {"server dead", FaultKind::kServerDead, "server dead", "the system server takes no messages"},
+    {"server full", FaultKind::kServerFull, "server full", "it is dead, and its queues are full"},
     {"server slow", FaultKind::kServerSlow, "server slow", "it takes 300 ms for each"},
     {"server garbled", FaultKind::kServerGarbled, "server garbled", "it answers frames with anything"},
     {"server mute", FaultKind::kServerMute, "server mute", "it takes frames and does not answer"},
@@ -36,12 +37,18 @@ constexpr FaultForm kForms[] = {
      "it answers another process's message type"},
     {"server answers twice", FaultKind::kServerAnswersTwice, "server answers twice",
      "the answer to the frame before comes first"},
+    {"server gone", FaultKind::kServerGone, "server gone", "it has ended; its queues and segments go too"},
+    {"server late", FaultKind::kServerLate, "server late", "it answers frames after 6 s"},
     {"encoder silent", FaultKind::kEncoderSilent, "encoder silent", "the encoder makes no frames"},
     {"encoder dead", FaultKind::kEncoderDead, "encoder dead", "it stops in the middle of a frame"},
     {"encoder wrong-size", FaultKind::kEncoderWrongSize, "encoder wrong-size",
      "its frames have another size"},
+    {"encoder posts", FaultKind::kEncoderPosts, "encoder posts", "it tells of frames that it does not make"},
+    {"encoder gone", FaultKind::kEncoderGone, "encoder gone", "it has ended; ring and semaphores go too"},
     {"log queue full", FaultKind::kLogQueueFull, "log queue full",
      "the log collector rests, its queue is full"},
+    {"collector gone", FaultKind::kCollectorGone, "collector gone", "it has ended; its queue goes too"},
+    {"host rests", FaultKind::kHostRests, "host rests", "the USB host takes no frames"},
 };
 
 constexpr double kLongestTime = 1e6;

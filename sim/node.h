@@ -21,6 +21,7 @@ struct ControlAnswer {
   std::vector<u8> data{};  ///< GET: the bytes that reached the host; SET: empty
   bool stalled = false;    ///< negative length, no device, or no answer within the time
   bool timed_out = false;  ///< the last of these
+  double waited_ms = 0;    ///< from the event to the answer
 };
 
 /// The USB host's end of the current run's node; holds nothing itself. All calls are safe from several

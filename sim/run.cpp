@@ -114,12 +114,13 @@ key_t moved_key(pid_t number, key_t key) {
   return static_cast<key_t>(static_cast<u32>(number) << 9 | static_cast<u32>(key) % kKeys);
 }
 
+void remove_key(key_t key) {
+  if (const int queue = msgget(key, 0); queue >= 0) msgctl(queue, IPC_RMID, nullptr);
+  if (const int segment = shmget(key, 0, 0); segment >= 0) shmctl(segment, IPC_RMID, nullptr);
+}
+
 void remove_ipc(pid_t number) {
-  for (const key_t camera_key : kCameraKeys) {
-    const key_t key = moved_key(number, camera_key);
-    if (const int queue = msgget(key, 0); queue >= 0) msgctl(queue, IPC_RMID, nullptr);
-    if (const int segment = shmget(key, 0, 0); segment >= 0) shmctl(segment, IPC_RMID, nullptr);
-  }
+  for (const key_t key : kCameraKeys) remove_key(moved_key(number, key));
   const std::string suffix = '.' + std::to_string(number);
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator("/dev/shm", ignored)) {
@@ -221,6 +222,8 @@ std::string run_semaphore(std::string_view name) {
   if (current().number == kWholeMachine) return std::string(name);
   return std::string(name) + '.' + std::to_string(current().number);
 }
+
+void remove_objects(key_t key) { remove_key(run_key(key)); }
 
 const std::string& run_root() { return current().root; }
 

@@ -49,6 +49,9 @@ void use_whole_machine();
 /// modulo 509 meet; the camera's five are not.
 key_t run_key(key_t key);
 std::string run_semaphore(std::string_view name);
+/// Removes a queue and a segment of the camera, where they exist, from the current run. Whoever has them
+/// keeps what it has attached and fails at the next message.
+void remove_objects(key_t key);
 /// The current run's root folder. Ends the program with a message when there is no current run.
 const std::string& run_root();
 

@@ -25,10 +25,13 @@ struct ServerOptions {
 enum class ServerFault {
   kNone,
   kDead,  ///< takes nothing off its queues
+  kFull,  ///< the same, and its queues are full
   kSlow,  ///< 300 ms a message
+  kGone,  ///< its process has ended; queues and segments are removed, and made anew when the fault ends
   // What it answers to system messages, which it carries out all the same:
   kGarbled,       ///< a length of -5..5000 and random bytes
   kMute,          ///< nothing
+  kLate,          ///< the right answer, after 6 s, one after the other
   kMisdirected,   ///< another process gets the answer
   kAnswersTwice,  ///< the answer to the message before comes first
 };
