@@ -118,7 +118,7 @@ int elog_msgq_init(const ElogMsgqCfg* cfg) {
   return 0;
 }
 
-// After a call on the queue failed: whether its collector has made it anew.
+// After a call on the queue failed: changes to one that its collector has made anew, if there is one.
 static bool found_anew() {
   if (errno != EIDRM && errno != EINVAL) return false;
   const int id = sys::msgget(msgq_key, 0);

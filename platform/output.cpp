@@ -84,7 +84,7 @@ void output(int fd, std::string_view message) {
   const u32 count = lost.exchange(0);
   char notice[48];
   const int length =
-      count ? std::snprintf(notice, sizeof(notice), "uvc_gadget: %u messages lost\n", count) : 0;
+      count ? std::snprintf(notice, sizeof(notice), "uvc_gadget: messages lost: %u\n", count) : 0;
   if (!write_at_once(fd, {{notice, static_cast<std::size_t>(length)}, message})) lost += count + 1;
   errno = error;
 }

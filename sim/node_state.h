@@ -56,7 +56,7 @@ struct CallRecord {
 };
 
 /// Calls number `from` to `to` of a kind fail, counted from when the fault was set.
-struct Fault {
+struct CallFault {
   CallKind kind;
   u32 from, to;
   u32 seen;
@@ -111,7 +111,7 @@ struct NodeState {
   bool reqbufs_returns_count;
   std::optional<u32> dequeued_index, queried_index;  ///< the answers name this buffer instead of their own
   u32 fault_count;
-  Fault faults[16];
+  CallFault faults[16];
   u64 call_count;
   std::array<CallRecord, 4096> calls;  ///< a ring
 };

@@ -13,8 +13,9 @@
 namespace sim {
 
 /// Creates a run and makes it the current one of this process and of the children that it starts (through
-/// the environment). One at a time per process. The destructor removes the root folder, queues, segments
-/// and semaphores; in a forked child it does nothing. What runs of dead processes left behind goes as well.
+/// the environment). One at a time per process. The destructor removes the root folder, the camera's
+/// queues and segments, and semaphores; in a forked child it does nothing. What runs of dead processes left
+/// behind goes as well.
 class Run {
  public:
   Run();

@@ -259,10 +259,14 @@ void Server::Impl::file_message(std::span<const u8> payload) {
   if (!record) return refuse("file length " + std::to_string(payload.size()));
   const std::string line = "file" + as_decimal({record->cmd, record->info});
   if (record->cmd == kFileMsgNotice) return note(line);
-  if (record->cmd < 0 || record->cmd > kFileMsgSaveDefaults || !is_client(record->src)) return refuse(line);
-  note(line);
+  const bool known = record->cmd > 0 && record->cmd <= kFileMsgSaveDefaults && is_client(record->src);
+  if (known)
+    note(line);
+  else
+    refuse(line);
+  if (!is_client(record->src)) return;
   record->dest = record->src;
-  record->length = kSysInfoLength;
+  record->length = known ? kSysInfoLength : 0;
   file_channel.send(&*record, kFileMsgPayload);
 }
 
@@ -270,13 +274,18 @@ void Server::Impl::velto_message(std::span<const u8> payload) {
   auto record = as_record<VeltoMsgBuf, kVeltoMsgPayload>(payload);
   if (!record) return refuse("velto length " + std::to_string(payload.size()));
   const auto row = std::ranges::find(kVeltoRows, record->cmd, &VeltoRow::cmd);
-  if (row == std::end(kVeltoRows)) return refuse("velto" + as_decimal({record->cmd}));
-  const std::string line = row->describe(*record);
-  if (row->kind == 'R' && !is_client(record->src)) return refuse(line);
-  note(line);
-  record->ret = row->status;
-  if (row->act) (this->*row->act)(*record);
-  if (row->kind == 'O') return;
+  const bool known = row != std::end(kVeltoRows);
+  const std::string line = known ? row->describe(*record) : "velto" + as_decimal({record->cmd});
+  const bool waited_for = is_client(record->src);
+  if (!known || (row->kind == 'R' && !waited_for)) {
+    refuse(line);
+    record->ret = -1;
+  } else {
+    note(line);
+    record->ret = row->status;
+    if (row->act) (this->*row->act)(*record);
+  }
+  if (!waited_for || (known && row->kind == 'O')) return;
   record->dest = record->src;
   velto_channel.send(&*record, kVeltoMsgPayload);
 }

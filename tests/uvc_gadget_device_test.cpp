@@ -120,11 +120,14 @@ TEST_F(DeviceTest, RearmClearsBuffersAndLeavesOutWhatCannotBeMapped) {
 TEST_F(DeviceTest, GivesTheNodeUpWithoutAFreeDescriptorToo) {
   ASSERT_EQ(uvc_device_open(), 0);
   const i32 number = uvc_video_fd;
-  const rlimit few = {64, 64};
+  rlimit usual;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+  const rlimit few = {64, usual.rlim_max};
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
   while (open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0) {
   }
   uvc_device_give_up();
+  setrlimit(RLIMIT_NOFILE, &usual);
   EXPECT_EQ(fcntl(number, F_GETFD), -1);
   EXPECT_THAT(host.call_log(), testing::EndsWith("CLOSE -> 0\n"));
   EXPECT_EQ(uvc_video_fd, -1) << "the number may become another file's";

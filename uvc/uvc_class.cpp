@@ -5,6 +5,7 @@
 
 #include "common/cancel.h"
 #include "common/wait_limit.h"
+#include "ipc/file_msg_drv.h"
 #include "platform/sys.h"
 #include "support/print.h"
 #include "uvc/uvc_state.h"
@@ -181,7 +182,14 @@ static void on_no_event(UvcEventLoop& loop) {
   if (loop.stop_again_in > 0 && --loop.stop_again_in == 0) stop_node(loop);
 }
 
+// A system server that started anew may have made the parameter segment anew.
+static void follow_parameter_segment() {
+  if (u32* flags = GetSysRequestFlags()) usb_disconnect_word = flags;
+  if (const CameraCache* cache = GetSysCameraCache()) camera_cache = cache;
+}
+
 static void serve(UvcEventLoop& loop, const v4l2_event& event) {
+  follow_parameter_segment();
   static constexpr void (*kEventHandlers[])(UvcEventLoop&, const v4l2_event&) = {
       on_connect, on_disconnect, on_stream_on, on_stream_off, on_setup, on_data};
   const u32 at = event.type - UVC_EVENT_CONNECT;
