@@ -42,7 +42,7 @@ static sem_t* open_semaphore(const char* name) {
 }
 
 i32 vencbuf_get_init() {
-  Alarm{kAlarmDelay};  // makes this thread's timer, which takes heap
+  Alarm::prepare();
   frame_ready = open_semaphore(kFrameReadySemaphore);
   if (!frame_ready) {
     PRINT_ERROR("sem_open error!\n");
