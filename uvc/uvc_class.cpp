@@ -6,6 +6,7 @@
 #include "common/cancel.h"
 #include "common/wait_limit.h"
 #include "ipc/file_msg_drv.h"
+#include "platform/alarm.h"
 #include "platform/sys.h"
 #include "support/print.h"
 #include "uvc/uvc_state.h"
@@ -206,6 +207,7 @@ void uvc_event_turn(UvcEventLoop& loop) {
 void* uvc_class_procesing(void* device) {
   int former_state;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former_state);
+  Alarm::prepare();
   UvcEventLoop loop = {.device = static_cast<const Word*>(device), .request = {}};
   if (uvc_event_subscribe(loop) < 0) return nullptr;
   for (;;) uvc_event_turn(loop);
