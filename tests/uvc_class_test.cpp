@@ -8,6 +8,7 @@
 #include <chrono>
 #include <random>
 #include <sstream>
+#include <thread>
 
 #include "ipc/sys_msg_drv.h"
 #include "sim/server.h"
@@ -262,6 +263,17 @@ TEST_F(UvcTest, ASetupThatItsHostGaveUpIsLeftOutOnceANewerOneWaits) {
   EXPECT_EQ(answers({old_setup(UVC_GET_MAX, 4900ms), old_setup(UVC_GET_DEF, 1s)}), "15 8 ");
   EXPECT_EQ(answers({given_up}), "15 ") << "no newer one";
   EXPECT_EQ(answers({given_up, plugged_in}), "15 ") << "no newer SETUP";
+
+  v4l2_event unplugged = {};
+  unplugged.type = UVC_EVENT_DISCONNECT;
+  EXPECT_EQ(answers({old_setup(UVC_GET_MAX, 0s), unplugged, plugged_in, old_setup(UVC_GET_DEF, 0s)}), "8 ");
+  std::thread cable([&] {
+    std::this_thread::sleep_for(50ms);
+    host.raise(unplugged);
+  });
+  EXPECT_EQ(answers({old_setup(UVC_GET_CUR, 4200ms)}), "") << "unplugged while the server is asked";
+  cable.join();
+  EXPECT_EQ(answers({plugged_in, old_setup(UVC_GET_DEF, 0s)}), "8 ");
 }
 
 TEST_F(UvcTest, FailedSubscriptionEndsTheThread) {
