@@ -338,8 +338,8 @@ TEST_F(CameraTest, StreamsAndReplugsLeakNothing) {
     host.stop("");
     host.replug();
   }
-  EXPECT_EQ(entries("fd"), files);
-  EXPECT_EQ(mappings("video0"), 3);
+  EXPECT_TRUE(wait_until([&] { return entries("fd") == files && mappings("video0") == 3; }, 2s))
+      << entries("fd") << " of " << files << ", " << mappings("video0");
   EXPECT_EQ(mappings("camera_phys"), 1) << "the memory pool";
   expect_clean_end();
 }
