@@ -103,7 +103,7 @@ TEST_F(ElogFile, NamesThatAreTooLongOrCannotBeOpened) {
     cfg.name = bad.c_str();
     elog_file_config(&cfg);
     write("lost\n");
-    if (bad.size() > kElogFileNameMax) EXPECT_FALSE(elog_file_rotate());
+    EXPECT_TRUE(bad.size() <= kElogFileNameMax || !elog_file_rotate());
   }
   EXPECT_EQ(files().size(), 2u);
 }
