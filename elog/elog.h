@@ -92,7 +92,8 @@ u8 elog_get_filter_tag_lvl(const char* tag);
 
 // The output lock, which keeps the lines of several threads apart.
 
-/// Switches locking; a lock that was taken under the other setting is taken or released now.
+/// Switches locking. What was locked under the other setting is taken or released now, but for the calling
+/// thread: a lock that another one took first stays with that one, however often this is switched.
 void elog_output_lock_enabled(bool enabled);
 void elog_output_lock();
 void elog_output_unlock();

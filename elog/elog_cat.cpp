@@ -20,11 +20,17 @@ constexpr char kHelp[] =
     "Prints the camera's log lines as they come, until SIGINT or SIGTERM. It takes them off the log\n"
     "queue: run it where no log collector does.\n"
     "\n"
-    "  -l LEVEL  lines up to this level only: assert, error, warn, info, debug or verbose (the default)\n"
-    "  -t TEXT   lines that contain TEXT only\n"
-    "  -e        end once the queue is empty\n"
-    "  -c        print no lines, but at the end how many there were of each level\n"
-    "  -h        print this text\n";
+    "  -l, --level LEVEL  lines up to this level only: assert, error, warn, info, debug or verbose\n"
+    "  -t, --text TEXT    lines that contain TEXT only\n"
+    "  -e, --until-empty  end once the queue is empty\n"
+    "  -c, --count        print no lines, but at the end how many there were of each level\n"
+    "  -h, --help         print this text\n";
+
+constexpr option kOptions[] = {
+    {"level", required_argument, nullptr, 'l'}, {"text", required_argument, nullptr, 't'},
+    {"until-empty", no_argument, nullptr, 'e'}, {"count", no_argument, nullptr, 'c'},
+    {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0},
+};
 
 struct Level {
   const char* name;
@@ -65,8 +71,8 @@ int level_of(const char* name) {
 
 Options options_of(int argc, char** argv) {
   Options options;
-  for (int option; (option = getopt(argc, argv, "l:t:ech")) >= 0;) {
-    switch (option) {
+  for (int letter; (letter = getopt_long(argc, argv, "l:t:ech", kOptions, nullptr)) >= 0;) {
+    switch (letter) {
       case 'l':
         options.level = level_of(optarg);
         break;
@@ -93,36 +99,45 @@ Options options_of(int argc, char** argv) {
   return options;
 }
 
-void print(const Options& options, const Level& level, const char* text, int length) {
-  std::printf("%s%c %.*s%s\n", options.colours ? level.colour : "", level.letter, length, text,
-              options.colours ? kPlain : "");
+// Everybody may write into the queue, and a terminal obeys control characters. Beyond ASCII the same bytes
+// stand for letters or for controls, depending on the terminal.
+bool is_printable(char c) { return c == '\t' || (c >= ' ' && c <= '~'); }
+
+void print(const Options& options, const Level& level, const char* text, std::size_t length) {
+  std::printf("%s%c ", options.colours ? level.colour : "", level.letter);
+  for (const char* end = text + length; text < end; text++) {
+    if (is_printable(*text))
+      std::putchar(*text);
+    else
+      std::printf("\\x%02x", static_cast<u8>(*text));
+  }
+  std::puts(options.colours ? kPlain : "");
 }
 
-/// `size` bytes came behind the message type; one more of `text` is the caller's for a zero.
-void take(const Options& options, ElogPayload& record, std::size_t size, Counts& counts) {
+/// `size` bytes came behind the message type.
+void take(const Options& options, const ElogPayload& record, std::size_t size, Counts& counts) {
   if (size < kElogHeaderSize || record.length != size - kElogHeaderSize || record.level >= kLevelCount) {
     counts.malformed++;
     return;
   }
   std::size_t length = record.length;
   while (length > 0 && record.text[length - 1] == '\n') length--;
-  record.text[length] = '\0';
-  if (record.level > options.level || !std::strstr(record.text, options.text)) return;
+  char text[kElogTextSize + 1];
+  std::memcpy(text, record.text, length);
+  text[length] = '\0';
+  if (record.level > options.level || !std::strstr(text, options.text)) return;
   counts.of_level[record.level]++;
-  if (!options.count_only) print(options, kLevels[record.level], record.text, static_cast<int>(length));
+  if (!options.count_only) print(options, kLevels[record.level], text, length);
 }
 
 /// 0, or 1 when the queue cannot be read any more.
 int read_queue(int queue, const Options& options, Counts& counts) {
-  struct [[gnu::packed]] {
-    ElogRecord record;
-    char zero;
-  } message;
+  ElogRecord message;
   while (!ended) {
     const ssize_t size =
         msgrcv(queue, &message, sizeof(ElogPayload), kElogQueueType, IPC_NOWAIT | MSG_NOERROR);
     if (size >= 0) {
-      take(options, message.record.payload, static_cast<std::size_t>(size), counts);
+      take(options, message.payload, static_cast<std::size_t>(size), counts);
     } else if (errno != ENOMSG && errno != EINTR) {
       std::perror("elog_cat: the log queue cannot be read");
       return 1;

@@ -29,11 +29,18 @@ class ElogLine {
   void append(char c) {
     if (length_ < ELOG_LINE_BUF_SIZE) record_.payload.text[length_++] = c;
   }
-  /// What does not fit makes the line `cut` bytes long, and so does a message that cannot be formatted.
+  /// What does not fit makes the line `cut` bytes long. So does a message that cannot be formatted: what
+  /// stood before the trouble is followed by zeros.
   [[gnu::format(printf, 3, 0)]] void print(std::size_t cut, const char* format, va_list args) {
     const std::size_t room = ELOG_LINE_BUF_SIZE - length_;
+    va_list again;
+    va_copy(again, args);
     const int count = std::vsnprintf(end(), room, format, args);
-    if (count < 0) std::memset(end(), 0, room);
+    if (count < 0) {
+      std::memset(end(), 0, room);
+      (void)std::vsnprintf(end(), room, format, again);
+    }
+    va_end(again);
     const bool fits = count >= 0 && static_cast<std::size_t>(count) < room;
     length_ = fits ? length_ + static_cast<std::size_t>(count) : cut;
   }

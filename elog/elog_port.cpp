@@ -7,12 +7,14 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <mutex>
 
 #include "elog/elog_record.h"
 #include "elog/plugins/file/elog_file.h"
+#include "platform/output.h"
 #include "platform/sys.h"
 
 static constexpr std::size_t kInfoSize = 10;  // of the pid and thread texts, terminating zero included
@@ -28,6 +30,7 @@ static std::atomic<bool> console_enabled;
 static char pid_info[kInfoSize];  // empty until this process needs it: getpid() would be a system call a line
 
 static long msgq_type;
+static key_t msgq_key;
 static int msgq_id = -1;
 
 static void forget_pid() { pid_info[0] = '\0'; }
@@ -51,7 +54,7 @@ void elog_port_deinit() {
 }
 
 void elog_port_output(char* text, std::size_t len) {
-  if (console_enabled.load(std::memory_order_relaxed)) std::printf("%.*s", static_cast<int>(len), text);
+  if (console_enabled.load(std::memory_order_relaxed)) output(STDOUT_FILENO, {text, len});
   if (file_enabled) elog_file_write(text, len);
   if (msgq_enabled) elog_msgq_output(text, len);
 }
@@ -106,12 +109,21 @@ const char* elog_port_get_t_info() {
 
 int elog_msgq_init(const ElogMsgqCfg* cfg) {
   msgq_type = cfg->msg_type;
+  msgq_key = cfg->key;
   msgq_id = sys::msgget(cfg->key, 0);
   if (msgq_id < 0) {
     msgq_id = sys::msgget(cfg->key, IPC_CREAT | 0666);
-    std::printf("msg queue %d isn't exist\n", cfg->key);
+    output_format(STDOUT_FILENO, "msg queue %d isn't exist\n", cfg->key);
   }
   return 0;
+}
+
+// After a call on the queue failed: changes to one that its collector has made anew, if there is one.
+static bool found_anew() {
+  if (errno != EIDRM && errno != EINVAL) return false;
+  const int id = sys::msgget(msgq_key, 0);
+  if (id >= 0) msgq_id = id;
+  return id >= 0;
 }
 
 void elog_msgq_output(char* text, std::size_t len) {
@@ -119,18 +131,19 @@ void elog_msgq_output(char* text, std::size_t len) {
   record->type = msgq_type;
   record->payload.length = static_cast<u32>(len);
   msqid_ds queue;
-  if (msgctl(msgq_id, IPC_STAT, &queue) < 0) {
-    std::puts("msgctl error.");
+  if (msgctl(msgq_id, IPC_STAT, &queue) < 0 && !(found_anew() && msgctl(msgq_id, IPC_STAT, &queue) == 0)) {
+    output(STDOUT_FILENO, "msgctl error.\n");
     return;
   }
   const std::size_t size = kElogHeaderSize + len;
   if (queue.msg_qbytes < 2 * queue.msg_cbytes || queue.msg_qbytes < queue.msg_cbytes + size) {
-    std::puts("msg buffer overflow.");
+    output(STDOUT_FILENO, "msg buffer overflow.\n");
     return;
   }
   // Deliberate: another process may have filled the queue since. Waiting for the collector under the output
   // lock would stop every thread that logs, so such a line is lost without a word.
-  (void)msgsnd(msgq_id, record, size, IPC_NOWAIT);
+  const int result = msgsnd(msgq_id, record, size, IPC_NOWAIT);
+  if (result < 0 && found_anew()) (void)msgsnd(msgq_id, record, size, IPC_NOWAIT);
 }
 
 void elog_msgq_deinit() {}

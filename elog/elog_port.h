@@ -37,6 +37,7 @@ const char* elog_port_get_t_info();
 
 /// Opens the queue, or creates it and says so on standard output. Returns 0 in every case.
 int elog_msgq_init(const ElogMsgqCfg* cfg);
-/// Sends the ElogRecord around `text` in place, unless the queue is more than half full.
+/// Sends the ElogRecord around `text` in place, unless the queue is more than half full. A queue that was
+/// removed and made anew is found again.
 void elog_msgq_output(char* text, std::size_t len);
 void elog_msgq_deinit();

@@ -5,6 +5,7 @@
 #include <span>
 #include <string_view>
 
+#include "ipc/msg_channel.h"
 #include "ipc/msg_records.h"
 #include "ipc/msg_util.h"
 #include "ipc/sem_util.h"
@@ -17,15 +18,15 @@ namespace {
 constexpr i32 kUnconnectedProcess = 1;
 constexpr std::size_t kRecordSize = kMsgTypeSize + kVeltoMsgPayload;
 
+// Nothing is owed at the start: the first request is for the memory, and every answer to that is right.
 struct Driver {
-  i32 process = kUnconnectedProcess;
-  i32 queue = -1;
+  MsgChannel channel{.key = kVeltoMsgKey, .process = kUnconnectedProcess, .owed = 0};
   SemHandle lock = nullptr;
 };
 Driver driver;
 
 i32 fail_init() {
-  driver.process = kUnconnectedProcess;
+  driver.channel.process = kUnconnectedProcess;
   return -1;
 }
 
@@ -102,26 +103,37 @@ consteval const Command& command(i32 number) {
 
 u8* at(VeltoMsgBuf& record, u8 offset) { return record.payload + velto_payload_offset(offset); }
 
-// One command's transaction; the reply's status, 0 when there is none, -1 when the process ends before it.
-i32 VeltoCall(const Command& row, const void* in, void* out = nullptr, std::string_view text = {}) {
+VeltoMsgBuf filled_record(const Command& row, const void* in, std::string_view text) {
   VeltoMsgBuf record{};
   record.dest = kServerMsgType;
   record.cmd = row.number;
-  if (row.kind == kRequest) record.src = driver.process;
+  if (row.kind == kRequest) record.src = driver.channel.process;
   for (const u8 offset : row.in)
     std::memcpy(at(record, offset), static_cast<const u8*>(in) + (offset - row.first_word), sizeof(i32));
   text.copy(reinterpret_cast<char*>(at(record, row.text_at)), row.text_room);
+  return record;
+}
 
-  SemGuard guard(driver.lock);
-  if (guard.given_up())
-    record.ret = -1;
-  else if (row.kind == kOneWay)
-    Msg_Send(driver.queue, &record, kRecordSize);
+// The reply's status; 0 when there is none.
+i32 transact(const Command& row, const void* in, void* out, std::string_view text) {
+  if (row.kind == kRequest) Msg_Settle(driver.channel);
+  VeltoMsgBuf record = filled_record(row, in, text);
+  if (row.kind == kOneWay)
+    Msg_Notify(driver.channel, &record, kRecordSize);
   else
-    Msg_Transact(driver.queue, driver.process, &record, kRecordSize);
+    Msg_Transact(driver.channel, &record, kRecordSize);
   for (const u8 offset : row.out)
     std::memcpy(static_cast<u8*>(out) + (offset - row.first_word), at(record, offset), sizeof(i32));
   return record.ret;
+}
+
+// One command under the lock; without it a one-way command still ends with 0, a request with -1.
+i32 VeltoCall(const Command& row, const void* in, void* out = nullptr, std::string_view text = {}) {
+  SemGuard guard(driver.lock);
+  if (!guard.given_up()) return transact(row, in, out, text);
+  for (const u8 offset : row.out)
+    std::memset(static_cast<u8*>(out) + (offset - row.first_word), 0, sizeof(i32));
+  return row.kind == kOneWay ? 0 : -1;
 }
 
 i32 ask_by_type(const Command& row, VeltoFrame& frame) {
@@ -134,31 +146,31 @@ i32 ask_by_type(const Command& row, VeltoFrame& frame) {
 
 i32 VeltoDrvInit(i32 process_id) {
   SetVeltoProcess(process_id);
-  if (driver.process != process_id) return -1;
+  if (driver.channel.process != process_id) return -1;
   if (!driver.lock) driver.lock = MakeSem();
   if (!driver.lock) return fail_init();
-  driver.queue = Msg_Init(kVeltoMsgKey);
-  if (driver.queue < 0) {
+  driver.channel.queue = Msg_Init(kVeltoMsgKey);
+  if (driver.channel.queue < 0) {
     PRINT_ERROR("Msg_Init failed!\n");
     DestroySem(driver.lock);
     driver.lock = nullptr;
     return fail_init();
   }
   VeltoMsgBuf stale;
-  Msg_Drain(driver.queue, driver.process, &stale, kRecordSize);
+  Msg_Drain(driver.channel.queue, driver.channel.process, &stale, kRecordSize);
   return 0;
 }
 
 void VeltoDrvExit() {
-  driver.process = kUnconnectedProcess;
+  driver.channel.process = kUnconnectedProcess;
   DestroySem(driver.lock);
   driver.lock = nullptr;
 }
 
 void SetVeltoProcess(i32 process_id) {
-  driver.process = process_id >= 1 && process_id <= 24 ? process_id : kUnconnectedProcess;
+  driver.channel.process = process_id >= 1 && process_id <= 24 ? process_id : kUnconnectedProcess;
 }
-void SetVeltoQueue(i32 queue) { driver.queue = queue; }
+void SetVeltoQueue(i32 queue) { driver.channel.queue = queue; }
 
 i32 VeltoGetMemory(VeltoMemory& memory) {
   const i32 status = VeltoCall(command(kVeltoGetMemory), nullptr, &memory);

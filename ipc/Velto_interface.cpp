@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "common/wait_limit.h"
 #include "ipc/VeltoDrvMsg.h"
 #include "platform/hi_mpi.h"
 #include "support/print.h"
@@ -15,6 +16,8 @@ struct Pool {
   u32 size = 0;
 };
 Pool pool;
+
+constexpr std::chrono::seconds kMemoryLimit{5};
 
 constexpr i32 kStreamTypes = 6;
 constexpr i32 kCacheSlot = 256;
@@ -137,9 +140,15 @@ void* CMEM_MMAP(u32 phys_addr, u32 size) {
   return address;
 }
 
+// A server that took the question and died never answers; its successor does when it is asked again.
+static void ask_for_memory(VeltoMemory& memory) {
+  const WaitLimit limit(WaitLimit::Clock::now() + kMemoryLimit);
+  VeltoGetMemory(memory);
+}
+
 i32 func_get_mem(void*) {
   VeltoMemory memory;
-  VeltoGetMemory(memory);
+  ask_for_memory(memory);
   PRINT_INFO("func_get_mem get meminfo %lx\n", static_cast<unsigned long>(memory.address));
   if (memory.address == 0) {
     PRINT_ERROR("Error: Memory return Invalid\n");

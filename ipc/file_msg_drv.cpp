@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/word.h"
+#include "ipc/msg_channel.h"
 #include "ipc/msg_records.h"
 #include "ipc/msg_util.h"
 #include "ipc/sem_util.h"
@@ -19,19 +21,23 @@ static constexpr char kPrintFile[] = "file_msg_drv.c";
 namespace {
 
 constexpr std::size_t kRecordSize = kMsgTypeSize + kFileMsgPayload;
-constexpr std::size_t kLeastSegment = kRequestFlagsOffset + sizeof(u32);
+constexpr std::size_t kLeastSegment = kSysInfoLength;
+// A segment is mapped in whole pages, so the areas behind the record are there however small it is.
+static_assert(kRequestFlagsOffset + sizeof(u32) <= 4096);
 constexpr int kReadyChecks = 1000;
 constexpr useconds_t kReadyPause = 10000;
 constexpr i32 kToleratedFailures = 2;
 
 struct Driver {
   SemHandle lock = nullptr;
-  key_t key = 0;
-  i32 segment = -1;
-  u8* base = nullptr;
-  i32 process = 0;
-  i32 queue = -1;
+  MsgChannel channel;
+  Word segment{-1};
+  std::atomic<u8*> base{nullptr};
   i32 failed_writes = 0;
+
+  std::atomic_flag renewing;  // guards the rest
+  SegmentKey segment_key;
+  u8* former_base = nullptr;  // stays attached for those who still hold a pointer
 };
 Driver driver;
 
@@ -42,33 +48,58 @@ u8* attach(i32 segment) {
   return base == reinterpret_cast<void*>(-1) ? nullptr : static_cast<u8*>(base);
 }
 
-SysInfo* info() { return reinterpret_cast<SysInfo*>(driver.base); }
+// Changes over to the segment that the server has made in place of a former one, if it has. A new one that is
+// too small leaves everything as it is.
+void renew() {
+  const i32 segment = driver.segment_key.segment(driver.segment);
+  u8* base = segment != driver.segment ? attach(segment) : nullptr;
+  if (!base) return;
+  if (driver.former_base) shmdt(driver.former_base);
+  driver.former_base = driver.base.exchange(base);
+  driver.segment = segment;
+}
+
+// Where the segment is attached now; null before InitFileMsgDrv. A thread that meets another one's look goes
+// on with what it has.
+u8* attached() {
+  if (!driver.renewing.test_and_set(std::memory_order_acquire)) {
+    renew();
+    driver.renewing.clear(std::memory_order_release);
+  }
+  return driver.base;
+}
 
 template <typename Area>
 Area* area(std::size_t offset) {
-  return driver.base ? reinterpret_cast<Area*>(driver.base + offset) : nullptr;
+  u8* base = attached();
+  return base ? reinterpret_cast<Area*>(base + offset) : nullptr;
 }
 
-bool becomes_ready(u8* start) {
-  const std::atomic_ref<u32> marker(*reinterpret_cast<u32*>(start));
+SysInfo* info() { return area<SysInfo>(0); }
+
+// The area that begins with a marker once that is there; null, reported, when it does not come.
+void* when_ready(std::size_t offset) {
   for (int check = 0; check < kReadyChecks; check++) {
-    if (marker.load(std::memory_order_acquire) == SYSINFO_MAGIC) return true;
+    u32* marker = area<u32>(offset);
+    if (std::atomic_ref(*marker).load(std::memory_order_acquire) == SYSINFO_MAGIC) return marker;
     sys::usleep(kReadyPause);
   }
-  return false;
+  PRINT_ERROR("Timeout!\n");
+  return nullptr;
 }
 
 // One transaction, under the lock. True when the server reports success.
 bool server_accepts(i32 cmd, i32 section) {
-  FileMsgBuf record{kServerMsgType, cmd, driver.process, driver.segment, 0, section, {0, 0}};
-  return Msg_Transact(driver.queue, driver.process, &record, kRecordSize) >= 0 &&
-         record.length == kSysInfoLength;
+  Msg_Settle(driver.channel);
+  FileMsgBuf record{kServerMsgType, cmd, driver.channel.process, driver.segment, 0, section, {0, 0}};
+  return Msg_Transact(driver.channel, &record, kRecordSize) >= 0 && record.length == kSysInfoLength;
 }
 
 template <typename Value>
 i32 set_field(Value SysInfo::*field, Value value) {
-  if (!driver.base) return -1;
-  info()->*field = value;
+  SysInfo* record = info();
+  if (!record) return -1;
+  record->*field = value;
   return SetSysInfo(kSectionNetwork);
 }
 
@@ -115,50 +146,45 @@ i32 InitFileMsgDrv(key_t key, i32 process_id) {
     return -1;
   }
   PRINT_DEBUG("Semaphore Addr: %p\n", static_cast<void*>(driver.lock));
-  driver.queue = Msg_Init(key);
-  if (driver.queue < 0) {
+  driver.channel.queue = Msg_Init(key);
+  if (driver.channel.queue < 0) {
     PRINT_ERROR("Message init fail\n");
     DestroySem(driver.lock);
     return -1;
   }
-  driver.key = key;
+  driver.channel.key = key;
   driver.segment = pShareMemInit(key);
   if (driver.segment < 0) {
     PRINT_ERROR("Share memory id error\n");
-    Msg_Kill(driver.queue);
+    Msg_Kill(driver.channel.queue);
     DestroySem(driver.lock);
     return -1;
   }
-  PRINT_DEBUG("Share Memory id : %d\n", driver.segment);
+  PRINT_DEBUG("Share Memory id : %d\n", static_cast<i32>(driver.segment));
   driver.base = attach(driver.segment);
   if (!driver.base) {
-    PRINT_ERROR("Share memory %d is too small or cannot be attached\n", driver.segment);
+    PRINT_ERROR("Share memory %d is too small or cannot be attached\n", static_cast<i32>(driver.segment));
     DestroySem(driver.lock);
     return -1;
   }
   PRINT_DEBUG("Share Memory Address:%p\n", static_cast<void*>(driver.base));
-  driver.process = process_id;
+  driver.segment_key = SegmentKey(key);
+  driver.channel.process = process_id;
   return 0;
 }
 
 void CleanupFileMsgDrv() {
-  if (driver.base) shmdt(driver.base);
+  driver.segment_key = {};
+  for (u8* base : {driver.base.load(), driver.former_base})
+    if (base) shmdt(base);
   DestroySem(driver.lock);
 }
 
-SysInfo* GetSysInfo() {
-  if (!driver.base) return nullptr;
-  if (becomes_ready(driver.base)) return info();
-  PRINT_ERROR("Timeout!\n");
-  return nullptr;
-}
+SysInfo* GetSysInfo() { return driver.base ? static_cast<SysInfo*>(when_ready(0)) : nullptr; }
 
 void* GetSysState(bool wait) {
   if (!wait) return area<void>(kSysStateOffset);
-  if (!driver.base) return reinterpret_cast<void*>(kSysStateOffset);
-  if (becomes_ready(driver.base + kSysStateOffset)) return driver.base + kSysStateOffset;
-  PRINT_ERROR("Timeout!\n");
-  return nullptr;
+  return driver.base ? when_ready(kSysStateOffset) : reinterpret_cast<void*>(kSysStateOffset);
 }
 
 CameraCache* GetSysCameraCache() { return area<CameraCache>(kCameraCacheOffset); }
@@ -169,7 +195,7 @@ i32 SetSysInfo(i32 section) {
   if (guard.given_up()) return -1;
   if (driver.failed_writes > kToleratedFailures) {
     driver.failed_writes = 0;
-    driver.queue = Msg_Init(driver.key);
+    driver.channel.queue = Msg_Init(driver.channel.key);
   }
   if (server_accepts(kFileMsgWritten, section)) return 0;
   PRINT_ERROR("Data write error\n");
@@ -195,11 +221,12 @@ i32 fSaveSysDefInfo() {
 
 i32 SetSysWord240(u32 value) { return set_field(&SysInfo::word240, value); }
 i32 SetSysMac(const char* text) {
-  if (!driver.base) return -1;
+  SysInfo* record = info();
+  if (!record) return -1;
   unsigned parts[6] = {};
   std::sscanf(text, "%02x:%02x:%02x:%02x:%02x:%02x", &parts[0], &parts[1], &parts[2], &parts[3], &parts[4],
               &parts[5]);
-  for (int i = 0; i < 6; i++) info()->mac[i] = static_cast<u8>(parts[i]);
+  for (int i = 0; i < 6; i++) record->mac[i] = static_cast<u8>(parts[i]);
   return SetSysInfo(kSectionNetwork);
 }
 i32 SetSysWord252(u32 value) { return set_field(&SysInfo::word252, value); }
@@ -228,12 +255,13 @@ i32 SetSysHalf276(u16 value) { return set_field(&SysInfo::half276, value); }
 i32 SetSysByte279(u8 value) { return set_field(&SysInfo::byte279, value); }
 
 i32 SetSysRecord52(SysRecord52 record, i32 index) {
-  if (!driver.base || index < 0 || index > 3) return -1;
-  return set_record(info()->records52[index], record, kSectionRecords52);
+  SysInfo* stored = info();
+  if (!stored || index < 0 || index > 3) return -1;
+  return set_record(stored->records52[index], record, kSectionRecords52);
 }
 i32 SetSysRecord28(SysRecord28 record) {
-  if (!driver.base) return -1;
-  return set_record(info()->record28, record, kSectionRecord28);
+  SysInfo* stored = info();
+  return stored ? set_record(stored->record28, record, kSectionRecord28) : -1;
 }
 
 i32 ReplaceConfigLine(const char* path, const char* prefix, const char* replacement) {
@@ -253,10 +281,10 @@ i32 ReplaceConfigLine(const char* path, const char* prefix, const char* replacem
   return 0;
 }
 
-void SetFileMsgQueue(i32 queue) { driver.queue = queue; }
+void SetFileMsgQueue(i32 queue) { driver.channel.queue = queue; }
 
 void SendFileMsgNotice() {
   FileMsgBuf record{};
   record.dest = kServerMsgType;
-  Msg_Send(driver.queue, &record, kRecordSize);
+  Msg_Notify(driver.channel, &record, kRecordSize);
 }

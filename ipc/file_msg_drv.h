@@ -1,7 +1,10 @@
 // Client of the system-parameter channel: attaches the parameter segment (sys_info.h), hands out pointers
-// into it, and tells the system server what this process has changed there. The pointers stay good until
-// CleanupFileMsgDrv; the server may write behind them at any time. Any thread may call once InitFileMsgDrv
-// has returned: the lock covers the transactions with the server, the writes into the segment have none.
+// into it, and tells the system server what this process has changed there. A server that starts anew may
+// remove its segment and make another: every call looks for that, at most every 500 ms, and uses the new one.
+// So ask for a pointer where it is used, which is cheap, rather than keep it: it stays good until the segment
+// has been replaced twice, but leads to the former one from the first time on. The server may write behind it
+// at any time. Any thread may call once InitFileMsgDrv has returned: the lock covers the transactions with
+// the server, the writes into the segment have none.
 #pragma once
 
 #include <sys/types.h>
@@ -10,11 +13,10 @@
 #include "ipc/sys_info.h"
 
 /// Opens the queue and the segment with this key. 0, or -1, reported; also when the segment is too small for
-/// the areas of sys_info.h.
-/// Deliberate: without the segment the queue is removed, though it is the server's too; and a failed start
-/// leaves the freed lock behind, so there is no second try in a process.
+/// the parameter record. Deliberate: without the segment the queue is removed, though it is the server's too;
+/// and a failed start leaves the freed lock behind, so there is no second try in a process.
 i32 InitFileMsgDrv(key_t key, i32 process_id);
-/// Detaches the segment and frees the lock, for good.
+/// Detaches the segment and frees the lock, for good; no other thread may use the driver meanwhile.
 /// Deliberate: neither pointer is cleared.
 void CleanupFileMsgDrv();
 

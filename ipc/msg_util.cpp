@@ -7,6 +7,7 @@
 
 #include "common/cancel.h"
 #include "common/stream_state.h"
+#include "common/wait_limit.h"
 #include "platform/sys.h"
 #include "support/print.h"
 
@@ -42,6 +43,10 @@ i32 Msg_Init(key_t key) {
 i32 Msg_Send(i32 qid, const void* record, std::size_t size) {
   while (msgsnd(qid, record, size - kMsgTypeSize, IPC_NOWAIT) < 0) {
     if (errno != EAGAIN || uvc_stream_state.exit_flag) return -1;
+    if (WaitLimit::over()) {
+      errno = ETIMEDOUT;
+      return -1;
+    }
     sys::usleep(kFullQueuePause);
   }
   return 0;
@@ -71,15 +76,11 @@ i32 Msg_Kill(i32 qid) {
 }
 
 i32 Msg_Drain(i32 qid, long type, void* record, std::size_t size) {
-  while (!uvc_stream_state.exit_flag) {
+  while (!uvc_stream_state.exit_flag && !WaitLimit::over()) {
     if (msgrcv(qid, record, size - kMsgTypeSize, type, IPC_NOWAIT) >= 0) continue;
     if (errno == ENOMSG) return 0;
     if (errno != E2BIG) return -1;
     discard(qid, type);
   }
   return -1;
-}
-
-ssize_t Msg_Transact(i32 qid, long type, void* record, std::size_t size) {
-  return Msg_Drain(qid, type, record, size) < 0 ? -1 : Msg_Send_Rsv(qid, type, record, size);
 }

@@ -16,7 +16,8 @@ constexpr std::size_t kMsgTypeSize = 4;
 
 /// The queue with this key, created readable and writable for all when there is none; or -1.
 i32 Msg_Init(key_t key);
-/// 0 or -1. While the queue is full, tries again every 5 ms until the process is told to end.
+/// 0 or -1. While the queue is full, tries again every 5 ms until the process is told to end or the thread's
+/// WaitLimit has passed (ETIMEDOUT).
 i32 Msg_Send(i32 qid, const void* record, std::size_t size);
 /// Waits for a message of this type; the thread can be cancelled meanwhile. Bytes received, or -1, also when
 /// a signal came and the process is told to end.
@@ -30,9 +31,6 @@ bool Msg_Waits(i32 qid, long type);
 i32 Msg_Kill(i32 qid);
 
 /// Takes stale messages of this type off the queue, into the record; those longer than it are thrown away.
-/// 0 once there is none left, -1 on an error that does not pass or when the process is told to end.
+/// 0 once there is none left; -1 on an error that does not pass, when the process is told to end, or when the
+/// thread's WaitLimit has passed.
 i32 Msg_Drain(i32 qid, long type, void* record, std::size_t size);
-/// A server channel's transaction on a filled record: Msg_Drain, then Msg_Send_Rsv.
-/// Deliberate: the drain receives into the very record that is then sent, so a stale reply takes the
-/// request's place, and, addressed to this process, comes back as the reply.
-ssize_t Msg_Transact(i32 qid, long type, void* record, std::size_t size);

@@ -1,12 +1,13 @@
 #include "ipc/sem_util.h"
 
 #include <pthread.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <new>
 
 #include "common/stream_state.h"
+#include "common/wait_limit.h"
+#include "platform/sys.h"
 #include "support/print.h"
 
 static constexpr char kPrintFile[] = "sem_util.c";
@@ -15,25 +16,14 @@ struct Sem {
   pthread_mutex_t mutex;
 };
 
-static constexpr long kSliceNs = 50'000'000;
+static constexpr useconds_t kHeldPause = 1000;
 
-static timespec slice_end() {
-  timespec end;
-  clock_gettime(CLOCK_REALTIME, &end);
-  end.tv_nsec += kSliceNs;
-  if (end.tv_nsec >= 1'000'000'000) {
-    end.tv_sec++;
-    end.tv_nsec -= 1'000'000'000;
-  }
-  return end;
-}
-
-// The holder may wait for a dead server, so the end of the process is looked for while waiting.
-static i32 lock_unless_ending(pthread_mutex_t* mutex) {
+// The holder may wait for a dead server, so the end of the process and the thread's limit are looked for
+// while waiting. Not pthread_mutex_timedlock: its limit hangs on the wall clock.
+static i32 lock_within_limits(pthread_mutex_t* mutex) {
   while (pthread_mutex_trylock(mutex) != 0) {
-    if (uvc_stream_state.exit_flag) return -1;
-    const timespec end = slice_end();
-    if (pthread_mutex_timedlock(mutex, &end) == 0) return 0;
+    if (uvc_stream_state.exit_flag || WaitLimit::over()) return -1;
+    sys::usleep(kHeldPause);
   }
   return 0;
 }
@@ -57,7 +47,7 @@ i32 SemWait(SemHandle handle) {
     PRINT_ERROR("SemWait: Invalid Semaphore handler pid:%d\n", getpid());
     return -1;
   }
-  return lock_unless_ending(&handle->mutex);
+  return lock_within_limits(&handle->mutex);
 }
 
 i32 SemRelease(SemHandle handle) {

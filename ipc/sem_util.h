@@ -10,7 +10,8 @@ using SemHandle = Sem*;
 
 /// A new lock, owned by the caller until DestroySem. Null, reported, when there is no memory for it.
 SemHandle MakeSem();
-/// 0; -1 for a null handle, or when the process is told to end while another thread holds the lock.
+/// Returns 0; -1 for a null handle, or when the process is told to end or the thread's WaitLimit passes while
+/// another thread holds the lock.
 i32 SemWait(SemHandle handle);
 i32 SemRelease(SemHandle handle);
 /// Frees the lock once its holder has released it. 0, or -1 for a null handle.
@@ -25,8 +26,8 @@ class SemGuard {
   }
   SemGuard(const SemGuard&) = delete;
 
-  /// The lock was not had because the process ends: the transaction must not be made. Without a handle it is
-  /// made all the same.
+  /// The lock was not had in time, or the process ends: the transaction must not be made. Without a handle it
+  /// is made all the same.
   bool given_up() const { return given_up_; }
 
  private:

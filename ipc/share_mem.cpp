@@ -14,7 +14,10 @@ static constexpr char kPrintFile[] = "share_mem.c";
 
 namespace {
 
+constexpr std::chrono::milliseconds kLookPause{500};
+
 struct Segment {
+  SegmentKey key;
   i32 id = -1;
   i32 size = 0;  // of the part that copies may touch
 };
@@ -31,18 +34,34 @@ bool within_segment(i32 offset, i32 length) {
          i64{offset} + length <= system_segment.size;
 }
 
-// Null when the system-message segment cannot be attached.
-u8* attach() {
+void take_segment(i32 id) {
+  if (id == system_segment.id) return;
+  system_segment.id = id;
+  system_segment.size = static_cast<i32>(std::min<std::size_t>(ShareMemSize(id), kSysSegmentSize));
+}
+
+void* attach_once() {
   void* start = shmat(system_segment.id, nullptr, 0);
-  return start == reinterpret_cast<void*>(-1) ? nullptr : static_cast<u8*>(start);
+  return start == reinterpret_cast<void*>(-1) ? nullptr : start;
+}
+
+// Null when there is no system-message segment. One that was removed can still be attached while another
+// process holds it: hence the look before.
+u8* attach() {
+  take_segment(system_segment.key.segment(system_segment.id));
+  void* start = attach_once();
+  if (!start) {
+    take_segment(system_segment.key.segment(system_segment.id, true));
+    start = attach_once();
+  }
+  return static_cast<u8*>(start);
 }
 
 }  // namespace
 
 i32 ShareMemInit(key_t key) {
-  system_segment.id = find_segment(key);
-  system_segment.size =
-      static_cast<i32>(std::min<std::size_t>(ShareMemSize(system_segment.id), kSysSegmentSize));
+  system_segment.key = SegmentKey(key);
+  take_segment(find_segment(key));
   PRINT_DEBUG("shared memory id:%d\n", system_segment.id);
   return system_segment.id;
 }
@@ -59,6 +78,14 @@ std::size_t ShareMemSize(i32 id) {
   return shmctl(id, IPC_STAT, &info) == 0 ? info.shm_segsz : 0;
 }
 
+i32 SegmentKey::segment(i32 known, bool at_once) {
+  const auto now = Clock::now();
+  if (key_ == 0 || (!at_once && now - looked_ < kLookPause)) return known;
+  looked_ = now;
+  const i32 id = sys::shmget(key_, 0, 0);
+  return id < 0 ? known : id;
+}
+
 i32 ShareMemRead(i32 offset, void* buffer, i32 length) {
   u8* segment = attach();
   if (!segment) return -1;
@@ -66,7 +93,7 @@ i32 ShareMemRead(i32 offset, void* buffer, i32 length) {
     std::memcpy(buffer, segment + offset, static_cast<std::size_t>(length));
   else
     PRINT_ERROR("ShareMemRead:Overflow!%d  %d  %d  %d\n", offset, length, kShareMemCopyLimit,
-                system_segment.size);
+                kSysSegmentSize);
   return shmdt(segment);
 }
 
@@ -77,6 +104,6 @@ i32 ShareMemWrite(i32 offset, const void* buffer, i32 length) {
     std::memcpy(segment + offset, buffer, static_cast<std::size_t>(length));
   else
     PRINT_ERROR("ShareMemWrite:Overflow!%d  %d  %d  %d\n", offset, length, kShareMemCopyLimit,
-                system_segment.size);
+                kSysSegmentSize);
   return shmdt(segment);
 }

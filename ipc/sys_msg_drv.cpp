@@ -1,15 +1,17 @@
 #include "ipc/sys_msg_drv.h"
 
-#include <sys/msg.h>
+#include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
+#include <algorithm>
+#include <cerrno>
 
-#include "common/word.h"
+#include "common/wait_limit.h"
+#include "ipc/msg_channel.h"
 #include "ipc/msg_records.h"
 #include "ipc/msg_util.h"
 #include "ipc/sem_util.h"
 #include "ipc/share_mem.h"
+#include "platform/output.h"
 #include "support/print.h"
 
 static constexpr char kPrintFile[] = "sys_msg_drv.c";
@@ -20,60 +22,66 @@ constexpr i32 kClosedProcess = 1;
 constexpr u32 kLastCommand = 63;
 constexpr std::size_t kRecordSize = kMsgTypeSize + kSysMsgPayload;
 
-using Clock = std::chrono::steady_clock;
-constexpr std::chrono::seconds kAnswerLimit{5};
+using Clock = WaitLimit::Clock;
+
+// The slot is the server's until it has answered: how long a new body waits for an answer that is owed,
+// counted from the request that it belongs to, and what it leaves of its own time for its own answer.
+constexpr std::chrono::seconds kOwedPatience{8};
+constexpr std::chrono::milliseconds kOwnShare{1500};
 
 struct Driver {
-  i32 process = kClosedProcess;
-  i32 queue = -1;
+  MsgChannel channel{.key = kSysMsgKey, .process = kClosedProcess};
   SemHandle lock = nullptr;
-  u32 transactions = 0;  // under the lock
-  Word unanswered;       // the number of the transaction that is going on, 0: none
 };
 Driver driver;
 
 // Deliberate: these messages go to standard error only, whatever the print level.
 i32 fail_init(const char* message) {
-  driver.process = kClosedProcess;
-  std::fputs(message, stderr);
+  driver.channel.process = kClosedProcess;
+  output(STDERR_FILENO, message);
   return -1;
 }
 
-ssize_t transact(SysMsgBuf& record) {
-  driver.unanswered = static_cast<i32>(++driver.transactions);
-  const ssize_t result = Msg_Transact(driver.queue, driver.process, &record, kRecordSize);
-  driver.unanswered = 0;
-  return result;
+void await_slot() {
+  MsgChannel& channel = driver.channel;
+  const Clock::time_point own = WaitLimit::end();
+  const Clock::time_point end = own == Clock::time_point::max() ? own : own - kOwnShare;
+  Msg_AwaitOwed(channel, std::min(channel.owed_since + kOwedPatience, end));
 }
 
-// Brings the answer's bytes from the slot, as far as the caller has room.
-void take_reply(i32 offset, void* buffer, i32 length, i32& reply_length) {
-  if (length <= reply_length) {
-    ShareMemRead(offset, buffer, length);
-    reply_length = length;
-  } else {
+// Brings the answer's bytes from the slot, as far as the caller has room. Returns 0, or -1 without the slot.
+i32 take_reply(i32 offset, void* buffer, i32 length, i32& reply_length) {
+  if (length > reply_length) {
     PRINT_DEBUG("%s:Recive buf too small!\n", "TransmitMsg2Sys");
-    ShareMemRead(offset, buffer, reply_length);
+    return ShareMemRead(offset, buffer, reply_length);
   }
+  if (ShareMemRead(offset, buffer, length) < 0) return -1;
+  reply_length = length;
+  return 0;
+}
+
+i32 give_up(i32 cmd) {
+  PRINT_ERROR("TransmitMsg2Sys: no answer to command %d in time\n", cmd);
+  return -1;
 }
 
 }  // namespace
 
 i32 InitSysMsgDrv(i32 process_id) {
   if (process_id < 1 || process_id > 24) return fail_init("Error:Invalid Parameter\n");
-  driver.process = process_id;
+  driver.channel.process = process_id;
   if (ShareMemInit(kSysMsgKey) < 0) return fail_init("Error:Share Memory init fail\n");
   if (!driver.lock) driver.lock = MakeSem();
   if (!driver.lock) return fail_init("Error:No more memory to create semaphore\n");
-  driver.queue = Msg_Init(kSysMsgKey);
-  if (driver.queue >= 0) return 0;
+  driver.channel.queue = Msg_Init(kSysMsgKey);
+  if (driver.channel.queue >= 0) return 0;
   DestroySem(driver.lock);
   driver.lock = nullptr;
   return fail_init("Error:Msg_Init fail\n");
 }
 
 void CleanupSysMsgDrv() {
-  driver.process = kClosedProcess;
+  driver.channel.process = kClosedProcess;
   DestroySem(driver.lock);
   driver.lock = nullptr;
 }
@@ -84,28 +92,15 @@ i32 SendMsg2Sys(i32 cmd, void* buffer, i32 length, i32* reply_length) {
 }
 
 i32 TransmitMsg2Sys(void* buffer, i32 length, i32* reply_length, i32 cmd) {
-  const i32 offset = sys_slot_offset(driver.process);
-  SysMsgBuf record{kServerMsgType, cmd, driver.process, length, offset};
   SemGuard guard(driver.lock);
   if (guard.given_up()) return -1;
-  ShareMemWrite(offset, buffer, length);
-  if (transact(record) < 0) return -1;
-  if (reply_length && record.length >= 0) take_reply(offset, buffer, record.length, *reply_length);
-  return record.length;
-}
-
-void EndOverdueSysMsg() {
-  static i32 watched = 0;
-  static Clock::time_point since;
-  const i32 transaction = driver.unanswered;
-  if (transaction == 0) return;
-  const auto now = Clock::now();
-  if (transaction != watched || Msg_Waits(driver.queue, kServerMsgType)) {
-    watched = transaction;
-    since = now;
-  } else if (now - since > kAnswerLimit) {
-    since = now;
-    const SysMsgBuf failure{driver.process, 0, driver.process, -1, 0};
-    msgsnd(driver.queue, &failure, kSysMsgPayload, IPC_NOWAIT);
-  }
+  await_slot();
+  if (WaitLimit::over()) return give_up(cmd);
+  const i32 process = driver.channel.process;
+  const i32 offset = sys_slot_offset(process);
+  SysMsgBuf record{kServerMsgType, cmd, process, length, offset};
+  if (ShareMemWrite(offset, buffer, length) < 0) return -1;
+  if (Msg_Transact(driver.channel, &record, kRecordSize) < 0) return errno == ETIMEDOUT ? give_up(cmd) : -1;
+  if (!reply_length || record.length < 0) return record.length;
+  return take_reply(offset, buffer, record.length, *reply_length) < 0 ? -1 : record.length;
 }

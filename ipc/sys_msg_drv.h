@@ -18,11 +18,8 @@ i32 SendMsg2Sys(i32 cmd, void* buffer, i32 length, i32* reply_length);
 /// Sends `length` bytes of `buffer` and waits for the answer, which replaces them. `reply_length` holds the
 /// buffer's capacity and becomes the answer's length; null: the answer's bytes are not wanted. An answer
 /// longer than the capacity is cut and leaves *reply_length as it is. Returns the server's length (negative:
-/// it failed), or -1 when sending or receiving failed. Deliberate: a body that is too long for the slot is
-/// announced all the same, and not written.
+/// it failed), or -1 when sending, receiving or a copy failed, or prints an error and returns -1 when the
+/// thread's WaitLimit has passed. An answer that is still owed then is never taken for a later one
+/// (msg_channel.h), and the slot is left to it for a while.
+/// Deliberate: a body that is too long for the slot is announced all the same, and not written.
 i32 TransmitMsg2Sys(void* buffer, i32 length, i32* reply_length, i32 cmd);
-
-/// Lets a transaction of another thread fail (-1) whose request the server has taken, but not answered for
-/// 5 s: its host has given up by then too. A request that the server has not taken waits without limit. For
-/// one thread, to be called again and again; never waits.
-void EndOverdueSysMsg();

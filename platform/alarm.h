@@ -4,9 +4,9 @@
 
 #include <chrono>
 
-/// From `delay` after its construction until its end, a timer of the kernel's interrupts this thread's blocking
-/// calls again and again: they return with EINTR within 10 ms. The caller then looks at its clock and repeats
-/// the call or gives up. At most one Alarm may live per thread. Costs two system calls.
+/// From `delay` after its construction until its end, a timer of the kernel's interrupts this thread's
+/// blocking calls again and again: they return with EINTR within 10 ms. The caller then looks at its clock
+/// and repeats the call or gives up. At most one Alarm may live per thread. Costs two system calls.
 class Alarm {
  public:
   using Clock = std::chrono::steady_clock;

@@ -23,6 +23,10 @@ std::FILE* fopen(const char* path, const char* mode);
 int remove(const char* path);
 int rename(const char* from, const char* to);
 int system(const char* command);
+/// Starts a command as system() does and leaves waitpid to the caller. Its process id, or -1.
+pid_t spawn(const char* command);
+/// Starts a command for whose end nobody waits and which leaves no zombie. 0, or -1.
+int launch(const char* command);
 /// Closed with ::pclose.
 std::FILE* popen(const char* command, const char* mode);
 

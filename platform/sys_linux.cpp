@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "platform/fopen_cloexec.h"
+#include "platform/spawn_shell.h"
 #include "platform/sys.h"
 
 namespace sys {
@@ -25,6 +26,8 @@ std::FILE* fopen(const char* path, const char* mode) { return fopen_cloexec(path
 int remove(const char* path) { return std::remove(path); }
 int rename(const char* from, const char* to) { return std::rename(from, to); }
 int system(const char* command) { return std::system(command); }
+pid_t spawn(const char* command) { return spawn_shell(command); }
+int launch(const char* command) { return launch_shell(command); }
 std::FILE* popen(const char* command, const char* mode) { return ::popen(command, mode); }
 int usleep(useconds_t microseconds) { return ::usleep(microseconds); }
 int msgget(key_t key, int flags) { return ::msgget(key, flags); }

@@ -21,6 +21,7 @@ Camera::Camera(const Options& options)
 void set_fault(Camera& camera, const Fault& fault, bool on) {
   if (set_fault(camera.parties, fault.kind, on)) return;
   if (fault.kind == FaultKind::kUnplug) return on ? camera.host.unplug() : camera.host.replug();
+  if (fault.kind == FaultKind::kHostRests) return camera.host.rest(on);
   if (camera.node.script(on ? fault.node_text : "clear")) return;
   std::fprintf(stderr, "camera_sim: the node does not know the fault \"%s\"\n", fault.node_text.c_str());
 }

@@ -15,6 +15,7 @@ namespace sim {
 namespace {
 
 constexpr std::size_t kLargestMessage = 8192;  ///< msgmax of an untouched system
+constexpr std::size_t kFillerSize = 1;         ///< no record is as short
 
 int open_queue(i32 key) {
   const int queue = msgget(run_key(key), IPC_CREAT | 0666);
@@ -26,15 +27,31 @@ int open_queue(i32 key) {
 }  // namespace
 
 Channel::Channel(i32 key, long type, Handler handler)
-    : queue_(open_queue(key)), type_(type), handler_(std::move(handler)), thread_([this] { run(); }) {}
+    : key_(key), queue_(open_queue(key)), type_(type), handler_(std::move(handler)), thread_([this] {
+        run();
+      }) {}
 
-Channel::~Channel() {
+Channel::~Channel() { end_thread(); }
+
+void Channel::end_thread() {
   {
     std::lock_guard guard(lock_);
     stopping_ = true;
   }
   wake();
-  thread_.join();
+  if (thread_.joinable()) thread_.join();
+}
+
+void Channel::leave() {
+  end_thread();
+  msgctl(queue_, IPC_RMID, nullptr);
+}
+
+void Channel::come() {
+  if (thread_.joinable()) return;
+  queue_ = open_queue(key_);
+  stopping_ = ended_ = false;
+  thread_ = std::thread([this] { run(); });
 }
 
 void Channel::hold(bool held) {
@@ -48,9 +65,14 @@ void Channel::hold(bool held) {
   changed_.wait(guard, [&] { return resting_ == held || ended_; });
 }
 
-void Channel::set_delay(std::chrono::milliseconds delay) {
-  std::lock_guard guard(lock_);
-  delay_ = delay;
+void Channel::set_delay(std::chrono::milliseconds delay) { delay_ = delay; }
+
+void Channel::fill() {
+  const struct {
+    long type;
+    u8 payload[kFillerSize];
+  } filler{type_, {}};
+  while (send(&filler, kFillerSize)) continue;
 }
 
 bool Channel::send(const void* record, std::size_t payload) {
@@ -65,7 +87,8 @@ void Channel::run() {
   while (rest_while_held()) {
     const ssize_t size = msgrcv(queue_, &message, sizeof message.payload, type_, MSG_NOERROR);
     if (size < 0 && errno != EINTR) break;  // the queue is gone
-    if (size > 0 && wait_delay()) handler_({message.payload, static_cast<std::size_t>(size)});
+    if (size > static_cast<ssize_t>(kFillerSize) && pause(delay_))
+      handler_({message.payload, static_cast<std::size_t>(size)});
   }
   std::lock_guard guard(lock_);
   ended_ = true;
@@ -83,10 +106,9 @@ bool Channel::rest_while_held() {
   return !stopping_;
 }
 
-/// False when the channel stopped meanwhile.
-bool Channel::wait_delay() {
+bool Channel::pause(std::chrono::milliseconds time) {
   std::unique_lock guard(lock_);
-  changed_.wait_for(guard, delay_, [&] { return stopping_; });
+  changed_.wait_for(guard, time, [&] { return stopping_; });
   return !stopping_;
 }
 

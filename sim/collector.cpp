@@ -65,6 +65,8 @@ Collector::~Collector() = default;
 
 void Collector::pause(bool paused) { impl_->channel.hold(paused); }
 
+void Collector::set_gone(bool gone) { gone ? impl_->channel.leave() : impl_->channel.come(); }
+
 void Collector::fill_queue() {
   constexpr std::string_view kFiller = "filler\n";
   ElogRecord record{};

@@ -21,6 +21,8 @@ class Collector {
   ~Collector();
 
   void pause(bool paused);  ///< a paused collector lets the queue fill
+  /// Ends the collector and removes its queue, or begins anew with another.
+  void set_gone(bool gone);
   /// Fills the rest of the queue with lines of its own.
   void fill_queue();
   struct Counts {

@@ -166,7 +166,6 @@ ControlAnswer Conversation::control(const usb_ctrlrequest& setup, std::span<cons
   hear();
   const auto begin = Clock::now();
   const ControlAnswer answer = node_.control(setup, data, limit);
-  const double answer_ms = milliseconds(Clock::now() - begin);
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(begin + limit - Clock::now());
   const bool served = node_.settle(left);
   Exchange exchange{
@@ -175,14 +174,20 @@ ControlAnswer Conversation::control(const usb_ctrlrequest& setup, std::span<cons
       .data = setup.bRequestType & USB_DIR_IN ? answer.data : std::vector(data.begin(), data.end()),
       .stalled = answer.stalled,
       .timed_out = answer.timed_out,
-      .answer_ms = answer_ms,
+      .answer_ms = answer.waited_ms,
       .served_ms = served ? milliseconds(Clock::now() - begin) : -1};
   {
     const std::lock_guard guard(lock_);
+    slowest_ms_ = std::max(slowest_ms_, exchange.answer_ms);
     exchanges_.push_back(std::move(exchange));
   }
   hear();
   return answer;
+}
+
+double Conversation::take_slowest_ms() {
+  const std::lock_guard guard(lock_);
+  return std::exchange(slowest_ms_, 0);
 }
 
 std::vector<Exchange> Conversation::exchanges() {

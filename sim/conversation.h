@@ -44,6 +44,8 @@ class Conversation {
                         std::chrono::milliseconds limit = std::chrono::seconds(5));
   /// All so far, without one that still waits.
   std::vector<Exchange> exchanges();
+  /// The longest answer_ms since the last call.
+  double take_slowest_ms();
 
  private:
   void hear();
@@ -55,6 +57,7 @@ class Conversation {
   std::mutex lock_;  ///< of what follows
   std::vector<Exchange> exchanges_;
   std::size_t heard_ = 0;  ///< lines of the server so far
+  double slowest_ms_ = 0;
 };
 
 }  // namespace sim

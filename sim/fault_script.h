@@ -12,15 +12,22 @@ enum class FaultKind {
   kNode,  ///< a fault of the gadget driver: Fault::node_text for NodeHost::script
   kUnplug,
   kServerDead,
+  kServerFull,
   kServerSlow,
   kServerGarbled,
   kServerMute,
   kServerMisdirects,
   kServerAnswersTwice,
+  kServerGone,
+  kServerLate,
   kEncoderSilent,
   kEncoderDead,
   kEncoderWrongSize,
+  kEncoderPosts,
+  kEncoderGone,
   kLogQueueFull,
+  kCollectorGone,
+  kHostRests,
 };
 
 struct Fault {

@@ -37,6 +37,14 @@ void log_transfer(const I2cClient& client, const char* kind, u16 address, u16 va
   append_log(kI2cLog, line);
 }
 
+// A length that the widths do not make up: the driver refuses it.
+ssize_t refuse(const I2cClient& client, const char* kind, size_t length) {
+  char line[64];
+  std::snprintf(line, sizeof line, "%u:%02x %s of %zu bytes", client.bus, client.device, kind, length);
+  append_log(kI2cLog, line);
+  return fail(EINVAL);
+}
+
 }  // namespace
 
 int i2c_ioctl(I2cClient& client, unsigned long request, void* argument) {
@@ -61,7 +69,7 @@ int i2c_ioctl(I2cClient& client, unsigned long request, void* argument) {
 
 ssize_t i2c_read(const I2cClient& client, void* buffer, size_t length) {
   if (const int error = fault_of(CallKind::kI2cRead)) return fail(error);
-  if (length != address_size(client)) return fail(EINVAL);
+  if (length != address_size(client)) return refuse(client, "read", length);
   auto* bytes = static_cast<u8*>(buffer);
   const u16 address = number(bytes, length);
   const u16 value = i2c_register(client.bus, client.device, address);
@@ -73,7 +81,7 @@ ssize_t i2c_read(const I2cClient& client, void* buffer, size_t length) {
 
 ssize_t i2c_write(const I2cClient& client, const void* buffer, size_t length) {
   if (const int error = fault_of(CallKind::kI2cWrite)) return fail(error);
-  if (length != address_size(client) + data_size(client)) return fail(EINVAL);
+  if (length != address_size(client) + data_size(client)) return refuse(client, "write", length);
   const auto* bytes = static_cast<const u8*>(buffer);
   const u16 address = number(bytes, address_size(client));
   const u16 value = number(bytes + address_size(client), data_size(client));

@@ -25,6 +25,7 @@ using Clock = std::chrono::steady_clock;
 
 std::atomic<u32> last_counter{0};
 
+constexpr std::chrono::milliseconds kPostInterval{1};
 constexpr i32 kSensorRate = 30;  ///< pictures a second when none is asked for
 
 /// Sizes that the scene and the encoders can do; the size tables' own pass unchanged.
@@ -51,6 +52,9 @@ struct Media::Impl {
   explicit Impl(const MediaOptions& media_options);
   ~Impl();
 
+  void end_thread();
+  void leave();
+  void come();
   void run();
   bool wait_for_tick(EncoderSettings& settings);
   void take_over_changes();
@@ -68,9 +72,10 @@ struct Media::Impl {
   EncoderFault fault = EncoderFault::kNone;
   bool new_stream = false;
   bool quit = false;
+  unsigned long former_drops = 0;  ///< of rings that are gone
 
-  RingWriter ring;  ///< used by the media thread, emptied by any
-  VpssModel vpss;   ///< the same
+  std::optional<RingWriter> ring{std::in_place};  ///< used by the media thread, emptied by any
+  VpssModel vpss;                                 ///< the same
 
   // Of the media thread alone.
   Encoder encoder;
@@ -91,13 +96,36 @@ Media::Impl::Impl(const MediaOptions& media_options)
 }
 
 Media::Impl::~Impl() {
+  end_thread();
+  if (ring) ring->clear();
+}
+
+void Media::Impl::end_thread() {
   {
     const std::lock_guard lock(mutex);
     quit = true;
   }
   changed.notify_one();
-  thread.join();
-  ring.clear();
+  if (thread.joinable()) thread.join();
+}
+
+/// The end of the process, and its next start: it is told again what is to be encoded.
+void Media::Impl::leave() {
+  end_thread();
+  const std::lock_guard lock(mutex);
+  former_drops += ring->dropped();
+  ring.reset();
+  RingWriter::remove();
+  vpss.set_alive(false);
+}
+
+void Media::Impl::come() {
+  const std::lock_guard lock(mutex);
+  ring.emplace();
+  vpss.set_alive(true);
+  quit = false;
+  new_stream = true;
+  thread = std::thread([this] { run(); });
 }
 
 void Media::Impl::run() {
@@ -106,7 +134,7 @@ void Media::Impl::run() {
 
 void Media::Impl::take_over_changes() {
   if (std::exchange(new_stream, false)) key_frame = true;
-  if (fault == EncoderFault::kDead && !dead) ring.acquire();
+  if (fault == EncoderFault::kDead && !dead) ring->acquire();
   dead = fault == EncoderFault::kDead;
 }
 
@@ -114,7 +142,7 @@ void Media::Impl::take_over_changes() {
 /// lock.
 void Media::Impl::end_stream() {
   new_stream = true;
-  ring.clear();
+  if (ring) ring->clear();
   vpss.clear();
 }
 
@@ -124,9 +152,11 @@ bool Media::Impl::wait_for_tick(EncoderSettings& settings) {
   while (!quit) {
     take_over_changes();
     settings = possible(wanted.settings, fault);
-    const bool silent = fault == EncoderFault::kSilent || fault == EncoderFault::kDead;
+    const bool posts = fault == EncoderFault::kPosts;
+    const bool silent = posts || fault == EncoderFault::kSilent || fault == EncoderFault::kDead;
     if (wanted.running == 0 || settings.frame_rate == 0 || silent) {
-      changed.wait(lock);
+      if (posts) ring->post_nothing();
+      posts ? (void)changed.wait_for(lock, kPostInterval) : changed.wait(lock);
       next_tick = Clock::now();
       continue;
     }
@@ -160,22 +190,22 @@ void Media::Impl::make_picture(const EncoderSettings& settings) {
   } else if (vpss.somebody_waits()) {
     // The subsystem goes on whatever is encoded: a taker left from the stream before gets its picture.
     vpss.publish(next_scene(settings));
-  } else if (EncFrameSlot* slot = ring.acquire()) {
+  } else if (EncFrameSlot* slot = ring->acquire()) {
     encode(settings, *slot);
   }
 }
 
 void Media::Impl::encode(const EncoderSettings& settings, EncFrameSlot& slot) {
-  key_frame = ring.take_gap() || key_frame;
+  key_frame = ring->take_gap() || key_frame;
   AVFrame& picture = next_scene(settings);
   const auto frame = lent_encoder ? lent_encoder->encode(settings, picture, key_frame)
                                   : encoder.encode(settings, picture, key_frame);
-  if (!frame) return ring.abandon(slot);
+  if (!frame) return ring->abandon(slot);
   note_payload(last_counter, frame->data);
   ++encoded;
   const std::lock_guard lock(mutex);
-  if (new_stream) return ring.abandon(slot);
-  key_frame = !ring.publish(slot, *frame, settings.width, settings.height);
+  if (new_stream) return ring->abandon(slot);
+  key_frame = !ring->publish(slot, *frame, settings.width, settings.height);
   if (key_frame) ++dropped;
 }
 
@@ -196,10 +226,11 @@ void Media::apply(const EncoderSettingsMessage& message) {
 }
 
 void Media::set_fault(EncoderFault fault) {
-  {
-    const std::lock_guard lock(impl_->mutex);
-    impl_->fault = fault;
-  }
+  std::unique_lock lock(impl_->mutex);
+  const EncoderFault former = std::exchange(impl_->fault, fault);
+  lock.unlock();
+  if (former == EncoderFault::kGone && fault != EncoderFault::kGone) impl_->come();
+  if (fault == EncoderFault::kGone && former != EncoderFault::kGone) impl_->leave();
   impl_->changed.notify_one();
 }
 
@@ -207,7 +238,9 @@ u32 Media::pool_address() { return kAvPoolBase; }
 u32 Media::pool_size() { return kAvPoolSize; }
 
 Media::Counts Media::counts() const {
-  return {impl_->pictures, impl_->encoded, impl_->dropped + impl_->ring.dropped()};
+  const std::lock_guard lock(impl_->mutex);
+  const unsigned long taken_back = impl_->former_drops + (impl_->ring ? impl_->ring->dropped() : 0);
+  return {impl_->pictures, impl_->encoded, impl_->dropped + taken_back};
 }
 
 }  // namespace sim

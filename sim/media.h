@@ -27,6 +27,8 @@ enum class EncoderFault {
   kSilent,     ///< makes no pictures and no frames
   kDead,       ///< the same, and died while it wrote a slot of the ring
   kWrongSize,  ///< half the width and height that were asked for
+  kPosts,      ///< makes none, but posts a thousand times a second as if it had
+  kGone,       ///< its process has ended; ring and semaphores are removed, and made anew when the fault ends
 };
 
 /// One at a time per process; counters go on from one to the next. Idle until command 10 asks for a stream.

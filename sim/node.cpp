@@ -35,6 +35,10 @@ bool wait_until(milliseconds limit, const Ready& ready) {
   }
 }
 
+double milliseconds_since(Clock::time_point begin) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+}
+
 bool subscribed_to_all(NodeState& state) {
   const NodeOpen* open = connected_open(state);
   return open && std::all_of(std::begin(open->subscribed), std::end(open->subscribed), std::identity());
@@ -132,17 +136,22 @@ ControlAnswer NodeHost::control(const usb_ctrlrequest& setup, std::span<const u8
     state.response_count = 0;
     queue_event(state, setup_event(setup));
   }
+  const auto begin = Clock::now();
   UvcRequestData response{.length = -1, .data = {}};  // stays when the device vanishes meanwhile
   if (!wait_until(limit, [&](NodeState& now) { return take_response(now, response) || !now.requests; })) {
     const NodeLock lock(state.mutex);
     state.requests = 0;  // the service's late answer is refused
-    return {.stalled = true, .timed_out = true};
+    return {.stalled = true, .timed_out = true, .waited_ms = milliseconds_since(begin)};
   }
-  if (response.length < 0) return {.stalled = true};
+  ControlAnswer answer{.stalled = response.length < 0, .waited_ms = milliseconds_since(begin)};
+  if (answer.stalled) return answer;
   const size_t length = stage_length(response, wanted);
-  if (setup.bRequestType & USB_DIR_IN) return {.data{response.data, response.data + length}};
-  raise(data_event(data.first(std::min(data.size(), length))));
-  return {};
+  if (setup.bRequestType & USB_DIR_IN) {
+    answer.data.assign(response.data, response.data + length);
+  } else {
+    raise(data_event(data.first(std::min(data.size(), length))));
+  }
+  return answer;
 }
 
 bool NodeHost::settle(milliseconds limit) {

@@ -21,6 +21,7 @@ struct ControlAnswer {
   std::vector<u8> data{};  ///< GET: the bytes that reached the host; SET: empty
   bool stalled = false;    ///< negative length, no device, or no answer within the time
   bool timed_out = false;  ///< the last of these
+  double waited_ms = 0;    ///< from the event to the answer
 };
 
 /// The USB host's end of the current run's node; holds nothing itself. All calls are safe from several
@@ -52,15 +53,16 @@ class NodeHost {
   /// within `limit` or the stream is off.
   bool take_frame(std::vector<u8>& frame, std::chrono::milliseconds limit);
 
-  /// Queues an event as it is (for tests of the service's event handling).
+  /// Queues an event as it is (for tests of the service's event handling); one without time is stamped now.
   void raise(const v4l2_event& event);
   /// Takes the answer to a SETUP that raise() queued.
   std::optional<UvcRequestData> next_response(std::chrono::milliseconds limit);
 
   /// Faults as text, one a call: "fail QUERYBUF 2" (the 2nd call of a kind from now on), "fail QBUF 3-5",
   /// "fail STREAMON *", with " errno=N" (a number, else EIO) behind it; "grant N" buffers at most (32 at
-  /// start); "reqbufs returns count" as newer drivers do; "clear" undoes all. False when it is not understood
-  /// or there are 16 faults already. Kinds: OPEN QUERYCAP S_FMT G_FMT REQBUFS QUERYBUF MMAP QBUF DQBUF
+  /// start); "reqbufs returns count" as newer drivers do; "DQBUF gives index N", "QUERYBUF gives index N":
+  /// the answers name that buffer; "clear" undoes all. False when it is not understood or there are 16 faults
+  /// already. Kinds: OPEN QUERYCAP S_FMT G_FMT REQBUFS QUERYBUF MMAP QBUF DQBUF
   /// STREAMON STREAMOFF SUBSCRIBE DQEVENT (those with an event) SEND_RESPONSE PRIVATE; of other devices:
   /// MEM_MMAP I2C_SLAVE I2C_REG_WIDTH I2C_DATA_WIDTH I2C_READ I2C_WRITE. May be set before the node is
   /// opened.

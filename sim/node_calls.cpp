@@ -100,6 +100,7 @@ i32 query_buffer(Call& call, v4l2_buffer& request) {
   const NodeBuffer* buffer = named_buffer(call, request);
   if (!buffer) return EINVAL;
   describe(call.state, *buffer, request);
+  request.index = call.state.queried_index.value_or(request.index);
   return 0;
 }
 
@@ -126,7 +127,7 @@ i32 dequeue_buffer(Call& call, v4l2_buffer& request) {
   if (!buffer) return EAGAIN;
   change_buffer(state, *buffer, BufferState::kDequeued);
   describe(state, *buffer, request);
-  call.words[0] = request.index;
+  call.words[0] = request.index = state.dequeued_index.value_or(request.index);
   call.words[1] = request.bytesused;
   return 0;
 }

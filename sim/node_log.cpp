@@ -74,7 +74,7 @@ std::string format_call(const CallRecord& call) {
 }
 
 // "2", "3-5" or "*".
-bool parse_range(const char* text, Fault& fault) {
+bool parse_range(const char* text, CallFault& fault) {
   char rest;
   if (!std::strcmp(text, "*")) {
     fault.from = 1;
@@ -90,10 +90,10 @@ bool parse_range(const char* text, Fault& fault) {
 }
 
 // "KIND RANGE" with " errno=N" optional.
-std::optional<Fault> parse_fault(const char* text) {
+std::optional<CallFault> parse_call_fault(const char* text) {
   char kind[24], range[24], error[24] = "errno=5", rest;
   const int words = std::sscanf(text, "%23s %23s %23s %c", kind, range, error, &rest);
-  Fault fault{};
+  CallFault fault{};
   if ((words != 2 && words != 3) || !parse_range(range, fault)) return {};
   if (std::sscanf(error, "errno=%d%c", &fault.error, &rest) != 1 || fault.error <= 0) return {};
   for (size_t i = 0; i < kKinds.size(); ++i) {
@@ -108,6 +108,7 @@ void clear_faults(NodeState& state) {
   state.fault_count = 0;
   state.grant = kMaxBuffers;
   state.reqbufs_returns_count = false;
+  state.dequeued_index = state.queried_index = {};
 }
 
 }  // namespace
@@ -118,7 +119,7 @@ void record_call(NodeState& state, const CallRecord& call) {
 
 i32 next_fault(NodeState& state, CallKind kind) {
   i32 error = 0;
-  for (Fault& fault : std::span(state.faults, state.fault_count)) {
+  for (CallFault& fault : std::span(state.faults, state.fault_count)) {
     if (fault.kind != kind) continue;
     ++fault.seen;
     if (!error && fault.from <= fault.seen && fault.seen <= fault.to) error = fault.error;
@@ -141,8 +142,12 @@ bool script_fault(std::string_view text) {
   if (line == "reqbufs returns count") return state.reqbufs_returns_count = true;
   if (u32 grant; std::sscanf(line.c_str(), "grant %u%c", &grant, &rest) == 1)
     return grant <= kMaxBuffers && (state.grant = grant, true);
+  if (u32 index; std::sscanf(line.c_str(), "DQBUF gives index %u%c", &index, &rest) == 1)
+    return state.dequeued_index = index, true;
+  if (u32 index; std::sscanf(line.c_str(), "QUERYBUF gives index %u%c", &index, &rest) == 1)
+    return state.queried_index = index, true;
   if (!line.starts_with("fail ") || state.fault_count == std::size(state.faults)) return false;
-  const auto fault = parse_fault(line.c_str() + 5);
+  const auto fault = parse_call_fault(line.c_str() + 5);
   if (fault) state.faults[state.fault_count++] = *fault;
   return fault.has_value();
 }

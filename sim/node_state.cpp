@@ -95,7 +95,8 @@ NodeState& node_state() {
 void queue_event(NodeState& state, const v4l2_event& event) {
   if (event.type < UVC_EVENT_CONNECT || event.type > UVC_EVENT_DATA) return;
   v4l2_event stamped = event;
-  clock_gettime(CLOCK_MONOTONIC, &stamped.timestamp);
+  if (event.timestamp.tv_sec == 0 && event.timestamp.tv_nsec == 0)
+    clock_gettime(CLOCK_MONOTONIC, &stamped.timestamp);
   for (NodeOpen& open : state.opens)
     if (open.process && open.subscribed[event.type - UVC_EVENT_CONNECT]) add_event(open, stamped);
 }

@@ -56,7 +56,7 @@ struct CallRecord {
 };
 
 /// Calls number `from` to `to` of a kind fail, counted from when the fault was set.
-struct Fault {
+struct CallFault {
   CallKind kind;
   u32 from, to;
   u32 seen;
@@ -109,8 +109,9 @@ struct NodeState {
 
   u32 grant;  ///< most buffers that are granted
   bool reqbufs_returns_count;
+  std::optional<u32> dequeued_index, queried_index;  ///< the answers name this buffer instead of their own
   u32 fault_count;
-  Fault faults[16];
+  CallFault faults[16];
   u64 call_count;
   std::array<CallRecord, 4096> calls;  ///< a ring
 };
@@ -138,7 +139,8 @@ NodeState& node_state();
 void record_call(NodeState& state, const CallRecord& call);
 /// The errno with which this call of `kind` is to fail, or 0. Counts the call.
 i32 next_fault(NodeState& state, CallKind kind);
-/// Queues an event to every open that has subscribed to its type.
+/// Queues an event to every open that has subscribed to its type; stamps one without time as the kernel does,
+/// by CLOCK_MONOTONIC.
 void queue_event(NodeState& state, const v4l2_event& event);
 /// The open that subscribed to SETUP: with it the device is on the bus. Null when there is none.
 NodeOpen* connected_open(NodeState& state);

@@ -18,16 +18,21 @@ Parties::Parties(MediaOptions media_options, const CollectorOptions& collector_o
 
 static constexpr std::pair<FaultKind, ServerFault> kServerFaults[] = {
     {FaultKind::kServerDead, ServerFault::kDead},
+    {FaultKind::kServerFull, ServerFault::kFull},
     {FaultKind::kServerSlow, ServerFault::kSlow},
     {FaultKind::kServerGarbled, ServerFault::kGarbled},
     {FaultKind::kServerMute, ServerFault::kMute},
     {FaultKind::kServerMisdirects, ServerFault::kMisdirected},
     {FaultKind::kServerAnswersTwice, ServerFault::kAnswersTwice},
+    {FaultKind::kServerGone, ServerFault::kGone},
+    {FaultKind::kServerLate, ServerFault::kLate},
 };
 static constexpr std::pair<FaultKind, EncoderFault> kEncoderFaults[] = {
     {FaultKind::kEncoderSilent, EncoderFault::kSilent},
     {FaultKind::kEncoderDead, EncoderFault::kDead},
     {FaultKind::kEncoderWrongSize, EncoderFault::kWrongSize},
+    {FaultKind::kEncoderPosts, EncoderFault::kPosts},
+    {FaultKind::kEncoderGone, EncoderFault::kGone},
 };
 
 bool set_fault(Parties& parties, FaultKind kind, bool on) {
@@ -35,6 +40,7 @@ bool set_fault(Parties& parties, FaultKind kind, bool on) {
     if (row == kind) return parties.server.set_fault(on ? fault : ServerFault::kNone), true;
   for (const auto& [row, fault] : kEncoderFaults)
     if (row == kind) return parties.media.set_fault(on ? fault : EncoderFault::kNone), true;
+  if (kind == FaultKind::kCollectorGone) return parties.collector.set_gone(on), true;
   if (kind != FaultKind::kLogQueueFull) return false;
   parties.collector.pause(on);
   if (on) parties.collector.fill_queue();

@@ -59,6 +59,12 @@ RingWriter::~RingWriter() {
   shmdt(slots_);
 }
 
+void RingWriter::remove() {
+  remove_objects(VENC_RING_KEY);
+  for (const char* name : {kFrameReadySemaphore, kSlotReleasedSemaphore})
+    sem_unlink(run_semaphore(name).c_str());
+}
+
 EncFrameSlot* RingWriter::free_slot() const {
   for (EncFrameSlot& slot : std::span(slots_, kRingSlots)) {
     const u32 value = state(slot);
@@ -122,6 +128,8 @@ bool RingWriter::publish(EncFrameSlot& slot, const EncodedFrame& frame, int widt
   wake(*ready_, 2);
   return true;
 }
+
+void RingWriter::post_nothing() { wake(*ready_, 2); }
 
 void RingWriter::abandon(EncFrameSlot& slot) { state(slot) = kSlotEmpty; }
 

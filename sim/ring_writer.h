@@ -17,6 +17,8 @@ class RingWriter {
   /// the program with a message when that fails.
   RingWriter();
   ~RingWriter();
+  /// Removes ring and semaphores from the run; who has them keeps what it has.
+  static void remove();
   RingWriter(const RingWriter&) = delete;
 
   /// A slot to write into, marked so that the reader keeps off. While a reader is about, waits up to 300 ms
@@ -25,6 +27,8 @@ class RingWriter {
   /// Fills the slot that acquire() gave and hands it to the reader. False, with the slot empty again, when
   /// the frame does not fit.
   bool publish(EncFrameSlot& slot, const EncodedFrame& frame, int width, int height);
+  /// Tells the reader of a frame that there is none.
+  void post_nothing();
   /// Empties a slot that acquire() gave.
   void abandon(EncFrameSlot& slot);
   /// Takes back every frame that has not been read: the next stream begins with new ones. Safe from any

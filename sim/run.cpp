@@ -17,12 +17,14 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <initializer_list>
 #include <iterator>
 #include <memory>
 
+#include "elog/elog_record.h"
+#include "ipc/msg_records.h"
 #include "sim/files.h"
 #include "sim/node_state.h"
+#include "vencbuf/enc_frame.h"
 
 namespace sim {
 namespace {
@@ -34,13 +36,14 @@ constexpr char kRootVariable[] = "CAMERA_SIM_ROOT";
 constexpr char kNumberVariable[] = "CAMERA_SIM_RUN";
 
 constexpr key_t kKeys = 509;  // a prime below 2^9: a run's keys fit behind a process id of 22 bits
-constexpr bool different(std::initializer_list<key_t> keys) {
-  for (auto a = keys.begin(); a != keys.end(); ++a)
-    for (auto b = a + 1; b != keys.end(); ++b)
-      if (*a % kKeys == *b % kKeys) return false;
+constexpr key_t kCameraKeys[] = {VENC_RING_KEY, kFileMsgKey, kVeltoMsgKey, kSysMsgKey, kElogQueueKey};
+constexpr bool all_differ() {
+  for (const key_t& a : kCameraKeys)
+    for (const key_t& b : kCameraKeys)
+      if (&a != &b && a % kKeys == b % kKeys) return false;
   return true;
 }
-static_assert(different({0x5678, 12930021, 152421, 14073, 0x012345AB}));
+static_assert(all_differ());
 
 constexpr pid_t kWholeMachine = 0;  ///< the number of no run
 
@@ -107,11 +110,17 @@ void make_programs(const std::string& root) {
   make_program(root + "/bin/reboot", "exit 0\n");
 }
 
+key_t moved_key(pid_t number, key_t key) {
+  return static_cast<key_t>(static_cast<u32>(number) << 9 | static_cast<u32>(key) % kKeys);
+}
+
+void remove_key(key_t key) {
+  if (const int queue = msgget(key, 0); queue >= 0) msgctl(queue, IPC_RMID, nullptr);
+  if (const int segment = shmget(key, 0, 0); segment >= 0) shmctl(segment, IPC_RMID, nullptr);
+}
+
 void remove_ipc(pid_t number) {
-  for (key_t key = number << 9, end = key + kKeys; key != end; ++key) {
-    if (const int queue = msgget(key, 0); queue >= 0) msgctl(queue, IPC_RMID, nullptr);
-    if (const int segment = shmget(key, 0, 0); segment >= 0) shmctl(segment, IPC_RMID, nullptr);
-  }
+  for (const key_t key : kCameraKeys) remove_key(moved_key(number, key));
   const std::string suffix = '.' + std::to_string(number);
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator("/dev/shm", ignored)) {
@@ -206,13 +215,15 @@ void use_whole_machine() { own_run = new Current{"", kWholeMachine}; }
 
 key_t run_key(key_t key) {
   if (key == IPC_PRIVATE || current().number == kWholeMachine) return key;
-  return static_cast<key_t>(static_cast<u32>(current().number) << 9 | static_cast<u32>(key) % kKeys);
+  return moved_key(current().number, key);
 }
 
 std::string run_semaphore(std::string_view name) {
   if (current().number == kWholeMachine) return std::string(name);
   return std::string(name) + '.' + std::to_string(current().number);
 }
+
+void remove_objects(key_t key) { remove_key(run_key(key)); }
 
 const std::string& run_root() { return current().root; }
 

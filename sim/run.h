@@ -13,8 +13,9 @@
 namespace sim {
 
 /// Creates a run and makes it the current one of this process and of the children that it starts (through
-/// the environment). One at a time per process. The destructor removes the root folder, queues, segments
-/// and semaphores; in a forked child it does nothing. What runs of dead processes left behind goes as well.
+/// the environment). One at a time per process. The destructor removes the root folder, the camera's
+/// queues and segments, and semaphores; in a forked child it does nothing. What runs of dead processes left
+/// behind goes as well.
 class Run {
  public:
   Run();
@@ -48,6 +49,9 @@ void use_whole_machine();
 /// modulo 509 meet; the camera's five are not.
 key_t run_key(key_t key);
 std::string run_semaphore(std::string_view name);
+/// Removes a queue and a segment of the camera, where they exist, from the current run. Whoever has them
+/// keeps what it has attached and fails at the next message.
+void remove_objects(key_t key);
 /// The current run's root folder. Ends the program with a message when there is no current run.
 const std::string& run_root();
 

@@ -26,42 +26,52 @@ constexpr i32 kFirstProcess = 2;  ///< a reply to message type 1 would come back
 constexpr i32 kLastProcess = 24;  ///< nobody uses it
 constexpr i32 kViscaMessage = 39;
 constexpr std::chrono::milliseconds kSlowDelay{300};
+constexpr std::chrono::seconds kLateness{6};  ///< longer than any host waits for a class request
 
 bool is_client(i32 process_id) { return process_id >= kFirstProcess && process_id <= kLastProcess; }
 
 /// A shared segment of the camera, attached while the object lives.
 class Segment {
  public:
-  explicit Segment(i32 key) {
-    const int id = shmget(run_key(key), kSysSegmentSize, IPC_CREAT | 0660);
-    start_ = id < 0 ? nullptr : static_cast<u8*>(shmat(id, nullptr, 0));
-    if (id >= 0 && start_ != reinterpret_cast<u8*>(-1)) return;
-    std::perror("no shared segment");
-    std::exit(1);
-  }
+  explicit Segment(i32 key) : key_(key) { attach(); }
   ~Segment() { shmdt(start_); }
   Segment(const Segment&) = delete;
+
+  /// Another segment in the place of one that was removed. Not while a channel's thread runs.
+  void attach_anew() {
+    shmdt(start_);
+    attach();
+  }
 
   u8* at(std::size_t offset) const { return start_ + offset; }
   u32 word(std::size_t offset) const { return reference(offset).load(); }
   void set_word(std::size_t offset, u32 value) const { reference(offset).store(value); }
 
  private:
+  void attach() {
+    const int id = shmget(run_key(key_), kSysSegmentSize, IPC_CREAT | 0660);
+    start_ = id < 0 ? nullptr : static_cast<u8*>(shmat(id, nullptr, 0));
+    if (id >= 0 && start_ != reinterpret_cast<u8*>(-1)) return;
+    std::perror("no shared segment");
+    std::exit(1);
+  }
   std::atomic_ref<u32> reference(std::size_t offset) const {
     return std::atomic_ref<u32>(*reinterpret_cast<u32*>(start_ + offset));
   }
+  const i32 key_;
   u8* start_;
 };
 
 /// The parameter segment, filled from construction on.
 struct Parameters {
-  Parameters(const ServerOptions& options, const PictureSettings& settings);
+  Parameters(const ServerOptions& options, const PictureSettings& settings) { fill(options, settings); }
+  void fill(const ServerOptions& options, const PictureSettings& settings) const;
   /// The words of the camera-value cache.
   void cache(const PictureSettings& settings) const;
-  const Segment segment{kFileMsgKey};
+  Segment segment{kFileMsgKey};
 };
 
-Parameters::Parameters(const ServerOptions& options, const PictureSettings& settings) {
+void Parameters::fill(const ServerOptions& options, const PictureSettings& settings) const {
   SysInfo info{};
   const u8 mac[6] = {0x02, 0x16, 0xA5, 0x00, 0x00, 0x01};
   std::memcpy(info.mac, mac, sizeof mac);
@@ -153,6 +163,8 @@ struct Server::Impl {
   i32 exchange(const SysMsgBuf& record);
   std::vector<u8> obey(std::span<const u8> frame);
   void send_answer(SysMsgBuf record);
+  void leave();
+  void come();
   void garble(SysMsgBuf& record);
 
   void get_memory(VeltoMsgBuf& record);
@@ -177,11 +189,12 @@ struct Server::Impl {
   SysMsgBuf last_answer{};  ///< this and `random`: only the system-message channel's thread uses them
   std::mt19937 random;
 
-  const Parameters parameters{options, head.settings()};
-  const Segment slots{kSysMsgKey};
+  Parameters parameters{options, head.settings()};
+  Segment slots{kSysMsgKey};
   Channel file_channel{kFileMsgKey, kServerMsgType, [this](auto payload) { file_message(payload); }};
   Channel velto_channel{kVeltoMsgKey, kServerMsgType, [this](auto payload) { velto_message(payload); }};
   Channel sys_channel{kSysMsgKey, kServerMsgType, [this](auto payload) { sys_message(payload); }};
+  Channel* const channels[3] = {&file_channel, &velto_channel, &sys_channel};
 };
 
 // The pool holds no frames: whoever asks for one learns that there is none.
@@ -246,10 +259,14 @@ void Server::Impl::file_message(std::span<const u8> payload) {
   if (!record) return refuse("file length " + std::to_string(payload.size()));
   const std::string line = "file" + as_decimal({record->cmd, record->info});
   if (record->cmd == kFileMsgNotice) return note(line);
-  if (record->cmd < 0 || record->cmd > kFileMsgSaveDefaults || !is_client(record->src)) return refuse(line);
-  note(line);
+  const bool known = record->cmd > 0 && record->cmd <= kFileMsgSaveDefaults && is_client(record->src);
+  if (known)
+    note(line);
+  else
+    refuse(line);
+  if (!is_client(record->src)) return;
   record->dest = record->src;
-  record->length = kSysInfoLength;
+  record->length = known ? kSysInfoLength : 0;
   file_channel.send(&*record, kFileMsgPayload);
 }
 
@@ -257,13 +274,18 @@ void Server::Impl::velto_message(std::span<const u8> payload) {
   auto record = as_record<VeltoMsgBuf, kVeltoMsgPayload>(payload);
   if (!record) return refuse("velto length " + std::to_string(payload.size()));
   const auto row = std::ranges::find(kVeltoRows, record->cmd, &VeltoRow::cmd);
-  if (row == std::end(kVeltoRows)) return refuse("velto" + as_decimal({record->cmd}));
-  const std::string line = row->describe(*record);
-  if (row->kind == 'R' && !is_client(record->src)) return refuse(line);
-  note(line);
-  record->ret = row->status;
-  if (row->act) (this->*row->act)(*record);
-  if (row->kind == 'O') return;
+  const bool known = row != std::end(kVeltoRows);
+  const std::string line = known ? row->describe(*record) : "velto" + as_decimal({record->cmd});
+  const bool waited_for = is_client(record->src);
+  if (!known || (row->kind == 'R' && !waited_for)) {
+    refuse(line);
+    record->ret = -1;
+  } else {
+    note(line);
+    record->ret = row->status;
+    if (row->act) (this->*row->act)(*record);
+  }
+  if (!waited_for || (known && row->kind == 'O')) return;
   record->dest = record->src;
   velto_channel.send(&*record, kVeltoMsgPayload);
 }
@@ -320,6 +342,7 @@ void Server::Impl::send_answer(SysMsgBuf record) {
   if (now == ServerFault::kMute) return;
   if (now == ServerFault::kMisdirected) record.dest = kLastProcess;
   if (now == ServerFault::kGarbled) garble(record);
+  if (now == ServerFault::kLate && !sys_channel.pause(kLateness)) return;
   if (now == ServerFault::kAnswersTwice && last_answer.dest) sys_channel.send(&last_answer, kSysMsgPayload);
   sys_channel.send(&record, kSysMsgPayload);
   last_answer = record;
@@ -365,11 +388,26 @@ void Server::on_encoder_settings(std::function<void(const EncoderSettingsMessage
   impl_->handler = std::move(handler);
 }
 
+void Server::Impl::leave() {
+  for (Channel* channel : channels) channel->leave();
+  for (const i32 key : {kFileMsgKey, kSysMsgKey}) remove_objects(key);
+}
+
+void Server::Impl::come() {
+  parameters.segment.attach_anew();
+  parameters.fill(options, head.settings());
+  slots.attach_anew();
+  for (Channel* channel : channels) channel->come();
+}
+
 void Server::set_fault(ServerFault fault) {
-  impl_->fault = fault;
-  for (Channel* channel : {&impl_->file_channel, &impl_->velto_channel, &impl_->sys_channel}) {
+  const ServerFault former = impl_->fault.exchange(fault);
+  if (former == ServerFault::kGone && fault != ServerFault::kGone) impl_->come();
+  if (fault == ServerFault::kGone && former != ServerFault::kGone) impl_->leave();
+  for (Channel* channel : impl_->channels) {
     channel->set_delay(fault == ServerFault::kSlow ? kSlowDelay : std::chrono::milliseconds(0));
-    channel->hold(fault == ServerFault::kDead);
+    channel->hold(fault == ServerFault::kDead || fault == ServerFault::kFull);
+    if (fault == ServerFault::kFull) channel->fill();
   }
 }
 

@@ -25,10 +25,13 @@ struct ServerOptions {
 enum class ServerFault {
   kNone,
   kDead,  ///< takes nothing off its queues
+  kFull,  ///< the same, and its queues are full
   kSlow,  ///< 300 ms a message
+  kGone,  ///< its process has ended; queues and segments are removed, and made anew when the fault ends
   // What it answers to system messages, which it carries out all the same:
   kGarbled,       ///< a length of -5..5000 and random bytes
   kMute,          ///< nothing
+  kLate,          ///< the right answer, after 6 s, one after the other
   kMisdirected,   ///< another process gets the answer
   kAnswersTwice,  ///< the answer to the message before comes first
 };
@@ -48,7 +51,8 @@ class Server {
   /// Everything received since line `from`, a line each, such as "velto 10 O 2 1 1920 1080 30 ..." or, with
   /// the reply, "sys 39 81 01 04 A4 00 00 00 0F FF -> 90 41 FF".
   std::vector<std::string> received(std::size_t from = 0) const;
-  /// Requests that made no sense: wrong lengths, unknown commands, places outside the sender's slot.
+  /// Requests that made no sense: wrong lengths, unknown commands, places outside the sender's slot. Those
+  /// that name a client are answered with a failure all the same.
   unsigned long refused() const;
 
  private:

@@ -10,12 +10,14 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <utility>
 
 namespace sim {
 
 namespace {
 
 constexpr std::size_t kKeptLines = 12;
+constexpr int kShortPipe = 4096;
 constexpr char kDropNotice[] = "msg buffer overflow.";
 
 [[noreturn]] void end_program(const char* what) {
@@ -24,7 +26,7 @@ constexpr char kDropNotice[] = "msg buffer overflow.";
 }
 
 /// Never comes back: the child becomes the program.
-[[noreturn]] void become(const char* program, int output, int error) {
+[[noreturn]] void become(const char* program, int output, int error, bool closed) {
   setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   signal(SIGPIPE, SIG_DFL);  // whatever the caller made of it
@@ -32,6 +34,7 @@ constexpr char kDropNotice[] = "msg buffer overflow.";
   dup2(input, STDIN_FILENO);
   dup2(output, STDOUT_FILENO);
   dup2(error, STDERR_FILENO);
+  for (int fd = 0; closed && fd <= STDERR_FILENO; ++fd) close(fd);
   execl(program, program, static_cast<char*>(nullptr));
   perror(program);
   _exit(127);
@@ -39,25 +42,31 @@ constexpr char kDropNotice[] = "msg buffer overflow.";
 
 }  // namespace
 
-ServiceProcess::ServiceProcess(const std::string& program, std::FILE* log, bool echo)
+ServiceProcess::ServiceProcess(const std::string& program, std::FILE* log, bool echo, ServiceOutput how)
     : echo_(echo), log_(log) {
   int output[2], error[2];
   if (pipe2(output, O_CLOEXEC) < 0 || pipe2(error, O_CLOEXEC) < 0) end_program("pipe");
   pid_ = fork();
   if (pid_ < 0) end_program("fork");
-  if (pid_ == 0) become(program.c_str(), output[1], error[1]);
+  if (pid_ == 0) become(program.c_str(), output[1], error[1], how == ServiceOutput::kClosed);
   setpgid(pid_, pid_);  // whichever of the two comes first
   close(output[1]);
   close(error[1]);
   streams_[0].fd = output[0];
   streams_[1].fd = error[0];
-  reader_ = std::thread([this] { read_output(); });
+  if (how == ServiceOutput::kLogged) reader_ = std::thread([this] { read_output(); });
+  for (Stream& stream : streams_) {
+    if (how == ServiceOutput::kUnread) fcntl(stream.fd, F_SETPIPE_SZ, kShortPipe);
+    if (how == ServiceOutput::kReaderGone) close(std::exchange(stream.fd, -1));
+  }
 }
 
 ServiceProcess::~ServiceProcess() {
   stop(0);
-  reader_.join();
-  for (const Stream& stream : streams_) close(stream.fd);
+  if (reader_.joinable()) reader_.join();
+  for (const Stream& stream : streams_) {
+    if (stream.fd >= 0) close(stream.fd);
+  }
 }
 
 bool ServiceProcess::running() {
@@ -70,11 +79,11 @@ bool ServiceProcess::running() {
   return !status_;
 }
 
-std::optional<double> ServiceProcess::stop(double limit) {
+std::optional<double> ServiceProcess::stop(double limit, int signal) {
   using Clock = std::chrono::steady_clock;
   const auto begin = Clock::now();
   const auto waited = [&] { return std::chrono::duration<double>(Clock::now() - begin).count(); };
-  if (running()) kill(pid_, SIGTERM);
+  if (running()) kill(pid_, signal);
   while (running() && waited() < limit) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   if (!running()) return waited();
   kill(-pid_, SIGKILL);

@@ -1,6 +1,7 @@
 // The service as a child process: its output goes to a file, line by line, and it is never left behind.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -13,20 +14,29 @@
 
 namespace sim {
 
+/// What becomes of a service's standard output and error.
+enum class ServiceOutput {
+  kLogged,
+  kUnread,      ///< short pipes that nobody reads
+  kReaderGone,  ///< pipes whose reader has ended
+  kClosed,      ///< standard input too
+};
+
 class ServiceProcess {
  public:
   /// Starts `program`. Its standard output and error go to `log` (the caller's) and, when `echo`, to standard
   /// error. It becomes a process group of its own, so that Ctrl-C reaches the caller only, and dies with the
   /// caller.
-  ServiceProcess(const std::string& program, std::FILE* log, bool echo);
+  ServiceProcess(const std::string& program, std::FILE* log, bool echo,
+                 ServiceOutput output = ServiceOutput::kLogged);
   ~ServiceProcess();  ///< kills it if need be
   ServiceProcess(const ServiceProcess&) = delete;
 
   pid_t pid() const { return pid_; }
   bool running();
-  /// SIGTERM, then SIGKILL to its group when it has not ended within `limit` seconds. How long it took;
+  /// The signal, then SIGKILL to its group when it has not ended within `limit` seconds. How long it took;
   /// nothing when it had to be killed.
-  std::optional<double> stop(double limit);
+  std::optional<double> stop(double limit, int signal = SIGTERM);
   /// Once it has ended: "exit status 0", "killed by signal 11 (Segmentation fault)".
   std::string how_it_ended() const;
   bool ended_with_success() const;

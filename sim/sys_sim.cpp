@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "platform/fopen_cloexec.h"
+#include "platform/spawn_shell.h"
 #include "platform/sys.h"
 #include "sim/files.h"
 #include "sim/i2c_bus.h"
@@ -200,6 +201,14 @@ int rename(const char* from, const char* to) {
 int system(const char* command) {
   if (!sim::may_run(command)) return -1;
   return std::system(sim::pc_command(command).c_str());
+}
+
+pid_t spawn(const char* command) {
+  return sim::may_run(command) ? spawn_shell(sim::pc_command(command).c_str()) : -1;
+}
+
+int launch(const char* command) {
+  return sim::may_run(command) ? launch_shell(sim::pc_command(command).c_str()) : -1;
 }
 
 std::FILE* popen(const char* command, const char* mode) {

@@ -86,8 +86,10 @@ std::optional<StreamChoice> choice_in(std::span<const u8> block) {
 /// A running stream: one thread takes frames, another checks them, so that decoding never holds up the bus.
 class UsbHost::Stream {
  public:
-  Stream(NodeHost& node, const StreamChoice& choice, bool paced, Clock::time_point begin, std::ostream* copy)
+  Stream(NodeHost& node, const std::atomic<bool>& rests, const StreamChoice& choice, bool paced,
+         Clock::time_point begin, std::ostream* copy)
       : node_(node),
+        rests_(rests),
         paced_(paced),
         begin_(begin),
         copy_(copy),
@@ -113,6 +115,7 @@ class UsbHost::Stream {
   bool next(Frame& frame);
 
   NodeHost& node_;
+  const std::atomic<bool>& rests_;
   const bool paced_;
   const Clock::time_point begin_;
   std::ostream* const copy_;
@@ -130,7 +133,7 @@ class UsbHost::Stream {
 void UsbHost::Stream::take() {
   Clock::time_point bus_free = Clock::now();
   for (Frame frame;;) {
-    if (!node_.take_frame(frame.data, 50ms)) {
+    if (rests_ || !node_.take_frame(frame.data, 50ms)) {
       frame.data.clear();
       std::this_thread::sleep_for(1ms);  // it fails at once while the stream is off
     } else if (paced_) {
@@ -261,7 +264,7 @@ bool UsbHost::start(const StreamChoice& choice, std::ostream* copy) {
   if (!negotiate(choice)) return false;
   const auto begin = Clock::now();
   if (!node_.stream_on()) return fail("no VIDIOC_STREAMON after SET_INTERFACE 1");
-  stream_ = std::make_unique<Stream>(node_, choice, paced_, begin, copy);
+  stream_ = std::make_unique<Stream>(node_, rests_, choice, paced_, begin, copy);
   return true;
 }
 

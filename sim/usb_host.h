@@ -79,6 +79,8 @@ class UsbHost {
   void unplug();
   void replug();
   bool plugged() const { return plugged_; }
+  /// A host that rests takes no frames.
+  void rest(bool rests) { rests_ = rests; }
   unsigned unplugs() const { return unplugs_; }  ///< so far
   /// Of the last enumerate(), start() or stop(); empty: nothing was wrong.
   const std::string& error() const { return error_; }
@@ -96,6 +98,7 @@ class UsbHost {
   const bool paced_;
   std::atomic<bool> plugged_ = false;
   std::atomic<unsigned> unplugs_ = 0;
+  std::atomic<bool> rests_ = false;
   std::string error_;
   std::unique_ptr<Stream> stream_;
 };

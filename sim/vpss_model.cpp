@@ -10,12 +10,12 @@ static constexpr i64 kPatience = 300 * kMillisecond;
 static constexpr u32 kHandleMask = 0xFFFFFFFF >> 2;
 
 VpssModel::VpssModel(bool yuv422, u32 extra_stride) : yuv422_(yuv422), extra_stride_(extra_stride) {
-  channel_.alive = 1;
+  set_alive(true);
 }
 
-VpssModel::~VpssModel() {
-  channel_.alive = 0;
-  wake(channel_.ready);
+void VpssModel::set_alive(bool alive) {
+  channel_.alive = alive;
+  if (!alive) wake(channel_.ready);
 }
 
 VpssModel::Layout VpssModel::layout_of(const AVFrame& picture) const {

@@ -12,9 +12,10 @@ namespace sim {
 class VpssModel {
  public:
   VpssModel(bool yuv422, u32 extra_stride);
-  /// Tells waiting takers that there will be no more pictures.
-  ~VpssModel();
+  ~VpssModel() { set_alive(false); }
 
+  /// Whether takers may hope for pictures; they wait no longer once there is nobody who makes them.
+  void set_alive(bool alive);
   /// While somebody takes pictures, waits up to 300 ms until the last one has been taken.
   void wait_for_taker();
   /// Whether a taker waits right now.

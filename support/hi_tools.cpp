@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <iterator>
 
@@ -41,7 +42,10 @@ class I2cBus {
   int fd_;
 };
 
-// Widths other than 2 count as 1, as the driver is told.
+// Where there is such a bus, and the bytes fit.
+bool is_i2c_transfer(u32 bus, u64 bytes) { return bus < std::size(kI2cBuses) && bytes <= kI2cTransferSize; }
+
+// Two bytes where the width is 2, as the driver is told; one otherwise.
 u8* put_i2c(u8* to, u32 value, u32 width) {
   *to++ = static_cast<u8>(value);
   if (width == 2) *to++ = static_cast<u8>(value >> 8);
@@ -81,7 +85,7 @@ u32 himd(u32 addr) {
 }
 
 i32 i2c_read(u32 bus, u32 dev_addr, u32 reg_addr, u32 reg_width, u32 data_width) {
-  if (bus >= std::size(kI2cBuses)) return -1;
+  if (!is_i2c_transfer(bus, std::max(reg_width, data_width))) return -1;
   const I2cBus i2c(bus);
   if (i2c.fd() < 0) {
     PRINT_ERROR_AT(71, "Open i2c dev error!\n");
@@ -98,8 +102,8 @@ i32 i2c_read(u32 bus, u32 dev_addr, u32 reg_addr, u32 reg_width, u32 data_width)
   }
   // The chip's driver takes the register's address from the buffer that receives the data.
   u8 buffer[kI2cTransferSize] = {};
-  const u8* end = put_i2c(buffer, reg_addr, reg_width);
-  if (sys::read(i2c.fd(), buffer, static_cast<size_t>(end - buffer)) < 0) {
+  put_i2c(buffer, reg_addr, reg_width);
+  if (sys::read(i2c.fd(), buffer, reg_width) < 0) {
     PRINT_ERROR_AT(110, "CMD_I2C_READ error!\n");
     return -1;
   }
@@ -107,7 +111,7 @@ i32 i2c_read(u32 bus, u32 dev_addr, u32 reg_addr, u32 reg_width, u32 data_width)
 }
 
 int i2c_write(u32 bus, u32 dev_addr, u32 reg_addr, u32 data, u32 reg_width, u32 data_width) {
-  if (bus >= std::size(kI2cBuses)) return -1;
+  if (!is_i2c_transfer(bus, u64{reg_width} + data_width)) return -1;
   const I2cBus i2c(bus);
   if (i2c.fd() < 0) {
     PRINT_ERROR_AT(144, "Open i2c dev error!\n");
@@ -117,8 +121,8 @@ int i2c_write(u32 bus, u32 dev_addr, u32 reg_addr, u32 data, u32 reg_width, u32 
   i2c.control(CMD_SET_REG_WIDTH, reg_width == 2);
   const int result = i2c.control(CMD_SET_DATA_WIDTH, data_width == 2);
   u8 buffer[kI2cTransferSize] = {};
-  const u8* end = put_i2c(put_i2c(buffer, reg_addr, reg_width), data, data_width);
-  sys::write(i2c.fd(), buffer, static_cast<size_t>(end - buffer));
+  put_i2c(put_i2c(buffer, reg_addr, reg_width), data, data_width);
+  sys::write(i2c.fd(), buffer, reg_width + data_width);
   // Deliberate: the bytes are on the bus before the driver's answer counts.
   if (result < 0) {
     PRINT_ERROR_AT(183, "I2C_WRITE error!\n");

@@ -12,10 +12,12 @@ int himm(u32 addr, u32 value);
 /// may hold as well.
 u32 himd(u32 addr);
 
-/// Reads a register of device `dev_addr` (7 bits) on bus 0, 1 or 2. Widths are in bytes, 1 or 2 (others count
-/// as 1). The value, 0..0xFFFF, or -1; no report for another bus.
+/// Reads a register of device `dev_addr` (7 bits) on bus 0, 1 or 2. Widths are in bytes and move as they are;
+/// only 1 and 2 make sense to the chip's driver. The value, 0..0xFFFF, or -1; no report for another bus or
+/// for widths above 4.
 i32 i2c_read(u32 bus, u32 dev_addr, u32 reg_addr, u32 reg_width, u32 data_width);
-/// Writes a register, as above. 0 or -1; a failed write of the bytes themselves goes unnoticed.
+/// Writes a register, as above, both widths together at most 4. 0 or -1; a failed write of the bytes
+/// themselves goes unnoticed.
 int i2c_write(u32 bus, u32 dev_addr, u32 reg_addr, u32 data, u32 reg_width, u32 data_width);
 
 /// Maps `len` bytes of a file read-write and shared; the file is created when missing, but never grown to

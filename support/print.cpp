@@ -1,9 +1,13 @@
 #include "support/print.h"
 
+#include <poll.h>
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
 
 #include "elog/elog.h"
+#include "platform/output.h"
 
 Word print_level{3};
 
@@ -14,11 +18,10 @@ namespace {
   elog_voutput(level, "NO_TAG", place.file, place.function, place.line, format, arguments);
 }
 
-[[gnu::format(printf, 1, 0)]] void to_stderr(const char* format, va_list arguments) {
-  va_list copy;
-  va_copy(copy, arguments);
-  std::vfprintf(stderr, format, copy);
-  va_end(copy);
+// What the libraries have printed, unless writing it might wait.
+void flush_standard_output() {
+  pollfd ready = {STDOUT_FILENO, POLLOUT, 0};
+  if (poll(&ready, 1, 0) > 0) std::fflush(stdout);
 }
 
 }  // namespace
@@ -26,17 +29,21 @@ namespace {
 void error(const Place& place, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  std::fprintf(stderr, "\033[0;31m[%s]-%d: \033[0m", place.function, static_cast<int>(place.line));
-  to_stderr(format, arguments);
+  OutputText text;
+  text.add("\033[0;31m[%s]-%d: \033[0m", place.function, static_cast<int>(place.line));
+  text.add_list(format, arguments);
+  text.send(STDERR_FILENO);
   log(ELOG_LVL_WARN, place, format, arguments);
-  std::fflush(stdout);
+  flush_standard_output();
   va_end(arguments);
 }
 
 void info(const Place& place, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  to_stderr(format, arguments);
+  OutputText text;
+  text.add_list(format, arguments);
+  text.send(STDERR_FILENO);
   log(ELOG_LVL_INFO, place, format, arguments);
   va_end(arguments);
 }
@@ -44,9 +51,11 @@ void info(const Place& place, const char* format, ...) {
 void debug(const Place& place, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  std::fputs("\033[0;36m", stderr);
-  to_stderr(format, arguments);
-  std::fputs("\033[0m", stderr);
+  OutputText text;
+  text.add("\033[0;36m");
+  text.add_list(format, arguments);
+  text.add("\033[0m");
+  text.send(STDERR_FILENO);
   log(ELOG_LVL_DEBUG, place, format, arguments);
   va_end(arguments);
 }

@@ -1,4 +1,4 @@
-// The print forms: one line each to standard error and to the logger, gated by the print level.
+// The print forms: one line each to standard error (output.h) and to the logger, gated by the print level.
 #pragma once
 
 #include "common/word.h"
@@ -17,7 +17,7 @@ struct Place {
 };
 
 /// The error form: red function-and-line prefix and the message on standard error, a log record at level
-/// warn, then a flush of standard output.
+/// warn, then a flush of standard output if that will not wait.
 [[gnu::format(printf, 2, 3)]] void error(const Place& place, const char* format, ...);
 /// The info form: the message on standard error and a log record at level info.
 [[gnu::format(printf, 2, 3)]] void info(const Place& place, const char* format, ...);

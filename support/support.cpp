@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "elog/elog.h"
+#include "platform/output.h"
 #include "platform/sys.h"
 #include "support/print.h"
 
@@ -57,13 +58,14 @@ void apply_level(const char* line) {
 void process_info_print(const char* path) {
   if (path != nullptr) {
     const char* name = program_name(path);
-    std::fprintf(stderr, "\033[0;31m%s\n\033[0m", name);
+    output_format(STDERR_FILENO, "\033[0;31m%s\n\033[0m", name);
     elog_output(ELOG_LVL_INFO, "NO_TAG", kPrintFile, __func__, 31, "%s\n", name);
   } else {
-    std::fprintf(stderr, "\033[0;31mNULL\n\033[0m");
+    output_format(STDERR_FILENO, "\033[0;31mNULL\n\033[0m");
     elog_output(ELOG_LVL_INFO, "NO_TAG", kPrintFile, __func__, 35, "NULL\n");
   }
-  std::fprintf(stderr, "\033[0;35m%s %s\t%s\t%d\n\033[0m", kBuildDate, kBuildTime, kBuildVersion, getpid());
+  output_format(STDERR_FILENO, "\033[0;35m%s %s\t%s\t%d\n\033[0m", kBuildDate, kBuildTime, kBuildVersion,
+                getpid());
   elog_output(ELOG_LVL_INFO, "NO_TAG", kPrintFile, __func__, 40, "%s %s\t%s\t%d\n", kBuildDate, kBuildTime,
               kBuildVersion, getpid());
 }

@@ -1,8 +1,11 @@
 // Dumps to the console and to files.
 #include <sys/time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
+#include "platform/output.h"
 #include "platform/sys.h"
 #include "support/support.h"
 
@@ -42,13 +45,15 @@ int move_to_backup(const char* path) {
 
 void print_timestamp() {
   const TimeOfDay now = time_of_day();
-  std::fprintf(stderr, "\033[1;31m[%d.%06d] \033[0m", now.seconds, now.microseconds);
+  output_format(STDERR_FILENO, "\033[1;31m[%d.%06d] \033[0m", now.seconds, now.microseconds);
 }
 
 void print_hex(const u8* buf, i32 len) {
-  for (i32 i = 0; i < len; ++i) {
-    std::printf("\033[0;34m%02x  \033[0m", buf[i]);
-    if (i % 16 == 15 || i + 1 == len) std::printf("\n");
+  for (i32 row = 0; row < len; row += 16) {
+    OutputText text;
+    for (i32 i = row; i < std::min(len, row + 16); ++i) text.add("\033[0;34m%02x  \033[0m", buf[i]);
+    text.add("\n");
+    text.send(STDOUT_FILENO);
   }
 }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "common/stream_state.h"
+#include "sim/server.h"
 #include "tests/ipc_peer.h"
 
 namespace {
@@ -142,6 +143,13 @@ TEST_F(VeltoChannel, EveryCommandsRecord) {
     EXPECT_EQ(result, row.result);
     EXPECT_EQ(peer.waiting(), 0u);
   }
+}
+
+TEST_F(VeltoChannel, TheSimulatedServerKnowsEveryCommand) {
+  const sim::Server server({});
+  for (const Row& row : kRows) row.call();  // the last is a request
+  EXPECT_EQ(server.received().size(), std::size(kRows));
+  EXPECT_EQ(server.refused(), 0u);
 }
 
 TEST_F(VeltoChannel, TextsFitTheRecord) {

@@ -59,15 +59,21 @@ TEST_F(ElogCatTest, PrintsWhatTheFiltersAdmitAndTakesAllOffTheQueue) {
   } kCases[] = {
       {"-e", "A spun\nE lens failed\nW slow\nI B 30\nD lens at 3\nV raw\n= 0"},
       {"-e -l warn", "A spun\nE lens failed\nW slow\n= 0"},
-      {"-e -t lens", "E lens failed\nD lens at 3\n= 0"},
-      {"-e -l info -t lens", "E lens failed\n= 0"},
-      {"-e -c -t lens", "assert   0\nerror    1\nwarn     0\ninfo     0\ndebug    1\nverbose  0\n= 0"},
+      {"--until-empty --text=lens", "E lens failed\nD lens at 3\n= 0"},
+      {"-e --level info -t lens", "E lens failed\n= 0"},
+      {"-e --count -t lens", "assert   0\nerror    1\nwarn     0\ninfo     0\ndebug    1\nverbose  0\n= 0"},
   };
   for (const auto& c : kCases) {
     send_some();
     EXPECT_EQ(run_viewer(c.options), c.printed) << c.options;
     EXPECT_EQ(run_viewer("-e"), "= 0") << c.options;
   }
+}
+
+TEST_F(ElogCatTest, ShowsControlCharactersAsCodes) {
+  using namespace std::string_view_literals;
+  send(1, "a\tb~ \033[2J\n\x7f\x9b\xc3\xa4\0end\n"sv);
+  EXPECT_EQ(run_viewer("-e"), "E a\tb~ \\x1b[2J\\x0a\\x7f\\x9b\\xc3\\xa4\\x00end\n= 0");
 }
 
 TEST_F(ElogCatTest, CountsRecordsThatMakeNoSense) {
@@ -104,6 +110,8 @@ TEST_F(ElogCatTest, FollowsInColourOnATerminalUntilItIsEnded) {
 TEST_F(ElogCatTest, RefusesWhatItDoesNotKnow) {
   EXPECT_THAT(run_viewer("-l loud"), testing::EndsWith("= 2"));
   EXPECT_THAT(run_viewer("more"), testing::EndsWith("= 2"));
+  EXPECT_THAT(run_viewer("--help"),
+              testing::AllOf(testing::HasSubstr("--until-empty"), testing::EndsWith("= 0")));
   msgctl(queue, IPC_RMID, nullptr);
   EXPECT_EQ(run_viewer("-e"), "elog_cat: no log queue (key 0x012345AB): start the service first\n= 1");
 }

@@ -95,7 +95,7 @@ TEST_F(Elog, ConsoleGetsTheLinesToo) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "loud\n");
 }
 
-TEST_F(Elog, QueueIsCreatedWhenMissing) {
+TEST_F(Elog, QueueIsCreatedWhenMissingAndFoundWhenMadeAnew) {
   msgctl(queue, IPC_RMID, nullptr);
   testing::internal::CaptureStdout();
   start_bare();
@@ -111,6 +111,9 @@ TEST_F(Elog, QueueIsCreatedWhenMissing) {
   testing::internal::CaptureStdout();
   log_text("lost");
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "msgctl error.\n");
+  queue = msgget(sim::run_key(kElogQueueKey), IPC_CREAT | 0600);
+  log_text("to the new one");
+  EXPECT_THAT(texts(), ElementsAre("to the new one\n"));
 }
 
 TEST_F(Elog, QueueTakesLinesUpToHalfItsCapacity) {

@@ -76,12 +76,12 @@ TEST_F(Elog, LongLinesAreCut) {
   }
 }
 
-TEST_F(Elog, TextThatCannotBeFormattedIsZeros) {
+TEST_F(Elog, TextThatCannotBeFormattedEndsInZeros) {
   start_bare();
   const wchar_t bad[] = {0xDC80, 0};
-  elog_output(ELOG_LVL_INFO, "NO_TAG", "f.c", "func", 7, "%ls", bad);
+  elog_output(ELOG_LVL_INFO, "NO_TAG", "f.c", "func", 7, "%d %ls", 17, bad);
   elog_raw_output(ELOG_LVL_INFO, "%ls", bad);
-  EXPECT_THAT(texts(), ElementsAre(std::string(511, '\0') + '\n', std::string(512, '\0')));
+  EXPECT_THAT(texts(), ElementsAre("17 " + std::string(508, '\0') + '\n', std::string(512, '\0')));
 }
 
 TEST_F(Elog, RawTextIsSentAsItIs) {

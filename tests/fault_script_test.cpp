@@ -17,6 +17,7 @@ TEST(FaultScriptTest, ReadsEveryFormWithItsTimes) {
       {"at 1.5s fail QBUF 2", FaultKind::kNode, "fail QBUF 2", 1.5, -1},
       {"fail STREAMON * for 2s", FaultKind::kNode, "fail STREAMON *", 0, 2},
       {"  reqbufs  returns count ", FaultKind::kNode, "reqbufs returns count", 0, -1},
+      {"DQBUF gives index 7", FaultKind::kNode, "DQBUF gives index 7", 0, -1},
       {"unplug for 0.5s at 3.2s", FaultKind::kUnplug, "", 3.2, 0.5},
       {"at 1s server dead for 2s", FaultKind::kServerDead, "", 1, 2},
       {"log queue full", FaultKind::kLogQueueFull, "", 0, -1},

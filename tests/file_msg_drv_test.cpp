@@ -185,10 +185,11 @@ TEST_F(FileMsgDrv, OnlyTheExactReplyLengthIsSuccess) {
 
 TEST_F(FileMsgDrv, QueueIsOpenedAnewAfterThreeFailures) {
   open();
-  msgctl(peer.queue(), IPC_RMID, nullptr);
-  const FilePeer restarted(kFileMsgKey);
-  for (int failure = 0; failure < 3; failure++) EXPECT_EQ(SetSysInfo(1), -1);
-  const std::string sent = restarted.serve([] { EXPECT_EQ(SetSysInfo(1), 0); }, accept);
+  const FilePeer stranger(kSysMsgKey);
+  SetFileMsgQueue(stranger.queue());
+  for (int failure = 0; failure < 3; failure++)
+    stranger.serve([] { EXPECT_EQ(SetSysInfo(1), -1); }, [](FileMsgBuf& reply) { reply.length = 2639; });
+  const std::string sent = peer.serve([] { EXPECT_EQ(SetSysInfo(1), 0); }, accept);
   EXPECT_EQ(sent, record("4:01000000 20:01000000"));
 }
 
@@ -263,13 +264,34 @@ TEST_F(FileMsgDrv, WithoutAnAttachedSegmentNothingIsRead) {
 
 TEST_F(FileMsgDrv, TooSmallASegmentFailsTheStart) {
   shmctl(id, IPC_RMID, nullptr);
-  const int small = shmget(sim::run_key(kFileMsgKey), 3043, IPC_CREAT | 0660);
+  const int small = shmget(sim::run_key(kFileMsgKey), kSysInfoLength - 1, IPC_CREAT | 0660);
   ASSERT_GE(small, 0);
   testing::internal::CaptureStderr();
   EXPECT_EQ(InitFileMsgDrv(kFileMsgKey, kFileMsgProcess), -1);
   EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("is too small or cannot be attached\n"));
   EXPECT_EQ(msgget(sim::run_key(kFileMsgKey), 0), peer.queue()) << "the server's queue stays";
   EXPECT_EQ(GetSysInfo(), nullptr);
+}
+
+TEST_F(FileMsgDrv, ASegmentMadeAnewTakesTheFormersPlace) {
+  open();
+  u32* const flags = GetSysRequestFlags();
+  for (const std::size_t size : {kSysInfoLength - 1, kSysInfoLength}) {  // the first is too small to be used
+    shmctl(id, IPC_RMID, nullptr);
+    id = shmget(sim::run_key(kFileMsgKey), size, IPC_CREAT | 0660);
+    for (int i = 0; i < 80 && GetSysRequestFlags() == flags; i++) usleep(10000);
+    EXPECT_EQ(GetSysRequestFlags() == flags, size < kSysInfoLength);
+  }
+  *flags = 1;  // whoever still has it may use it
+  *GetSysRequestFlags() = 2;
+  EXPECT_EQ(get_le32(segment + kRequestFlagsOffset), 1u);
+  shmdt(segment);
+  segment = static_cast<u8*>(shmat(id, nullptr, 0));
+  EXPECT_EQ(get_le32(segment + kRequestFlagsOffset), 2u);
+  mark(0);
+  EXPECT_EQ(peer.serve([] { EXPECT_EQ(SetSysWord240(3), 0); }, accept), record("4:01000000 20:02000000"));
+  EXPECT_EQ(GetSysInfo()->word240, 3u);
+  EXPECT_EQ(get_le32(segment + 240), 3u);
 }
 
 TEST_F(FileMsgDrv, ThreadsWaitForEachOthersTransactions) {

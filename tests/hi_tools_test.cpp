@@ -41,20 +41,24 @@ TEST_F(HiToolsTest, RegistersOutsideMemoryAreRefused) {
 TEST_F(HiToolsTest, I2cWidths) {
   const struct {
     u32 bus, reg_width, data_width;
-    i32 value;
+    i32 written, value;
     const char* transfers;
   } cases[] = {
-      {0, 1, 1, 0x34, "0:1a write cd = 34\n0:1a read cd = 34\n"},
-      {1, 1, 2, 0x1234, "1:1a write cd = 1234\n1:1a read cd = 1234\n"},
-      {2, 2, 1, 0x34, "2:1a write abcd = 34\n2:1a read abcd = 34\n"},
-      {0, 2, 2, 0x1234, "0:1a write abcd = 1234\n0:1a read abcd = 1234\n"},
-      // Others count as 1: nothing beyond the transfer buffer moves.
-      {1, 3, 0, 0x34, "1:1a write cd = 34\n1:1a read cd = 34\n"},
-      {2, 0xFFFFFFFF, 100, 0x34, "2:1a write cd = 34\n2:1a read cd = 34\n"},
+      {0, 1, 1, 0, 0x34, "0:1a write cd = 34\n0:1a read cd = 34\n"},
+      {1, 1, 2, 0, 0x1234, "1:1a write cd = 1234\n1:1a read cd = 1234\n"},
+      {2, 2, 1, 0, 0x34, "2:1a write abcd = 34\n2:1a read abcd = 34\n"},
+      {0, 2, 2, 0, 0x1234, "0:1a write abcd = 1234\n0:1a read abcd = 1234\n"},
+      // What fits into the transfer buffer is left to the driver to refuse.
+      {1, 3, 1, 0, -1, "1:1a write of 4 bytes\n1:1a read of 3 bytes\n"},
+      {1, 0, 0, 0, -1, "1:1a write of 0 bytes\n1:1a read of 0 bytes\n"},
+      {2, 1, 4, -1, 0x34, "2:1a read cd = 34\n"},
+      {2, 0xFFFFFFFF, 5, -1, -1, ""},
+      {2, 2, 5, -1, -1, ""},
   };
+  sim::set_i2c_register(2, 0x1A, 0xCD, 0x34);
   std::string log;
   for (const auto& c : cases) {
-    EXPECT_EQ(i2c_write(c.bus, 0x1A, 0xABCD, 0x1234, c.reg_width, c.data_width), 0);
+    EXPECT_EQ(i2c_write(c.bus, 0x1A, 0xABCD, 0x1234, c.reg_width, c.data_width), c.written);
     EXPECT_EQ(i2c_read(c.bus, 0x1A, 0xABCD, c.reg_width, c.data_width), c.value);
     EXPECT_EQ(run_.i2c_log(), log += c.transfers);
   }

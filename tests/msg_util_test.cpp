@@ -82,18 +82,6 @@ TEST(MsgUtil, DrainEndsOnlyWhenNothingIsLeft) {
   EXPECT_EQ(peer.waiting(), 1u);
   Msg_Kill(peer.queue());
   EXPECT_EQ(Msg_Drain(peer.queue(), 15, &record, kSize), -1);
-  EXPECT_EQ(Msg_Transact(peer.queue(), 15, &record, kSize), -1);
-}
-
-// A tidy transaction would drain before it fills the record.
-TEST(MsgUtil, StaleReplyTakesTheRequestsPlace) {
-  sim::Run run;
-  SysPeer peer(kKey);
-  peer.send({15, 0x77, 15, 0x66, 0x55});
-  SysMsgBuf record{kServerMsgType, 1, 15, 0, 0};
-  EXPECT_EQ(Msg_Transact(peer.queue(), 15, &record, kSize), ssize_t{kSysMsgPayload});
-  EXPECT_EQ(record_text(record, kSysMsgPayload), "4:77000000 8:0F000000 12:66000000 16:55000000");
-  EXPECT_EQ(peer.waiting(), 0u);
 }
 
 class FullQueue : public testing::Test {

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <thread>
 
@@ -95,8 +96,11 @@ TEST_F(Node, EventsGoToSubscribersInOrderTwoOfAType) {
        {UVC_EVENT_CONNECT, UVC_EVENT_STREAMON, UVC_EVENT_CONNECT, UVC_EVENT_CONNECT, UVC_EVENT_DATA}) {
     event.type = type;
     ++event.u.data[0];
+    event.timestamp.tv_sec = type == UVC_EVENT_STREAMON;  // one comes with a time of its own
     host.raise(event);
   }
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
   const struct {
     u32 type, sequence, pending;
     u8 data;
@@ -107,6 +111,7 @@ TEST_F(Node, EventsGoToSubscribersInOrderTwoOfAType) {
     EXPECT_EQ(event.sequence, row.sequence);
     EXPECT_EQ(event.pending, row.pending);
     EXPECT_EQ(event.u.data[0], row.data);
+    EXPECT_EQ(now.tv_sec - event.timestamp.tv_sec > 1, row.sequence == 1);
   }
   EXPECT_EQ(gadget.event().type, 0u);
 }
@@ -167,6 +172,18 @@ TEST_F(Node, ClassRequestsReachTheServiceAndBack) {
   EXPECT_EQ(host.control({kIn, 0x81, 0, 0, 2}).data, (std::vector<u8>{10, 11}));
 }
 
+TEST_F(Node, AnAnswerThatComesLateIsTheNewestRequests) {
+  ASSERT_TRUE(start());
+  EXPECT_TRUE(host.control({0xA1, 0x81, 0, 0, 2}, {}, kNever).timed_out);
+  std::thread service([&] {
+    while (gadget.event().u.data[6] != 1) std::this_thread::sleep_for(1ms);
+    EXPECT_EQ(gadget.respond(2, 50), 0);
+    EXPECT_EQ(gadget.respond(2, 10), EINVAL);
+  });
+  EXPECT_EQ(host.control({0xA1, 0x81, 0, 0, 1}).data, std::vector<u8>{50});
+  service.join();
+}
+
 TEST_F(Node, AStopWhileTheHostStartsLeavesTheEndpointOff) {
   bool late_stop = true;
   ASSERT_TRUE(start());
@@ -206,8 +223,8 @@ TEST_F(Node, ADisconnectCutsTheStreamOff) {
 
 TEST_F(Node, FaultsComeAsScripted) {
   ASSERT_TRUE(gadget.open());
-  for (const char* wrong :
-       {"", "fail QBUF", "fail QBUF 3-2", "fail NOTHING 1", "fail QBUF 1 errno=x", "grant 33"})
+  for (const char* wrong : {"", "fail QBUF", "fail QBUF 3-2", "fail NOTHING 1", "fail QBUF 1 errno=x",
+                            "grant 33", "DQBUF gives index", "QBUF gives index 1"})
     EXPECT_FALSE(host.script(wrong)) << wrong;
   ASSERT_TRUE(host.script("grant 2"));
   ASSERT_TRUE(host.script("reqbufs returns count"));

@@ -68,4 +68,24 @@ TEST_F(PrintTest, OnlyErrorFlushesStandardOutput) {
   EXPECT_EQ(after_error, 7);
 }
 
+TEST_F(PrintTest, FullStandardOutputHoldsNobodyUp) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+  while (write(ends[1], "x", 1) == 1) {
+  }
+  fcntl(ends[1], F_SETFL, 0);
+  const int saved = dup(STDOUT_FILENO);
+  dup2(ends[1], STDOUT_FILENO);
+  alarm(10);
+  std::printf("pending");
+  PRINT_ERROR_AT(1, "error\n");
+  alarm(0);
+  for (char text[4096]; read(ends[0], text, sizeof(text)) > 0;) {
+  }
+  std::fflush(stdout);
+  dup2(saved, STDOUT_FILENO);
+  for (const int fd : {saved, ends[0], ends[1]}) close(fd);
+  EXPECT_EQ(take_log(), error("camera.c", "TestBody", 1, "error\n").log);
+}
+
 }  // namespace

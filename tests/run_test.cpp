@@ -67,6 +67,7 @@ TEST(Run, KeysAndSemaphoresAreItsOwnAndGoWithIt) {
   const key_t key = sim::run_key(0x5678);
   EXPECT_GT(key, 0);
   EXPECT_EQ(sim::run_key(IPC_PRIVATE), IPC_PRIVATE);
+  const int foreign = sys::msgget(1, IPC_CREAT | 0600);  // none of the camera's
 
   const int queue = sys::msgget(0x5678, IPC_CREAT | 0600);
   const int segment = sys::shmget(0x5678, 4096, IPC_CREAT | 0600);
@@ -85,6 +86,7 @@ TEST(Run, KeysAndSemaphoresAreItsOwnAndGoWithIt) {
   EXPECT_EQ(msgget(key, 0), -1);
   EXPECT_EQ(shmget(key, 0, 0), -1);
   EXPECT_EQ(sem_open(name.c_str(), 0), SEM_FAILED);
+  EXPECT_EQ(msgctl(foreign, IPC_RMID, nullptr), 0) << "somebody else's";
   EXPECT_FALSE(std::filesystem::exists(root));
 }
 

@@ -45,10 +45,12 @@ class CameraTest : public testing::Test {
     std::fclose(output);
   }
 
-  void start() { service = std::make_unique<sim::ServiceProcess>(service_program(), output, false); }
+  void start(sim::ServiceOutput how = sim::ServiceOutput::kLogged) {
+    service = std::make_unique<sim::ServiceProcess>(service_program(), output, false, how);
+  }
 
-  void start_and_plug_in() {
-    start();
+  void start_and_plug_in(sim::ServiceOutput how = sim::ServiceOutput::kLogged) {
+    start(how);
     ASSERT_TRUE(node.wait_for_device(20s)) << service->last_lines();
     host.replug();
     ASSERT_TRUE(host.enumerate()) << host.error();
@@ -78,13 +80,21 @@ class CameraTest : public testing::Test {
            std::to_string(report.repeated) + ", empty " + std::to_string(report.empty);
   }
 
-  /// SIGTERM: exit status 0 within a second.
-  void expect_clean_end() {
-    const auto seconds = service->stop(10);
+  /// Exit status 0 within a second.
+  void expect_end(int signal = SIGTERM) {
+    const auto seconds = service->stop(10, signal);
     ASSERT_TRUE(seconds) << "had to be killed\n" << service->last_lines();
     EXPECT_LT(*seconds, kEndLimit);
     EXPECT_EQ(service->how_it_ended(), "exit status 0") << service->last_lines();
     EXPECT_THAT(node.protocol_errors(), testing::IsEmpty());
+  }
+
+  /// The same in order, not by the limit for that: the node was closed.
+  void expect_clean_end(int signal = SIGTERM) {
+    expect_end(signal);
+    const std::string calls = node.call_log();
+    const auto opened = calls.rfind("OPEN -> 0\n");
+    EXPECT_TRUE(opened == calls.npos || calls.find("CLOSE", opened) != calls.npos);
   }
 
   long entries(const char* what) const {
@@ -105,6 +115,7 @@ class CameraTest : public testing::Test {
   static constexpr double kEndLimit = 1;
 #endif
 
+  static constexpr u16 kExtensionUnit = 3 << 8;
   static constexpr sim::StreamChoice kMjpeg = {sim::StreamFormat::kMjpeg, {320, 240}, 30};
   static constexpr sim::StreamChoice kYuy2 = {sim::StreamFormat::kYuy2, {320, 240}, 30};
 
@@ -183,20 +194,15 @@ TEST_F(CameraTest, AServerWithoutAnswersDelaysTheControlsButNotTheVideo) {
        {sim::ServerFault::kDead, sim::ServerFault::kMute, sim::ServerFault::kMisdirected}) {
     SCOPED_TRACE(static_cast<int>(fault));
     server->set_fault(fault);
-    std::atomic<bool> answered = false;
-    std::thread waiting([&] {
-      const auto reading = node.control({0xA1, 0x81, brightness, processing_unit, 2}, {}, 30s);
-      EXPECT_EQ(reading.data.size(), 2u);
-      answered = true;
-    });
     const unsigned long before = host.progress().report.frames;
-    std::this_thread::sleep_for(2s);
-    EXPECT_GE(host.progress().report.frames, before + 54);
-    EXPECT_FALSE(answered);
-    std::this_thread::sleep_for(4s);  // past the limit for an answer to what the server has taken
-    EXPECT_EQ(answered, fault != sim::ServerFault::kDead);
+    const auto asked = std::chrono::steady_clock::now();
+    const auto reading = node.control({0xA1, 0x81, brightness, processing_unit, 2}, {}, 30s);
+    const auto waited = std::chrono::steady_clock::now() - asked;
+    EXPECT_EQ(reading.data.size(), 2u);
+    EXPECT_GT(waited, 4s);
+    EXPECT_LT(waited, 4500ms);
+    EXPECT_GE(host.progress().report.frames, before + 108);
     server->set_fault(sim::ServerFault::kNone);
-    waiting.join();
     const std::array<u8, 2> setting = {++value, 0};
     EXPECT_FALSE(node.control({0x21, 0x01, brightness, processing_unit, 2}, setting).stalled);
     EXPECT_TRUE(wait_until(
@@ -219,11 +225,62 @@ TEST_F(CameraTest, SigtermWhileTheNodeRefusesEverything) {
   }
 }
 
-TEST_F(CameraTest, SigintEndsTheServiceToo) {
+TEST_F(CameraTest, EndsWhileTheMediaLibraryWaitsForAPicture) {
   start_and_plug_in();
-  kill(service->pid(), SIGINT);
-  EXPECT_TRUE(wait_until([this] { return !service->running(); }));
+  ASSERT_TRUE(host.start(kYuy2) && picture_comes());
+  media.set_fault(sim::EncoderFault::kSilent);
+  std::this_thread::sleep_for(300ms);
+  kill(service->pid(), SIGTERM);
+  std::this_thread::sleep_for(500ms);
+  EXPECT_TRUE(service->running()) << "it had time to end in order";
+  const auto rest = service->stop(10);  // a second signal does not put the end off
+  EXPECT_LT(rest.value_or(10), kEndLimit - 0.5);
   EXPECT_EQ(service->how_it_ended(), "exit status 0");
+}
+
+TEST_F(CameraTest, CommandsThatDoNotReturnHoldUpNeitherTheEndNorTheHost) {
+  const std::string_view hanging = "#!/bin/sh\nexec sleep 60\n";
+  const u16 reboot = 24 << 8;
+  for (const int signal : {SIGINT, SIGTERM}) {
+    for (const char* tool : {"/bin/rmmod", "/bin/insmod"}) {
+      const std::string working = run.read_file(tool);
+      run.write_file(tool, hanging);
+      const auto before = run.shell_log().size();
+      start();
+      ASSERT_TRUE(wait_until([&] { return run.shell_log().find(tool + 5, before) != std::string::npos; }));
+      const auto told = server->received().size();
+      expect_end(signal);
+      EXPECT_TRUE(wait_until([&] { return server->received().size() > told; }, 2s)) << "of the end";
+      EXPECT_TRUE(run.shell_log().ends_with("dwc_otg.ko\n") == (tool[5] == 'i')) << "none after that one";
+      run.write_file(tool, working);
+    }
+  }
+  run.write_file("/bin/reboot", hanging);
+  start_and_plug_in();
+  EXPECT_FALSE(node.control({0x21, 0x01, reboot, kExtensionUnit, 1}, std::array<u8, 1>{1}).stalled);
+  EXPECT_FALSE(node.control({0xA1, 0x81, reboot, kExtensionUnit, 2}, {}, 1s).timed_out);
+  EXPECT_THAT(run.shell_log(), testing::EndsWith("reboot\n"));
+  EXPECT_EQ(stream(kMjpeg, 5), "");
+  expect_clean_end(SIGINT);
+}
+
+TEST_F(CameraTest, OutputThatNobodyTakesHoldsUpNothing) {
+  run.write_file("/opt/params/print.conf", "uvc_gadget=debug\n");
+  using enum sim::ServiceOutput;
+  for (const auto how : {kUnread, kReaderGone, kClosed}) {
+    SCOPED_TRACE(static_cast<int>(how));
+    start_and_plug_in(how);
+    const auto files = std::filesystem::path("/proc") / std::to_string(service->pid()) / "fd";
+    for (const char* fd : {"0", "1", "2"}) {
+      EXPECT_EQ(std::filesystem::read_symlink(files / fd) == "/dev/null", how == kClosed || *fd == '0');
+    }
+    for (int i = 0; i < 300; i++) {  // each is worth a line
+      ASSERT_FALSE(node.control({0xA1, 0x86, 0, kExtensionUnit, 1}, {}, 5s).timed_out);
+    }
+    EXPECT_EQ(stream(kMjpeg, 12), "");
+    expect_clean_end();
+    service.reset();
+  }
 }
 
 TEST_F(CameraTest, RingThatCannotBeAttachedEndsTheServiceInOrder) {
@@ -360,6 +417,15 @@ TEST(Service, SaysWhyItEndsWithoutAValidParameterRecord) {
               HasSubstr("uvc_gadget: no valid parameter record from the system server"));
   EXPECT_EQ(run.shell_log(), "") << "no module is touched";
   std::fclose(output);
+}
+
+TEST(Service, StartsInSpiteOfAWordThatItDoesNotKnow) {
+  sim::Run run;
+  testing::internal::CaptureStderr();
+  const int status = std::system((service_program() + " word").c_str());
+  EXPECT_EQ(WEXITSTATUS(status), 255) << "for want of a system server";
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              testing::MatchesRegex("uvc_gadget: unknown option word .*\n.*uvc_gadget_sim\n(.*\n)+"));
 }
 
 TEST(Service, WaitsForTheMemoryPool) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
@@ -44,8 +45,8 @@ void expect_copies(i32 id, i32 size, std::initializer_list<Copy> copies) {
     EXPECT_EQ(ShareMemRead(offset, body.data(), length), 0);
     EXPECT_EQ(std::count(body.begin(), body.end(), 0x33), done ? length : 0);
 
-    const std::string numbers = "Overflow!" + std::to_string(offset) + "  " + std::to_string(length) +
-                                "  4096  " + std::to_string(size) + "\n";
+    const std::string numbers =
+        "Overflow!" + std::to_string(offset) + "  " + std::to_string(length) + "  4096  102400\n";
     const std::string text = testing::internal::GetCapturedStderr();
     EXPECT_EQ(text.find("ShareMemWrite:" + numbers) != text.npos, !done);
     EXPECT_EQ(text.find("ShareMemRead:" + numbers) != text.npos, !done);
@@ -83,6 +84,28 @@ TEST(ShareMem, SmallerExistingSegmentBoundsTheCopies) {
   const i32 small = shmget(sim::run_key(kSysMsgKey), 8000, IPC_CREAT | 0660);
   EXPECT_EQ(ShareMemInit(kSysMsgKey), small);
   expect_copies(small, 8000, {{4096, 3904, true}, {4096, 3905, false}, {53248, 9, false}});
+}
+
+TEST(ShareMem, ASegmentMadeAnewIsFound) {
+  sim::Run run;
+  const i32 first = ShareMemInit(kSysMsgKey);
+  u8* seen = map(first);
+  shmctl(first, IPC_RMID, nullptr);  // can still be attached, since it is mapped here
+  const i32 second = shmget(sim::run_key(kSysMsgKey), 8000, IPC_CREAT | 0660);
+  const u8 written = 1;
+  int tries = 0;
+  do {
+    usleep(10000);
+    seen[0] = 0;
+    EXPECT_EQ(ShareMemWrite(0, &written, 1), 0);
+  } while (seen[0] == written && ++tries < 100);
+  EXPECT_LT(tries, 100);
+  shmdt(seen);
+  expect_copies(second, 8000, {{4096, 3904, true}, {4096, 3905, false}});
+
+  shmctl(second, IPC_RMID, nullptr);  // is gone at once
+  EXPECT_EQ(ShareMemWrite(0, &written, 1), -1);
+  expect_copies(shmget(sim::run_key(kSysMsgKey), 5000, IPC_CREAT | 0660), 5000, {{0, 4096, true}});
 }
 
 TEST(ShareMem, OtherSegmentsAreOnlyFound) {

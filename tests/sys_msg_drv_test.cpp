@@ -6,9 +6,11 @@
 #include <sys/shm.h>
 
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <vector>
 
+#include "common/wait_limit.h"
 #include "support/print.h"
 #include "tests/ipc_peer.h"
 
@@ -18,7 +20,9 @@ using testing::HasSubstr;
 
 class SysMsgDrv : public testing::Test {
  protected:
-  ~SysMsgDrv() { shmdt(segment); }
+  ~SysMsgDrv() {
+    if (segment) shmdt(segment);
+  }
 
   sim::Run run;
   SysPeer peer{kSysMsgKey};
@@ -109,6 +113,50 @@ TEST_F(SysMsgDrv, FailuresOfTheQueueAreReturned) {
   EXPECT_EQ(TransmitMsg2Sys(buffer, 5, &length, 39), -1);
   remover.join();
   EXPECT_EQ(TransmitMsg2Sys(buffer, 5, &length, 39), -1);
+  EXPECT_EQ(length, 16);
+  EXPECT_EQ(buffer[0], 9);
+}
+
+TEST_F(SysMsgDrv, SlotIsLeftToAnAnswerThatIsOwed) {
+  ASSERT_EQ(InitSysMsgDrv(kSysMsgProcess), 0);
+  const auto transmit = [](u8 first, std::chrono::milliseconds limit, u8* buffer) {
+    const WaitLimit until(WaitLimit::Clock::now() + limit);
+    buffer[0] = first;
+    i32 room = 8;
+    return TransmitMsg2Sys(buffer, 5, &room, 39);
+  };
+  u8 first[8] = {}, second[8] = {};
+  SysMsgBuf late{};
+  std::thread server([&] {
+    late = peer.take();
+    usleep(200'000);
+    EXPECT_EQ(slot[0], 1) << "the second body came before the first answer";
+    slot[0] = 11;
+    late.dest = late.src;
+    peer.send(late);
+    SysMsgBuf next = peer.take();
+    EXPECT_EQ(slot[0], 2);
+    slot[0] = 22;
+    next.dest = next.src;
+    peer.send(next);
+  });
+  EXPECT_EQ(transmit(1, std::chrono::milliseconds(50), first), -1);
+  EXPECT_EQ(transmit(2, std::chrono::seconds(4), second), 5);
+  EXPECT_EQ(second[0], 22);
+  server.join();
+}
+
+TEST_F(SysMsgDrv, ACopyThatFailsEndsTheTransaction) {
+  ASSERT_EQ(InitSysMsgDrv(kSysMsgProcess), 0);
+  shmdt(segment);
+  segment = nullptr;
+  const auto remove_segment = [] { shmctl(shmget(sim::run_key(kSysMsgKey), 0, 0), IPC_RMID, nullptr); };
+  u8 buffer[16] = {9};
+  i32 length = 16;
+  peer.serve([&] { EXPECT_EQ(TransmitMsg2Sys(buffer, 5, &length, 39), -1); },
+             [&](SysMsgBuf&) { remove_segment(); });
+  EXPECT_EQ(TransmitMsg2Sys(buffer, 5, &length, 39), -1);
+  EXPECT_EQ(peer.waiting(), 0u) << "nothing is announced that is not there";
   EXPECT_EQ(length, 16);
   EXPECT_EQ(buffer[0], 9);
 }

@@ -1,6 +1,11 @@
 // The encoder-settings record: rate control of every codec and mode, and the system side's entry points.
 #include "uvc/uvc_class_encoder.h"
 
+#include <atomic>
+#include <cstdio>
+#include <sstream>
+#include <thread>
+
 #include "tests/uvc_fixture.h"
 
 namespace {
@@ -34,6 +39,8 @@ TEST_F(UvcTest, UnknownModesAndFastStreamsFallBack) {
 
 TEST_F(UvcTest, KeyFrameIntervalGoesIntoEveryMode) {
   cur_format = kFormatH265;
+  apply_encoder_settings(1920, 1080, kFormatH265, 30);
+  sent_settings();
   h265_rate_control.mode = 2;
   h265_rate_control.param[2][0] = 50;
   EXPECT_EQ(get_key_frame_interval(), 50);
@@ -43,6 +50,41 @@ TEST_F(UvcTest, KeyFrameIntervalGoesIntoEveryMode) {
     EXPECT_EQ(h264_rate_control.param[mode][0], 1);
     EXPECT_EQ(h265_rate_control.param[mode][0], 1);
   }
+}
+
+TEST_F(UvcTest, RecordIsOfOneCommitWhenTheKeyFrameIntervalChangesMeanwhile) {
+  constexpr int kRounds = 3000;
+  const struct {
+    i32 format, columns, codec;
+  } commits[] = {{kFormatH264, 640, kCodecH264}, {kFormatMjpeg, 1280, kCodecMjpeg}};
+  apply_encoder_settings(1280, 480, kFormatMjpeg, 30);
+  sent_settings();
+  std::atomic<int> round = 0, done = 0;
+  std::thread main_thread([&] {
+    for (int i = 1; i <= kRounds; i++) {
+      while (round < i) continue;
+      set_key_frame_interval(i);
+      done = i;
+    }
+  });
+  int mixed = 0, outdated = 0;
+  for (int i = 1; i <= kRounds; i++) {
+    const auto& commit = commits[i % 2];
+    round = i;
+    cur_format = commit.format;
+    apply_encoder_settings(commit.columns, 480, commit.format, 30);
+    while (done < i) continue;
+    std::istringstream lines(sent_settings());
+    int columns = 0, codec = 0, interval = 0;
+    for (std::string line; std::getline(lines, line);) {
+      std::sscanf(line.c_str(), "2 1 %d 480 30 0 %d 0 %*d %d", &columns, &codec, &interval);
+      mixed += (columns == 640) != (codec == kCodecH264);
+    }
+    outdated += columns != commit.columns || (codec == kCodecH264 && interval != i);
+  }
+  main_thread.join();
+  EXPECT_EQ(mixed, 0);
+  EXPECT_EQ(outdated, 0) << "the last one that leaves is the newest";
 }
 
 TEST_F(UvcTest, QualityScalesBitRatesAndQuantisers) {

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
 #include <csignal>
 #include <cstring>
@@ -81,6 +82,10 @@ TEST_F(DeviceTest, TakesWhatTheDriverGrants) {
   ASSERT_EQ(uvc_device_open(), 0);
   EXPECT_EQ(uvc_buffer_count, 2u);
   uvc_device_close();
+  ASSERT_TRUE(host.script("QUERYBUF gives index 4294967295"));
+  ASSERT_EQ(uvc_device_open(), 0);
+  EXPECT_TRUE(uvc_buffers[0].start && uvc_buffers[1].start) << "the buffers that were asked for";
+  uvc_device_close();
   ASSERT_TRUE(host.script("grant 0"));
   ASSERT_EQ(uvc_device_open(), 0);
   EXPECT_EQ(uvc_buffer_count, 0u);
@@ -100,14 +105,32 @@ TEST_F(DeviceTest, RearmClearsBuffersAndLeavesOutWhatCannotBeMapped) {
   ASSERT_EQ(uvc_device_open(), 0);
   std::memset(uvc_buffers[2].start, 0xEE, 100);
   ASSERT_TRUE(host.script("fail MMAP 2"));
+  ASSERT_TRUE(host.script("fail MMAP 4"));
   testing::internal::CaptureStderr();
   uvc_device_rearm();
+  EXPECT_EQ(uvc_device_rearm_buffer(1), -1) << "and says nothing";
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "set mmap errr\n");
   EXPECT_EQ(uvc_buffers[1].start, nullptr);
   ASSERT_NE(uvc_buffers[2].start, nullptr);
   EXPECT_EQ(uvc_buffers[2].start[0] + uvc_buffers[2].start[99], 0);
   EXPECT_EQ(uvc_device_rearm_buffer(1), 0);
   EXPECT_NE(uvc_buffers[1].start, nullptr);
+}
+
+TEST_F(DeviceTest, GivesTheNodeUpWithoutAFreeDescriptorToo) {
+  ASSERT_EQ(uvc_device_open(), 0);
+  const i32 number = uvc_video_fd;
+  rlimit usual;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+  const rlimit few = {64, usual.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+  while (open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0) {
+  }
+  uvc_device_give_up();
+  setrlimit(RLIMIT_NOFILE, &usual);
+  EXPECT_EQ(fcntl(number, F_GETFD), -1);
+  EXPECT_THAT(host.call_log(), testing::EndsWith("CLOSE -> 0\n"));
+  EXPECT_EQ(uvc_video_fd, -1) << "the number may become another file's";
 }
 
 TEST_F(DeviceTest, LevelFileIsReadAgainWhileTheNodeCannotBeHad) {

@@ -4,15 +4,19 @@
 
 #include <gmock/gmock.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <thread>
 #include <vector>
 
 #include "platform/hi_mpi.h"
 #include "sim/run.h"
+#include "support/print.h"
+#include "uvc/uvc_gadget_signals.h"
 #include "uvc/uvc_gadget_yuv.h"
 #include "uvc/uvc_state.h"
 #include "vencbuf/vencbuf_get.h"
@@ -175,6 +179,23 @@ TEST_F(FillTest, NothingToSendGivesTwoZeroBytes) {
   uvc_stream_state.exit_flag = 1;
   EXPECT_THAT(fill(), HasSubstr("vencbuf_get Error\n"));
   EXPECT_EQ(buffer.bytesused, 2u);
+}
+
+TEST_F(FillTest, LevelFileIsReadAgainWhileTheRingIsEmpty) {
+  run.write_file("/opt/params/print.conf", "uvc_gadget=warn\n");
+  install_reload_handler();
+  commit(kFormatMjpeg, 320, 240);
+  i32 level = 0;
+  std::thread user([&level] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    kill(getpid(), SIGUSR1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    level = print_level;
+    uvc_stream_state.stream_on = 0;
+  });
+  fill();
+  user.join();
+  EXPECT_EQ(level, 2);
 }
 
 TEST_F(FillTest, FramesThatNeverFitDoNotHoldUpTheEnd) {

@@ -79,6 +79,16 @@ class LoopTest : public UvcTest {
     return sizes;
   }
 
+  /// What an encoder leaves that posts while nobody takes its frames.
+  void pile_up_posts() {
+    for (int i = 0; i < 1000; i++) sem_post(frame_ready);
+  }
+  int posts() {
+    int value = -1;
+    sem_getvalue(frame_ready, &value);
+    return value;
+  }
+
   EncFrameSlot* slots = nullptr;
   sem_t* frame_ready = nullptr;
   std::thread writer;
@@ -97,8 +107,30 @@ TEST_F(LoopTest, FirstTurnEndsTheStreamThatNeverWas) {
   EXPECT_EQ(sent_settings(), "");
 }
 
-TEST_F(LoopTest, MjpegIsAnnouncedTwiceAndStreams) {
+TEST_F(LoopTest, StreamThatRunsAlreadyIsFedAtOnce) {
+  commit(kFormatMjpeg);
+  raise(UVC_EVENT_STREAMON);
+  pile_up_posts();
+  stream_turn(stream);
+  EXPECT_LT(posts(), 10);
+  EXPECT_EQ(received(), "2 2 2 ") << "queued when the node was opened";
+  stream_turn(stream);
+  EXPECT_EQ(received(), "5000 5000 5000 ");
+  EXPECT_EQ(sent_settings(), "");
+}
+
+TEST_F(LoopTest, EndOfTheServiceIsNoEndOfTheStream) {
   start(kFormatMjpeg);
+  sent_settings();
+  uvc_stream_state.exit_flag = 1;
+  stream_turn(stream);
+  EXPECT_EQ(sent_settings(), "") << "the shutdown tells the server";
+}
+
+TEST_F(LoopTest, MjpegIsAnnouncedTwiceAndStreams) {
+  pile_up_posts();
+  start(kFormatMjpeg);
+  EXPECT_LT(posts(), 10);
   const std::string notice = "2 1 1280 720 30 0 1 0 32768 99 60 0 0\n";
   EXPECT_EQ(sent_settings(), notice + notice);
   EXPECT_EQ(config_changed, 0);
@@ -186,6 +218,22 @@ TEST_F(LoopTest, DequeueFailuresAreCountedAndSaid) {
   testing::internal::CaptureStderr();
   stream_turn(stream);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "VIDIOC_QBUF Timeout!\n");
+}
+
+TEST_F(LoopTest, BufferThatTheDriverNamesWronglyIsNotTouched) {
+  start(kFormatMjpeg);
+  received();
+  for (const char* fault : {"DQBUF gives index 7", "DQBUF gives index 32", "DQBUF gives index 4294967295"}) {
+    SCOPED_TRACE(fault);
+    ASSERT_TRUE(host.script(fault));
+    const auto slept = sim::sleep_count().microseconds;
+    stream_turn(stream);
+    EXPECT_EQ(received(), "2 2 2 ") << "this turn's buffers, lest they are lost";
+    EXPECT_GE(sim::sleep_count().microseconds - slept, 3 * 20'000u);
+    ASSERT_TRUE(host.script("clear"));
+    stream_turn(stream);
+    EXPECT_EQ(received(), "5000 5000 5000 ");
+  }
 }
 
 TEST_F(LoopTest, BufferWithoutAMappingIsLeftOutUntilItCanBeMapped) {

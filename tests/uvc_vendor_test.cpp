@@ -2,6 +2,8 @@
 #include "uvc/uvc_vendor.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/wait.h>
 
 #include <array>
 
@@ -186,6 +188,9 @@ TEST_F(VendorTest, RebootAndPrivateStartWantTheirByte) {
   set(25, {0});  // nobody to tell yet
   EXPECT_EQ(host.call_log().find("PRIVATE", before), std::string::npos);
   EXPECT_EQ(run.shell_log(), "insmod /opt/vcam/ko/extdrv/g_webcam.ko\n");
+  set(24, {1});
+  EXPECT_THAT(run.shell_log(), testing::EndsWith("\nreboot\n"));
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
 }
 
 }  // namespace

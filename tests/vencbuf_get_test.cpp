@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <semaphore.h>
 #include <sys/shm.h>
+#include <sys/time.h>
 
 #include <atomic>
 #include <chrono>
@@ -14,6 +15,17 @@
 #include "common/stream_state.h"
 #include "sim/run.h"
 
+using namespace std::chrono_literals;
+
+// A clock that is ahead when the reader makes its deadline, and then set back.
+static time_t clock_lead;
+extern "C" int __real_gettimeofday(timeval*, void*);
+extern "C" int __wrap_gettimeofday(timeval* now, void* zone) {
+  const int result = __real_gettimeofday(now, zone);
+  now->tv_sec += clock_lead;
+  return result;
+}
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -21,15 +33,28 @@ using Clock = std::chrono::steady_clock;
 class RingTest : public testing::Test {
  protected:
   void SetUp() override {
-    const int id = shmget(sim::run_key(VENC_RING_KEY), kRingSize, IPC_CREAT | 0666);
-    slots = static_cast<EncFrameSlot*>(shmat(id, nullptr, 0));
+    make_ring();
     publish(0, 1);
     ASSERT_EQ(vencbuf_get_init(), 0);
-    ready = sem_open(sim::run_semaphore(kFrameReadySemaphore).c_str(), 0);
-    released = sem_open(sim::run_semaphore(kSlotReleasedSemaphore).c_str(), 0);
+    make_semaphores();
     uvc_stream_state.stream_on = 1;
   }
   void TearDown() override { vencbuf_exit(); }
+
+  // The writer's start.
+  void make_ring() {
+    const int id = shmget(sim::run_key(VENC_RING_KEY), kRingSize, IPC_CREAT | 0666);
+    slots = static_cast<EncFrameSlot*>(shmat(id, nullptr, 0));
+  }
+  void make_semaphores() {
+    ready = sem_open(sim::run_semaphore(kFrameReadySemaphore).c_str(), O_CREAT, 0644, 1);
+    released = sem_open(sim::run_semaphore(kSlotReleasedSemaphore).c_str(), O_CREAT, 0644, 1);
+  }
+  static void remove_ring() { shmctl(shmget(sim::run_key(VENC_RING_KEY), 0, 0), IPC_RMID, nullptr); }
+  static void remove_semaphores() {
+    for (const char* name : {kFrameReadySemaphore, kSlotReleasedSemaphore})
+      sem_unlink(sim::run_semaphore(name).c_str());
+  }
 
   void publish(int slot, u32 seq) {
     slots[slot].seq = seq;
@@ -104,6 +129,68 @@ TEST_F(RingTest, WaitsForTheWritersPost) {
   writer.join();
 }
 
+TEST_F(RingTest, FindsWhatTheWriterMadeAnew) {
+  const struct {
+    const char* name;
+    bool ring, semaphores;
+  } rows[] = {{"both", true, true}, {"ring", true, false}, {"semaphores", false, true}};
+  u32 seq = 0;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    if (row.ring) remove_ring(), make_ring();
+    if (row.semaphores) remove_semaphores(), make_semaphores();
+    while (sem_trywait(released) == 0) continue;
+    const u32 first = ++seq;
+    std::atomic<bool> done = false;
+    std::thread writer([&] {
+      for (int slot = 0; !done; slot ^= 1) {
+        if (std::atomic_ref(*reinterpret_cast<u32*>(&slots[slot])) != kSlotReading) publish(slot, seq++);
+        sem_post(ready);
+        std::this_thread::sleep_for(30ms);
+      }
+    });
+    const auto start = Clock::now();
+    for (bool found = false; !found && Clock::now() < start + 5s;) {
+      EncFrameSlot* slot = vencbuf_get();
+      found = slot && slot->seq >= first;
+      if (slot) vencbuf_release(slot);
+      found = found && value(released) == 1;
+    }
+    EXPECT_LT(Clock::now() - start, 3s) << "some 600 ms on an idle machine";
+    done = true;
+    writer.join();
+    sem_post(ready);
+    const int posts = value(ready);
+    vencbuf_clear();
+    EXPECT_EQ(value(ready), posts - 1);
+  }
+}
+
+TEST_F(RingTest, WhatWasOnlyRemovedStaysInUse) {
+  remove_ring();
+  shmget(sim::run_key(VENC_RING_KEY), 4096, IPC_CREAT | 0666);
+  remove_semaphores();
+  std::thread writer([this] {
+    std::this_thread::sleep_for(750ms);
+    publish(0, 5);
+    sem_post(ready);
+  });
+  EncFrameSlot* slot = vencbuf_get();
+  writer.join();
+  ASSERT_NE(slot, nullptr);
+  EXPECT_EQ(slots[0].state, kSlotReading);
+}
+
+TEST_F(RingTest, HeapOfPostsGoesAsLongAsTheStreamGoesOn) {
+  for (int i = 0; i < 1000; i++) sem_post(ready);
+  vencbuf_clear_all();
+  EXPECT_EQ(value(ready), 0);
+  sem_post(ready);
+  uvc_stream_state.stream_on = 0;
+  vencbuf_clear_all();
+  EXPECT_EQ(value(ready), 1);
+}
+
 TEST_F(RingTest, GivesUpAfter25SlicesWhateverSignalsCome) {
   std::signal(SIGUSR1, [](int) {});
   std::atomic<bool> done = false;
@@ -115,7 +202,9 @@ TEST_F(RingTest, GivesUpAfter25SlicesWhateverSignalsCome) {
   });
   while (sem_trywait(ready) == 0) continue;
   const auto start = Clock::now();
-  EXPECT_EQ(vencbuf_get(), nullptr);
+  static int waits = 0;
+  EXPECT_EQ(vencbuf_get([] { waits++; }), nullptr);
+  EXPECT_EQ(waits, 25);
   EXPECT_GT(Clock::now() - start, std::chrono::milliseconds(2400));
   EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(4000));
   done = true;
@@ -153,15 +242,19 @@ struct EndRow {
   const char* name;
   Word* word;
   i32 value;
+  time_t clock_lead = 0;
 };
 
 TEST_F(RingTest, EndsWithTheStreamOrTheService) {
   const EndRow rows[] = {{"stream", &uvc_stream_state.stream_on, 0},
-                         {"service", &uvc_stream_state.exit_flag, 1}};
+                         {"service", &uvc_stream_state.exit_flag, 1},
+                         {"stream, clock set back", &uvc_stream_state.stream_on, 0, 3600}};
   for (const EndRow& row : rows) {
     SCOPED_TRACE(row.name);
     uvc_stream_state.stream_on = 1;
     uvc_stream_state.exit_flag = 0;
+    clock_lead = row.clock_lead;
+    while (sem_trywait(ready) == 0) continue;
     std::thread ender([&row] {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
       *row.word = row.value;
@@ -173,6 +266,18 @@ TEST_F(RingTest, EndsWithTheStreamOrTheService) {
     EXPECT_NE(testing::internal::GetCapturedStderr().find("get buffer timeout!\n"), std::string::npos);
     ender.join();
   }
+}
+
+TEST_F(RingTest, ClockThatIsSetBackDoesNotHoldUpAFrame) {
+  clock_lead = 3600;
+  std::thread writer([this] {
+    std::this_thread::sleep_for(50ms);
+    publish(0, 1);
+  });
+  const auto start = Clock::now();
+  EXPECT_NE(vencbuf_get(), nullptr);
+  EXPECT_LT(Clock::now() - start, 1s);
+  writer.join();
 }
 
 TEST_F(RingTest, IgnoresStatesThatAreNotReady) {

@@ -4,6 +4,8 @@
 #include <cstring>
 
 #include "common/cancel.h"
+#include "common/wait_limit.h"
+#include "ipc/file_msg_drv.h"
 #include "platform/sys.h"
 #include "support/print.h"
 #include "uvc/uvc_state.h"
@@ -12,6 +14,12 @@ static constexpr char kPrintFile[] = "uvc_class.c";
 
 static constexpr u32 kPollsBetweenPauses = 2000;  // while streaming; an idle thread pauses before every poll
 static constexpr useconds_t kPause = 1000;
+static constexpr u32 kTurnsToStopAgain = 10;
+
+using Clock = WaitLimit::Clock;
+static constexpr std::chrono::milliseconds kHostPatience{5000};
+static constexpr std::chrono::milliseconds kServerShare{4400};  // of an event's time, for the system server
+static constexpr std::chrono::milliseconds kLeastForData{100};  // a SET is tried, however late it is
 
 static i32 buffer_type_ioctl(const UvcEventLoop& loop, unsigned long request) {
   i32 type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
@@ -54,22 +62,25 @@ static i32 end_stream(const UvcEventLoop& loop) {
   return buffer_type_ioctl(loop, VIDIOC_STREAMOFF);
 }
 
-// A node that a DISCONNECT left streaming must be stopped before the host selects the streaming interface
-// again: current kernels crash when it is started without, and switch the new stream's endpoint off when it
-// comes later.
-static void stop_left_stream(UvcEventLoop& loop) {
-  if (!loop.left_streaming) return;
-  loop.left_streaming = end_stream(loop) < 0;
+// Stops the node; one that refuses is told again in the turns that find no event. The result of
+// VIDIOC_STREAMOFF.
+static i32 stop_node(UvcEventLoop& loop) {
+  const i32 result = end_stream(loop);
+  loop.left_streaming = result < 0;
+  loop.stop_again_in = result < 0 ? kTurnsToStopAgain : 0;
+  return result;
 }
 
+// A node that a DISCONNECT left streaming must be stopped before the host selects the streaming interface
+// again: current kernels crash when it is started without.
 static void on_connect(UvcEventLoop& loop, const v4l2_event&) {
   PRINT_INFO("UVC_EVENT_CONN\n");
-  stop_left_stream(loop);
+  if (loop.left_streaming) stop_node(loop);
   uvc_stream_state.connected = 1;
   uvc_stream_state.stream_stopped = 0;
 }
 
-// Deliberate: the node is not told here that the stream has ended, see stop_left_stream.
+// Deliberate: the node is not told here that the stream has ended, see on_connect.
 static void on_disconnect(UvcEventLoop& loop, const v4l2_event&) {
   PRINT_INFO("UVC_EVENT_DISCONN\n");
   if (u32* word = usb_disconnect_word.load()) std::atomic_ref<u32>(*word).store(1);
@@ -80,23 +91,25 @@ static void on_disconnect(UvcEventLoop& loop, const v4l2_event&) {
   loop.left_streaming = true;
 }
 
+// The host's SET_INTERFACE is under way, also when the start fails: at a VIDIOC_STREAMOFF now current kernels
+// would switch off the endpoint that it has just selected.
 static void on_stream_on(UvcEventLoop& loop, const v4l2_event&) {
   PRINT_INFO("set inter 1 UVC_EVENT_STREAMON\n");
-  stop_left_stream(loop);
+  loop.stop_again_in = 0;
   const i32 result = buffer_type_ioctl(loop, VIDIOC_STREAMON);
   if (result < 0) {
     PRINT_INFO("VIDIOC_STREAMON  failed (%d)\n", result);
     return;
   }
-  uvc_stream_state.stream_starts = uvc_stream_state.stream_starts + 1;
+  loop.left_streaming = false;
+  if (!uvc_stream_state.streaming()) uvc_stream_state.stream_starts = uvc_stream_state.stream_starts + 1;
   uvc_stream_state.stream_on = 1;
   uvc_stream_state.stream_stopped = 0;
 }
 
 static void on_stream_off(UvcEventLoop& loop, const v4l2_event&) {
   PRINT_INFO("UVC_EVENT_STREAMOFF\n");
-  const i32 result = end_stream(loop);
-  loop.left_streaming = result < 0;
+  const i32 result = stop_node(loop);
   if (result < 0) PRINT_INFO("VIDIOC_STREAMOFF  failed (%d)\n", result);
 }
 
@@ -122,10 +135,18 @@ static void read_setup(UvcRequestContext& request, const u8* packet) {
   request.wLength = get_le16(packet + 6);
 }
 
+// When the driver queued the event, by its own stamp if it has one.
+static Clock::time_point time_of(const v4l2_event& event) {
+  const auto stamp =
+      std::chrono::seconds(event.timestamp.tv_sec) + std::chrono::nanoseconds(event.timestamp.tv_nsec);
+  const Clock::time_point now = Clock::now();
+  return stamp.count() > 0 ? std::min(Clock::time_point(stamp), now) : now;
+}
+
 // Every SETUP is answered, known or not: what the answer buffer holds goes out.
-static void on_setup(UvcEventLoop& loop, const v4l2_event& event) {
+static void answer(UvcEventLoop& loop) {
   UvcRequestContext& request = loop.request;
-  read_setup(request, event.u.data);
+  loop.put_off = false;
   if (const Handler handler = handler_of(request.bRequest)) handler(&request);
   request.data.length = data_length(request);
   std::memcpy(request.data.data, uvc_resp_buf, request.data.length);
@@ -133,15 +154,42 @@ static void on_setup(UvcEventLoop& loop, const v4l2_event& event) {
   if (result < 0) PRINT_INFO("UVCIOC_SEND_RESPONSE IN failed (%d)\n", result);
 }
 
+// No newer SETUP came: the host may still wait, the server is not asked.
+static void answer_late(UvcEventLoop& loop) {
+  const WaitLimit passed(Clock::now());
+  answer(loop);
+}
+
+static void on_setup(UvcEventLoop& loop, const v4l2_event& event) {
+  read_setup(loop.request, event.u.data);
+  loop.put_off = event.pending > 0 && Clock::now() - time_of(event) > kHostPatience;
+  if (loop.put_off) return;
+  const WaitLimit limit(time_of(event) + kServerShare);
+  answer(loop);
+}
+
 static void on_data(UvcEventLoop& loop, const v4l2_event& event) {
   UvcRequestContext& request = loop.request;
   const i32 length = data_length(request);
   std::memcpy(&request.data, event.u.data, sizeof(request.data.length) + length);
   std::memcpy(uvc_resp_buf, request.data.data, length);
+  const WaitLimit limit(std::max(time_of(event) + kServerShare, Clock::now() + kLeastForData));
   uvc_setcur(&request);
 }
 
+static void on_no_event(UvcEventLoop& loop) {
+  if (loop.put_off) answer_late(loop);
+  if (loop.stop_again_in > 0 && --loop.stop_again_in == 0) stop_node(loop);
+}
+
+// A system server that started anew may have made the parameter segment anew.
+static void follow_parameter_segment() {
+  if (u32* flags = GetSysRequestFlags()) usb_disconnect_word = flags;
+  if (const CameraCache* cache = GetSysCameraCache()) camera_cache = cache;
+}
+
 static void serve(UvcEventLoop& loop, const v4l2_event& event) {
+  follow_parameter_segment();
   static constexpr void (*kEventHandlers[])(UvcEventLoop&, const v4l2_event&) = {
       on_connect, on_disconnect, on_stream_on, on_stream_off, on_setup, on_data};
   const u32 at = event.type - UVC_EVENT_CONNECT;
@@ -151,7 +199,7 @@ static void serve(UvcEventLoop& loop, const v4l2_event& event) {
 void uvc_event_turn(UvcEventLoop& loop) {
   pause_between_polls(loop);
   v4l2_event event = {};
-  if (sys::ioctl(*loop.device, VIDIOC_DQEVENT, &event) < 0) return;
+  if (sys::ioctl(*loop.device, VIDIOC_DQEVENT, &event) < 0) return on_no_event(loop);
   serve(loop, event);
 }
 

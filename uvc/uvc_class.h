@@ -9,8 +9,10 @@
 struct UvcEventLoop {
   const Word* device;           ///< the gadget node's descriptor
   UvcRequestContext request;    ///< the last SETUP; zero before the first
+  bool put_off = false;         ///< that SETUP has not been answered: its host may have given it up
   u32 polls = 0;                ///< since the last pause, while streaming
   bool left_streaming = false;  ///< the stream is over, but the node has not been stopped
+  u32 stop_again_in = 0;        ///< turns without an event until it is told again to stop; 0: it is not
 };
 
 /// Thread entry; `device` is the address of the Word that holds the descriptor of the opened, non-blocking
@@ -21,5 +23,8 @@ void* uvc_class_procesing(void* device);
 /// Subscribes to the six event types and tells the driver that the service is there. 0, or -1 after a report.
 i32 uvc_event_subscribe(UvcEventLoop& loop);
 
-/// One turn: pauses as the stream state wants it, then takes and serves one event, if there is one.
+/// One turn: pauses as the stream state wants it, then takes and serves one event, if there is one. The
+/// answer to a SETUP leaves within 4.5 s of its event, whatever the system server does. A SETUP that is older
+/// than the 5 s after which a host gives up is answered only when no newer one waits: the driver knows no
+/// tags, and would send its answer as the newer one's.
 void uvc_event_turn(UvcEventLoop& loop);

@@ -72,10 +72,17 @@ static void keep_reading(const Control& control, u32 value) {
   std::memcpy(control.stored, word, control.cur.count);
 }
 
+// The low 16 bits of the cached word as they are; only a server's answer is brought within the limits.
 static UvcStatus get_reading(const Control& control) {
-  std::optional<u32> reading = cached(control);
-  if (!reading) reading = inquire(control);
-  if (reading) keep_reading(control, within_limits(control, *reading & 0xFFFF));
+  if (const std::optional<u32> word = cached(control))
+    keep_reading(control, *word & 0xFFFF);
+  else if (const std::optional<u32> reading = inquire(control))
+    keep_reading(control, within_limits(control, *reading & 0xFFFF));
+  return give_stored(control);
+}
+
+static UvcStatus get_zoom(const Control& control) {
+  if (const std::optional<u32> reading = inquire(control)) keep_reading(control, *reading);
   return give_stored(control);
 }
 
@@ -357,7 +364,7 @@ static constexpr Control kCameraTerminal[] = {
         .set_cur = keep_status,
     },
     word_control({.selector = CT_ZOOM_ABSOLUTE_CONTROL, .stored = zoom, .max = 16384,
-                  .get = get_reading, .set = set_zoom, .visca = kViscaZoomPosition}),
+                  .get = get_zoom, .set = set_zoom, .visca = kViscaZoomPosition}),
     {
         .selector = CT_ZOOM_RELATIVE_CONTROL,
         .len = reply_word(3),

@@ -1,6 +1,7 @@
 #include "uvc/uvc_class_encoder.h"
 
 #include <algorithm>
+#include <mutex>
 
 #include "ipc/VeltoDrvMsg.h"
 #include "support/print.h"
@@ -32,11 +33,15 @@ static constexpr CodecRow kCodecs[] = {
     {kFormatH265, kCodecH265, &h265_rate_control, false, {2, 4, 3, 2}, 0, {0, 2048}, 2, 0},
 };
 
-static const CodecRow* codec_row(i32 format) {
+static const CodecRow* row_with(i32 CodecRow::*member, i32 value) {
   const auto row = std::find_if(std::begin(kCodecs), std::end(kCodecs),
-                                [format](const CodecRow& candidate) { return candidate.format == format; });
+                                [&](const CodecRow& candidate) { return candidate.*member == value; });
   return row == std::end(kCodecs) ? nullptr : row;
 }
+
+// Held while the record is changed or copied, not while it is sent: that may wait for the server.
+static std::mutex record_lock;
+static u32 record_changes;  // under the lock
 
 static i32 wanted_mode(const CodecRow& row) {
   const bool too_fast = row.format == kFormatMjpeg && encoder_record.frame_rate > kMjpegTopRate;
@@ -63,8 +68,17 @@ static void store_rate_control(const CodecRow& row) {
   for (i32 i = 0; i < row.counts[mode]; i++) encoder_record.rc_param[at++] = row.settings->param[mode][i];
 }
 
-static EncoderSettings snapshot() {
-  EncoderSettings settings = {
+// The codec and its rate control. With record_lock held.
+static void store_codec(const CodecRow& row) {
+  record_changes++;
+  encoder_record.codec = row.codec;
+  if (row.settings) store_rate_control(row);
+}
+
+// The record as it stands, and the number of its last change.
+static u32 copy_record(EncoderSettings& settings) {
+  const std::lock_guard lock(record_lock);
+  settings = {
       .width = encoder_record.width,
       .height = encoder_record.height,
       .frame_rate = encoder_record.frame_rate,
@@ -74,30 +88,50 @@ static EncoderSettings snapshot() {
       .rc_param = {},
   };
   std::copy(std::begin(encoder_record.rc_param), std::end(encoder_record.rc_param), settings.rc_param);
-  return settings;
+  return record_changes;
 }
 
-static void send_record(i32 running) { SendEncoderSettings({kHeader, running, snapshot()}); }
+static bool changed_since(u32 change) {
+  const std::lock_guard lock(record_lock);
+  return record_changes != change;
+}
+
+// Both threads may send at once: whoever finds the record changed behind its back sends it again, so that the
+// last one that leaves is the newest.
+static void send_record(i32 running) {
+  EncoderSettingsMessage message = {kHeader, running, {}};
+  u32 change;
+  do {
+    change = copy_record(message.settings);
+    SendEncoderSettings(message);
+  } while (changed_since(change));
+}
 
 void notify_stream_start() { send_record(1); }
 
 void notify_stream_stop() { send_record(0); }
 
-static void refresh(i32 format) {
-  const CodecRow* row = codec_row(format);
+void refresh_encoder_settings() {
+  const CodecRow* row = row_with(&CodecRow::format, cur_format);
   if (!row) return;
-  encoder_record.codec = row->codec;
-  if (row->settings) store_rate_control(*row);
+  {
+    const std::lock_guard lock(record_lock);
+    store_codec(*row);
+  }
   notify_stream_start();
 }
 
-void refresh_encoder_settings() { refresh(cur_format); }
-
 void apply_encoder_settings(i32 columns, i32 lines, i32 format, i32 rate) {
-  encoder_record.width = columns;
-  encoder_record.height = lines;
-  encoder_record.frame_rate = rate;
-  refresh(format);
+  const CodecRow* row = row_with(&CodecRow::format, format);
+  {
+    const std::lock_guard lock(record_lock);
+    record_changes++;
+    encoder_record.width = columns;
+    encoder_record.height = lines;
+    encoder_record.frame_rate = rate;
+    if (row) store_codec(*row);
+  }
+  if (row) notify_stream_start();
 }
 
 i32 get_key_frame_interval() {
@@ -113,9 +147,14 @@ void store_key_frame_interval(i32 frames) {
   }
 }
 
+// A commit may come at any moment: the codec is the record's own, not that of cur_format.
 void set_key_frame_interval(i32 frames) {
   store_key_frame_interval(frames);
-  refresh_encoder_settings();
+  {
+    const std::lock_guard lock(record_lock);
+    if (const CodecRow* row = row_with(&CodecRow::codec, encoder_record.codec)) store_codec(*row);
+  }
+  notify_stream_start();
 }
 
 // 10000 is the best quality; the parameters at it are the ones that the bit rates and quantisers below name.
@@ -182,6 +221,10 @@ void change_quality(i32 quality) {
 
 void set_frame_rate(i32 rate) {
   PRINT_INFO("cur_frame_rate = %d\n", rate);
-  encoder_record.frame_rate = rate;
+  {
+    const std::lock_guard lock(record_lock);
+    record_changes++;
+    encoder_record.frame_rate = rate;
+  }
   notify_stream_start();
 }

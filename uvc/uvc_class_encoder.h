@@ -9,7 +9,7 @@
 void apply_encoder_settings(i32 columns, i32 lines, i32 format, i32 rate);
 
 /// Refreshes the record's codec and rate control for the committed format and sends it; nothing for an
-/// unknown format.
+/// unknown format. Control thread only.
 void refresh_encoder_settings();
 
 /// Tells the system server that a stream runs, or has stopped, with the record as it stands.
@@ -21,7 +21,7 @@ void notify_stream_stop();
 i32 get_key_frame_interval();
 /// Stores the interval in every mode of H.264 and H.265, and tells nobody.
 void store_key_frame_interval(i32 frames);
-/// The same, then refreshes the record and sends it.
+/// The same, then refreshes the rate control of the record's codec and sends the record.
 void set_key_frame_interval(i32 frames);
 
 /// Scales bit rates and quantisers of the current format's rate control and sends the record. `quality` is in

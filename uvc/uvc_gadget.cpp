@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 #include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -11,6 +13,7 @@
 #include "ipc/file_msg_drv.h"
 #include "ipc/msg_records.h"
 #include "ipc/sys_msg_drv.h"
+#include "platform/output.h"
 #include "platform/sys.h"
 #include "support/hi_tools.h"
 #include "support/print.h"
@@ -27,6 +30,7 @@
 static constexpr char kPrintFile[] = "uvc_gadget.c";
 
 static constexpr useconds_t kConnectPause = 5'000;
+static constexpr useconds_t kCommandPause = 5'000;
 
 static constexpr u32 kPinMuxRegisters[] = {0x200F0074, 0x200F01A8};
 static constexpr u32 kPortSelectPin = 122;
@@ -80,7 +84,7 @@ static i32 attach_channels() {
 static i64 read_usb_port() {
   const SysInfo* info = GetSysInfo();
   if (!info) {
-    std::fprintf(stderr, "uvc_gadget: no valid parameter record from the system server, ending\n");
+    output(STDERR_FILENO, "uvc_gadget: no valid parameter record from the system server, ending\n");
     return -1;
   }
   const u32 port = info->usb_port;
@@ -88,18 +92,27 @@ static i64 read_usb_port() {
   return port;
 }
 
+// A command that has not ended when the service is to end goes on alone.
+static void run_until_exit(const char* command) {
+  if (uvc_stream_state.exit_flag) return;
+  const pid_t child = sys::spawn(command);
+  while (child > 0 && !uvc_stream_state.exit_flag && waitpid(child, nullptr, WNOHANG) == 0) {
+    serve_signals();
+    sys::usleep(kCommandPause);
+  }
+}
+
 static void reload_modules() {
-  for (const char* command : kModuleCommands) sys::system(command);
+  for (const char* command : kModuleCommands) run_until_exit(command);
 }
 
 // The node opened and its events served by a thread; -1 when the service is to end instead.
 static i32 bring_up_device(pthread_t* thread) {
-  while (uvc_device_open() == 0) {
+  while (!uvc_stream_state.exit_flag && uvc_device_open() == 0) {
     const int result = pthread_create(thread, nullptr, uvc_class_procesing, &uvc_video_fd);
     if (result == 0) return 0;
     PRINT_INFO("can't create thread: %s\n", std::strerror(result));
     uvc_device_close();
-    if (uvc_stream_state.exit_flag) break;
   }
   return -1;
 }

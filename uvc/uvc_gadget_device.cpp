@@ -66,12 +66,12 @@ static i32 request_buffers() {
   return 0;
 }
 
-// A result of -1 leaves the buffer unmapped.
-static i32 map_queried(const v4l2_buffer& record) {
+// A result of -1 leaves the buffer unmapped. The index in the driver's answer does not count.
+static i32 map_queried(u32 index, const v4l2_buffer& record) {
   void* start = sys::mmap(nullptr, record.length, PROT_READ | PROT_WRITE, MAP_SHARED, uvc_video_fd,
                           static_cast<off_t>(record.m.offset));
   if (start == MAP_FAILED) return -1;
-  uvc_buffers[record.index] = {static_cast<u8*>(start), record.length};
+  uvc_buffers[index] = {static_cast<u8*>(start), record.length};
   return 0;
 }
 
@@ -92,7 +92,7 @@ static i32 queue_empty(u32 index) {
 static i32 query_and_map(u32 index) {
   v4l2_buffer record = uvc_buffer_record(index);
   if (sys::ioctl(uvc_video_fd, VIDIOC_QUERYBUF, &record) < 0) return -1;
-  return map_queried(record);
+  return map_queried(index, record);
 }
 
 static i32 map_and_queue_all() {
@@ -131,30 +131,36 @@ i32 uvc_device_open() {
   }
 }
 
+// The number is forgotten first: once closed it may be another file's.
+static void close_node() {
+  const i32 number = uvc_video_fd;
+  uvc_video_fd = -1;
+  sys::close(number);
+}
+
 void uvc_device_close() {
   unmap_all();
   uvc_buffer_count = 0;
-  sys::close(uvc_video_fd);
-  uvc_video_fd = -1;
+  close_node();
 }
 
 void uvc_device_give_up() {
   const i32 nothing = sys::open("/dev/null", O_RDWR | O_CLOEXEC);
-  if (nothing < 0 || dup2(nothing, uvc_video_fd) < 0) PRINT_INFO("cannot give up %s\n", kNode);
+  if (nothing < 0) return close_node();
+  dup2(nothing, uvc_video_fd);
   fcntl(uvc_video_fd, F_SETFD, FD_CLOEXEC);
-  if (nothing >= 0) sys::close(nothing);
+  sys::close(nothing);
 }
 
 i32 uvc_device_rearm_buffer(u32 index) {
-  if (query_and_map(index) < 0) {
-    PRINT_INFO("set mmap errr\n");
-    return -1;
-  }
+  if (query_and_map(index) < 0) return -1;
   queue_empty(index);
   return 0;
 }
 
 void uvc_device_rearm() {
   unmap_all();
-  for (u32 i = 0; i < uvc_buffer_count; i++) uvc_device_rearm_buffer(i);
+  for (u32 i = 0; i < uvc_buffer_count; i++) {
+    if (uvc_device_rearm_buffer(i) < 0) PRINT_INFO("set mmap errr\n");
+  }
 }

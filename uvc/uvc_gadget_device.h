@@ -15,13 +15,15 @@ i32 uvc_device_open();
 void uvc_device_close();
 
 /// Closes the node for good, for another program, but keeps its number on /dev/null: whoever still uses the
-/// number meets errors and no other file. Control thread.
+/// number meets errors and no other file. If /dev/null cannot be opened, uvc_video_fd becomes -1 instead.
+/// Control thread.
 void uvc_device_give_up();
 
-/// Maps every buffer anew and queues it with an empty payload, after a stream has ended.
+/// Maps every buffer anew and queues it with an empty payload, after a stream has ended. Says so when one
+/// cannot be mapped.
 void uvc_device_rearm();
 
-/// The same for one buffer that could not be mapped then. 0 or -1.
+/// The same for one buffer that could not be mapped then. 0, or -1 without a report.
 i32 uvc_device_rearm_buffer(u32 index);
 
 /// The record with which buffer `index` is queried, queued and dequeued.

@@ -1,10 +1,12 @@
 #include "uvc/uvc_gadget_fill.h"
 
+#include <unistd.h>
+
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 #include "platform/hi_mpi.h"
+#include "platform/output.h"
 #include "support/print.h"
 #include "uvc/uvc_gadget_device.h"
 #include "uvc/uvc_gadget_signals.h"
@@ -77,7 +79,7 @@ i32 frame_get_yuv(u8* destination, u32 dst_size, u32 layout) {
     return -1;
   }
   const YuvResult result = yuv_convert(mapped.planes, layout, destination, dst_size);
-  if (result.luma_out_of_range) std::puts("Check.");
+  if (result.luma_out_of_range) output(STDOUT_FILENO, "Check.\n");
   if (yuv_bytes_needed(layout, picture.width, picture.height) > dst_size) {
     PRINT_ERROR("Insufficient memory space.");
   }
@@ -137,7 +139,7 @@ static void copy_frame(v4l2_buffer& buffer, const EncFrameSlot& slot, i32 size) 
 static i32 fill_from_ring(v4l2_buffer& buffer) {
   do {
     serve_signals();
-    EncFrameSlot* slot = vencbuf_get();
+    EncFrameSlot* slot = vencbuf_get(serve_signals);
     if (!slot) {
       PRINT_ERROR_IN("uvc_video_fill_buffer", "vencbuf_get Error\n");
       put_empty_payload(buffer);

@@ -1,6 +1,7 @@
 #include "uvc/uvc_gadget_loop.h"
 
-#include "ipc/sys_msg_drv.h"
+#include <utility>
+
 #include "platform/sys.h"
 #include "support/print.h"
 #include "uvc/uvc_class_encoder.h"
@@ -8,20 +9,23 @@
 #include "uvc/uvc_gadget_fill.h"
 #include "uvc/uvc_gadget_signals.h"
 #include "uvc/uvc_state.h"
+#include "vencbuf/vencbuf_get.h"
 
 static constexpr char kPrintFile[] = "uvc_gadget.c";
 
 static constexpr useconds_t kIdlePause = 10'000;
 static constexpr useconds_t kDequeuePause = 20'000;
 static constexpr u32 kDequeueFailures = 100;
-static constexpr u32 kIntraFrames =
-    4;  // H.264 and H.265 run with key frames only until this frame of a stream
+// H.264 and H.265 run with key frames only until this frame of a stream.
+static constexpr u32 kIntraFrames = 4;
 
 static bool has_key_frames() { return cur_format == kFormatH264 || cur_format == kFormatH265; }
 
+static void adopt_stream() { fed_stream = uvc_stream_state.stream_starts; }
+
 static void start_stream(StreamLoop& loop) {
   loop.stopped = false;
-  fed_stream = uvc_stream_state.stream_starts;
+  adopt_stream();
   if (has_key_frames()) {
     loop.saved_gop = get_key_frame_interval();
     set_key_frame_interval(1);
@@ -30,6 +34,7 @@ static void start_stream(StreamLoop& loop) {
     notify_stream_start();  // Deliberate: these formats are announced twice
   }
   notify_stream_start();
+  vencbuf_clear_all();
 }
 
 static void stop_stream(StreamLoop& loop) {
@@ -52,10 +57,11 @@ static i32 queue(v4l2_buffer& buffer) {
   return stream_goes_on() ? sys::ioctl(uvc_video_fd, VIDIOC_QBUF, &buffer) : 0;
 }
 
-// Deliberate: the buffer is offered with a length of 0 bytes, and a run of failures is called a queue
-// timeout.
-static void on_dequeue_failure(StreamLoop& loop, v4l2_buffer& buffer) {
-  buffer.bytesused = 0;
+// This turn's buffer is offered in case the driver has it no longer. Deliberate: a run of failures is called
+// a queue timeout.
+static void on_dequeue_failure(StreamLoop& loop, u32 index, u32 payload) {
+  v4l2_buffer buffer = uvc_buffer_record(index);
+  buffer.bytesused = payload;
   queue(buffer);
   loop.dq_fail_count++;
   sys::usleep(kDequeuePause);
@@ -64,7 +70,7 @@ static void on_dequeue_failure(StreamLoop& loop, v4l2_buffer& buffer) {
   loop.dq_fail_count = 0;
 }
 
-static bool is_mapped(u32 index) { return uvc_buffers[index].start != nullptr; }
+static bool is_mapped(u32 index) { return index < uvc_buffer_count && uvc_buffers[index].start != nullptr; }
 
 // A buffer that could not be mapped when the last stream ended: it is tried again, and filled once it comes
 // round.
@@ -72,15 +78,21 @@ static void mend_buffer(u32 index) {
   if (uvc_device_rearm_buffer(index) < 0) sys::usleep(kDequeuePause);
 }
 
+// Takes a buffer from the driver. False when there is none, or when the driver names one that has no mapping
+// or lies outside the table. Deliberate: 0 bytes are offered in the first case.
+static bool dequeue(StreamLoop& loop, v4l2_buffer& buffer) {
+  const u32 index = buffer.index;
+  const bool given = sys::ioctl(uvc_video_fd, VIDIOC_DQBUF, &buffer) >= 0;
+  if (given && is_mapped(buffer.index)) return true;
+  on_dequeue_failure(loop, index, given ? kEmptyPayload : 0);
+  return false;
+}
+
 static void feed_buffer(StreamLoop& loop, u32 index) {
   serve_signals();
   if (!is_mapped(index)) return mend_buffer(index);
   v4l2_buffer buffer = uvc_buffer_record(index);
-  if (loop.need_dequeue && sys::ioctl(uvc_video_fd, VIDIOC_DQBUF, &buffer) < 0) {
-    on_dequeue_failure(loop, buffer);
-    return;
-  }
-  if (!is_mapped(buffer.index)) return;  // not this turn's buffer, but the one that the driver gave
+  if (loop.need_dequeue && !dequeue(loop, buffer)) return;
   count_frame(loop);
   uvc_video_fill_buffer(0, &buffer);
   loop.dq_fail_count = 0;
@@ -95,13 +107,17 @@ static void feed_all_buffers(StreamLoop& loop) {
 }
 
 static void rest(StreamLoop& loop) {
+  if (uvc_stream_state.exit_flag) return;  // the shutdown tells the server
   if (!loop.stopped) stop_stream(loop);
   sys::usleep(kIdlePause);
 }
 
 void stream_turn(StreamLoop& loop) {
   serve_signals();
-  EndOverdueSysMsg();
+  if (std::exchange(loop.first_turn, false)) {
+    adopt_stream();
+    vencbuf_clear_all();
+  }
   if (loop.stopped && uvc_stream_state.streaming()) start_stream(loop);
   if (!loop.stopped && stream_goes_on()) {
     feed_all_buffers(loop);

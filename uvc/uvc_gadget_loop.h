@@ -6,6 +6,7 @@
 
 /// What the loop keeps from one turn to the next.
 struct StreamLoop {
+  bool first_turn = true;      ///< a stream that runs then has not been started by this loop
   bool stopped = false;        ///< the end of the last stream has been handled
   bool need_dequeue = false;   ///< the driver owns the buffers; false right after they were queued empty
   u32 dq_fail_count = 0;       ///< failed dequeues in a row
@@ -13,7 +14,7 @@ struct StreamLoop {
   i32 saved_gop = 30;          ///< key-frame interval to be put back then
 };
 
-/// One turn: starts, feeds or ends a stream, or sleeps 10 ms; also ends the control thread's wait for an
-/// answer that the system server owes. A streaming turn is paced by the dequeue and
-/// the frame sources alone. The first turn ends a stream that never was.
+/// One turn: starts, feeds or ends a stream, or sleeps 10 ms. A streaming turn is paced by the dequeue and
+/// the frame sources alone. The first turn feeds a stream that runs already, or runs the end-of-stream steps
+/// although no stream has run.
 void stream_turn(StreamLoop& loop);

@@ -1,5 +1,9 @@
 #include "uvc/uvc_gadget_signals.h"
 
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <csignal>
 
 #include "common/stream_state.h"
@@ -11,9 +15,16 @@ static constexpr char kPrintFile[] = "uvc_gadget.c";
 static Word exit_requested;
 static Word reload_requested;
 
+// How long the orderly end may take: whatever holds it up, the service ends within a second.
+static constexpr itimerval kEndLimit = {.it_interval = {}, .it_value = {.tv_sec = 0, .tv_usec = 700'000}};
+
+static void end_at_once(int) { _exit(0); }
+
 void exitfunction(int) {
+  static std::atomic_flag limited;  // a second signal does not put the end off
   exit_requested = 1;
   uvc_stream_state.exit_flag = 1;
+  if (!limited.test_and_set()) setitimer(ITIMER_REAL, &kEndLimit, nullptr);
 }
 
 static void request_reload(int signal) {
@@ -23,6 +34,7 @@ static void request_reload(int signal) {
 void install_reload_handler() { std::signal(SIGUSR1, request_reload); }
 
 void install_exit_handlers() {
+  std::signal(SIGALRM, end_at_once);
   std::signal(SIGINT, exitfunction);
   std::signal(SIGTERM, exitfunction);
 }

@@ -23,8 +23,8 @@ extern Word cur_frame_rate;  ///< frames per second
 extern Word cur_quality;     ///< wCompQuality
 extern Word cfg_col;         ///< cur_col of the last applied commit
 extern Word cfg_line;
-extern Word
-    last_format;  ///< cur_format of the last applied commit; -1 from a stream's end to the next commit
+/// cur_format of the last applied commit; -1 from a stream's end to the next commit.
+extern Word last_format;
 extern Word config_changed;
 extern Word still_trigger_format;
 extern Word still_trigger;
@@ -66,6 +66,6 @@ extern u8 uvc_resp_buf[4096];
 /// Request status of the last class request. Control thread only.
 extern u8 uvc_request_error_code;
 
-/// Words of the parameter segment; null until start-up has found them.
+/// Words of the parameter segment, where that lies now; null until start-up has found them.
 extern std::atomic<u32*> usb_disconnect_word;
 extern std::atomic<const CameraCache*> camera_cache;

@@ -73,7 +73,7 @@ void uvc_vendor_init(const char* version, const char* date) {
 static void start_update() {
   uvc_device_give_up();
   PRINT_INFO("System update!\n");
-  sys::system(kUpdateCommand);
+  sys::launch(kUpdateCommand);
 }
 
 void Korrindale_fireware_process(i32 mode, u8* buffer) {
@@ -271,7 +271,7 @@ static UvcStatus set_private_start(const Control&) {
 }
 
 static UvcStatus set_reboot(const Control&) {
-  if (uvc_resp_buf[0] == 1) sys::system(kRebootCommand);
+  if (uvc_resp_buf[0] == 1) sys::launch(kRebootCommand);
   return kNoError;
 }
 

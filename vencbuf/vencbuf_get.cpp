@@ -7,20 +7,29 @@
 
 #include <atomic>
 #include <cerrno>
+#include <utility>
 
 #include "common/stream_state.h"
+#include "platform/alarm.h"
 #include "platform/sys.h"
 #include "support/print.h"
 
 static constexpr char kPrintFile[] = "vencbuf_get.c";
 
+using Clock = Alarm::Clock;
+
 static constexpr int kAttempts = 25;
-static constexpr long kSliceNs = 100'000'000;
+static constexpr std::chrono::nanoseconds kSlice = std::chrono::milliseconds(100);
+static constexpr std::chrono::milliseconds kAlarmDelay(150);
+static constexpr std::chrono::milliseconds kBetweenLooks(500);
+static constexpr u32 kPostsInVain = 5;
 
 static sem_t* frame_ready;
 static sem_t* slot_released;
 static int ring_id = -1;
 static EncFrameSlot* ring;
+static u32 posts_in_vain;  // since the last frame; a writer of another ring may share our semaphores
+static Clock::time_point next_look;
 
 // The state is the slot's first word; a member of a packed record cannot be referred to.
 static std::atomic_ref<u32> state_of(EncFrameSlot& slot) {
@@ -33,6 +42,7 @@ static sem_t* open_semaphore(const char* name) {
 }
 
 i32 vencbuf_get_init() {
+  Alarm{kAlarmDelay};  // makes this thread's timer, which takes heap
   frame_ready = open_semaphore(kFrameReadySemaphore);
   if (!frame_ready) {
     PRINT_ERROR("sem_open error!\n");
@@ -69,10 +79,16 @@ void vencbuf_clear() {
   if (pending_posts(frame_ready) != 0) sem_trywait(frame_ready);
 }
 
+void vencbuf_clear_all() {
+  for (int posts = pending_posts(frame_ready); posts > 0 && stream_goes_on(); posts--) {
+    sem_trywait(frame_ready);
+  }
+}
+
 static timespec slice_end() {
   timeval now;
   gettimeofday(&now, nullptr);
-  timespec end{now.tv_sec, now.tv_usec * 1000 + kSliceNs};
+  timespec end{now.tv_sec, static_cast<long>(now.tv_usec * 1000 + kSlice.count())};
   if (end.tv_nsec >= 1'000'000'000) {
     end.tv_sec++;
     end.tv_nsec -= 1'000'000'000;
@@ -103,18 +119,58 @@ static EncFrameSlot* take_oldest_ready() {
   return nullptr;
 }
 
-// Waits for the writer's post; a signal does not cut the slice short, unless it ended the stream or the
-// service.
-static void wait_for_post() {
+// Whether the writer's post came within the slice. A signal does not cut the slice short, unless it ended the
+// stream or the service; a wall clock that is set back does not make it longer.
+static bool wait_for_post() {
+  if (sem_trywait(frame_ready) == 0) return true;
+  const auto over = Clock::now() + kSlice;
   const timespec end = slice_end();
-  while (sem_timedwait(frame_ready, &end) != 0 && errno == EINTR && stream_goes_on()) continue;
+  const Alarm alarm(kAlarmDelay);
+  while (sem_timedwait(frame_ready, &end) != 0) {
+    if (errno != EINTR || !stream_goes_on() || Clock::now() >= over) return false;
+  }
+  return true;
 }
 
-EncFrameSlot* vencbuf_get() {
+// A segment that was removed stays in use until there is another one under its key. The frames in that one
+// are the writer's newest: they are not thrown away.
+static void follow_ring() {
+  const int id = sys::shmget(VENC_RING_KEY, kRingSize, 0);
+  if (id == -1 || id == ring_id) return;
+  void* address = shmat(id, nullptr, 0);
+  if (address == reinterpret_cast<void*>(-1)) return;
+  shmdt(ring);
+  ring_id = id;
+  ring = static_cast<EncFrameSlot*>(address);
+  PRINT_INFO("frame ring was made anew\n");
+}
+
+// A name that still leads to the same semaphore gives the same pointer, with one reference more to close.
+static void follow_semaphore(const char* name, sem_t*& semaphore) {
+  sem_t* named = sys::sem_open(name, 0, 0, 0);
+  if (named == SEM_FAILED) return;
+  sem_close(std::exchange(semaphore, named));
+}
+
+// A writer that began anew may have made ring and semaphores anew as well.
+static void follow_writer() {
+  const auto now = Clock::now();
+  if (now < next_look) return;
+  next_look = now + kBetweenLooks;
+  follow_ring();
+  follow_semaphore(kFrameReadySemaphore, frame_ready);
+  follow_semaphore(kSlotReleasedSemaphore, slot_released);
+}
+
+EncFrameSlot* vencbuf_get(void (*between_waits)()) {
   vencbuf_clear();
   for (int i = 0; i < kAttempts && stream_goes_on(); i++) {
-    if (EncFrameSlot* slot = take_oldest_ready()) return slot;
-    wait_for_post();
+    if (EncFrameSlot* slot = take_oldest_ready()) {
+      posts_in_vain = 0;
+      return slot;
+    }
+    if (!wait_for_post() || ++posts_in_vain >= kPostsInVain) follow_writer();
+    if (between_waits) between_waits();
   }
   PRINT_ERROR("get buffer timeout!\n");
   return nullptr;

@@ -9,14 +9,20 @@
 i32 vencbuf_get_init();
 
 /// Takes the oldest ready slot; waits up to about 2.5 s, and 100 ms at most once the stream or the service
-/// ends. Null after a report when there was none. The caller gives the slot back with vencbuf_release.
-EncFrameSlot* vencbuf_get();
+/// ends. Null after a report when there was none. The caller gives the slot back with vencbuf_release before
+/// the next call. `between_waits` is called every 100 ms at most. A ring or semaphores that the writer has
+/// removed and made anew are found within 700 ms, while no frame comes.
+EncFrameSlot* vencbuf_get(void (*between_waits)() = nullptr);
 
 /// Marks the slot released and wakes the writer.
 void vencbuf_release(EncFrameSlot* slot);
 
 /// Drops one pending post of the frame-ready semaphore.
 void vencbuf_clear();
+
+/// Drops the posts that have piled up while nobody took frames, as long as the stream goes on. To be called
+/// when a stream starts: vencbuf_get would not wait before they are used up.
+void vencbuf_clear_all();
 
 /// Closes the semaphores and detaches the segment. The service leaves both to its end.
 void vencbuf_exit();

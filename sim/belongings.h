@@ -1,0 +1,19 @@
+// What a process has: to find out whether it has the same afterwards as before.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace sim {
+
+struct Belongings {
+  long files = 0, threads = 0, mappings = 0;
+  long own_kilobytes = 0;  ///< resident memory that no file or segment backs
+  std::string text() const;
+};
+
+/// From /proc; all zero when there is no such process.
+Belongings belongings_of(pid_t process);
+
+}  // namespace sim
