@@ -110,7 +110,6 @@ TEST_F(VeltoInterface, OperationsOfGetAVData) {
       {"by serial, whole pool", 2, 2, 28, 0, 0, 4097, serial5, "0: 28 4097 36 40 52 56 48 64 68 pool+0"},
       {"by serial, past the pool", 2, 2, 28, 0, 1, 4097, serial5, failed(-97)},
       {"by serial, huge", 2, 2, 28, 0, INT_MAX, INT_MAX, serial5, failed(-97)},
-      {"by serial, negative size", 2, 2, 28, 0, 512, -1, serial5, failed(-97)},
       {"by serial -98", 2, 2, 28, -98, 512, 64, serial5, failed(-1)},
       {"by serial -99", 2, 2, 28, -99, 512, 64, serial5, failed(-99)},
       {"by serial, other", 2, 2, 28, 5, 512, 64, serial5, failed(-400)},

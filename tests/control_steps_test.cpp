@@ -59,14 +59,5 @@ TEST(ControlSteps, NoneIsRightForACameraThatDoesNotObey) {
   }
 }
 
-TEST(ControlSteps, NameControlsAndTheirPicturesApart) {
-  std::set<std::string_view> names;
-  for (const ControlStep& step : control_steps()) {
-    EXPECT_TRUE(names.insert(step.name).second) << step.name;
-    for (const auto& setting : step.settings)
-      EXPECT_TRUE(!setting.control || find_host_control(setting.control)) << step.name;
-  }
-}
-
 }  // namespace
 }  // namespace sim

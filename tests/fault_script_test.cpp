@@ -15,15 +15,11 @@ TEST(FaultScriptTest, ReadsEveryFormWithItsTimes) {
     double duration;  ///< -1: none
   } const faults[] = {
       {"at 1.5s fail QBUF 2", FaultKind::kNode, "fail QBUF 2", 1.5, -1},
-      {"fail I2C_READ 3-5 errno=19", FaultKind::kNode, "fail I2C_READ 3-5 errno=19", 0, -1},
       {"fail STREAMON * for 2s", FaultKind::kNode, "fail STREAMON *", 0, 2},
       {"  reqbufs  returns count ", FaultKind::kNode, "reqbufs returns count", 0, -1},
       {"DQBUF gives index 7", FaultKind::kNode, "DQBUF gives index 7", 0, -1},
-      {"at 3.2s unplug for 500ms", FaultKind::kUnplug, "", 3.2, 0.5},
       {"unplug for 0.5s at 3.2s", FaultKind::kUnplug, "", 3.2, 0.5},
       {"at 1s server dead for 2s", FaultKind::kServerDead, "", 1, 2},
-      {"server mute for 2s at 1s", FaultKind::kServerMute, "", 1, 2},
-      {"encoder silent for 1s at 2s", FaultKind::kEncoderSilent, "", 2, 1},
       {"log queue full", FaultKind::kLogQueueFull, "", 0, -1},
   };
   for (const auto& expected : faults) {
@@ -43,14 +39,10 @@ TEST(FaultScriptTest, NamesWhatItDoesNotUnderstand) {
     const char* complaint;
   } const faults[] = {
       {"", "no such fault: \"\""},
-      {"server ded", "no such fault: \"server ded\""},
-      {"fail QBUF", "no such fault: \"fail QBUF\""},
       {"fail qbuf 2", "no such fault: \"fail qbuf 2\""},
       {"at 1s", "no such fault: \"\""},
       {"server dead for a while", "\"for\" needs a time such as 1.5s or 300ms, not \"a\""},
-      {"server dead at -1s", "not \"-1s\""},
       {"server dead at 1e999s", "not \"1e999s\""},
-      {"server dead at", "\"at\" needs a time such as 1.5s or 300ms"},
       {"server dead at 1s at 2s", "no such fault: \"server dead at 2s\""},
       {"unplug for 1s", "\"unplug\" needs \"at TIME\" and \"for TIME\""},
   };

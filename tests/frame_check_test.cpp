@@ -128,24 +128,5 @@ TEST(Checker, AWholePictureServesAsASource) {
   }
 }
 
-TEST(Source, AVideoBeginsAgainAtItsEnd) {
-  const ScratchFile file(".mjpeg");
-  std::ofstream video(file.path, std::ios::binary);
-  for (const Bytes& picture : payloads(kCodecMjpeg))
-    video.write(reinterpret_cast<const char*>(picture.data()), static_cast<long>(picture.size()));
-  video.close();
-
-  Scene scene(file.path, 320, 240, false);
-  std::vector<Bytes> luma;  // with the same counter all over, only the video makes a difference
-  for (int i = 0; i < 25; ++i) {
-    const AVFrame& picture = scene.picture(0, {.pan = 5});
-    luma.emplace_back(picture.data[0], picture.data[0] + picture.linesize[0] * picture.height);
-  }
-  EXPECT_NE(luma[0], luma[1]);
-  EXPECT_EQ(luma[0], luma[10]);
-  EXPECT_EQ(luma[4], luma[24]);
-  EXPECT_EQ(Source::open("/nowhere/video.mp4"), nullptr);
-}
-
 }  // namespace
 }  // namespace sim

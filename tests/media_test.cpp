@@ -13,10 +13,10 @@
 #include "platform/hi_mpi.h"
 #include "sim/frame_counter.h"
 #include "sim/physical_memory.h"
-#include "sim/ring_writer.h"
 #include "sim/run.h"
 #include "sim/wait_on.h"
 #include "tests/media_helpers.h"
+#include "vencbuf/enc_frame.h"
 
 namespace sim {
 namespace {
@@ -43,19 +43,17 @@ class RingReader {
   }
 
   /// The oldest ready frame; empty when none came in time.
-  RingFrame take(int limit_ms = 1000, int copy_ms = 0) {
+  RingFrame take(int limit_ms = 1000) {
     int index = -1;
     wait_on(*ready_, monotonic_ns() + limit_ms * kMillisecond, [&] { return (index = oldest()) >= 0; });
     if (index < 0) return {};
     set_state(index, kSlotReading);
-    sleep_ms(copy_ms);
     const EncFrameSlot& slot = slots_[index];
     RingFrame frame{slot.frame_type, slot.width, slot.height, Bytes(slot.data, slot.data + slot.size)};
     set_state(index, kSlotReleased);
     wake(*released_);
     return frame;
   }
-  u32 state(int slot) const { return word(slot).load(); }
 
  private:
   std::atomic_ref<u32> word(int slot) const {
@@ -63,7 +61,7 @@ class RingReader {
   }
   void set_state(int slot, u32 value) { word(slot) = value; }
   int oldest() const {
-    const bool ready[] = {state(0) == kSlotReady, state(1) == kSlotReady};
+    const bool ready[] = {word(0) == kSlotReady, word(1) == kSlotReady};
     if (ready[0] && ready[1]) return static_cast<i32>(slots_[1].seq - slots_[0].seq) < 0;
     return ready[0] ? 0 : ready[1] ? 1 : -1;
   }
@@ -82,26 +80,6 @@ class RingTest : public testing::Test {
 
   sim::Run run_;
 };
-
-TEST_F(RingTest, StreamsAreWholeAlsoWhenTheReaderHesitates) {
-  Media media;
-  RingReader reader;
-  for (EncoderCodec codec : {kCodecMjpeg, kCodecH264, kCodecH265}) {
-    media.apply(start(settings(codec)));
-    FrameChecker checker(format_of(codec), 320, 240);
-    for (int i = 0; i < 24; ++i) {
-      const RingFrame frame = reader.take(1000, i == 5 ? 50 : 0);
-      EXPECT_EQ(frame.type, codec == kCodecMjpeg ? 3u : i == 0 ? 1u : 0u) << i;
-      check(frame, checker);
-      if (i == 12) sleep_ms(200);
-      if (i == 18) media.apply(start(settings(codec)));
-    }
-    EXPECT_EQ(text(checker.report()), "frames=24") << codec;
-    EXPECT_GT(checker.report().latency_ms, 0.0);
-    media.apply(stop(settings(codec)));
-  }
-  EXPECT_EQ(media.counts().dropped, 0u);
-}
 
 TEST_F(RingTest, TheKeyFrameIntervalIsFollowedWithoutABreak) {
   for (EncoderCodec codec : {kCodecH264, kCodecH265}) {
@@ -161,37 +139,6 @@ TEST_F(RingTest, WithoutAReaderTheRingStaysFreshAndDecodable) {
     EXPECT_LT(checker.report().latency_max_ms, 500);
   }
   EXPECT_GT(media.counts().dropped, 0u);
-}
-
-TEST_F(RingTest, AFrameThatDoesNotFitIsLeftOut) {
-  RingWriter writer;
-  RingReader reader;
-  const Bytes data(kEncFrameCapacity + 1, 7);
-  EXPECT_FALSE(writer.publish(*writer.acquire(), {3, data}, 320, 240));
-  EXPECT_TRUE(writer.publish(*writer.acquire(), {3, std::span(data).first(kEncFrameCapacity)}, 320, 240));
-  EXPECT_EQ(reader.take(0).data.size(), kEncFrameCapacity);
-  EXPECT_TRUE(reader.take(0).data.empty());
-}
-
-TEST_F(RingTest, FaultsComeAndGo) {
-  Media media;
-  RingReader reader;
-  media.apply(start(settings(kCodecMjpeg)));
-  for (EncoderFault fault : {EncoderFault::kSilent, EncoderFault::kDead}) {
-    EXPECT_FALSE(reader.take().data.empty());
-    media.set_fault(fault);
-    while (!reader.take(200).data.empty()) continue;
-    const auto made = media.counts().pictures;
-    sleep_ms(60);
-    EXPECT_EQ(media.counts().pictures, made);
-    const bool left_writing = reader.state(0) == 1 || reader.state(1) == 1;
-    EXPECT_EQ(left_writing, fault == EncoderFault::kDead);
-    media.set_fault(EncoderFault::kNone);
-  }
-  EXPECT_EQ(reader.take().width, 320u);
-  media.set_fault(EncoderFault::kWrongSize);
-  for (int i = 0; i < 3; ++i) reader.take();
-  EXPECT_EQ(reader.take().width, 160u);
 }
 
 class VpssTest : public testing::Test {
@@ -271,58 +218,6 @@ TEST_F(VpssTest, AHeldPictureStaysAndANeverReleasedOneIsReclaimed) {
   const VpssPicture last = take();
   EXPECT_EQ(HI_MPI_VPSS_ReleaseChnFrame(0, 3, &last), 0);
   EXPECT_NE(HI_MPI_VPSS_ReleaseChnFrame(0, 3, &last), 0);
-}
-
-TEST_F(VpssTest, ATakerLeftFromTheFormerStreamGetsItsPicture) {
-  Media media;
-  for (EncoderCodec codec : {kCodecMjpeg, kCodecH264, kCodecH265}) {
-    media.apply(start(settings(codec, 1920, 1080, 30)));
-    const VpssPicture picture = take();
-    EXPECT_EQ(picture.width, 1920u);
-    EXPECT_TRUE(luma_in_range(yuy2(picture)));
-    release(picture);
-    const auto before = media.counts().encoded;
-    for (int i = 0; i < 200 && media.counts().encoded == before; ++i) sleep_ms(10);
-    EXPECT_GT(media.counts().encoded, before);
-  }
-}
-
-TEST_F(VpssTest, ErrorsInsteadOfPictures) {
-  VpssPicture picture{};
-  EXPECT_NE(HI_MPI_VPSS_GetChnFrame(0, 3, &picture, -1), 0);  // nothing there: no waiting
-  EXPECT_EQ(HI_MPI_SYS_MmapCache(kPhysicalBase, 4096), nullptr);
-  auto media = std::make_unique<Media>();
-  EXPECT_NE(HI_MPI_VPSS_GetChnFrame(0, 2, &picture, -1), 0);
-  EXPECT_NE(HI_MPI_VPSS_GetChnFrame(1, 3, &picture, -1), 0);
-  EXPECT_NE(HI_MPI_VPSS_GetChnFrame(0, 3, &picture, 20), 0);
-  std::thread ends([&] {
-    sleep_ms(50);
-    media.reset();
-  });
-  EXPECT_NE(HI_MPI_VPSS_GetChnFrame(0, 3, &picture, -1), 0);
-  ends.join();
-}
-
-TEST_F(VpssTest, OnlyThePhysicalMemoryCanBeMapped) {
-  const PhysicalMemory memory;
-  constexpr u32 kEnd = kPhysicalBase + kPhysicalSize;
-  const struct {
-    u32 address, size;
-    bool good;
-  } cases[] = {{kPhysicalBase, 1, true},  {kPhysicalBase, kPhysicalSize, true},
-               {kPhysicalBase, 0, false}, {kPhysicalBase - 1, 2, false},
-               {kEnd - 1, 2, false},      {kEnd, 1, false},
-               {0, 4096, false},          {Media::pool_address(), Media::pool_size(), true}};
-  for (const auto& c : cases) {
-    auto* start = static_cast<u8*>(HI_MPI_SYS_MmapCache(c.address, c.size));
-    EXPECT_EQ(start != nullptr, c.good) << std::hex << c.address << ' ' << c.size;
-    if (!start) continue;
-    start[0] = 0x5A;
-    start[c.size - 1] = 0xA5;
-    EXPECT_EQ(*memory.at(c.address + c.size - 1), 0xA5);
-    EXPECT_EQ(HI_MPI_SYS_Munmap(start, c.size), 0);
-  }
-  EXPECT_NE(HI_MPI_SYS_Munmap(nullptr, 4096), 0);
 }
 
 }  // namespace

@@ -116,16 +116,6 @@ TEST_F(Node, EventsGoToSubscribersInOrderTwoOfAType) {
   EXPECT_EQ(gadget.event().type, 0u);
 }
 
-TEST_F(Node, ADescriptorThatIsReplacedIsTheNodeNoLonger) {
-  ASSERT_TRUE(start());
-  EXPECT_TRUE(host.wait_for_device(kSoon));
-  const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-  EXPECT_EQ(::dup2(null, gadget.fd), gadget.fd);  // closes the node without sys::close
-  EXPECT_FALSE(host.wait_for_device(0ms));
-  EXPECT_EQ(gadget.queue(0, 2), ENOTTY);
-  ::close(null);
-}
-
 TEST_F(Node, ClassRequestsReachTheServiceAndBack) {
   ASSERT_TRUE(start());
   usb_ctrlrequest last{};
@@ -152,9 +142,9 @@ TEST_F(Node, ClassRequestsReachTheServiceAndBack) {
     size_t got;  // bytes that reach the host, or with SET the service
     bool stalled;
   } rows[] = {
-      {kIn, 2, 2, 2, false},     {kIn, 8, 2, 2, false},   {kIn, 2, 26, 2, false}, {kIn, 64, 64, 60, false},
-      {kIn, 64, 255, 60, false}, {kIn, 65, 2, 0, true},   {kIn, 2, -1, 0, true},  {kIn, 0, 0, 0, false},
-      {kOut, 4, 4, 4, false},    {kOut, 2, 26, 2, false}, {kOut, 0, 0, 0, false}, {kOut, 4, -5, 0, true},
+      {kIn, 8, 2, 2, false},  {kIn, 2, 26, 2, false},  {kIn, 64, 255, 60, false},
+      {kIn, 65, 2, 0, true},  {kIn, 2, -1, 0, true},   {kIn, 0, 0, 0, false},
+      {kOut, 4, 4, 4, false}, {kOut, 2, 26, 2, false}, {kOut, 4, -5, 0, true},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << int{row.type} << ' ' << row.wanted << ' ' << row.length);
@@ -192,20 +182,6 @@ TEST_F(Node, AnAnswerThatComesLateIsTheNewestRequests) {
   });
   EXPECT_EQ(host.control({0xA1, 0x81, 0, 0, 1}).data, std::vector<u8>{50});
   service.join();
-}
-
-TEST_F(Node, SetInterfaceWaitsForTheService) {
-  ASSERT_TRUE(start());
-  EXPECT_FALSE(host.stream_on(kNever));
-  EXPECT_EQ(gadget.event().type, UVC_EVENT_STREAMON);
-  const Answering service(gadget, [&](const v4l2_event& event) {
-    if (event.type == UVC_EVENT_STREAMON) gadget.stream(VIDIOC_STREAMON);
-    if (event.type == UVC_EVENT_STREAMOFF) gadget.stream(VIDIOC_STREAMOFF);
-  });
-  ASSERT_TRUE(host.script("fail STREAMON 1"));
-  EXPECT_FALSE(host.stream_on(kNever));
-  EXPECT_TRUE(host.stream_on());
-  EXPECT_TRUE(host.stream_off());
 }
 
 TEST_F(Node, AStopWhileTheHostStartsLeavesTheEndpointOff) {
@@ -247,15 +223,9 @@ TEST_F(Node, ADisconnectCutsTheStreamOff) {
 
 TEST_F(Node, FaultsComeAsScripted) {
   ASSERT_TRUE(gadget.open());
-  for (const char* wrong : {"", "fail", "fail QBUF", "fail QBUF 0", "fail QBUF 3-2", "fail NOTHING 1",
-                            "fail QBUF 1x", "fail QBUF 1 errno=x", "fail QBUF 1 errno=5 6", "grant 33",
-                            "grant", "DQBUF gives index", "QBUF gives index 1"})
+  for (const char* wrong : {"", "fail QBUF", "fail QBUF 3-2", "fail NOTHING 1", "fail QBUF 1 errno=x",
+                            "grant 33", "DQBUF gives index", "QBUF gives index 1"})
     EXPECT_FALSE(host.script(wrong)) << wrong;
-
-  ASSERT_TRUE(host.script("fail OPEN 1 errno=19"));
-  EXPECT_FALSE(Gadget().open());
-  EXPECT_EQ(errno, ENODEV);
-
   ASSERT_TRUE(host.script("grant 2"));
   ASSERT_TRUE(host.script("reqbufs returns count"));
   EXPECT_EQ(gadget.request(3), 2);

@@ -1,9 +1,7 @@
-// camera_sim at its prompt: scripts on standard input, and a terminal.
+// camera_sim at its prompt, which a script on standard input may take the place of.
 #include "sim/prompt.h"
 
 #include <gmock/gmock.h>
-#include <poll.h>
-#include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -159,76 +157,6 @@ TEST(Prompt, CompletesCommandsTheirWordsAndFiles) {
   expect({"fault", ""}, AllOf(has("server"), has("clear")));
   expect({"fault", "server", ""}, AllOf(has("slow"), Not(has("silent"))));
   expect({"dance", ""}, none);
-}
-
-/// camera_sim on a terminal.
-class Terminal {
- public:
-  explicit Terminal(const fs::path& folder) {
-    pid_ = forkpty(&line_, nullptr, nullptr, nullptr);
-    if (pid_ != 0) return;
-    setenv("TERM", "dumb", 1);
-    setenv("XDG_STATE_HOME", folder.c_str(), 1);
-    if (chdir(folder.c_str()) == 0) execl(program().c_str(), "camera_sim", "--prompt", nullptr);
-    _exit(127);
-  }
-  ~Terminal() { close(line_); }
-
-  void type(const std::string& keys) { EXPECT_EQ(write(line_, keys.data(), keys.size()), std::ssize(keys)); }
-
-  /// Whether this came on the screen, from what came since the last call on; false when the program ended or
-  /// nothing came for 30 s.
-  bool shows(const std::string& text) {
-    while (screen_.find(text) == std::string::npos) {
-      char bytes[1024];
-      pollfd event{line_, POLLIN, 0};
-      const ssize_t count = poll(&event, 1, 30'000) > 0 ? read(line_, bytes, sizeof bytes) : 0;
-      if (count <= 0) return false;
-      screen_.append(bytes, static_cast<std::size_t>(count));
-    }
-    screen_.erase(0, screen_.find(text) + text.size());
-    return true;
-  }
-
-  int exit_status() {
-    while (shows("\n")) {
-    }
-    int status = -1;
-    waitpid(pid_, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  int line_;
-  pid_t pid_;
-  std::string screen_;
-};
-
-TEST_F(PromptTest, TerminalCompletesKeepsHistoryAndOutlivesCtrlC) {
-#if defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "this sanitizer holds Ctrl-C back while readline waits for a key";
-#endif
-  Terminal terminal(folder);
-  ASSERT_TRUE(terminal.shows("camera_sim> "));
-  terminal.type("get brigh\t\r");
-  EXPECT_TRUE(terminal.shows("brightness = 8"));
-  ASSERT_TRUE(terminal.shows("camera_sim> "));
-  terminal.type("rubbish");
-  ASSERT_TRUE(terminal.shows("rubbish"));
-  terminal.type("\x03");
-  ASSERT_TRUE(terminal.shows("camera_sim> "));
-  terminal.type("wait 1000\r");
-  ASSERT_TRUE(terminal.shows("wait 1000\r\n"));
-  terminal.type("\x03");
-  ASSERT_TRUE(terminal.shows("camera_sim> "));
-  terminal.type("dance\r");
-  EXPECT_TRUE(terminal.shows("no such command: \"dance\""));
-  ASSERT_TRUE(terminal.shows("camera_sim> "));
-  terminal.type("\x04");
-  EXPECT_EQ(terminal.exit_status(), 0) << "a slip of the fingers is no failure";
-  // Ctrl-C may have come before the command that it ended was kept.
-  EXPECT_THAT(contents(folder / "camera_sim/history"),
-              ContainsRegex("^get brightness \n(wait 1000\n)?dance\n$"));
 }
 
 }  // namespace

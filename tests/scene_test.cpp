@@ -21,77 +21,6 @@ double between(std::mt19937& random, double low, double high) {
   return std::uniform_real_distribution<>(low, high)(random);
 }
 
-AvPtr<AVFrame> noise(u32 seed) {
-  AvPtr<AVFrame> picture(av_frame_alloc());
-  picture->width = 64;
-  picture->height = 36;
-  picture->format = AV_PIX_FMT_YUV420P;
-  av_frame_get_buffer(picture.get(), 0);
-  std::mt19937 random(seed);
-  for (int plane = 0; plane < 3; ++plane) {
-    u8* const samples = picture->data[plane];
-    std::generate_n(samples, picture->linesize[plane] * (plane ? 18 : 36), [&] { return random(); });
-  }
-  return picture;
-}
-
-u8 sample(const AVFrame& picture, int plane, int x, int y) {
-  return picture.data[plane][y * picture.linesize[plane] + x];
-}
-
-double folded(const AVFrame& tile, int plane, int x, int y) {
-  const auto fold = [](int place, int size) {
-    while (place < 0 || place >= size) place = place < 0 ? -1 - place : 2 * size - 1 - place;
-    return place;
-  };
-  const int shift = plane == 0 ? 0 : 1;
-  return sample(tile, plane, fold(x, tile.width >> shift), fold(y, tile.height >> shift));
-}
-
-/// What a sample of the picture shows, as the geometry says it.
-double expected(const AVFrame& tile, const CameraView& view, int plane, int x, int y) {
-  const double scale = plane == 0 ? 1 : 0.5;
-  const double width = tile.width * scale, height = tile.height * scale, degree = width / kPictureDegrees;
-  const double from_middle = (x + 0.5 - width / 2) * (view.settings.picture_mode == kMirrored ? -1 : 1);
-  const double sx = width / 2 + view.pan * degree + from_middle / view.zoom - 0.5;
-  const double sy = height / 2 - view.tilt * degree + (y + 0.5 - height / 2) / view.zoom - 0.5;
-  const int left = static_cast<int>(std::floor(sx)), top = static_cast<int>(std::floor(sy));
-  const auto at = [&](int row) {
-    return std::lerp(folded(tile, plane, left, row), folded(tile, plane, left + 1, row), sx - left);
-  };
-  return std::lerp(at(top), at(top + 1), sy - top);
-}
-
-/// The greatest difference from what the geometry says.
-double difference(const AVFrame& tile, const CameraView& view) {
-  const AvPtr<AVFrame> picture = noise(0);
-  draw_view(tile, map_of(view, tile.width, tile.height), *picture);
-  double worst = 0;
-  for (int plane = 0; plane < 3; ++plane) {
-    for (int y = 0; y < tile.height >> (plane > 0); ++y)
-      for (int x = 0; x < tile.width >> (plane > 0); ++x)
-        worst = std::max(worst, std::abs(sample(*picture, plane, x, y) - expected(tile, view, plane, x, y)));
-  }
-  return worst;
-}
-
-TEST(View, ShowsItsPartOfTheMirroredTiles) {
-  const AvPtr<AVFrame> tile = noise(1);
-  const double step = 2 * kPictureDegrees / tile->width;  // two pixels: whole ones of the chroma as well
-  for (const auto& [pan, tilt] :
-       {std::pair{0.0, 0.0}, {step, 0.0}, {-step, 7 * step}, {90 * step, -40 * step}})
-    EXPECT_LT(difference(*tile, {.pan = pan, .tilt = tilt}), 1e-6) << pan << ' ' << tilt;
-  EXPECT_LT(difference(*tile, {.settings = {.picture_mode = kMirrored}}), 1e-6);
-
-  std::mt19937 random(2);
-  for (int i = 0; i < 200; ++i) {
-    CameraView view{
-        between(random, -170, 170), between(random, -90, 90), i % 4 ? between(random, 1, kMostZoom) : 1, {}};
-    if (i % 3 == 0) view.settings.picture_mode = kMirrored;
-    EXPECT_LT(difference(*tile, view), 3) << view.pan << ' ' << view.tilt << ' ' << view.zoom;
-  }
-}
-
 /// The scene's picture between the strips, as measured.
 struct Look {
   std::vector<u8> luma, u, v;
@@ -126,35 +55,6 @@ Look look(Scene& scene, const CameraView& view) {
   const auto [low, high] = std::ranges::minmax(result.luma);
   result.darkest = low, result.brightest = high;
   return result;
-}
-
-TEST(SceneView, PanAndTiltMoveTheSceneTheRightWay) {
-  Scene scene("", kWidth, kHeight, false);
-  const Look straight = look(scene, {}), moved = look(scene, {.pan = 6, .tilt = 3});
-  const auto at = [](const Look& seen, int x, int y) { return seen.luma[y * kWidth + x]; };
-  int wrong = 0;
-  for (int y = 24; y < kHeight - 2 * kStrip; ++y)
-    for (int x = 0; x < kWidth - 48; ++x) wrong += at(moved, x, y) != at(straight, x + 48, y - 24);
-  EXPECT_EQ(wrong, 0);
-  EXPECT_EQ(look(scene, {}).luma, straight.luma);
-}
-
-TEST(SceneView, TheMovingPartMovesThroughEveryView) {
-  Scene scene("", kWidth, kHeight, false);
-  for (const CameraView& view : {CameraView{}, CameraView{.zoom = 1.2}, CameraView{.pan = -5, .tilt = 3},
-                                 CameraView{.settings = {.picture_mode = kMirrored}}}) {
-    // The square's chroma, which nothing else of the scene has.
-    const auto middle = [&](u32 counter) {
-      const AVFrame& picture = scene.picture(counter, view);
-      double sum = 0, count = 0;
-      for (int y = 0; y < kHeight / 2; ++y)
-        for (int x = 0; x < kWidth / 2; ++x)
-          if (sample(picture, 1, x, y) == 90 && sample(picture, 2, x, y) == 200) sum += 2 * x + 1, ++count;
-      return sum / count;
-    };
-    const double way = 40 * view.zoom * (view.settings.picture_mode == kMirrored ? -1 : 1);
-    EXPECT_NEAR(middle(50) - middle(40), way, 2) << view.pan << ' ' << view.zoom;
-  }
 }
 
 TEST(SceneSettings, EveryStepChangesThePictureItsWay) {

@@ -38,10 +38,8 @@ TEST_F(ToolboxTest, BannerIgnoresThePrintLevel) {
   print_level = 0;
   const std::string build = "2025-06-04 11:25:23\t1213\t" + std::to_string(getpid()) + '\n';
   const char* const paths_and_names[][2] = {{"/usr/bin/uvc_gadget", "uvc_gadget"},
-                                            {"./uvc_gadget", "uvc_gadget"},
                                             {"uvc_gadget", "uvc_gadget"},
                                             {"/uvc_gadget", "/uvc_gadget"},
-                                            {"bin/", ""},
                                             {"", ""},
                                             {nullptr, "NULL"}};
   for (const auto& [path, name_text] : paths_and_names) {
@@ -63,12 +61,10 @@ TEST_F(ToolboxTest, LevelFile) {
       {"other=debug\nuvc_gadget info", 3, 3},
       {"error uvc_gadget verbose\n", 1, 1},
       {"uvc_gadget=verbose\n", 1, 5},
-      {"uvc_gadget=info,debug\n", 4, 4},
       {"uvc_gadget_old=warn\nuvc_gadget=debug\n", 2, 2},
       {"uvc_gadget\nuvc_gadget=debug\n", 0, 0},
       {"UVC_GADGET=debug\nuvc_gadget=DEBUG\n", 0, 0},
       {"uvc_gadget" + chunk + "debug\n", 0, 0},
-      {chunk + "uvc_gadget=warn\n", 2, 2},
       {"\0uvc_gadget=debug\nuvc_gadget=warn\0debug\n"s, 2, 2},
       {std::string(5000, '\0'), 0, 0},
   };

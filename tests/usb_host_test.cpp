@@ -25,7 +25,7 @@ struct Deviation {
 
 constexpr sim::StreamChoice kChoice{sim::StreamFormat::kH265, {1600, 1200}, 25};
 
-/// A camera that grants every probe, except for one deviation, and streams nothing.
+/// A camera that grants every probe, except for one deviation.
 class FakeCamera {
  public:
   explicit FakeCamera(const Deviation& deviation) : deviation_(deviation) {
@@ -38,15 +38,11 @@ class FakeCamera {
     service_.reset();
     sys::close(gadget_.fd);
   }
-  /// Once a stream has been started: the DATA of the last commit.
-  const UvcRequestData& committed() const { return committed_; }
 
  private:
   void serve(const v4l2_event& event) {
     if (event.type == UVC_EVENT_SETUP) answer(event);
-    if (event.type == UVC_EVENT_DATA) store(event);
-    if (event.type == UVC_EVENT_STREAMON) gadget_.stream(VIDIOC_STREAMON);
-    if (event.type == UVC_EVENT_STREAMOFF) gadget_.stream(VIDIOC_STREAMOFF);
+    if (event.type == UVC_EVENT_DATA) std::memcpy(probe_, event.u.data + sizeof(i32), 18);
   }
   void answer(const v4l2_event& event) {
     std::memcpy(&setup_, event.u.data, sizeof setup_);
@@ -60,18 +56,11 @@ class FakeCamera {
     }
     EXPECT_EQ(gadget_.call(UVCIOC_SEND_RESPONSE, &response), 0);
   }
-  void store(const v4l2_event& event) {
-    UvcRequestData data;
-    std::memcpy(&data, event.u.data, sizeof data);
-    std::memcpy(probe_, data.data, 18);
-    if (setup_.wValue == UVC_VS_COMMIT_CONTROL << 8) committed_ = data;
-  }
 
   const Deviation deviation_;
   Gadget gadget_;
   u8 probe_[26] = {};
   usb_ctrlrequest setup_{};
-  UvcRequestData committed_{};
   std::optional<Answering> service_;
 };
 
@@ -108,21 +97,4 @@ TEST(UsbHostTest, NamesWhatIsWrongWithACamerasAnswers) {
     EXPECT_FALSE(bus.host.enumerate() && bus.host.start(kChoice)) << error;
     EXPECT_THAT(bus.host.error(), HasSubstr(error));
   }
-}
-
-TEST(UsbHostTest, CommitsWhatWasAskedFor) {
-  Bus bus({UVC_GET_MAX, 12, 77});
-  sim::UsbHost& host = bus.host;
-  ASSERT_TRUE(host.enumerate() && host.start(kChoice)) << host.error();
-  const UvcRequestData& committed = bus.camera.committed();
-  EXPECT_EQ(committed.length, 26);
-  EXPECT_EQ(committed.data[2], 4);
-  EXPECT_EQ(committed.data[3], 6);
-  EXPECT_EQ(get_le32(committed.data + 4), 400000u);
-  EXPECT_EQ(committed.data[12], 77) << "the quality is the best that the camera knows";
-
-  const sim::StreamResult result = host.stop("");
-  EXPECT_EQ(host.error(), "");
-  EXPECT_EQ(result.payloads, 0u);
-  EXPECT_LT(result.first_picture_ms, 0);
 }

@@ -81,12 +81,6 @@ TEST(UsbPcapTest, EveryRequestIsReadByTheVideoDissector) {
 )");
 }
 
-TEST(UsbPcapTest, SaysWhenTheFileCannotBeWritten) {
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(sim::write_pcap("/nowhere/conversation.pcap", {}));
-  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("/nowhere/conversation.pcap: No such file"));
-}
-
 TEST(UsbDescriptorsTest, AllFramesAreThere) {
   const sim::Run run;
   const std::string path = sim::run_root() + "/conversation.pcap";

@@ -279,12 +279,4 @@ TEST_F(FillTest, LumaOutsideItsRangeIsSaidOncePerPicture) {
   }
 }
 
-TEST_F(FillTest, FrameGetYuvRefusesWhatItDoesNotKnowOrCannotHold) {
-  show(kVpssYuv420SemiPlanar, 16, 8, 16);
-  EXPECT_EQ(frame_get_yuv(memory.data(), 1000, kPlanar420), 192);
-  EXPECT_EQ(frame_get_yuv(memory.data(), 1000, 5), -1);
-  EXPECT_EQ(frame_get_yuv(memory.data(), 255, kPackedYuy2), -1);
-  EXPECT_TRUE(balanced());
-}
-
 }  // namespace

@@ -59,11 +59,11 @@ TEST_F(VendorTest, SaysWhatIsAsked) {
     u8 request, selector;
     const char* text;
   } rows[] = {
-      {UVC_GET_MIN, 0, "get extern 1 mini\n"},     {UVC_GET_MAX, 1, "get exter1 max\n"},
-      {UVC_GET_LEN, 2, "get osd len\n"},           {UVC_GET_MIN, 2, "get extern2 mini\n"},
-      {UVC_GET_MAX, 2, "get exter2 max\n"},        {UVC_GET_LEN, 3, "get dir ctrl len\n"},
-      {UVC_GET_LEN, 9, "get update ctrl len\n"},   {UVC_GET_INFO, 24, "get extern info 18\n"},
-      {UVC_GET_INFO, 255, "get extern info ff\n"}, {UVC_GET_LEN, 4, ""},
+      {UVC_GET_MIN, 0, "get extern 1 mini\n"},
+      {UVC_GET_MAX, 2, "get exter2 max\n"},
+      {UVC_GET_LEN, 9, "get update ctrl len\n"},
+      {UVC_GET_INFO, 255, "get extern info ff\n"},
+      {UVC_GET_LEN, 4, ""},
   };
   for (const auto& row : rows) {
     testing::internal::CaptureStderr();

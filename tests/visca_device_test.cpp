@@ -37,10 +37,6 @@ Bytes answer(CameraHead& head, const Bytes& frame) {
   return given.bytes;
 }
 
-void wait_until_still(const CameraHead& head) {
-  for (int i = 0; i < 2000 && head.moving(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-}
-
 PictureSettings with(void (*change)(PictureSettings&)) {
   PictureSettings settings;
   change(settings);
@@ -95,57 +91,14 @@ TEST(ViscaDeviceTest, SettingsChangeWhatTheyNameAndAreReadBack) {
   }
 }
 
-TEST(ViscaDeviceTest, HeadAndLensMoveAndReportWhereTheyAre) {
-  CameraHead head;
-  const Bytes where{0x81, 0x09, 0x06, 0x12, 0xFF};
-  EXPECT_EQ(answer(head, as_bytes(visca_pan_tilt_absolute(0xFFFE, 100))), kAccepted);
-  EXPECT_EQ(answer(head, as_bytes(visca_set_value(kViscaZoomPosition, 0x123))), kAccepted);
-  wait_until_still(head);
-  EXPECT_EQ(answer(head, where), word(100u << 16 | 0xFFFE));
-  EXPECT_EQ(answer(head, as_bytes(visca_inquiry(kViscaZoomPosition))), word(0x123));
-  EXPECT_EQ(answer(head, as_bytes(visca_set_value(kViscaZoomPosition, 0x4001))), kNoSuchValue);
-
-  const struct {
-    u8 pan, tilt;
-    int right, up;
-  } drives[] = {{kViscaPanLeft, kViscaTiltStop, -1, 0},
-                {kViscaPanRight, kViscaTiltStop, 1, 0},
-                {kViscaPanStop, kViscaTiltUp, 0, 1},
-                {kViscaPanStop, kViscaTiltDown, 0, -1},
-                {kViscaPanRight, kViscaTiltDown, 1, -1}};
-  const auto sign = [](double moved) { return (moved > 0) - (moved < 0); };
-  for (const auto& drive : drives) {
-    const sim::CameraView before = head.view();
-    EXPECT_EQ(answer(head, as_bytes(visca_pan_tilt_drive(drive.pan, drive.tilt))), kAccepted);
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(answer(head, as_bytes(visca_pan_tilt_drive(kViscaPanStop, kViscaTiltStop))), kAccepted);
-    EXPECT_FALSE(head.moving());
-    EXPECT_EQ(sign(head.view().pan - before.pan), drive.right);
-    EXPECT_EQ(sign(head.view().tilt - before.tilt), drive.up);
-  }
-  for (const u8 drive : {kViscaZoomTele, kViscaZoomWide}) {
-    const i32 before = head.zoom_position();
-    EXPECT_EQ(answer(head, as_bytes(visca_set_byte(kViscaZoomDrive, drive))), kAccepted);
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(answer(head, as_bytes(visca_set_byte(kViscaZoomDrive, kViscaZoomStop))), kAccepted);
-    EXPECT_EQ(sign(head.zoom_position() - before), drive == kViscaZoomTele ? 1 : -1);
-  }
-}
-
 TEST(ViscaDeviceTest, WhatIsNotACommandGetsItsErrorAndMovesNothing) {
   const std::pair<Bytes, Bytes> cases[] = {
       {{0x81, 0x01, 0x04, 0xEE, 0x00, 0xFF}, kNotUnderstood},
-      {{0x81, 0x01, 0x07, 0xA4, 0x00, 0xFF}, kNotUnderstood},
-      {{0x81, 0x02, 0x04, 0x47, 0xFF}, kNotUnderstood},
       {{0x82, 0x09, 0x04, 0x47, 0xFF}, kNotUnderstood},
-      {{0x81, 0x09, 0x04, 0x07, 0xFF}, kNotUnderstood},
       {{0x81, 0x09, 0x06, 0x47, 0xFF}, kNotUnderstood},
-      {{0x81, 0x09, 0x04, 0x12, 0xFF}, kNotUnderstood},
       {{0x81, 0x01, 0x04, 0xA4, 0x00, 0x00, 0x10, 0x08, 0xFF}, kNotUnderstood},
       {{0x81, 0x01, 0x06, 0x03, 0x10, 0x10, 0x01, 0x03, 0xFF}, kNotUnderstood},
       {{0x81, 0x01, 0x06, 0x01, 0x10, 0x10, 0x04, 0x03, 0xFF}, kNoSuchValue},
-      {{0x81, 0x01, 0x06, 0x01, 0x10, 0x10, 0x01, 0x00, 0xFF}, kNoSuchValue},
-      {{0x81, 0x01, 0x06, 0x01, 0x19, 0x10, 0x01, 0x01, 0xFF}, kNoSuchValue},
       {{0x81, 0x01, 0x06, 0x01, 0x10, 0x15, 0x01, 0x01, 0xFF}, kNoSuchValue},
       {{0x81, 0x01, 0x06, 0x01, 0x00, 0x10, 0x01, 0x01, 0xFF}, kNoSuchValue},
       {{0x81, 0x01, 0x04, 0x07, 0x04, 0xFF}, kNoSuchValue},
@@ -170,30 +123,4 @@ TEST(ViscaDeviceTest, WhatIsNotACommandGetsItsErrorAndMovesNothing) {
     EXPECT_EQ(answer(head, endless), kWrongLength);
   }
   EXPECT_EQ(head.view(), sim::CameraView{});
-}
-
-TEST(ViscaDeviceTest, RandomBytesNeverTakeTheCameraBeyondItsLimits) {
-  const ViscaFrame kinds[] = {visca_set_value(0, 0x0F0F), visca_set_byte(0, 0), visca_inquiry(0),
-                              visca_pan_tilt_drive(1, 1), visca_pan_tilt_absolute(0xF000, 0xF00)};
-  std::mt19937 random(20);
-  CameraHead head;
-  int accepted = 0;
-  for (int i = 0; i < 100'000; ++i) {
-    Bytes frame = as_bytes(kinds[random() % std::size(kinds)]);
-    if (frame[2] == 4) frame[3] = static_cast<u8>(random());
-    for (u32 changes = random() % 4; changes > 0; --changes)
-      frame[random() % frame.size()] = static_cast<u8>(random() % 2 ? random() : random() % 16);
-    if (random() % 16 == 0) frame.resize(random() % 20);
-    accepted += !obey_visca(head, frame).refused;
-    const sim::CameraView view = head.view();
-    const PictureSettings& s = view.settings;
-    ASSERT_TRUE(s.brightness <= 15 && s.contrast <= 15 && s.saturation <= 15 && s.sharpness <= 15 &&
-                s.gamma <= 6 && s.gain >= 4 && s.gain <= 15 && s.white_balance >= 1800 &&
-                s.white_balance <= 10000 && (s.picture_mode & 0xFC) == 0x10)
-        << testing::PrintToString(frame);
-    ASSERT_LE(std::abs(view.pan), 170);
-    ASSERT_LE(std::abs(view.tilt), 90);
-    ASSERT_LE(view.zoom, sim::kMostZoom);
-  }
-  EXPECT_GT(accepted, 1000);
 }
