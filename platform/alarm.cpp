@@ -64,3 +64,5 @@ thread_local const ThreadTimer timer;
 
 Alarm::Alarm(Clock::duration delay) { timer.start(delay); }
 Alarm::~Alarm() { timer.stop(); }
+
+void Alarm::prepare() { timer.stop(); }

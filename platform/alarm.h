@@ -14,4 +14,7 @@ class Alarm {
   explicit Alarm(Clock::duration delay);
   ~Alarm();
   Alarm(const Alarm&) = delete;
+
+  /// Makes this thread's timer, which takes heap, before it is needed.
+  static void prepare();
 };

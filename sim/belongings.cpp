@@ -20,7 +20,8 @@ Belongings belongings_of(pid_t process) {
   };
   Belongings found{.files = entries("fd"), .threads = entries("task")};
   std::string line;
-  for (std::ifstream maps(folder / "maps"); std::getline(maps, line);) ++found.mappings;
+  for (std::ifstream maps(folder / "maps"); std::getline(maps, line);)
+    found.mappings += line.find('/') != line.npos;
   constexpr std::string_view kOwn = "RssAnon:";
   for (std::ifstream status(folder / "status"); std::getline(status, line);)
     if (line.starts_with(kOwn)) found.own_kilobytes = std::atol(line.c_str() + kOwn.size());

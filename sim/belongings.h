@@ -8,7 +8,8 @@
 namespace sim {
 
 struct Belongings {
-  long files = 0, threads = 0, mappings = 0;
+  long files = 0, threads = 0;
+  long mappings = 0;       ///< of files and segments; the C library makes others as it likes
   long own_kilobytes = 0;  ///< resident memory that no file or segment backs
   std::string text() const;
 };

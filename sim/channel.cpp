@@ -65,7 +65,7 @@ void Channel::hold(bool held) {
   changed_.wait(guard, [&] { return resting_ == held || ended_; });
 }
 
-void Channel::set_delay(std::chrono::milliseconds delay) { delay_ = delay; }
+void Channel::set_delay(std::chrono::milliseconds delay) { delay_ms_ = static_cast<int>(delay.count()); }
 
 void Channel::fill() {
   const struct {
@@ -87,7 +87,7 @@ void Channel::run() {
   while (rest_while_held()) {
     const ssize_t size = msgrcv(queue_, &message, sizeof message.payload, type_, MSG_NOERROR);
     if (size < 0 && errno != EINTR) break;  // the queue is gone
-    if (size > static_cast<ssize_t>(kFillerSize) && pause(delay_))
+    if (size > static_cast<ssize_t>(kFillerSize) && pause(std::chrono::milliseconds(delay_ms_)))
       handler_({message.payload, static_cast<std::size_t>(size)});
   }
   std::lock_guard guard(lock_);

@@ -53,7 +53,7 @@ class Channel {
   const Handler handler_;
   std::mutex lock_;
   std::condition_variable changed_;
-  std::atomic<std::chrono::milliseconds> delay_{};
+  std::atomic<int> delay_ms_ = 0;
   bool held_ = false;
   bool stopping_ = false;
   bool resting_ = false;

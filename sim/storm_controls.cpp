@@ -38,8 +38,9 @@ const StormControls::Image StormControls::kImages[] = {
     {UVC_PU_SHARPNESS_CONTROL, kViscaSharpness, 10, "sharpness"},
 };
 
-StormControls::StormControls(Camera& camera, StormTally& tally, StormLog& log, u32 seed)
-    : camera_(camera), tally_(tally), log_(log), random_(seed) {
+StormControls::StormControls(Camera& camera, const Metronome& metronome, StormTally& tally, StormLog& log,
+                             u32 seed)
+    : camera_(camera), metronome_(metronome), tally_(tally), log_(log), random_(seed) {
   std::ranges::transform(kImages, last_, &Image::least);
   heard_ = camera.parties.server.received().size();
   thread_ = std::thread([this] { run(); });
@@ -87,10 +88,11 @@ void StormControls::any_request() {
 ControlAnswer StormControls::request(u8 request, u8 entity, u8 selector, std::span<const u8> data,
                                      std::size_t length) {
   const auto setup = class_request(request, kVideoControlInterface, entity, selector, length);
+  const double late_ms = metronome_.late_ms();
   const ControlAnswer answer = camera_.node.control(setup, data);
   ++tally_.requests;
   tally_.answer.note(answer.waited_ms);
-  if (answer.waited_ms > rules_.longest_ms) {
+  if (answer.waited_ms > rules_.longest_ms + metronome_.late_ms() - late_ms) {
     char text[96];
     std::snprintf(text, sizeof text, "%s of selector %u in unit %u was %s %.0f ms", request_name(request),
                   selector, entity, answer.timed_out ? "not answered for" : "answered after",

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "sim/camera.h"
+#include "sim/metronome.h"
 #include "sim/storm_tally.h"
 
 namespace sim {
@@ -25,7 +26,7 @@ struct StormRules {
 class StormControls {
  public:
   /// Begins paused.
-  StormControls(Camera& camera, StormTally& tally, StormLog& log, u32 seed);
+  StormControls(Camera& camera, const Metronome& metronome, StormTally& tally, StormLog& log, u32 seed);
   ~StormControls();
 
   void set_rules(const StormRules& rules) { rules_ = rules; }  ///< while paused
@@ -56,6 +57,7 @@ class StormControls {
 
   static const Image kImages[];
   Camera& camera_;
+  const Metronome& metronome_;
   StormTally& tally_;
   StormLog& log_;
   std::mt19937 random_;

@@ -75,11 +75,13 @@ void StormLives::enter(const StormEnd& end) {
 void StormLives::end(const StormEnd& end) {
   ++tally_.ends[static_cast<u32>(end.state)];
   log_->step(std::string(end.signal == SIGINT ? "SIGINT" : "SIGTERM") + " while " + name_of(end.state));
+  const double late_ms = metronome_.late_ms();
   const auto seconds = service_->stop(kServicePatience, end.signal);
+  const double limit = kServiceEnd + (metronome_.late_ms() - late_ms) / 1000;
   tally_.end.note(1000 * seconds.value_or(kServicePatience));
   if (!seconds) {
     log_->fail("the service did not end within 5 s and was killed");
-  } else if (*seconds > kServiceEnd || !service_->ended_with_success()) {
+  } else if (*seconds > limit || !service_->ended_with_success()) {
     log_->fail("the service ended after " + std::to_string(*seconds) + " s: " + service_->how_it_ended());
   }
   const auto errors = camera_.node.protocol_errors();

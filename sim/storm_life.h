@@ -49,6 +49,7 @@ class StormLives {
   StormTally& tally_;
   const Options options_;
   Camera camera_{options_};
+  Metronome metronome_;
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> output_{std::tmpfile(), std::fclose};
 
   // Of the life that is going on.

@@ -79,6 +79,7 @@ StreamChoice any_choice(Dice& dice) {
   StreamChoice choice{format.format, dice.one_of(format.sizes), dice.one_of(kRates)};
   const bool video = choice.format == StreamFormat::kH264 || choice.format == StreamFormat::kH265;
   if (video && choice.size.width > kWidestVideo) choice.size = {640, 480};
+  if (choice.size.width > kWidestVideo) choice.rate = 15;
   return choice;
 }
 

@@ -35,6 +35,7 @@ void print_storm_tally(const StormTally& tally) {
   print_count("slowest", "picture back, ms", tally.picture.ms());
   print_count("slowest", "controls back, ms", tally.controls.ms());
   print_count("slowest", "end, ms", tally.end.ms());
+  print_count("machine", "late in a life, ms", tally.machine.ms());
   print_count("failures", "", tally.failures);
 }
 

@@ -28,7 +28,7 @@ struct StormTally {
   std::atomic<u32> faults[32];  ///< as storm_faults()
   std::atomic<u32> streams[4];  ///< as host_formats()
   std::atomic<u32> ends[static_cast<u32>(StormState::kCount)];
-  Slowest answer, end, picture, controls;
+  Slowest answer, end, picture, controls, machine;
 };
 
 /// One that all processes share which are forked from now on.

@@ -18,9 +18,7 @@
 #include <vector>
 
 #include "elog/elog.h"
-#include "elog/elog_record.h"
 #include "elog/plugins/file/elog_file.h"
-#include "sim/run.h"
 #include "tests/elog_fixture.h"
 
 namespace {
@@ -31,24 +29,23 @@ using testing::MatchesRegex;
 
 TEST_F(Elog, TimeIsTheClocks) {
   const auto now = [] {
-    timeval clock;
     char text[32];
+    timeval clock;
     const std::time_t second = std::time(nullptr);
     gettimeofday(&clock, nullptr);
     std::tm local;
     std::strftime(text, sizeof(text), "%Y-%m-%d %T", localtime_r(&second, &local));
-    return std::pair{std::string(text), clock.tv_usec};
+    std::snprintf(text + 19, sizeof(text) - 19, " %06ld", static_cast<long>(clock.tv_usec));
+    return std::string(text);
   };
-  for (int i = 0; i < 3; i++, std::this_thread::sleep_for(550ms)) {
-    const auto before = now();
-    const std::string shown = elog_port_get_time();
-    const auto after = now();
-    EXPECT_LE(before.first, shown.substr(0, 19));
-    EXPECT_LE(shown.substr(0, 19), after.first);
-    if (before.second > after.second) continue;  // a second ended meanwhile
-    EXPECT_LE(before.second, std::stol(shown.substr(20)));
-    EXPECT_LE(std::stol(shown.substr(20)), after.second);
-  }
+  std::string before, shown, after;
+  do {
+    before = now();
+    shown = elog_port_get_time();
+    after = now();
+  } while (before.substr(0, 19) != after.substr(0, 19) || before > after);  // a second ended meanwhile
+  EXPECT_LE(before, shown);
+  EXPECT_LE(shown, after);
 }
 
 TEST_F(Elog, LifeCycle) {
@@ -59,7 +56,6 @@ TEST_F(Elog, LifeCycle) {
   elog_set_filter_lvl(ELOG_LVL_INFO);
   EXPECT_EQ(elog_init(nullptr, &cfg), 0);  // changes nothing
   elog_start();
-  EXPECT_TRUE(elog_get_output_enabled());
   log_text(ELOG_LVL_DEBUG, "NO_TAG", "too low");
   log_text("first");
   elog_set_output_enabled(false);
@@ -82,17 +78,6 @@ TEST_F(Elog, LifeCycle) {
   }
   waitpid(child, nullptr, 0);
   EXPECT_THAT(texts(), ElementsAre("[" + pid_text() + "]parent\n", "[" + pid_text(child) + "]child\n"));
-}
-
-TEST_F(Elog, ConsoleGetsTheLinesToo) {
-  start_bare();
-  testing::internal::CaptureStdout();
-  log_text("quiet");
-  log_module_set_console(256);
-  log_text("loud");
-  log_module_set_console(0);
-  log_text("quiet");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "loud\n");
 }
 
 TEST_F(Elog, QueueIsCreatedWhenMissingAndFoundWhenMadeAnew) {
@@ -230,8 +215,6 @@ TEST_F(Elog, BrokenPreconditionsWithoutHook) {
   const std::string name = run.path("/tmp/log");
   const ElogFileCfg file = {name.c_str(), 100, 1, true};
   for (const auto& [breach, end] : std::vector<std::pair<std::function<void()>, std::string>>{
-           {[] { elog_set_fmt(6, 0); },
-            "[elog elog_set_fmt:322](level <= ELOG_LVL_VERBOSE) has assert failed at elog_set_fmt:322.\n"},
            {[] { elog_output(ELOG_LVL_WARN, "NO_TAG", "f.c", nullptr, 7, "under the lock"); },
             "[elog_utils elog_strcpy:45](src) has assert failed at elog_strcpy:45.\n"},
            {[&] {

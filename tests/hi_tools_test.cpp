@@ -44,16 +44,12 @@ TEST_F(HiToolsTest, I2cWidths) {
     i32 written, value;
     const char* transfers;
   } cases[] = {
-      {0, 1, 1, 0, 0x34, "0:1a write cd = 34\n0:1a read cd = 34\n"},
-      {1, 1, 2, 0, 0x1234, "1:1a write cd = 1234\n1:1a read cd = 1234\n"},
-      {2, 2, 1, 0, 0x34, "2:1a write abcd = 34\n2:1a read abcd = 34\n"},
-      {0, 2, 2, 0, 0x1234, "0:1a write abcd = 1234\n0:1a read abcd = 1234\n"},
+      {0, 1, 2, 0, 0x1234, "0:1a write cd = 1234\n0:1a read cd = 1234\n"},
+      {1, 2, 1, 0, 0x34, "1:1a write abcd = 34\n1:1a read abcd = 34\n"},
       // What fits into the transfer buffer is left to the driver to refuse.
       {1, 3, 1, 0, -1, "1:1a write of 4 bytes\n1:1a read of 3 bytes\n"},
-      {1, 0, 0, 0, -1, "1:1a write of 0 bytes\n1:1a read of 0 bytes\n"},
       {2, 1, 4, -1, 0x34, "2:1a read cd = 34\n"},
       {2, 0xFFFFFFFF, 5, -1, -1, ""},
-      {2, 2, 5, -1, -1, ""},
   };
   sim::set_i2c_register(2, 0x1A, 0xCD, 0x34);
   std::string log;
@@ -76,7 +72,6 @@ TEST_F(HiToolsTest, I2cFailures) {
        report("i2c_read", 96, "CMD_SET_DATA_WIDTH error!\n") +
            report("i2c_write", 183, "I2C_WRITE error!\n")},
       {"fail I2C_READ 1", -1, 0, report("i2c_read", 110, "CMD_I2C_READ error!\n")},
-      {"fail I2C_WRITE 1", 0, 0, {}},
   };
   sim::NodeHost faults;
   for (const auto& c : cases) {
@@ -90,59 +85,46 @@ TEST_F(HiToolsTest, I2cFailures) {
   // The bytes are written whatever the requests' answers; a refused device address leaves address 0.
   EXPECT_EQ(run_.i2c_log(),
             "0:00 read 02 = 00\n0:00 write 03 = 55\n"
-            "0:01 write 03 = 55\n0:01 write 03 = 55\n0:01 write 03 = 55\n0:01 read 02 = 00\n");
+            "0:01 write 03 = 55\n0:01 write 03 = 55\n0:01 write 03 = 55\n");
 }
 
 TEST_F(HiToolsTest, I2cBusesThatAreNotThere) {
-  EXPECT_EQ(reports_of([] {
-              EXPECT_EQ(i2c_read(3, 1, 2, 1, 1), -1);
-              EXPECT_EQ(i2c_write(0xFFFFFFFF, 1, 2, 3, 1, 1), -1);
-            }),
-            Reports{});
+  EXPECT_EQ(i2c_read(3, 1, 2, 1, 1), -1);
+  EXPECT_EQ(i2c_write(0xFFFFFFFF, 1, 2, 3, 1, 1), -1);
   std::filesystem::remove(run_.path("/dev/i2c-1"));
-  EXPECT_EQ(reports_of([] { EXPECT_EQ(i2c_read(1, 1, 2, 1, 1), -1); }),
-            report("i2c_read", 71, "Open i2c dev error!\n"));
-  EXPECT_EQ(reports_of([] { EXPECT_EQ(i2c_write(1, 1, 2, 3, 1, 1), -1); }),
-            report("i2c_write", 144, "Open i2c dev error!\n"));
-}
-
-std::string mapped_text(const char* length, const void* mapping) {
-  char text[128];
-  std::snprintf(text, sizeof text, "Memory Map OK. Map File: /opt/params/map, length:%s, addr:0x%08lX",
-                length, reinterpret_cast<unsigned long>(mapping));
-  return text;
+  EXPECT_EQ(
+      reports_of([] {
+        EXPECT_EQ(i2c_read(1, 1, 2, 1, 1), -1);
+        EXPECT_EQ(i2c_write(1, 1, 2, 3, 1, 1), -1);
+      }),
+      report("i2c_read", 71, "Open i2c dev error!\n") + report("i2c_write", 144, "Open i2c dev error!\n"));
 }
 
 TEST_F(HiToolsTest, FilesAreMapped) {
   constexpr char kPath[] = "/opt/params/map";
-  void* mapping = nullptr;
   umask(022);
-  EXPECT_EQ(reports_of([&] { mapping = mmapfile_r(kPath, 16, 0); }),
-            report("mmapfile_r", 253, "Open file /opt/params/map error.\n"));
-  EXPECT_EQ(mapping, nullptr);
-
   // A length of 0 cannot be mapped, but the failure value counts as a mapping. The file has been made.
-  Reports reports = reports_of([&] { mapping = mmapfile(kPath, 0); });
+  void* mapping = nullptr;
+  const Reports reports = reports_of([&] { mapping = mmapfile(kPath, 0); });
   EXPECT_EQ(mapping, MAP_FAILED);
-  EXPECT_EQ(reports, report("mmapfile", 228, mapped_text("0", MAP_FAILED)));
+  EXPECT_EQ(reports, report("mmapfile", 228,
+                            "Memory Map OK. Map File: /opt/params/map, length:0, addr:0x" +
+                                std::string(sizeof(long) * 2, 'F')));
   struct stat info;
   ASSERT_EQ(stat(run_.path(kPath).c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0750u);
   EXPECT_EQ(info.st_size, 0);
 
   run_.write_file(kPath, "shared with others");
-  reports = reports_of([&] { mapping = mmapfile(kPath, 16); });
-  EXPECT_EQ(reports, report("mmapfile", 228, mapped_text("0X10", mapping)));
+  mapping = mmapfile(kPath, 16);
+  ASSERT_NE(mapping, MAP_FAILED);
   std::memcpy(mapping, "SHARED", 6);
-  void* view = nullptr;
-  reports = reports_of([&] { view = mmapfile_r(kPath, 16, 0); });
-  EXPECT_EQ(reports, report("mmapfile_r", 263, mapped_text("0X10", view) + '\n'));
+  const void* view = mmapfile_r(kPath, 16, 0);
+  ASSERT_NE(view, MAP_FAILED);
   EXPECT_EQ(std::memcmp(view, "SHARED with", 11), 0);
   EXPECT_EQ(run_.read_file(kPath), "SHARED with others");
-
-  EXPECT_EQ(reports_of([&] { mapping = mmapfile("/opt/none/map", 16); }),
-            report("mmapfile", 218, "Open file /opt/none/map error.\n"));
-  EXPECT_EQ(mapping, nullptr);
+  EXPECT_EQ(mmapfile("/opt/none/map", 16), nullptr);
+  EXPECT_EQ(mmapfile_r("/opt/none/map", 16, 0), nullptr);
   EXPECT_EQ(mmapfile(nullptr, 16), nullptr);
   EXPECT_EQ(mmapfile_r(nullptr, 16, 0), nullptr);
 }

@@ -7,6 +7,7 @@
 #include <array>
 #include <chrono>
 #include <sstream>
+#include <thread>
 
 #include "ipc/sys_msg_drv.h"
 #include "support/print.h"
@@ -247,6 +248,17 @@ TEST_F(UvcTest, ASetupThatItsHostGaveUpIsLeftOutOnceANewerOneWaits) {
   EXPECT_EQ(answers({old_setup(UVC_GET_MAX, 4900ms), old_setup(UVC_GET_DEF, 1s)}), "15 8 ");
   EXPECT_EQ(answers({given_up}), "15 ") << "no newer one";
   EXPECT_EQ(answers({given_up, plugged_in}), "15 ") << "no newer SETUP";
+
+  v4l2_event unplugged = {};
+  unplugged.type = UVC_EVENT_DISCONNECT;
+  EXPECT_EQ(answers({old_setup(UVC_GET_MAX, 0s), unplugged, plugged_in, old_setup(UVC_GET_DEF, 0s)}), "8 ");
+  std::thread cable([&] {
+    std::this_thread::sleep_for(50ms);
+    host.raise(unplugged);
+  });
+  EXPECT_EQ(answers({old_setup(UVC_GET_CUR, 4200ms)}), "") << "unplugged while the server is asked";
+  cable.join();
+  EXPECT_EQ(answers({plugged_in, old_setup(UVC_GET_DEF, 0s)}), "8 ");
 }
 
 TEST_F(UvcTest, FailedSubscriptionEndsTheThread) {

@@ -26,6 +26,13 @@ extern "C" int __wrap_gettimeofday(timeval* now, void* zone) {
   return result;
 }
 
+// A C library that reports a failed query by its return value.
+static int query_result;
+extern "C" int __real_sem_getvalue(sem_t*, int*);
+extern "C" int __wrap_sem_getvalue(sem_t* semaphore, int* value) {
+  return query_result ? query_result : __real_sem_getvalue(semaphore, value);
+}
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -104,6 +111,12 @@ TEST_F(RingTest, ReleasePostsAtMostOnce) {
     vencbuf_release(vencbuf_get());
     EXPECT_EQ(value(released), 1);
   }
+  sem_trywait(released);
+  publish(1, 1);
+  query_result = EINVAL;
+  vencbuf_release(vencbuf_get());
+  query_result = 0;
+  EXPECT_EQ(value(released), 0) << "nothing is posted on a query that failed";
 }
 
 TEST_F(RingTest, DropsOneStalePostPerCall) {

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "common/cancel.h"
 #include "common/wait_limit.h"
 #include "ipc/file_msg_drv.h"
+#include "platform/alarm.h"
 #include "platform/sys.h"
 #include "support/print.h"
 #include "uvc/uvc_state.h"
@@ -19,6 +21,7 @@ static constexpr u32 kTurnsToStopAgain = 10;
 using Clock = WaitLimit::Clock;
 static constexpr std::chrono::milliseconds kHostPatience{5000};
 static constexpr std::chrono::milliseconds kServerShare{4400};  // of an event's time, for the system server
+static constexpr std::chrono::milliseconds kPromptAnswer{20};   // without a look at what came meanwhile
 static constexpr std::chrono::milliseconds kLeastForData{100};  // a SET is tried, however late it is
 
 static i32 buffer_type_ioctl(const UvcEventLoop& loop, unsigned long request) {
@@ -84,6 +87,7 @@ static void on_connect(UvcEventLoop& loop, const v4l2_event&) {
 static void on_disconnect(UvcEventLoop& loop, const v4l2_event&) {
   PRINT_INFO("UVC_EVENT_DISCONN\n");
   if (u32* word = usb_disconnect_word.load()) std::atomic_ref<u32>(*word).store(1);
+  loop.put_off = false;
   uvc_stream_state.stream_stopped = 1;
   uvc_stream_state.connected = 0;
   if (!uvc_stream_state.stream_on) return;
@@ -143,11 +147,28 @@ static Clock::time_point time_of(const v4l2_event& event) {
   return stamp.count() > 0 ? std::min(Clock::time_point(stamp), now) : now;
 }
 
+static bool take_event(UvcEventLoop& loop, v4l2_event& event) {
+  if (std::exchange(loop.looked_ahead, false)) {
+    event = loop.next;
+    return true;
+  }
+  return sys::ioctl(*loop.device, VIDIOC_DQEVENT, &event) >= 0;
+}
+
+// Whether the host was unplugged after it had asked: nobody waits for the answer then, and the driver would
+// send it to whoever asks next.
+static bool host_has_gone(UvcEventLoop& loop) {
+  if (!loop.looked_ahead) loop.looked_ahead = take_event(loop, loop.next);
+  return loop.looked_ahead && loop.next.type == UVC_EVENT_DISCONNECT;
+}
+
 // Every SETUP is answered, known or not: what the answer buffer holds goes out.
 static void answer(UvcEventLoop& loop) {
   UvcRequestContext& request = loop.request;
   loop.put_off = false;
+  const Clock::time_point start = Clock::now();
   if (const Handler handler = handler_of(request.bRequest)) handler(&request);
+  if (Clock::now() - start > kPromptAnswer && host_has_gone(loop)) return;
   request.data.length = data_length(request);
   std::memcpy(request.data.data, uvc_resp_buf, request.data.length);
   const i32 result = sys::ioctl(*loop.device, UVCIOC_SEND_RESPONSE, &request.data);
@@ -163,7 +184,7 @@ static void answer_late(UvcEventLoop& loop) {
 static void on_setup(UvcEventLoop& loop, const v4l2_event& event) {
   read_setup(loop.request, event.u.data);
   loop.put_off = event.pending > 0 && Clock::now() - time_of(event) > kHostPatience;
-  if (loop.put_off) return;
+  if (loop.put_off || (event.pending > 0 && host_has_gone(loop))) return;
   const WaitLimit limit(time_of(event) + kServerShare);
   answer(loop);
 }
@@ -199,13 +220,14 @@ static void serve(UvcEventLoop& loop, const v4l2_event& event) {
 void uvc_event_turn(UvcEventLoop& loop) {
   pause_between_polls(loop);
   v4l2_event event = {};
-  if (sys::ioctl(*loop.device, VIDIOC_DQEVENT, &event) < 0) return on_no_event(loop);
+  if (!take_event(loop, event)) return on_no_event(loop);
   serve(loop, event);
 }
 
 void* uvc_class_procesing(void* device) {
   int former_state;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former_state);
+  Alarm::prepare();
   UvcEventLoop loop = {.device = static_cast<const Word*>(device), .request = {}};
   if (uvc_event_subscribe(loop) < 0) return nullptr;
   for (;;) uvc_event_turn(loop);

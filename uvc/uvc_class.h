@@ -7,9 +7,11 @@
 
 /// What the thread keeps from one turn to the next.
 struct UvcEventLoop {
-  const Word* device;           ///< the gadget node's descriptor
-  UvcRequestContext request;    ///< the last SETUP; zero before the first
-  bool put_off = false;         ///< that SETUP has not been answered: its host may have given it up
+  const Word* device;         ///< the gadget node's descriptor
+  UvcRequestContext request;  ///< the last SETUP; zero before the first
+  bool put_off = false;       ///< that SETUP has not been answered: its host may have given it up
+  bool looked_ahead = false;  ///< `next` was taken from the driver, but not served
+  v4l2_event next = {};
   u32 polls = 0;                ///< since the last pause, while streaming
   bool left_streaming = false;  ///< the stream is over, but the node has not been stopped
   u32 stop_again_in = 0;        ///< turns without an event until it is told again to stop; 0: it is not

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <optional>
 #include <utility>
 
 #include "common/stream_state.h"
@@ -42,7 +43,7 @@ static sem_t* open_semaphore(const char* name) {
 }
 
 i32 vencbuf_get_init() {
-  Alarm{kAlarmDelay};  // makes this thread's timer, which takes heap
+  Alarm::prepare();
   frame_ready = open_semaphore(kFrameReadySemaphore);
   if (!frame_ready) {
     PRINT_ERROR("sem_open error!\n");
@@ -68,19 +69,20 @@ i32 vencbuf_get_init() {
   return 0;
 }
 
-// The value of a semaphore; 0 as well when the query says EINVAL by its return value.
+// The value of a semaphore; nothing when the query says EINVAL by its return value.
 // Deliberate: sem_getvalue reports through errno, so that comparison never holds.
-static int pending_posts(sem_t* semaphore) {
+static std::optional<int> pending_posts(sem_t* semaphore) {
   int value = 0;
-  return sem_getvalue(semaphore, &value) != EINVAL ? value : 0;
+  if (sem_getvalue(semaphore, &value) == EINVAL) return {};
+  return value;
 }
 
 void vencbuf_clear() {
-  if (pending_posts(frame_ready) != 0) sem_trywait(frame_ready);
+  if (pending_posts(frame_ready).value_or(0) != 0) sem_trywait(frame_ready);
 }
 
 void vencbuf_clear_all() {
-  for (int posts = pending_posts(frame_ready); posts > 0 && stream_goes_on(); posts--) {
+  for (int posts = pending_posts(frame_ready).value_or(0); posts > 0 && stream_goes_on(); posts--) {
     sem_trywait(frame_ready);
   }
 }

@@ -15,8 +15,9 @@ formats_and_sizes() {
 # whole FOURCC SIZE FRAMES: a short stream, judged at once.
 whole() {
   capture "$@" /tmp/capture /tmp/capture.txt || { tail -n 3 /tmp/capture.txt; return 1; }
-  "$build/capture_check" "$@" /tmp/capture /tmp/capture.txt $logs/made.log /tmp/capture.raw
+  judge "$@"
 }
+judge() { "$build/capture_check" "$@" /tmp/capture /tmp/capture.txt $logs/made.log /tmp/capture.raw; }
 
 # A host program that streams until it is stopped or the device goes.
 begin_stream() {
@@ -31,15 +32,13 @@ end_stream() {
   wait $stream || true
 }
 
-formats="MJPG:1280x720 YUYV:640x480 H264:1920x1080 HEVC:1280x720 MJPG:320x240 YUYV:320x240 H264:640x480"
+formats=(MJPG:1280x720 YUYV:640x480 H264:1920x1080 HEVC:1280x720 MJPG:320x240 YUYV:320x240 H264:640x480)
 
 # cycles COUNT: open, stream, close, with another format every time.
 cycles() {
-  local count=$1 i=0 choice
-  local choices
-  read -ra choices <<<"$formats"
+  local count=$1 i choice
   for ((i = 0; i < count; i++)); do
-    choice=${choices[i % ${#choices[@]}]}
+    choice=${formats[i % ${#formats[@]}]}
     whole "${choice%:*}" "${choice#*:}" 8 || { echo "cycle $i, $choice: $(tail -n 1 /tmp/said)"; return 1; }
   done
   echo "$count streams whole, 8 frames and more each"
@@ -98,8 +97,7 @@ second_client() {
   v4l2-ctl -d "$(node)" --stream-mmap --stream-count=1 >/tmp/second.txt 2>&1 || true
   grep busy /tmp/second.txt || { cat /tmp/second.txt; return 1; }
   v4l2-ctl -d /dev/video0 --get-fmt-video-out || return
-  wait $first || return
-  "$build/capture_check" MJPG 1280x720 150 /tmp/capture /tmp/capture.txt $logs/made.log /tmp/capture.raw
+  wait $first && judge MJPG 1280x720 150
 }
 
 runtime_suspended() { [ "$(<"/sys/bus/usb/devices/1-1/power/runtime_status")" = suspended ]; }
