@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <numeric>
 #include <vector>
 
@@ -109,7 +108,6 @@ TEST_F(VeltoInterface, OperationsOfGetAVData) {
       {"by serial", 2, 2, 28, 0, 512, 64, serial5, kAll},
       {"by serial, whole pool", 2, 2, 28, 0, 0, 4097, serial5, "0: 28 4097 36 40 52 56 48 64 68 pool+0"},
       {"by serial, past the pool", 2, 2, 28, 0, 1, 4097, serial5, failed(-97)},
-      {"by serial, huge", 2, 2, 28, 0, INT_MAX, INT_MAX, serial5, failed(-97)},
       {"by serial -98", 2, 2, 28, -98, 512, 64, serial5, failed(-1)},
       {"by serial -99", 2, 2, 28, -99, 512, 64, serial5, failed(-99)},
       {"by serial, other", 2, 2, 28, 5, 512, 64, serial5, failed(-400)},
@@ -117,7 +115,6 @@ TEST_F(VeltoInterface, OperationsOfGetAVData) {
       {"by type", 2, 3, 0, 0, 512, 64, any9, kAll},
       {"by type -1", 2, 3, 0, -1, 512, 64, any9, failed(-1)},
       {"by type, other", 2, 3, 0, 8, 512, 64, any9, failed(-103)},
-      {"by type, bad offset", 2, 3, 0, 0, -512, 64, any9, failed(-97)},
       {"by type 4, asked all the same", 4, 3, 0, 0, 512, 64, "4:09000000 8:03000000 44:04000000",
        failed(-100)},
       {"tell serial", 2, 4, 28, 0, 0, 0, "4:06000000 28:1C000000 44:02000000", failed(0)},

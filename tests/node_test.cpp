@@ -83,39 +83,6 @@ TEST_F(Node, BuffersBelongToOneSideAtATime) {
   EXPECT_TRUE(take());
 }
 
-TEST_F(Node, EventsGoToSubscribersInOrderTwoOfAType) {
-  ASSERT_TRUE(gadget.open());
-  host.connect();  // nobody has subscribed
-  for (const u32 type : {UVC_EVENT_SETUP, UVC_EVENT_CONNECT, UVC_EVENT_STREAMON})
-    EXPECT_EQ(gadget.subscribe(type), 0);
-  EXPECT_EQ(gadget.subscribe(UVC_EVENT_DATA + 1), EINVAL);
-  EXPECT_EQ(gadget.event().type, 0u);
-
-  v4l2_event event{};
-  for (const u32 type :
-       {UVC_EVENT_CONNECT, UVC_EVENT_STREAMON, UVC_EVENT_CONNECT, UVC_EVENT_CONNECT, UVC_EVENT_DATA}) {
-    event.type = type;
-    ++event.u.data[0];
-    event.timestamp.tv_sec = type == UVC_EVENT_STREAMON;  // one comes with a time of its own
-    host.raise(event);
-  }
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  const struct {
-    u32 type, sequence, pending;
-    u8 data;
-  } rows[] = {{UVC_EVENT_STREAMON, 1, 2, 2}, {UVC_EVENT_CONNECT, 2, 1, 3}, {UVC_EVENT_CONNECT, 3, 0, 4}};
-  for (const auto& row : rows) {
-    event = gadget.event();
-    EXPECT_EQ(event.type, row.type);
-    EXPECT_EQ(event.sequence, row.sequence);
-    EXPECT_EQ(event.pending, row.pending);
-    EXPECT_EQ(event.u.data[0], row.data);
-    EXPECT_EQ(now.tv_sec - event.timestamp.tv_sec > 1, row.sequence == 1);
-  }
-  EXPECT_EQ(gadget.event().type, 0u);
-}
-
 TEST_F(Node, ClassRequestsReachTheServiceAndBack) {
   ASSERT_TRUE(start());
   usb_ctrlrequest last{};

@@ -9,9 +9,6 @@
 #include <fstream>
 #include <iterator>
 
-#include "sim/frame_counter.h"
-#include "sim/source.h"
-
 using testing::AllOf;
 using testing::Contains;
 using testing::ContainsRegex;
@@ -107,37 +104,6 @@ TEST_F(PromptTest, ScriptGoesOnAfterCommandsThatFail) {
       "\ncontrast = 8\n",
   };
   for (const char* complaint : complaints) EXPECT_THAT(output, HasSubstr(complaint));
-}
-
-TEST_F(PromptTest, StreamsToFilesWhileControlsAreTried) {
-  run("stream mjpeg 320x240 for 1 to a.mjpeg\n"
-      "stream start yuy2 320x240 to a.yuv\n"
-      "stream start mjpeg\n"
-      "wait 1\n"
-      "set contrast 9\n"
-      "picture a.png\n"
-      "stream stop\n"
-      "fault encoder silent\n"
-      "stream mjpeg 320x240 for 0.5\n");
-  EXPECT_THAT(output, ContainsRegex("\nMJPEG 320x240 +[1-9]"));
-  EXPECT_THAT(output, ContainsRegex("\nYUY2 320x240 +[1-9]"));
-  EXPECT_THAT(output, HasSubstr("line 3: a stream runs already: YUY2 320x240\n"));
-  EXPECT_THAT(output, HasSubstr("line 9: the stream was not whole: no picture\n"));
-
-  const auto source = sim::Source::open(folder / "a.mjpeg");
-  ASSERT_TRUE(source) << output;
-  const sim::AvPtr<AVFrame> picture(av_frame_alloc());
-  picture->format = AV_PIX_FMT_YUV420P;
-  picture->width = 320;
-  picture->height = 240;
-  ASSERT_EQ(av_frame_get_buffer(picture.get(), 0), 0);
-  source->next(*picture);
-  const sim::LumaView luma{picture->data[0], 320, 240, static_cast<u32>(picture->linesize[0])};
-  EXPECT_TRUE(sim::read_counter(luma, sim::Strip::kTop));
-  const auto size = fs::file_size(folder / "a.yuv");
-  EXPECT_GT(size, 0u);
-  EXPECT_EQ(size % (320 * 240 * 2), 0u);
-  EXPECT_THAT(contents(folder / "a.png"), testing::StartsWith("\x89PNG"));
 }
 
 TEST(Prompt, CompletesCommandsTheirWordsAndFiles) {

@@ -10,15 +10,11 @@
 #include <span>
 #include <thread>
 
-#include "elog/elog_record.h"
-#include "sim/collector.h"
 #include "sim/run.h"
 
 using sim::Server;
-using sim::ServerFault;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::StartsWith;
 
 namespace {
 
@@ -63,54 +59,9 @@ SysMsgBuf sys(i32 cmd, i32 src, i32 length, i32 offset) { return {0, cmd, src, l
 
 u8* attach(i32 key) { return static_cast<u8*>(shmat(shmget(sim::run_key(key), 0, 0), nullptr, 0)); }
 
-VeltoMsgBuf velto(i32 cmd, i32 src, std::initializer_list<i32> words = {}, i32 offset = 24) {
-  VeltoMsgBuf record{};
-  record.cmd = cmd;
-  record.src = src;
-  u8* to = record.payload + velto_payload_offset(offset);
-  for (const i32 word : words) put_le32(to, static_cast<u32>(word)), to += 4;
-  return record;
-}
-i32 word_at(const VeltoMsgBuf& record, i32 offset) {
-  return static_cast<i32>(get_le32(record.payload + velto_payload_offset(offset)));
-}
+VeltoMsgBuf velto(i32 cmd, i32 src) { return {0, cmd, src, 0, {}}; }
 
 }  // namespace
-
-TEST(ServerTest, ControlChannelAndFramesMoveTheSameHead) {
-  sim::Run run;
-  sim::CameraHead head;
-  const Server server({.head = &head});
-  const VeltoClient client(kVeltoMsgKey);
-  const auto word_of = [&](i32 cmd, i32 offset) {
-    VeltoMsgBuf record = velto(cmd, kVeltoProcess);
-    EXPECT_TRUE(client.call(record));
-    return word_at(record, offset);
-  };
-  client.send(velto(kVeltoPtzSetPosition, 0, {99, 100, -3}));
-  ASSERT_TRUE(within(2s, [&] { return head.position().pan == 100 && !head.moving(); }));
-  EXPECT_EQ(word_of(kVeltoPtzGetPosition, 24), 100 << 16 | 0xFFFD);
-  EXPECT_EQ(word_of(kVeltoPtzGetAbsolute, 28), 100);
-  EXPECT_EQ(word_of(kVeltoPtzGetAbsolute, 32), 0xFFFD);
-
-  const struct {
-    i32 motion;
-    double sim::CameraView::*axis;
-    double sign;
-  } motions[] = {{1, &sim::CameraView::pan, -1},
-                 {2, &sim::CameraView::pan, 1},
-                 {3, &sim::CameraView::tilt, 1},
-                 {4, &sim::CameraView::tilt, -1}};
-  for (const auto& [motion, axis, sign] : motions) {
-    const double before = head.view().*axis;
-    client.send(velto(kVeltoPtzMotion, 0, {motion}));
-    EXPECT_TRUE(within(2s, [&] { return sign * (head.view().*axis - before) > 1; })) << motion;
-    client.send(velto(kVeltoPtzMotion, 0, {0}));
-    EXPECT_TRUE(within(2s, [&] { return !head.moving(); })) << motion;
-  }
-  client.send(velto(kVeltoPtzMotion, 0, {5}));
-  EXPECT_TRUE(within(2s, [&] { return server.refused() == 1; }));
-}
 
 TEST(ServerTest, FramesAreReadFromAndAnsweredInTheSendersSlotAndTheCacheFollows) {
   sim::Run run;
@@ -172,18 +123,6 @@ TEST(ServerTest, AbsurdRequestsAreRefusedAndCounted) {
   EXPECT_THAT(server.received().front(), HasSubstr("refused"));
 }
 
-TEST(ServerTest, ASlowServerTakesItsTime) {
-  sim::Run run;
-  Server server({.pool_address = 1, .pool_size = 1});
-  const VeltoClient client(kVeltoMsgKey);
-  VeltoMsgBuf record = velto(kVeltoGetMemory, kVeltoProcess);
-
-  server.set_fault(ServerFault::kSlow);
-  client.send(record);
-  EXPECT_FALSE(client.receive(record, 200ms));
-  EXPECT_TRUE(client.receive(record));
-}
-
 TEST(ServerTest, EndsWithItsQueuesFullOfRepliesThatNobodyTakes) {
   sim::Run run;
   auto server = std::make_unique<Server>(sim::ServerOptions{});
@@ -194,54 +133,4 @@ TEST(ServerTest, EndsWithItsQueuesFullOfRepliesThatNobodyTakes) {
   server.reset();
   msqid_ds state;
   EXPECT_EQ(msgctl(client.queue, IPC_STAT, &state), 0) << "the queue is its clients' as well";
-}
-
-namespace {
-
-void log(i32 queue, u8 level, std::string_view text, i32 length_error = 0) {
-  ElogRecord record{};
-  record.type = kElogQueueType;
-  record.payload.level = level;
-  record.payload.length = static_cast<u32>(static_cast<i32>(text.size()) + length_error);
-  std::ranges::copy(text, record.payload.text);
-  ASSERT_EQ(msgsnd(queue, &record, kElogHeaderSize + text.size(), IPC_NOWAIT), 0);
-}
-
-}  // namespace
-
-TEST(CollectorTest, PrintsWhatTheFiltersAdmitAndKeepsEverything) {
-  sim::Run run;
-  std::FILE* const output = std::tmpfile();
-  const sim::Collector collector({.output = output, .level = 3, .contains = "UVC"});
-  const int queue = msgget(sim::run_key(kElogQueueKey), 0);
-  log(queue, 3, "UVC_EVENT_CONN\n\n");
-  log(queue, 4, "UVC too detailed\n");
-  log(queue, 2, "another matter\n");
-  log(queue, 3, "UVC with a wrong length\n", 1);
-  log(queue, 6, "UVC with an unknown level\n");
-  ASSERT_TRUE(within(2s, [&] { return collector.counts().malformed == 2; }));
-  EXPECT_EQ(collector.counts().lines, 3u);
-  EXPECT_EQ(collector.counts().printed, 1u);
-  EXPECT_EQ(collector.text(), "UVC_EVENT_CONN\n\nUVC too detailed\nanother matter\n");
-  std::rewind(output);
-  char printed[64] = {};
-  EXPECT_GT(std::fread(printed, 1, sizeof printed - 1, output), 0u);
-  EXPECT_STREQ(printed, "I UVC_EVENT_CONN\n");
-  std::fclose(output);
-}
-
-TEST(CollectorTest, APausedCollectorLeavesAFullQueueAlone) {
-  sim::Run run;
-  sim::Collector collector({});
-  const int queue = msgget(sim::run_key(kElogQueueKey), 0);
-  collector.pause(true);
-  log(queue, 3, "waits\n");
-  collector.fill_queue();
-  msqid_ds state;
-  ASSERT_EQ(msgctl(queue, IPC_STAT, &state), 0);
-  EXPECT_GT(state.__msg_cbytes + 16, state.msg_qbytes);
-  EXPECT_EQ(collector.counts().lines, 0u);
-  collector.pause(false);
-  EXPECT_TRUE(within(2s, [&] { return collector.counts().lines > 100; }));
-  EXPECT_THAT(collector.text(), StartsWith("waits\nfiller\n"));
 }

@@ -388,25 +388,6 @@ TEST_F(CameraTest, LevelFileMayHoldAnythingAndIsReadAgainOnSigusr1) {
   expect_clean_end();
 }
 
-TEST_F(CameraTest, AnyRequestIsAnsweredAndTheNextValidOneRightly) {
-  start_and_plug_in();
-  std::mt19937 random(20251122);
-  for (int i = 0; i < 1500; i++) {
-    usb_ctrlrequest setup;
-    setup.bRequestType = random() % 2 ? 0x21 : 0xA1;
-    setup.bRequest = static_cast<u8>(random());
-    setup.wValue = static_cast<u16>(random());
-    setup.wIndex = static_cast<u16>(random() % 3 ? random() % 2 : random());
-    setup.wLength = static_cast<u16>(random() % 65);
-    std::vector<u8> data(setup.bRequestType == 0x21 ? setup.wLength : 0);
-    for (u8& byte : data) byte = static_cast<u8>(random());
-    EXPECT_FALSE(node.control(setup, data).timed_out) << i;
-  }
-  ASSERT_TRUE(host.enumerate()) << host.error();
-  EXPECT_EQ(stream(kYuy2, 5), "");
-  expect_clean_end();
-}
-
 TEST(Service, SaysWhyItEndsWithoutAValidParameterRecord) {
   sim::Run run;
   std::FILE* output = std::tmpfile();

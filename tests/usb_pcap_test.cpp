@@ -8,12 +8,8 @@
 
 #include "sim/host_controls.h"
 #include "sim/run.h"
-#include "sim/usb_descriptors.h"
-#include "sim/usb_host.h"
 
 namespace {
-
-using testing::HasSubstr;
 
 /// tshark's output about a capture; the test has failed when it could not run.
 std::string tshark(const std::string& capture, const std::string& options) {
@@ -79,27 +75,6 @@ TEST(UsbPcapTest, EveryRequestIsReadByTheVideoDissector) {
 0.000000000,GET CUR Request  [Hue],-115,,,,,,,
 0.000000000,GET CUR Response [Hue],-2,,,,,,,
 )");
-}
-
-TEST(UsbDescriptorsTest, AllFramesAreThere) {
-  const sim::Run run;
-  const std::string path = sim::run_root() + "/conversation.pcap";
-  ASSERT_TRUE(sim::write_pcap(path, {}));
-  std::string counts, indices, widths, heights;
-  for (const sim::HostFormat& format : sim::host_formats()) {
-    counts += " " + std::to_string(format.sizes.size());
-    for (std::size_t i = 0; i < format.sizes.size(); i++) {
-      indices += " " + std::to_string(i + 1);
-      widths += " " + std::to_string(format.sizes[i].width);
-      heights += " " + std::to_string(format.sizes[i].height);
-    }
-  }
-  EXPECT_EQ(
-      tshark(path,
-             "-Y usbvideo.frame.width -T fields -E aggregator=/s -e usbvideo.format.numFrameDescriptors "
-             "-e usbvideo.frame.index -e usbvideo.frame.width -e usbvideo.frame.height"),
-      counts.substr(1) + '\t' + indices.substr(1) + '\t' + widths.substr(1) + '\t' + heights.substr(1) +
-          '\n');
 }
 
 }  // namespace

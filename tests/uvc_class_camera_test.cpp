@@ -225,18 +225,6 @@ TEST_F(CameraControlTest, RefusesWhatLiesBeyondTheLimitsOfTheImage) {
   }
 }
 
-TEST_F(CameraControlTest, SaysWhereTheHeadGoes) {
-  print_level = 3;
-  testing::internal::CaptureStderr();
-  uvc_apantilt_process(612000, -324000);
-  uvc_rpantilt_process(255, 1, 1, 1);
-  uvc_rpantilt_process(0, 1, 255, 1);
-  get(UVC_GET_CUR, kImage, 12, 4);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "set pan[170] tilt[-90] \npan_direct[255] tilt_direct[1] \npan & tilt is 1,0\n"
-            "pan_direct[0] tilt_direct[255] \npan & tilt is 0,4\nget cur wbc\n");
-}
-
 struct Reading {
   const char* name;
   u8 entity, selector;
@@ -255,13 +243,11 @@ TEST_F(CameraControlTest, ReadingsComeByInquiryAndStayWithinTheirLimits) {
       {"low 16 bits", kImage, 2, {{3, 0, 1, 0}}, "81 09 04 a4 ff", "03 00"},
       {"too short", kImage, 2, {{1}}, "81 09 04 a4 ff", "03 00"},
       {"no reply", kImage, 2, {{1, 0}, 0}, "81 09 04 a4 ff", "03 00"},
-      {"refused", kImage, 2, {{1, 0}, -1}, "81 09 04 a4 ff", "03 00"},
       {"refused badly", kImage, 2, {{1, 0}, INT_MIN}, "81 09 04 a4 ff", "03 00"},
       {"long", kImage, 2, {long_reply}, "81 09 04 a4 ff", "09 00"},
       {"longer than there is", kImage, 2, {{8, 0}, INT_MAX}, "81 09 04 a4 ff", "08 00"},
       {"power line", kImage, 5, {{255, 255}}, "81 09 04 aa ff", "02 00"},
       {"exposure auto", kCamera, 2, {{0, 0, 0, 0}}, "81 09 04 39 ff", "01"},
-      {"exposure, no reply", kCamera, 2, {{}}, "81 09 04 39 ff", "01"},
       {"exposure manual", kCamera, 2, {{3, 0, 0, 0}}, "81 09 04 39 ff", "00"},
       {"exposure, any bit", kCamera, 2, {{0, 0, 0, 1}}, "81 09 04 39 ff", "00"},
       {"zoom beyond", kCamera, 11, {{1, 0x40}}, "81 09 04 47 ff", "01 40"},

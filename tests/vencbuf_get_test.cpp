@@ -293,20 +293,6 @@ TEST_F(RingTest, ClockThatIsSetBackDoesNotHoldUpAFrame) {
   writer.join();
 }
 
-TEST_F(RingTest, IgnoresStatesThatAreNotReady) {
-  uvc_stream_state.stream_on = 1;
-  for (u32 state : {0u, 1u, 3u, 4u, 77u, 0xFFFFFFFFu}) {
-    slots[0].state = state;
-    std::thread ender([] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-      uvc_stream_state.stream_on = 0;
-    });
-    EXPECT_EQ(vencbuf_get(), nullptr) << state;
-    ender.join();
-    uvc_stream_state.stream_on = 1;
-  }
-}
-
 TEST(Ring, SmallSegmentIsRefused) {
   sim::Run run;
   shmget(sim::run_key(VENC_RING_KEY), 4096, IPC_CREAT | 0666);

@@ -46,7 +46,6 @@ const RelayRow kRelays[] = {
     {"mode FF", call<ptz_mode, 0xFF>, "4:00010000 24:01000000"},
     {"mode 7", call<ptz_mode, 7>, "4:00010000"},
     {"pan 1 on", call<ptz_pan, 1, 9>, "4:03010000 24:01000000"},
-    {"pan 1 off", call<ptz_pan, 1, 0>, "4:03010000"},
     {"pan 0 on", call<ptz_pan, 0, -1>, "4:03010000 24:02000000"},
     {"tilt 1 on", call<ptz_tilt, 1, 1>, "4:03010000 24:03000000"},
     {"tilt 1 off", call<ptz_tilt, 1, 0>, "4:03010000"},
@@ -54,7 +53,6 @@ const RelayRow kRelays[] = {
     {"stop", call<ptz_stop>, "4:03010000"},
     {"set", call<ptz_set_pos, 0x1234, -2>, "4:04010000 28:34120000 32:FEFFFFFF"},
     {"get", call<ptz_get_pos>, "4:02010000 8:03000000", 0x80000007},
-    {"get, other status", call<ptz_get_pos>, "4:02010000 8:03000000", 0x80000007, 4},
     {"get refused", call<ptz_get_pos>, "4:02010000 8:03000000", 0, -1},
     {"absolute", call<get_apantilt>, "4:05010000 8:03000000", 0x80050002},
     {"absolute, other status", call<get_apantilt>, "4:05010000 8:03000000", 0x80050002, -2},
@@ -175,8 +173,11 @@ TEST_F(Uart, WithoutALineNothingIsSentOrRead) {
     uart_ack(buffer);
   };
   EXPECT_EQ(told_by(use), "uart_recive timeout 11 ack \n");
-  close(STDIN_FILENO);
-  EXPECT_EQ(told_by(tty_open), "uart fd 0\n");
+  EXPECT_EQ(told_by([] {
+              close(STDIN_FILENO);
+              tty_open();
+            }),
+            "uart fd 0\n");
   EXPECT_EQ(told_by(use), "uart_recive timeout 11 ack \n");
   std::filesystem::remove(run.path("/dev/ttyAMA2"));
   EXPECT_EQ(told_by(tty_open), "");
