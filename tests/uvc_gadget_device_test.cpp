@@ -140,6 +140,9 @@ TEST_F(DeviceTest, LevelFileIsReadAgainWhileTheNodeCannotBeHad) {
   raise(SIGUSR1);
   ASSERT_EQ(uvc_device_open(), 0);
   EXPECT_EQ(print_level, 2);
+  print_level = 4;
+  serve_signals();
+  EXPECT_EQ(print_level, 4) << "once a signal";
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <semaphore.h>
 #include <sys/shm.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -272,6 +273,23 @@ TEST_F(LoopTest, DriverWithoutBuffersLeavesNothingToDo) {
   stream_turn(stream);
   EXPECT_TRUE(stream.need_dequeue);
   EXPECT_FALSE(stream.stopped);
+}
+
+TEST_F(LoopTest, PinsAreDrivenThroughTheirRegisters) {
+  gpio_set_output(122, 1);
+  gpio_set_output(73, 1);
+  EXPECT_EQ(run.register_value(0x20260010), 4u);
+  EXPECT_EQ(run.register_value(0x20260400), 4u);
+  EXPECT_EQ(run.register_value(0x201D0008), 2u);
+  EXPECT_EQ(run.register_value(0x201D0400), 2u);
+}
+
+TEST_F(LoopTest, FramesAreToldOnceASecond) {
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 1000; i++) second_cnt();
+  const std::string text = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(text.starts_with("B 1\n")) << text;
+  EXPECT_LE(std::ranges::count(text, 'B'), 2) << "one more when a second ends meanwhile";
 }
 
 }  // namespace
