@@ -139,7 +139,8 @@ int read_queue(int queue, const Options& options, Counts& counts) {
     if (size >= 0) {
       take(options, message.payload, static_cast<std::size_t>(size), counts);
     } else if (errno != ENOMSG && errno != EINTR) {
-      std::perror("elog_cat: the log queue cannot be read");
+      std::fprintf(stderr, "elog_cat: the log queue %s\n",
+                   errno == EACCES ? "may not be read by this user" : "was removed");
       return 1;
     } else if (options.until_empty) {
       return 0;

@@ -183,7 +183,14 @@ TEST_F(FileMsgDrv, PortSettersRewriteTheConfigurationFiles) {
   EXPECT_THAT(run.shell_log(), HasSubstr("rm /etc/srs.conf;mv /etc/srs.conf.bak /etc/srs.conf\n"));
 }
 
-TEST_F(FileMsgDrv, PathsFitTheirRoom) {
+TEST_F(FileMsgDrv, ReplacedFilesLoseNothingElse) {
+  using namespace std::string_literals;
+  const std::string body = "\0a\n"s + "key\0x\n"s + std::string(511, 'b') + "key\n" + std::string(3000, 'c');
+  const std::string after = "\0a\n"s + "new\n" + std::string(511, 'b') + "new\n" + std::string(3000, 'c');
+  run.write_file("/etc/x.conf", body);
+  EXPECT_EQ(ReplaceConfigLine("/etc/x.conf", "key", "new\n"), 0);
+  EXPECT_EQ(run.read_file("/etc/x.conf"), after);
+
   const std::string longest = "/etc/" + std::string(118, 'f');
   for (const std::string& path : {longest, longest + "f"}) {
     run.write_file(path, "key\n");

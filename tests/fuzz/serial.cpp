@@ -93,7 +93,8 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* bytes, std::size_t size) {
     const auto later = input.bytes(input.take<u8>() % 64);
     if (kind % 8 == 7) line.hang_up();
     std::vector<u8> part(later.begin(), later.end());
-    part.resize(part.size() + 60, 0xFF);  // no read waits for a byte that does not come
+    part.resize(part.size() + 60,
+                0xFF);  // no read waits for a byte that does not come
     std::thread controller([&] { line.write(part); });
     if (kind % 4 == 0) read_reply(number);
     if (kind % 4 == 1) acknowledge();

@@ -33,7 +33,9 @@ struct Machine {
 
 void check_lines(const Machine& machine, bool newline) {
   ElogRecord record;
-  for (ssize_t size; (size = msgrcv(machine.queue, &record, sizeof(record.payload), 0, IPC_NOWAIT)) >= 0;) {
+  for (;;) {
+    const ssize_t size = msgrcv(machine.queue, &record, sizeof(record.payload), 0, IPC_NOWAIT);
+    if (size < 0) break;
     const ElogPayload& line = record.payload;
     check(record.type == kElogQueueType && line.level < ELOG_LVL_TOTAL_NUM, "a line has type and level");
     check(line.length <= kElogTextSize && size == static_cast<ssize_t>(kElogHeaderSize + line.length),
