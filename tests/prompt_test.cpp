@@ -10,7 +10,6 @@
 #include <iterator>
 
 using testing::AllOf;
-using testing::Contains;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
@@ -104,25 +103,6 @@ TEST_F(PromptTest, ScriptGoesOnAfterCommandsThatFail) {
       "\ncontrast = 8\n",
   };
   for (const char* complaint : complaints) EXPECT_THAT(output, HasSubstr(complaint));
-}
-
-TEST(Prompt, CompletesCommandsTheirWordsAndFiles) {
-  const auto expect = [](const std::vector<std::string>& words,
-                         const testing::Matcher<sim::Choices>& choices) {
-    EXPECT_THAT(sim::completions(words), choices) << testing::PrintToString(words);
-  };
-  const auto has = [](const char* word) { return testing::Optional(Contains(std::string(word))); };
-  const auto none = testing::Optional(testing::IsEmpty());
-  expect({"get", "zo"}, has("zoom_absolute"));
-  expect({"get", "brightness", "a"}, has("all"));
-  expect({"set", "brightness", "9", ""}, has("contrast"));
-  expect({"stream", ""}, AllOf(has("start"), has("h265")));
-  expect({"stream", "start", "YUY2", ""}, AllOf(has("640x480"), Not(has("1280x720"))));
-  expect({"stream", "h264", "for", ""}, none);
-  expect({"stream", "h264", "to", ""}, testing::Eq(std::nullopt));
-  expect({"fault", ""}, AllOf(has("server"), has("clear")));
-  expect({"fault", "server", ""}, AllOf(has("slow"), Not(has("silent"))));
-  expect({"dance", ""}, none);
 }
 
 }  // namespace

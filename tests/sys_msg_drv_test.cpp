@@ -102,21 +102,6 @@ TEST_F(SysMsgDrv, ProcessIdsAre1To24) {
   EXPECT_EQ(peer.waiting(), 0u);
 }
 
-TEST_F(SysMsgDrv, FailuresOfTheQueueAreReturned) {
-  ASSERT_EQ(InitSysMsgDrv(kSysMsgProcess), 0);
-  u8 buffer[16] = {9};
-  i32 length = 16;
-  std::thread remover([&] {
-    peer.take();
-    msgctl(peer.queue(), IPC_RMID, nullptr);
-  });
-  EXPECT_EQ(TransmitMsg2Sys(buffer, 5, &length, 39), -1);
-  remover.join();
-  EXPECT_EQ(TransmitMsg2Sys(buffer, 5, &length, 39), -1);
-  EXPECT_EQ(length, 16);
-  EXPECT_EQ(buffer[0], 9);
-}
-
 TEST_F(SysMsgDrv, SlotIsLeftToAnAnswerThatIsOwed) {
   ASSERT_EQ(InitSysMsgDrv(kSysMsgProcess), 0);
   const auto transmit = [](u8 first, std::chrono::milliseconds limit, u8* buffer) {
