@@ -9,6 +9,7 @@
 
 inline pid_t spawn_shell(const char* command) {
   const pid_t child = fork();
+  if (child >= 0) setpgid(child, 0);  // by both sides, whichever comes first
   if (child == 0) {
     execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
     _exit(127);

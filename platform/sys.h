@@ -23,7 +23,8 @@ std::FILE* fopen(const char* path, const char* mode);
 int remove(const char* path);
 int rename(const char* from, const char* to);
 int system(const char* command);
-/// Starts a command as system() does and leaves waitpid to the caller. Its process id, or -1.
+/// Starts a command as system() does, in a process group of its own, and leaves waitpid to the caller. Its
+/// process id, which is the group's, or -1.
 pid_t spawn(const char* command);
 /// Starts a command for whose end nobody waits and which leaves no zombie. 0, or -1.
 int launch(const char* command);

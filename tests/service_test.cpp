@@ -244,7 +244,7 @@ TEST_F(CameraTest, EndsWhileTheMediaLibraryWaitsForAPicture) {
 }
 
 TEST_F(CameraTest, CommandsThatDoNotReturnHoldUpNeitherTheEndNorTheHost) {
-  const std::string_view hanging = "#!/bin/sh\nexec sleep 60\n";
+  const std::string_view hanging = "#!/bin/sh\nsleep 2\necho late >>$(dirname $0)/late\n";
   const u16 reboot = 24 << 8;
   for (const int signal : {SIGINT, SIGTERM}) {
     for (const char* tool : {"/bin/rmmod", "/bin/insmod"}) {
@@ -260,6 +260,8 @@ TEST_F(CameraTest, CommandsThatDoNotReturnHoldUpNeitherTheEndNorTheHost) {
       run.write_file(tool, working);
     }
   }
+  std::this_thread::sleep_for(2500ms);
+  EXPECT_EQ(run.read_file("/bin/late"), "") << "no command outlives its service";
   run.write_file("/bin/reboot", hanging);
   start_and_plug_in();
   EXPECT_FALSE(node.control({0x21, 0x01, reboot, kExtensionUnit, 1}, std::array<u8, 1>{1}).stalled);

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstring>
 
 #include "elog/elog.h"
@@ -92,11 +93,16 @@ static i64 read_usb_port() {
   return port;
 }
 
-// A command that has not ended when the service is to end goes on alone.
+// A command that has not ended when the service is to end is killed: it would remove what the next service
+// has just loaded.
 static void run_until_exit(const char* command) {
   if (uvc_stream_state.exit_flag) return;
   const pid_t child = sys::spawn(command);
-  while (child > 0 && !uvc_stream_state.exit_flag && waitpid(child, nullptr, WNOHANG) == 0) {
+  while (child > 0 && waitpid(child, nullptr, WNOHANG) == 0) {
+    if (uvc_stream_state.exit_flag) {
+      kill(-child, SIGKILL);
+      return;
+    }
     serve_signals();
     sys::usleep(kCommandPause);
   }
