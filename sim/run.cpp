@@ -218,9 +218,12 @@ key_t run_key(key_t key) {
   return moved_key(current().number, key);
 }
 
-std::string run_semaphore(std::string_view name) {
-  if (current().number == kWholeMachine) return std::string(name);
-  return std::string(name) + '.' + std::to_string(current().number);
+SemaphoreName run_semaphore(const char* name) {
+  SemaphoreName own;
+  const std::size_t length = std::snprintf(own.text, sizeof(own.text), "%s", name);
+  const pid_t number = current().number;
+  if (number != kWholeMachine) std::snprintf(own.text + length, sizeof(own.text) - length, ".%d", number);
+  return own;
 }
 
 void remove_objects(key_t key) { remove_key(run_key(key)); }

@@ -48,7 +48,12 @@ void use_whole_machine();
 /// What a System V key or a semaphore name of the camera becomes in the current run. Keys that are equal
 /// modulo 509 meet; the camera's five are not.
 key_t run_key(key_t key);
-std::string run_semaphore(std::string_view name);
+/// Not a std::string: the service opens semaphores while it streams, when its heap must rest.
+struct SemaphoreName {
+  char text[32];
+  const char* c_str() const { return text; }
+};
+SemaphoreName run_semaphore(const char* name);
 /// Removes a queue and a segment of the camera, where they exist, from the current run. Whoever has them
 /// keeps what it has attached and fails at the next message.
 void remove_objects(key_t key);

@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -32,6 +33,13 @@ TEST(Heap, RestsThroughEveryFormat) {
   ASSERT_TRUE(camera.node.wait_for_device(20s)) << service.last_lines();
   camera.host.replug();
   ASSERT_TRUE(camera.host.enumerate()) << camera.host.error();
+  // The node is there before the start-up has ended; the streaming loop's first turn sends encoder settings.
+  const auto in_its_loop = [&] {
+    const auto lines = camera.parties.server.received();
+    return std::ranges::any_of(lines, [](const std::string& line) { return line.starts_with("velto 10 "); });
+  };
+  for (int i = 0; i < 2000 && !in_its_loop(); i++) std::this_thread::sleep_for(5ms);
+  ASSERT_TRUE(in_its_loop()) << service.last_lines();
   const unsigned long at_start = *heap_calls;
   EXPECT_GT(at_start, 0u) << "nothing was counted at all";
   using enum sim::StreamFormat;

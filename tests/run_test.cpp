@@ -57,7 +57,7 @@ TEST(Run, FixedPathsLieUnderItsRoot) {
 
 TEST(Run, KeysAndSemaphoresAreItsOwnAndGoWithIt) {
   std::optional<sim::Run> run(std::in_place);
-  const std::string root = sim::run_root(), name = sim::run_semaphore("USB_VENC_R");
+  const std::string root = sim::run_root(), name = sim::run_semaphore("USB_VENC_R").c_str();
   const key_t key = sim::run_key(0x5678);
   EXPECT_GT(key, 0);
   EXPECT_EQ(sim::run_key(IPC_PRIVATE), IPC_PRIVATE);
