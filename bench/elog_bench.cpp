@@ -10,7 +10,7 @@
 #include "bench/medians.h"
 #include "elog/elog.h"
 #include "elog/elog_record.h"
-#include "sim/run.h"
+#include "sim/seam/run.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include "ipc/VeltoDrvMsg.h"
 #include "ipc/msg_records.h"
 #include "ipc/sys_msg_drv.h"
-#include "sim/run.h"
+#include "sim/seam/run.h"
 
 namespace {
 

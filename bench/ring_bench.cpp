@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "bench/medians.h"
-#include "sim/run.h"
+#include "sim/seam/run.h"
 #include "uvc/uvc_gadget_fill.h"
 #include "uvc/uvc_state.h"
 #include "vencbuf/vencbuf_get.h"

@@ -1,4 +1,4 @@
-# The board: Cortex-A7 and uClibc, static, by Debian's cross compiler and the sysroot of tools/arm/sysroot (which is
+# The board: Cortex-A7 and uClibc, static, by Debian's cross compiler and the sysroot of rigs/board/prepare (which is
 # built here when it is missing, some minutes).
 #   cmake -DCMAKE_TOOLCHAIN_FILE=cmake/arm-uclibc.cmake [-DARM_FLOAT_ABI=softfp] ...
 set(CMAKE_SYSTEM_NAME Linux)
@@ -11,7 +11,7 @@ endif()
 set(CMAKE_C_COMPILER ${triple}-gcc)
 set(CMAKE_CXX_COMPILER ${triple}-g++)
 
-set(arm_tools ${CMAKE_CURRENT_LIST_DIR}/../tools/arm)
+set(arm_tools ${CMAKE_CURRENT_LIST_DIR}/../rigs/board)
 if(NOT UCLIBC_SYSROOT)
   execute_process(COMMAND ${arm_tools}/sysroot ${ARM_FLOAT_ABI} OUTPUT_VARIABLE UCLIBC_SYSROOT
     OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)

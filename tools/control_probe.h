@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "sim/node.h"
-#include "sim/run.h"
-#include "sim/server.h"
+#include "sim/parties/server.h"
+#include "sim/seam/node.h"
+#include "sim/seam/run.h"
 #include "uvc/uvc_class_control.h"
 
 /// Where a control is found.

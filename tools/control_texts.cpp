@@ -1,6 +1,6 @@
 #include "tools/control_texts.h"
 
-#include "sim/host_controls.h"
+#include "sim/host/host_controls.h"
 #include "uvc/uvc_class_camera.h"
 #include "uvc/uvc_state.h"
 

@@ -16,7 +16,7 @@ std::span<const ControlText> control_texts();
 
 /// What `v4l2-ctl --list-ctrls-menus` shows of a control when it is no plain number of its range.
 struct LinuxText {
-  const char* control;  ///< as in sim/host_controls.h
+  const char* control;  ///< as in sim/host/host_controls.h
   const char* shows;    ///< null: it does not show the control
 };
 std::span<const LinuxText> linux_texts();

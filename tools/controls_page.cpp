@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "sim/host_controls.h"
+#include "sim/host/host_controls.h"
 #include "tools/control_texts.h"
 #include "tools/markdown_table.h"
 #include "uvc/uvc_class_streaming.h"

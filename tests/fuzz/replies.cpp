@@ -14,7 +14,7 @@
 #include "ipc/msg_records.h"
 #include "ipc/sys_msg_drv.h"
 #include "platform/hi_mpi.h"
-#include "sim/run.h"
+#include "sim/seam/run.h"
 #include "support/print.h"
 #include "tests/fuzz/fuzz.h"
 

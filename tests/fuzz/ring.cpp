@@ -7,7 +7,7 @@
 #include <climits>
 #include <thread>
 
-#include "sim/run.h"
+#include "sim/seam/run.h"
 #include "support/print.h"
 #include "tests/fuzz/fuzz.h"
 #include "uvc/uvc_gadget_fill.h"

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "sim/run.h"
+#include "sim/seam/run.h"
 #include "support/print.h"
 #include "tests/fuzz/fuzz.h"
 #include "visca/visca.h"

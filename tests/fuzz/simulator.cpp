@@ -1,11 +1,11 @@
 // What the simulator reads: f a fault as a person writes it, n one of the gadget node, v VISCA frames.
 #include <cmath>
 
-#include "sim/camera_head.h"
-#include "sim/fault_script.h"
-#include "sim/node.h"
-#include "sim/run.h"
-#include "sim/visca_device.h"
+#include "sim/app/fault_script.h"
+#include "sim/parties/camera_head.h"
+#include "sim/parties/visca_device.h"
+#include "sim/seam/node.h"
+#include "sim/seam/run.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {

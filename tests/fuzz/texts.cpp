@@ -8,7 +8,7 @@
 
 #include "elog/elog.h"
 #include "ipc/file_msg_drv.h"
-#include "sim/run.h"
+#include "sim/seam/run.h"
 #include "support/print.h"
 #include "support/support.h"
 #include "tests/fuzz/fuzz.h"

@@ -1,0 +1,51 @@
+// picture_step: judges by two received pictures what a setting of a control did to the scene.
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+#include <string_view>
+
+#include "sim/host/control_steps.h"
+#include "sim/media/source.h"
+
+using namespace sim;
+
+/// The steps with one setting, a line each: "brightness 12", a tab, "brightness=12".
+static int list() {
+  for (const ControlStep& step : control_steps()) {
+    const auto& [first, second] = step.settings;
+    if (first.control && !second.control) std::printf("%s\t%s=%d\n", step.name, first.control, first.value);
+  }
+  return 0;
+}
+
+/// Null, after a message, when the file holds no picture.
+static AvPtr<AVFrame> read_picture(const char* path) {
+  const auto source = Source::open(path);
+  if (!source) return nullptr;
+  AvPtr<AVFrame> picture(av_frame_alloc());
+  picture->width = 1280;
+  picture->height = 720;
+  picture->format = AV_PIX_FMT_YUVJ420P;
+  if (av_frame_get_buffer(picture.get(), 0) < 0 || !source->next(*picture)) return nullptr;
+  return picture;
+}
+
+static int judge(const ControlStep& step, const char* before_path, const char* after_path) {
+  const auto before = read_picture(before_path), after = read_picture(after_path);
+  if (!before || !after) return 2;
+  const StepOutcome outcome{.frames = step.frames,
+                            .values = step.measure->of(measure(*before), measure(*after))};
+  const std::string found = verdict(step, outcome);
+  std::printf("%s: %s (%s)\n", step.name, measured_text(step, outcome).c_str(), found.c_str());
+  return found == "right" ? 0 : 1;
+}
+
+int main(int argc, char** argv) {
+  if (argc == 2 && std::string_view(argv[1]) == "list") return list();
+  const auto step = argc == 4
+                        ? std::ranges::find(control_steps(), std::string_view(argv[1]), &ControlStep::name)
+                        : control_steps().end();
+  if (step != control_steps().end()) return judge(*step, argv[2], argv[3]);
+  std::fputs("Usage: picture_step list\n       picture_step STEP PICTURE_BEFORE PICTURE_AFTER\n", stderr);
+  return 2;
+}

@@ -1,0 +1,28 @@
+// The simulated camera around a service: everything but the service itself.
+#pragma once
+
+#include "sim/app/fault_script.h"
+#include "sim/app/options.h"
+#include "sim/app/parties.h"
+#include "sim/host/conversation.h"
+#include "sim/host/usb_host.h"
+#include "sim/seam/node.h"
+#include "sim/seam/run.h"
+
+namespace sim {
+
+struct Camera {
+  /// Faults of the options that hold from the start are set already.
+  explicit Camera(const Options& options);
+
+  Run run;
+  Parties parties;
+  NodeHost node;
+  Conversation conversation;
+  UsbHost host;
+};
+
+/// Sets the fault, or ends it.
+void set_fault(Camera& camera, const Fault& fault, bool on);
+
+}  // namespace sim

@@ -1,0 +1,44 @@
+// camera_sim: runs the camera service as a child process among a simulated camera and a USB host, streams
+// from it and drives it, and says whether the pictures arrive whole and in time and the camera obeys.
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+#include "sim/app/control_plan.h"
+#include "sim/app/prompt.h"
+#include "sim/app/session.h"
+#include "sim/app/stream_plan.h"
+
+namespace sim {
+namespace {
+
+int run(const Options& options) {
+  std::error_code failure;
+  std::filesystem::create_directories(options.out, failure);
+  const std::string log_path = options.out + "/service.log";
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> log(std::fopen(log_path.c_str(), "w"), std::fclose);
+  if (!log) {
+    std::perror(log_path.c_str());
+    return 2;
+  }
+  catch_signals();
+  Session session(options, log.get());
+  if (session.wait_for_device()) {
+    if (options.prompt) prompt(session);
+    if (options.streams()) stream_plan(session);
+    if (options.controls()) control_plan(session);
+  }
+  session.end_service();
+  session.print_counts();
+  if (interrupted && !options.stay) return 130;
+  return session.good() ? 0 : 1;
+}
+
+}  // namespace
+}  // namespace sim
+
+int main(int argc, char** argv) {
+  int exit_status;
+  const auto options = sim::parse_options(argc, argv, exit_status);
+  return options ? sim::run(*options) : exit_status;
+}

@@ -1,0 +1,47 @@
+// The command line of camera_sim.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sim/app/fault_script.h"
+#include "sim/host/usb_host.h"
+#include "sim/media/media.h"
+
+namespace sim {
+
+struct Options {
+  std::optional<StreamFormat> format;
+  std::optional<FrameSize> size;
+  u32 rate = 30;        ///< frames per second
+  double duration = 4;  ///< seconds a stream
+  MediaOptions media;
+  std::vector<Fault> faults;
+  std::string print_level;      ///< of the service; empty: its own
+  std::optional<u8> log_level;  ///< the collector prints up to this level
+  std::string out = "out";      ///< folder for pictures and logs
+  std::string service;          ///< empty: uvc_gadget_sim beside this program
+  bool paced = false;
+  bool verbose = false;
+  bool stay = false;
+  bool control = false;
+  bool prompt = false;
+
+  /// One stream was asked for instead of the plan.
+  bool one_stream() const { return format || size || stay; }
+  /// What is to be done: the first table, the second one.
+  bool streams() const { return !prompt && (one_stream() || !control); }
+  bool controls() const { return !prompt && (control || !one_stream()); }
+};
+
+/// "mjpeg", in capitals or not.
+std::optional<StreamFormat> parse_format(std::string_view text);
+/// "1280x720".
+std::optional<FrameSize> parse_size(std::string_view text);
+
+/// The options; or nothing, with the exit status, once help, the list or an error has been printed.
+std::optional<Options> parse_options(int argc, char** argv, int& exit_status);
+
+}  // namespace sim

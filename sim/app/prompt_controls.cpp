@@ -1,0 +1,201 @@
+#include <linux/usb/video.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+#include <limits>
+
+#include "sim/app/prompt_commands.h"
+#include "sim/app/text.h"
+#include "sim/host/host_controls.h"
+
+namespace sim {
+
+namespace {
+
+constexpr u16 kLongestData = 64;  ///< of a request's data stage
+
+struct NamedRequest {
+  const char* name;
+  u8 request;
+};
+constexpr NamedRequest kGets[] = {{"get", UVC_GET_CUR},  {"min", UVC_GET_MIN}, {"max", UVC_GET_MAX},
+                                  {"res", UVC_GET_RES},  {"def", UVC_GET_DEF}, {"len", UVC_GET_LEN},
+                                  {"info", UVC_GET_INFO}};
+
+Conversation& conversation(Prompt& prompt) { return prompt.session.camera().conversation; }
+
+/// As the log has it, with what the server received.
+void show_last_exchange(Prompt& prompt) {
+  std::printf("%s\n", describe(conversation(prompt).exchanges().back()).c_str());
+}
+
+Complaint unknown_control(const std::string& name) {
+  return "no such control: \"" + name + "\"; \"controls\" lists them";
+}
+
+/// Nothing when the text is no number, or none that the control's bytes can hold.
+std::optional<i32> value_for(const HostControl& control, const std::string& text) {
+  const i64 most = control.value == HostValue::kMotion ? 255 : (i64{1} << 8 * control.size) - 1;
+  const i64 least = control.value == HostValue::kUnsigned ? 0 : -most;
+  const i64 limit = std::numeric_limits<i32>::max();
+  const auto value = parse_number<i64>(text, std::max(least, -limit), std::min(most, limit));
+  return value ? std::optional(static_cast<i32>(*value)) : std::nullopt;
+}
+
+/// The camera tells the host nothing about a value that it refuses: reads it back.
+Complaint check_taken(Prompt& prompt, const HostControl& control, i32 value) {
+  Conversation& host = conversation(prompt);
+  const auto now = get_control(host, control, UVC_GET_CUR);
+  if (!now) return "the camera does not answer";
+  if (*now == value) return "";
+  const auto least = get_control(host, control, UVC_GET_MIN), most = get_control(host, control, UVC_GET_MAX);
+  if (least && most && (value < *least || value > *most)) {
+    return std::to_string(value) + " is outside " + std::to_string(*least) + " to " + std::to_string(*most) +
+           "; it reads " + std::to_string(*now);
+  }
+  std::printf("%s reads %d now\n", control.name, *now);
+  return "";
+}
+
+Complaint set_one(Prompt& prompt, const std::string& name, const std::string& text) {
+  const HostControl* const control = find_host_control(name);
+  if (!control) return unknown_control(name);
+  const auto value = value_for(*control, text);
+  if (!value) return name + ": \"" + text + "\" is no number that the control can hold";
+  const bool sent = set_control(conversation(prompt), *control, *value);
+  show_last_exchange(prompt);
+  const Complaint complaint = sent ? check_taken(prompt, *control, *value) : "the camera does not take it";
+  return complaint.empty() ? "" : name + ": " + complaint;
+}
+
+std::optional<std::vector<u8>> bytes_of(Words words) {
+  std::vector<u8> bytes;
+  for (const std::string& word : words) {
+    const auto byte = parse_number<u8>(word, 0, 255, 16);
+    if (!byte) return std::nullopt;
+    bytes.push_back(*byte);
+  }
+  return bytes.size() <= kLongestData ? std::optional(bytes) : std::nullopt;
+}
+
+Complaint set_extension(Prompt& prompt, u8 selector, Words words) {
+  const auto bytes = bytes_of(words);
+  if (!bytes || bytes->empty()) return "wanted: 1 to 64 bytes in hex, such as 0A FF";
+  const bool stalled = set_control(conversation(prompt), kExtensionUnit, selector, *bytes).stalled;
+  show_last_exchange(prompt);
+  return stalled ? "the camera does not take it" : "";
+}
+
+/// As many bytes as GET_LEN tells.
+Complaint get_extension(Prompt& prompt, u8 selector, u8 request) {
+  Conversation& host = conversation(prompt);
+  u16 length = request == UVC_GET_LEN ? 2 : 1;
+  if (request != UVC_GET_LEN && request != UVC_GET_INFO) {
+    const auto answer = get_control(host, kExtensionUnit, selector, UVC_GET_LEN, 2).data;
+    if (answer.size() < 2) return "GET_LEN is not answered";
+    length = std::min(get_le16(answer.data()), kLongestData);
+  }
+  const bool stalled = get_control(host, kExtensionUnit, selector, request, length).stalled;
+  show_last_exchange(prompt);
+  return stalled ? "the camera does not answer" : "";
+}
+
+/// "0xA1" or "161".
+std::optional<u16> setup_number(std::string_view text, u16 most) {
+  const bool hex = text.starts_with("0x");
+  return parse_number<u16>(hex ? text.substr(2) : text, 0, most, hex ? 16 : 10);
+}
+
+std::vector<std::string> control_names() {
+  std::vector<std::string> names;
+  std::ranges::transform(host_controls(), std::back_inserter(names), &HostControl::name);
+  return names;
+}
+
+}  // namespace
+
+Complaint list_controls(Prompt& prompt, Words) {
+  constexpr u8 kColumns[] = {UVC_GET_MIN, UVC_GET_MAX, UVC_GET_RES, UVC_GET_DEF, UVC_GET_CUR};
+  std::printf("%-30s %-4s %9s %9s %9s %9s %9s\n", "control", "unit", "min", "max", "step", "default",
+              "value");
+  for (const HostControl& control : host_controls()) {
+    std::printf("%-30s %-4s", control.name, control.entity == kCameraTerminal ? "CT" : "PU");
+    for (const u8 request : kColumns) {
+      const auto value = get_control(conversation(prompt), control, request);
+      std::printf(" %9s", value ? std::to_string(*value).c_str() : "-");
+    }
+    std::puts("");
+  }
+  return "";
+}
+
+Complaint get_controls(Prompt& prompt, Words names) {
+  const std::vector<std::string> all = control_names();
+  for (const std::string& name : names[0] == "all" ? Words(all) : names) {
+    const HostControl* const control = find_host_control(name);
+    if (!control) return unknown_control(name);
+    const auto value = get_control(conversation(prompt), *control, UVC_GET_CUR);
+    if (!value) return name + ": the camera does not answer";
+    std::printf("%s = %d\n", name.c_str(), *value);
+  }
+  return "";
+}
+
+Complaint set_controls(Prompt& prompt, Words words) {
+  if (words.size() % 2) return "wanted: a value for each name";
+  for (; !words.empty(); words = words.subspan(2)) {
+    const Complaint complaint = set_one(prompt, words[0], words[1]);
+    if (!complaint.empty()) return complaint;
+  }
+  return "";
+}
+
+Complaint extension_unit(Prompt& prompt, Words words) {
+  const auto selector = setup_number(words[0], 255);
+  if (!selector) return '"' + words[0] + "\" is not a selector from 0 to 255";
+  const std::string request = words.size() > 1 ? words[1] : "get";
+  const auto number = static_cast<u8>(*selector);
+  if (request == "set") return set_extension(prompt, number, words.subspan(2));
+  const auto found =
+      std::ranges::find(kGets, request, [](const NamedRequest& row) { return std::string_view(row.name); });
+  if (found == std::end(kGets) || words.size() > 2) return "usage: " + usage(*find_command("xu"));
+  return get_extension(prompt, number, found->request);
+}
+
+Complaint raw_request(Prompt& prompt, Words words) {
+  constexpr u16 kMost[] = {0xFF, 0xFF, 0xFFFF, 0xFFFF, 0xFFFF};
+  u16 numbers[std::size(kMost)];
+  for (std::size_t i = 0; i < std::size(kMost); i++) {
+    const auto number = setup_number(words[i], kMost[i]);
+    if (!number) return '"' + words[i] + "\" is not a number up to " + std::to_string(kMost[i]);
+    numbers[i] = *number;
+  }
+  const auto data = bytes_of(words.subspan(std::size(kMost)));
+  if (!data) return "wanted: at most 64 bytes in hex, such as 0A FF";
+  const usb_ctrlrequest setup{.bRequestType = static_cast<u8>(numbers[0]),
+                              .bRequest = static_cast<u8>(numbers[1]),
+                              .wValue = numbers[2],
+                              .wIndex = numbers[3],
+                              .wLength = numbers[4]};
+  conversation(prompt).control(setup, *data);
+  show_last_exchange(prompt);
+  return "";
+}
+
+Choices get_choices(Words) {
+  std::vector<std::string> names = control_names();
+  names.push_back("all");
+  return names;
+}
+
+Choices set_choices(Words words) { return words.size() % 2 ? control_names() : std::vector<std::string>(); }
+
+Choices extension_choices(Words words) {
+  if (words.size() != 2) return std::vector<std::string>();
+  std::vector<std::string> requests{"set"};
+  std::ranges::transform(kGets, std::back_inserter(requests), &NamedRequest::name);
+  return requests;
+}
+
+}  // namespace sim

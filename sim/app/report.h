@@ -1,0 +1,28 @@
+// What camera_sim says about its streams: one row of a table each, and a verdict.
+#pragma once
+
+#include <string>
+
+#include "sim/host/usb_host.h"
+
+namespace sim {
+
+struct ReportRow {
+  std::string name;  ///< such as "replug MJPEG 1280x720"
+  u32 asked_rate;    ///< frames per second
+  StreamResult result;
+  std::string error;  ///< what kept the stream from running; empty: nothing
+};
+
+/// "lost 3, torn 1"; empty when nothing is wrong.
+std::string defects(const StreamReport& report);
+/// "whole", or what is wrong: "torn 2, lost 1", "slow: 21.0 of 30 frames/s".
+std::string verdict(const ReportRow& row);
+bool is_good(const ReportRow& row);
+
+void print_table_head();
+void print_row(const ReportRow& row);
+/// A line that the next one replaces; nothing unless standard output is a terminal.
+void print_progress(const ReportRow& row);
+
+}  // namespace sim

@@ -1,0 +1,110 @@
+#include "sim/app/session.h"
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <vector>
+
+#include "sim/host/usb_pcap.h"
+
+namespace sim {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr double kServiceEnd = 1;       ///< seconds from SIGTERM to the service's end
+constexpr double kServicePatience = 5;  ///< seconds until it is killed
+constexpr auto kDeviceLimit = 15s;      ///< from the service's start to the device on the bus
+
+std::string service_program(const Options& options) {
+  if (!options.service.empty()) return options.service;
+  return std::filesystem::read_symlink("/proc/self/exe").replace_filename("uvc_gadget_sim");
+}
+
+void write_lines(const std::string& path, const std::vector<std::string>& lines) {
+  std::ofstream file(path);
+  for (const std::string& line : lines) file << line << '\n';
+}
+
+}  // namespace
+
+volatile sig_atomic_t interrupted = 0;
+
+void catch_signals() {
+  struct sigaction action = {};
+  action.sa_handler = [](int number) { interrupted = number; };
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
+  signal(SIGPIPE, SIG_IGN);  // a closed standard output is no reason to leave things behind
+}
+
+Session::Session(const Options& options, std::FILE* service_log)
+    : options_(options), camera_(options), service_(service_program(options), service_log, options.verbose) {
+  for (const Fault& fault : options.faults) schedule(fault);
+}
+
+void Session::schedule(const Fault& fault) {
+  if (fault.at > 0) timeline_.in(fault.at, [this, fault] { set_fault(camera_, fault, true); });
+  if (!fault.duration) return;
+  timeline_.in(fault.at + *fault.duration, [this, fault] { set_fault(camera_, fault, false); });
+}
+
+std::string Session::picture_path(std::string name) const {
+  std::ranges::replace(name, ' ', '-');
+  std::ranges::transform(name, name.begin(), [](unsigned char c) { return std::tolower(c); });
+  return options_.out + '/' + name + ".png";
+}
+
+void Session::complain(const std::string& what) {
+  std::printf("%s\n", what.c_str());
+  good_ = false;
+}
+
+bool Session::wait_for_device() {
+  const auto begin = Clock::now();
+  if (!wait(kDeviceLimit, [&] { return camera_.node.wait_for_device(0ms); })) {
+    if (going_on()) complain("the device did not appear");
+    return false;
+  }
+  std::printf("service %d, device after %.2f s, files under %s\n", service_.pid(),
+              std::chrono::duration<double>(Clock::now() - begin).count(), run_root().c_str());
+  if (options_.stay)
+    std::printf("attach a debugger with: gdb -p %d; Ctrl-C ends everything\n", service_.pid());
+  camera_.host.replug();
+  if (camera_.host.enumerate()) return true;
+  complain("the device is not as it should be: " + camera_.host.error());
+  return false;
+}
+
+void Session::end_service() {
+  if (!service_.running()) {
+    complain("the service ended early: " + service_.how_it_ended() + "; its last lines:\n" +
+             service_.last_lines());
+    return;
+  }
+  const auto seconds = service_.stop(kServicePatience);
+  if (!seconds) return complain("the service did not end within 5 s of SIGTERM and was killed");
+  std::printf("service: %s, %.3f s after SIGTERM\n", service_.how_it_ended().c_str(), *seconds);
+  judge(service_.ended_with_success() && *seconds <= kServiceEnd);
+}
+
+void Session::print_counts() {
+  const Collector::Counts log = camera_.parties.collector.counts();
+  const Media::Counts media = camera_.parties.media.counts();
+  std::printf(
+      "log: %lu lines, %lu malformed, %lu dropped by the service; server: %zu requests, %lu refused; "
+      "media: %lu pictures, %lu encoded, %lu dropped\n",
+      log.lines, log.malformed, service_.dropped_log_lines(), camera_.parties.server.received().size(),
+      camera_.parties.server.refused(), media.pictures, media.encoded, media.dropped);
+  write_lines(options_.out + "/server.log", camera_.parties.server.received());
+  const auto exchanges = camera_.conversation.exchanges();
+  std::vector<std::string> lines;
+  std::ranges::transform(exchanges, std::back_inserter(lines), describe);
+  write_lines(options_.out + "/conversation.log", lines);
+  judge(write_pcap(options_.out + "/conversation.pcap", exchanges));
+  write_lines(options_.out + "/node.log", {camera_.node.call_log()});
+  for (const std::string& error : camera_.node.protocol_errors()) complain("gadget driver: " + error);
+}
+
+}  // namespace sim

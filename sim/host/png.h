@@ -1,0 +1,13 @@
+// Pictures as PNG files.
+#pragma once
+
+#include <string>
+
+#include "sim/media/av.h"
+
+namespace sim {
+
+/// False when the picture cannot be encoded or the file cannot be written.
+bool write_png(const AVFrame& picture, const std::string& path);
+
+}  // namespace sim

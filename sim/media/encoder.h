@@ -1,0 +1,54 @@
+// The camera's encoder: JPEG, H.264 or H.265 as the encoder-settings record asks for. Every picture gives its
+// frame at once; video begins with a key frame, and key frames carry the parameter sets (annex B).
+#pragma once
+
+#include <optional>
+#include <span>
+
+#include "ipc/velto_commands.h"
+#include "sim/media/av.h"
+
+namespace sim {
+
+/// What a record's rate-control words ask for, clamped to what an encoder can do. The two scales limit the
+/// quantiser (2..31 for JPEG, 1..51 for video).
+struct RateControl {
+  int bit_rate;  ///< bits per second; 0: the scales are equal and decide alone
+  int best_scale, worst_scale;
+  bool operator==(const RateControl&) const = default;
+};
+RateControl rate_control(const EncoderSettings& settings);
+/// Pictures from one key frame to the next; 1 for JPEG.
+int key_frame_interval(const EncoderSettings& settings);
+
+struct EncodedFrame {
+  u32 type;  ///< as in EncFrameSlot: 3 JPEG, 1 video key frame, 0 another video frame
+  std::span<const u8> data;
+};
+
+class Encoder {
+ public:
+  /// Encodes a picture of the settings' size. Another key-frame interval takes effect without a break; any
+  /// other change opens a new encoder. The data is the encoder's own until the next call. Nothing when
+  /// encoding fails.
+  std::optional<EncodedFrame> encode(const EncoderSettings& settings, AVFrame& picture, bool key_frame);
+
+ private:
+  struct Setup {
+    int width, height, frame_rate, codec;
+    RateControl rate;
+    bool operator==(const Setup&) const = default;
+  };
+  bool follow(const Setup& setup);
+  void steer_jpeg_scale(int frame_size);
+
+  Setup setup_{};
+  AvPtr<AVCodecContext> codec_;
+  AvPtr<AVPacket> packet_{av_packet_alloc()};
+  i64 pictures_ = 0;
+  int since_key_ = 0;
+  int interval_ = 1;  ///< of key frames: a shorter one acts at once, a longer one from the next key frame on
+  int jpeg_scale_ = 0;
+};
+
+}  // namespace sim

@@ -1,0 +1,63 @@
+// The system server of the simulated camera: parameter segment and the three message channels.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ipc/msg_records.h"
+#include "ipc/sys_info.h"
+#include "ipc/velto_commands.h"
+#include "sim/parties/camera_head.h"
+
+namespace sim {
+
+struct ServerOptions {
+  u32 usb_port = 0;
+  bool ready = true;         ///< write the ready markers at start
+  bool cache_valid = false;  ///< mark the camera-value cache valid
+  u32 pool_address = 0;      ///< what command 1 answers; address 0: refuses
+  u32 pool_size = 0;
+  CameraHead* head = nullptr;  ///< what VISCA frames and pan-tilt commands move; null: one of its own
+};
+
+enum class ServerFault {
+  kNone,
+  kDead,  ///< takes nothing off its queues
+  kFull,  ///< the same, and its queues are full
+  kSlow,  ///< 300 ms a message
+  kGone,  ///< its process has ended; queues and segments are removed, and made anew when the fault ends
+  // What it answers to system messages, which it carries out all the same:
+  kGarbled,       ///< a length of -5..5000 and random bytes
+  kMute,          ///< nothing
+  kLate,          ///< the right answer, after 6 s, one after the other
+  kMisdirected,   ///< another process gets the answer
+  kAnswersTwice,  ///< the answer to the message before comes first
+};
+
+/// Runs a thread per channel from construction to destruction.
+class Server {
+ public:
+  explicit Server(const ServerOptions& options);
+  ~Server();
+
+  /// Called for every command 10, on the control channel's thread. Set before the service starts.
+  void on_encoder_settings(std::function<void(const EncoderSettingsMessage&)> handler);
+  void set_fault(ServerFault fault);
+
+  EncoderSettingsMessage encoder_settings() const;  ///< the last that came
+  u32 request_flag(int word) const;  ///< of the request-flag area; word 0 is the USB disconnect word
+  /// Everything received since line `from`, a line each, such as "velto 10 O 2 1 1920 1080 30 ..." or, with
+  /// the reply, "sys 39 81 01 04 A4 00 00 00 0F FF -> 90 41 FF".
+  std::vector<std::string> received(std::size_t from = 0) const;
+  /// Requests that made no sense: wrong lengths, unknown commands, places outside the sender's slot. Those
+  /// that name a client are answered with a failure all the same.
+  unsigned long refused() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace sim
