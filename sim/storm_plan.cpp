@@ -19,7 +19,7 @@ constexpr StormFault kFaults[] = {
     {kServer, "server full", 0.1, 2, 0, kLoses},
     {kServer, "server gone", 0.1, 2, 0, kLoses},
     {kServer, "server late", 0.1, 1, 6},
-    {kServer, "server slow", 0.5, 2},
+    {kServer, "server slow", 0.5, 2, 0, kDamages},
     {kServer, "server garbled", 0.1, 2, 0, kConfuses},
     {kServer, "server mute", 0.1, 2},
     {kServer, "server mute", 5, 7},
