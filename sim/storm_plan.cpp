@@ -16,6 +16,7 @@ using enum StormParty;
 
 constexpr StormFault kFaults[] = {
     {kServer, "server dead", 0.1, 3, 0, kLoses},
+    {kServer, "server dead", 5, 7, 0},
     {kServer, "server full", 0.1, 2, 0, kLoses},
     {kServer, "server gone", 0.1, 2, 0, kLoses},
     {kServer, "server late", 0.1, 1, 6},

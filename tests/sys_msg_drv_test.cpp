@@ -110,7 +110,7 @@ TEST_F(SysMsgDrv, SlotIsLeftToAnAnswerThatIsOwed) {
     i32 room = 8;
     return TransmitMsg2Sys(buffer, 5, &room, 39);
   };
-  u8 first[8] = {}, second[8] = {};
+  u8 first[8] = {}, hurried[8] = {}, second[8] = {};
   SysMsgBuf late{};
   std::thread server([&] {
     late = peer.take();
@@ -126,6 +126,7 @@ TEST_F(SysMsgDrv, SlotIsLeftToAnAnswerThatIsOwed) {
     peer.send(next);
   });
   EXPECT_EQ(transmit(1, std::chrono::milliseconds(50), first), -1);
+  EXPECT_EQ(transmit(3, std::chrono::milliseconds(100), hurried), -1);
   EXPECT_EQ(transmit(2, std::chrono::seconds(4), second), 5);
   EXPECT_EQ(second[0], 22);
   server.join();
