@@ -225,16 +225,11 @@ TEST_F(Elog, BrokenPreconditionsReachTheHookAndComeBack) {
   start_bare();
   elog_assert_set_hook(note_breach);
   const std::pair<std::function<void()>, int> calls[] = {
-      {[] { elog_set_filter(6, "", ""); }, 2},
-      {[] { log_text(200, "x", "dropped"); }, 1},
-      {[] { elog_find_tag(nullptr, 6, nullptr); }, 3},
-      {[] { elog_set_filter_tag_lvl(nullptr, 6); }, 2},
-      {[] { elog_get_filter_tag_lvl(nullptr); }, 1},
-      {[] { elog_find_lvl(nullptr); }, 7},
-      {[] { elog_strcpy(0, nullptr, nullptr); }, 2},
-      {[] { elog_cpyln(nullptr, nullptr, 5); }, 2},
-      {[] { elog_memcpy(nullptr, nullptr, 5); }, 2},
-      {[] { elog_file_write(nullptr, 5); }, 2},
+      {[] { elog_set_filter(6, "", ""); }, 2},         {[] { log_text(200, "x", "dropped"); }, 1},
+      {[] { elog_find_tag(nullptr, 6, nullptr); }, 3}, {[] { elog_set_filter_tag_lvl(nullptr, 6); }, 2},
+      {[] { elog_get_filter_tag_lvl(nullptr); }, 1},   {[] { elog_find_lvl(nullptr); }, 7},
+      {[] { elog_strcpy(0, nullptr, nullptr); }, 2},   {[] { elog_cpyln(nullptr, nullptr, 5); }, 2},
+      {[] { elog_memcpy(nullptr, nullptr, 5); }, 2},   {[] { elog_file_write(nullptr, 5); }, 2},
   };
   for (std::size_t i = 0; i < std::size(calls); i++) {
     breaches = 0;
