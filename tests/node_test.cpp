@@ -87,6 +87,10 @@ TEST_F(Node, BuffersBelongToOneSideAtATime) {
   EXPECT_FALSE(take());
   EXPECT_EQ(stream(VIDIOC_STREAMON), 0);
   EXPECT_EQ(stream(VIDIOC_STREAMON), 0);
+  v4l2_requestbuffers anew{};
+  anew.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+  anew.memory = V4L2_MEMORY_MMAP;
+  EXPECT_EQ(call(VIDIOC_REQBUFS, &anew), EBUSY);
   EXPECT_EQ(dequeue(), EAGAIN);
 
   uvc_buffers[0].start[1] = 7;

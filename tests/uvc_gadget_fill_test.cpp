@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -183,13 +184,17 @@ TEST_F(FillTest, LevelFileIsReadAgainWhileTheRingIsEmpty) {
   run.write_file("/opt/params/print.conf", "uvc_gadget=warn\n");
   install_reload_handler();
   commit(kFormatMjpeg, 320, 240);
-  raise(SIGUSR1);
-  const std::jthread host([] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(230));
+  i32 level = 0;
+  std::thread user([&level] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    kill(getpid(), SIGUSR1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    level = print_level;
     uvc_stream_state.stream_on = 0;
   });
   fill();
-  EXPECT_EQ(print_level, 2);
+  user.join();
+  EXPECT_EQ(level, 2);
 }
 
 TEST_F(FillTest, FramesThatNeverFitDoNotHoldUpTheEnd) {
