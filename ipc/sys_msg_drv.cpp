@@ -42,11 +42,16 @@ i32 fail_init(const char* message) {
   return -1;
 }
 
-void await_slot() {
+// Says whether the slot may be filled. A caller that comes with less than its own share of time could only spoil
+// a body that the server has yet to read.
+bool await_slot() {
   MsgChannel& channel = driver.channel;
   const Clock::time_point own = WaitLimit::end();
   const Clock::time_point end = own == Clock::time_point::max() ? own : own - kOwnShare;
-  Msg_AwaitOwed(channel, std::min(channel.owed_since + kOwedPatience, end));
+  const Clock::time_point patience = channel.owed_since + kOwedPatience;
+  const bool too_late = Clock::now() >= end;
+  Msg_AwaitOwed(channel, std::min(patience, end));
+  return !too_late || channel.owed == 0 || Clock::now() >= patience;
 }
 
 // Brings the answer's bytes from the slot, as far as the caller has room. Returns 0, or -1 without the slot.
@@ -94,8 +99,7 @@ i32 SendMsg2Sys(i32 cmd, void* buffer, i32 length, i32* reply_length) {
 i32 TransmitMsg2Sys(void* buffer, i32 length, i32* reply_length, i32 cmd) {
   SemGuard guard(driver.lock);
   if (guard.given_up()) return -1;
-  await_slot();
-  if (WaitLimit::over()) return give_up(cmd);
+  if (!await_slot() || WaitLimit::over()) return give_up(cmd);
   const i32 process = driver.channel.process;
   const i32 offset = sys_slot_offset(process);
   SysMsgBuf record{kServerMsgType, cmd, process, length, offset};

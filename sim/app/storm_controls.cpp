@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <utility>
 
 #include "sim/host/host_controls.h"
 #include "visca/visca_frame.h"
@@ -43,6 +44,7 @@ StormControls::StormControls(Camera& camera, const Metronome& metronome, StormTa
     : camera_(camera), metronome_(metronome), tally_(tally), log_(log), random_(seed) {
   std::ranges::transform(kImages, last_, &Image::least);
   heard_ = camera.parties.server.received().size();
+  refused_ = camera.parties.server.refused();
   thread_ = std::thread([this] { run(); });
 }
 
@@ -197,6 +199,9 @@ void StormControls::judge_settings(bool may_lose) {
   }
   if (!may_lose && expected != sent_.end()) log_.fail("the server did not receive \"" + *expected + '"');
   sent_.clear();
+  const unsigned long before = std::exchange(refused_, camera_.parties.server.refused());
+  if (refused_ > before && !may_lose)
+    log_.fail("the server refused " + std::to_string(refused_ - before) + " requests");
 }
 
 }  // namespace sim

@@ -40,7 +40,8 @@ class StormControls {
   /// limit has passed.
   std::optional<double> come_back(double limit);
   /// Compares the settings that the server has received since the last time with those that were sent: each
-  /// once and in order. Some may be missing when messages could get lost.
+  /// once and in order, and nothing that it refused. Some may be missing, or were given up in the middle,
+  /// when messages could get lost.
   void judge_settings(bool may_lose);
 
  private:
@@ -64,6 +65,7 @@ class StormControls {
   StormRules rules_{};
   std::vector<std::string> sent_;  ///< settings, as the server names them
   std::size_t heard_ = 0;          ///< lines of the server
+  unsigned long refused_;          ///< requests that it has refused
   u16 last_[4];                    ///< values of the image controls
   std::mutex turn_;                ///< held for a request, and while paused
   std::unique_lock<std::mutex> paused_{turn_};

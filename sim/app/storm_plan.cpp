@@ -16,12 +16,14 @@ using enum StormParty;
 
 constexpr StormFault kFaults[] = {
     {kServer, "server dead", 0.1, 3, 0, kLoses},
+    {kServer, "server dead", 5, 7, 0},
     {kServer, "server full", 0.1, 2, 0, kLoses},
     {kServer, "server gone", 0.1, 2, 0, kLoses},
-    {kServer, "server late", 0.1, 1, 6, kLoses},
-    {kServer, "server slow", 0.5, 2},
+    {kServer, "server late", 0.1, 1, 6},
+    {kServer, "server slow", 0.5, 2, 0, kDamages},
     {kServer, "server garbled", 0.1, 2, 0, kConfuses},
     {kServer, "server mute", 0.1, 2},
+    {kServer, "server mute", 5, 7},
     {kServer, "server misdirects", 0.1, 2},
     {kServer, "server answers twice", 0.1, 2, 0, kLoses | kConfuses},
     {kEncoder, "encoder silent", 0.1, 3},
@@ -52,6 +54,7 @@ constexpr const char* kOutputNames[] = {"logged", "not read", "without a reader"
 constexpr u32 kWidestVideo = 720;      ///< pixels
 constexpr double kFaultsBegin = 1.5;   ///< seconds within which the faults of a round begin
 constexpr double kLongestState = 0.2;  ///< seconds
+constexpr double kHostPatience = 5;    ///< seconds after which the host gives a request up
 
 /// The same numbers everywhere, which the library's distributions do not promise.
 class Dice {
@@ -83,10 +86,20 @@ StreamChoice any_choice(Dice& dice) {
   return choice;
 }
 
-StormRound any_round(Dice& dice) {
+/// Index of a fault that is over before the host gives a request up, or of one that is not.
+std::size_t any_fault(Dice& dice, bool outlasts_host) {
+  for (;;) {
+    const std::size_t index = dice.below(std::size(kFaults));
+    const StormFault& fault = kFaults[index];
+    if ((fault.shortest + fault.aftermath >= kHostPatience) == outlasts_host) return index;
+  }
+}
+
+/// Its first fault as any_fault() has it, the others short.
+StormRound any_round(Dice& dice, bool outlasts_host) {
   StormRound round{.choice = any_choice(dice), .steps = {}};
   for (u32 left = 1 + dice.below(4); left > 0; --left) {
-    const std::size_t index = dice.below(std::size(kFaults));
+    const std::size_t index = any_fault(dice, outlasts_host && round.steps.empty());
     const StormFault& fault = kFaults[index];
     const StormStep step{index, dice.between(0, kFaultsBegin), dice.between(fault.shortest, fault.longest)};
     const auto same = [&](const StormStep& other) { return kFaults[other.fault].party == fault.party; };
@@ -111,12 +124,26 @@ StormEnd any_end(Dice& dice) {
   return {state, choice, dice.below(2) ? SIGTERM : SIGINT, dice.between(0, kLongestState)};
 }
 
+StormLife any_life(Dice dice, u32 most_rounds, bool outlasts_host) {
+  StormLife life{.output = any_output(dice), .rounds = {}, .end = {}};
+  for (u32 left = most_rounds ? 1 + dice.below(most_rounds) : 0; left > 0; --left)
+    life.rounds.push_back(any_round(dice, outlasts_host));
+  life.end = any_end(dice);
+  return life;
+}
+
 }  // namespace
 
 std::span<const StormFault> storm_faults() { return kFaults; }
 const char* name_of(StormState state) { return kStateNames[static_cast<u32>(state)]; }
 
 const char* name_of(ServiceOutput output) { return kOutputNames[static_cast<u32>(output)]; }
+
+std::string StormFault::name() const {
+  char times[32];
+  std::snprintf(times, sizeof times, ", %g-%g s", shortest, longest);
+  return text + std::string(times);
+}
 
 std::string StormStep::text() const {
   char times[48];
@@ -141,17 +168,8 @@ bool StormRound::has(const char* text) const {
       steps, [&](const StormStep& step) { return std::string_view(kFaults[step.fault].text) == text; });
 }
 
-StormLife plan_storm_life(u32 seed, u32 number) {
-  Dice dice(seed, number);
-  StormLife life{.output = any_output(dice), .rounds = {}, .end = {}};
-  for (u32 rounds = 1 + dice.below(4); rounds > 0; --rounds) life.rounds.push_back(any_round(dice));
-  life.end = any_end(dice);
-  return life;
-}
-
-StormLife plan_short_life(u32 seed, u32 number) {
-  Dice dice(~seed, number);
-  return {.output = any_output(dice), .rounds = {}, .end = any_end(dice)};
-}
+StormLife plan_storm_life(u32 seed, u32 number) { return any_life({seed, number}, 4, false); }
+StormLife plan_long_life(u32 seed, u32 number) { return any_life({seed, ~number}, 4, true); }
+StormLife plan_short_life(u32 seed, u32 number) { return any_life({~seed, number}, 0, false); }
 
 }  // namespace sim

@@ -28,6 +28,7 @@ struct StormFault {
   double shortest, longest;  ///< seconds
   double aftermath = 0;      ///< seconds for which it goes on after its end
   u8 harm = 0;               ///< what is excused meanwhile, of StormHarm
+  std::string name() const;  ///< such as "server mute, 5-7 s"
 };
 std::span<const StormFault> storm_faults();
 constexpr char kServiceStopped[] = "service stopped";  ///< SIGSTOP, then SIGCONT
@@ -78,6 +79,8 @@ struct StormLife {
   StormEnd end;
 };
 StormLife plan_storm_life(u32 seed, u32 number);
+/// The same, and a fault of each round lasts longer than the host waits for an answer.
+StormLife plan_long_life(u32 seed, u32 number);
 /// A life that is an end and nothing else.
 StormLife plan_short_life(u32 seed, u32 number);
 

@@ -16,8 +16,8 @@ StormTally& make_storm_tally() {
   std::exit(2);
 }
 
-static void print_count(const char* kind, const char* name, u32 count) {
-  std::printf("%-8s %-22s %6u\n", kind, name, count);
+static void print_count(const char* kind, const std::string& name, u32 count) {
+  std::printf("%-8s %-30s %6u\n", kind, name.c_str(), count);
 }
 
 void print_storm_tally(const StormTally& tally) {
@@ -26,7 +26,7 @@ void print_storm_tally(const StormTally& tally) {
   for (std::size_t i = 0; i < host_formats().size(); ++i)
     print_count("streams", host_formats()[i].name, tally.streams[i]);
   for (std::size_t i = 0; i < storm_faults().size(); ++i)
-    print_count("faults", storm_faults()[i].text, tally.faults[i]);
+    print_count("faults", storm_faults()[i].name(), tally.faults[i]);
   for (u32 i = 0; i < static_cast<u32>(StormState::kCount); ++i)
     print_count("ends", name_of(static_cast<StormState>(i)), tally.ends[i]);
   print_count("requests", "", tally.requests);

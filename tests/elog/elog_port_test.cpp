@@ -176,17 +176,8 @@ TEST_F(Elog, LockFollowsItsSwitch) {
 
 TEST_F(Elog, ThreadsLogWhileFiltersChange) {
   log_module_init(ELOG_LVL_VERBOSE);
-  std::atomic<bool> running = true;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 3; i++) {
-    threads.emplace_back([i] {
-      for (int n = 0; n < 2000; n++) {
-        log_text(static_cast<u8>(i), "NO_TAG", std::string(40, static_cast<char>('a' + i)).c_str());
-      }
-    });
-  }
-  std::thread changer([&] {
-    for (u32 n = 0; running; n++) {
+  std::jthread changer([](std::stop_token end) {
+    for (u32 n = 0; !end.stop_requested(); n++) {
       elog_set_filter(static_cast<u8>(n % 6), n % 2 ? "TAG" : "NO_T", n % 3 ? "" : "]");
       elog_set_filter_tag_lvl("NO_TAG", static_cast<u8>(n % 6));
       elog_set_fmt(ELOG_LVL_WARN, n % 256);
@@ -194,19 +185,22 @@ TEST_F(Elog, ThreadsLogWhileFiltersChange) {
       std::this_thread::sleep_for(50us);
     }
   });
+  std::atomic<int> logging = 3;
+  std::vector<std::jthread> loggers;
+  for (int i = 0; i < 3; i++) {
+    loggers.emplace_back([&logging, i] {
+      const std::string text(40, static_cast<char>('a' + i));
+      for (int n = 0; n < 2000; n++) log_text(static_cast<u8>(i), "NO_TAG", text.c_str());
+      logging--;
+    });
+  }
   std::size_t whole = 0;
-  std::thread reader([&] {
-    for (; running; std::this_thread::sleep_for(20us)) {
-      for (const std::string& text : texts()) {
-        EXPECT_THAT(text, MatchesRegex(".*(a{40}|b{40}|c{40})\n"));
-        whole++;
-      }
+  for (; logging > 0; std::this_thread::sleep_for(20us)) {
+    for (const std::string& text : texts()) {
+      EXPECT_THAT(text, MatchesRegex(".*(a{40}|b{40}|c{40})\n"));
+      whole++;
     }
-  });
-  for (std::thread& thread : threads) thread.join();
-  running = false;
-  changer.join();
-  reader.join();
+  }
   EXPECT_GT(whole + texts().size(), 0u);
 }
 

@@ -14,6 +14,7 @@
 
 #include "support/print.h"
 #include "tests/ipc/ipc_peer.h"
+#include "tests/printed_by.h"
 
 // Found by the leak sanitizer; the second failure of ReplaceConfigLine leaves its first file open on purpose.
 extern "C" const char* __lsan_default_suppressions() { return "leak:ReplaceConfigLine"; }
@@ -75,11 +76,9 @@ TEST_F(FileMsgDrv, GettersPointIntoTheSegment) {
 TEST_F(FileMsgDrv, WaitsForTheMarkersTenSeconds) {
   open();
   sim::set_sleep_divisor(1000);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(GetSysInfo(), nullptr);
+  EXPECT_THAT(printed_by([] { EXPECT_EQ(GetSysInfo(), nullptr); }), HasSubstr("Timeout!\n"));
   EXPECT_EQ(sim::sleep_count().calls, 1000u);
   EXPECT_EQ(sim::sleep_count().microseconds, 10000000u);
-  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("Timeout!\n"));
   EXPECT_EQ(GetSysState(true), nullptr);
   EXPECT_NE(GetSysState(false), nullptr);
 
@@ -150,12 +149,11 @@ TEST_F(FileMsgDrv, OnlyTheExactReplyLengthIsSuccess) {
   };
   for (const auto& [call, sent, failure] : requests)
     for (const i32 length : {2639, 2640, 2641}) {
-      testing::internal::CaptureStderr();
-      i32 result = 1;
-      EXPECT_EQ(peer.serve([&] { result = call(); }, [&](FileMsgBuf& reply) { reply.length = length; }),
-                record(sent));
-      EXPECT_EQ(result, length == 2640 ? 0 : -1);
-      EXPECT_EQ(testing::internal::GetCapturedStderr().find(failure) != std::string::npos, length != 2640);
+      const auto check = [&] { EXPECT_EQ(call(), length == 2640 ? 0 : -1); };
+      const std::string text = printed_by([&] {
+        EXPECT_EQ(peer.serve(check, [&](FileMsgBuf& reply) { reply.length = length; }), record(sent));
+      });
+      EXPECT_EQ(text.find(failure) != text.npos, length != 2640);
     }
 }
 
@@ -226,9 +224,8 @@ TEST_F(FileMsgDrv, TooSmallASegmentFailsTheStart) {
   shmctl(id, IPC_RMID, nullptr);
   const int small = shmget(sim::run_key(kFileMsgKey), kSysInfoLength - 1, IPC_CREAT | 0660);
   ASSERT_GE(small, 0);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(InitFileMsgDrv(kFileMsgKey, kFileMsgProcess), -1);
-  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("is too small or cannot be attached\n"));
+  EXPECT_THAT(printed_by([] { EXPECT_EQ(InitFileMsgDrv(kFileMsgKey, kFileMsgProcess), -1); }),
+              HasSubstr("is too small or cannot be attached\n"));
   EXPECT_EQ(msgget(sim::run_key(kFileMsgKey), 0), peer.queue()) << "the server's queue stays";
   EXPECT_EQ(GetSysInfo(), nullptr);
 }

@@ -12,7 +12,6 @@ constexpr u32 kPage = 4096;
 class MemmapTest : public SupportTest {
  protected:
   MemmapTest() { files_kept_ = 1; }  // the device stays open
-  static Reports refused(int line, const char* message) { return error("memmap", "memmap", line, message); }
   static u8* map(u32 phys, u32 size) { return static_cast<u8*>(memmap(phys, size)); }
 };
 
@@ -33,10 +32,9 @@ TEST_F(MemmapTest, MapsThePagesThatCoverTheRange) {
     u8* start = virt - range.offset;
     EXPECT_EQ(get_le32(start + (range.offset & ~3u)), range.phys);
     // The address just past the end still belongs to the mapping, the next one does not.
-    EXPECT_EQ(reports_of([&] { EXPECT_EQ(memunmap(start + range.length + 1), -1); }),
-              info("memmap", "memunmap", 200, lost));
+    EXPECT_EQ(printed_by([&] { EXPECT_EQ(memunmap(start + range.length + 1), -1); }), lost);
     EXPECT_EQ(memunmap(start + range.length), 0);
-    EXPECT_EQ(reports_of([&] { EXPECT_EQ(memunmap(virt), -1); }), error("memmap", "memunmap", 156, lost));
+    EXPECT_EQ(message_of([&] { EXPECT_EQ(memunmap(virt), -1); }), lost);
   }
 }
 
@@ -53,8 +51,7 @@ TEST_F(MemmapTest, SharesTheOldestMappingUntilItsLastUser) {
 }
 
 TEST_F(MemmapTest, RefusesRangesThatAreNone) {
-  EXPECT_EQ(reports_of([] { EXPECT_EQ(map(0x20000000, 0), nullptr); }),
-            refused(59, "memmap():size can't be zero!\n"));
+  EXPECT_EQ(message_of([] { EXPECT_EQ(map(0x20000000, 0), nullptr); }), "memmap():size can't be zero!\n");
   map(0x1000, 2 * kPage);  // a sum in 32 bits would find the ranges below inside it
   const struct {
     u32 phys, size;
@@ -63,15 +60,13 @@ TEST_F(MemmapTest, RefusesRangesThatAreNone) {
                 {0x1800, 0xFFFFF800, "memmap():mmap @ 0x1000 error!\n"},
                 {0, 0xFFFFF001, "memmap():mmap @ 0x0 error!\n"}};
   for (const auto& range : ranges)
-    EXPECT_EQ(reports_of([&] { EXPECT_EQ(map(range.phys, range.size), nullptr); }),
-              refused(99, range.message));
+    EXPECT_EQ(message_of([&] { EXPECT_EQ(map(range.phys, range.size), nullptr); }), range.message);
 }
 
 TEST_F(MemmapTest, FullTableRefusesAndRecovers) {
   std::vector<u8*> mappings;
   for (u32 i = 0; i < 64; ++i) mappings.push_back(map(i * 2 * kPage, 4));
-  EXPECT_EQ(reports_of([] { EXPECT_EQ(map(0x20000000, 4), nullptr); }),
-            refused(107, "memmap():malloc new node failed!\n"));
+  EXPECT_EQ(message_of([] { EXPECT_EQ(map(0x20000000, 4), nullptr); }), "memmap():malloc new node failed!\n");
   EXPECT_EQ(map(0, 4), mappings[0]);  // sharing needs no room
   EXPECT_EQ(memunmap(mappings[0]) + memunmap(mappings[0]), 0);
   EXPECT_NE(map(0x20000000, 4), nullptr);

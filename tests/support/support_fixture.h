@@ -13,6 +13,7 @@
 #include "elog/elog_record.h"
 #include "sim/seam/run.h"
 #include "support/print.h"
+#include "tests/printed_by.h"
 
 /// What went to standard error and, as "[level][file function:line]message" lines, to the logger.
 struct Reports {
@@ -46,9 +47,16 @@ class SupportTest : public testing::Test {
 
   template <typename Call>
   static Reports reports_of(Call call) {
-    testing::internal::CaptureStderr();
-    call();
-    return {testing::internal::GetCapturedStderr(), take_log()};
+    const std::string err = printed_by(call);
+    return {err, take_log()};
+  }
+
+  /// What a call reports last, without the place that an error names before its message.
+  template <typename Call>
+  static std::string message_of(Call call) {
+    const std::string text = printed_by(call), end_of_place = "\033[0m";
+    const auto at = text.rfind(end_of_place);
+    return at == text.npos ? text : text.substr(at + end_of_place.size());
   }
 
   /// The error form's report. The logger adds a newline of its own.

@@ -171,7 +171,7 @@ TEST_F(CameraControlTest, SettingsBecomeFrames) {
       {"10000 K", kImage, 10, {0x10, 0x27}, 0, "81 01 04 35 06 ff | 81 01 04 2a 02 07 01 00 ff", "10 27"},
       {"multiplier 128", kImage, 14, {128, 0}, 0, "", "32 00"},
       {"no image control", kImage, 15, {1, 0}, 6, "", "cc"},
-      {"exposure auto", kCamera, 2, {8}, 0, "81 01 04 39 00 ff", "08"},
+      {"exposure auto", kCamera, 2, {8}, 0, "81 01 04 39 00 ff", "08 cc"},
       {"exposure", kCamera, 4, {1, 2, 3, 4}, 0, "", "01 02 03 04"},
       {"focus relative", kCamera, 7, {9, 9}, 77, "", "cc"},
       {"zoom", kCamera, 11, {0x34, 0x12}, 0, "81 01 04 47 01 02 03 04 ff", "34 12"},

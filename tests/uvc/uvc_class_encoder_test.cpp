@@ -120,14 +120,15 @@ TEST_F(UvcTest, QualityOfMjpegAndOtherFormats) {
   cur_format = kFormatMjpeg;
   encoder_record.frame_rate = 30;
   const struct {
-    i32 mode;
+    i32 mode, quality;
     const char* sent;
-  } rows[] = {{0, "2 1 1920 1080 30 0 1 0 20480 99 60 0 0\n"},
-              {1, "2 1 1920 1080 30 0 1 1 20480 99 30 0 0\n"},
-              {2, "2 1 1920 1080 30 0 1 2 40 99 30 0 0\n"}};
+  } rows[] = {{0, 5000, "2 1 1920 1080 30 0 1 0 20480 99 60 0 0\n"},
+              {1, 10000, "2 1 1920 1080 30 0 1 1 40960 99 60 0 0\n"},
+              {1, 5000, "2 1 1920 1080 30 0 1 1 20480 99 30 0 0\n"},
+              {2, 5000, "2 1 1920 1080 30 0 1 2 40 99 30 0 0\n"}};
   for (const auto& row : rows) {
     mjpeg_rate_control.mode = row.mode;
-    change_quality(5000);
+    change_quality(row.quality);
     EXPECT_EQ(sent_settings(), row.sent);
   }
   cur_format = kFormatYuy2;

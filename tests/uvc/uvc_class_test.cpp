@@ -11,6 +11,7 @@
 
 #include "ipc/sys_msg_drv.h"
 #include "support/print.h"
+#include "tests/printed_by.h"
 #include "tests/uvc/uvc_fixture.h"
 #include "uvc/uvc_class_streaming.h"
 
@@ -145,9 +146,7 @@ TEST_F(UvcTest, EventsSetTheStreamState) {
   for (const StateRow& row : rows) {
     SCOPED_TRACE(row.name);
     ASSERT_TRUE(host.script(row.fault));
-    testing::internal::CaptureStderr();
-    raise(row.event);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), row.text);
+    EXPECT_EQ(printed_by([&] { raise(row.event); }), row.text);
     EXPECT_EQ(uvc_stream_state.stream_starts, row.starts);
     EXPECT_EQ(uvc_stream_state.stream_on, row.on);
     EXPECT_EQ(uvc_stream_state.stream_stopped, row.stopped);
@@ -252,27 +251,25 @@ TEST_F(UvcTest, ASetupThatItsHostGaveUpIsLeftOutOnceANewerOneWaits) {
   v4l2_event unplugged = {};
   unplugged.type = UVC_EVENT_DISCONNECT;
   EXPECT_EQ(answers({old_setup(UVC_GET_MAX, 0s), unplugged, plugged_in, old_setup(UVC_GET_DEF, 0s)}), "8 ");
-  std::thread cable([&] {
+  const std::jthread cable([&] {
     std::this_thread::sleep_for(50ms);
     host.raise(unplugged);
   });
   EXPECT_EQ(answers({old_setup(UVC_GET_CUR, 4200ms)}), "") << "unplugged while the server is asked";
-  cable.join();
   EXPECT_EQ(answers({plugged_in, old_setup(UVC_GET_DEF, 0s)}), "8 ");
 }
 
 TEST_F(UvcTest, FailedSubscriptionEndsTheThread) {
-  const char* texts[] = {"VIDIOC_SUBSCRIBE_EVENT failed (-1)\n", "set UVC_EVENT_DATA failed (-1)\n",
-                         "set UVC_EVENT_DATA failed (-1)\n"};
-  const char* faults[] = {"fail SUBSCRIBE 1", "fail SUBSCRIBE 2", "fail SUBSCRIBE 6"};
-  for (int i = 0; i < 3; i++) {
+  const struct {
+    const char *fault, *text;
+  } rows[] = {{"fail SUBSCRIBE 1", "VIDIOC_SUBSCRIBE_EVENT failed (-1)\n"},
+              {"fail SUBSCRIBE 2", "set UVC_EVENT_DATA failed (-1)\n"},
+              {"fail SUBSCRIBE 6", "set UVC_EVENT_DATA failed (-1)\n"}};
+  for (const auto& row : rows) {
     uvc_device_close();
     ASSERT_EQ(uvc_device_open(), 0);
-    ASSERT_TRUE(host.script("clear"));
-    ASSERT_TRUE(host.script(faults[i]));
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(uvc_class_procesing(&uvc_video_fd), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), texts[i]);
+    ASSERT_TRUE(host.script("clear") && host.script(row.fault));
+    EXPECT_EQ(printed_by([] { EXPECT_EQ(uvc_class_procesing(&uvc_video_fd), nullptr); }), row.text);
   }
 }
 
@@ -287,16 +284,30 @@ TEST_F(UvcTest, LongAndUnannouncedDataStayInsideTheirRecords) {
   EXPECT_EQ(uvc_resp_buf[60], 0xCC);
 }
 
-TEST_F(UvcTest, ThreadIsNotCancelledInTheMiddleOfARequest) {
+class ThreadTest : public UvcTest {
+ protected:
+  /// The control thread, on a node that is opened anew and ready for the host.
+  pthread_t start_thread() {
+    uvc_device_close();
+    EXPECT_EQ(uvc_device_open(), 0);
+    pthread_t thread;
+    EXPECT_EQ(pthread_create(&thread, nullptr, uvc_class_procesing, &uvc_video_fd), 0);
+    EXPECT_TRUE(host.wait_for_device(2s));
+    return thread;
+  }
+  static void* result_of(pthread_t thread) {
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    return result;
+  }
+};
+
+TEST_F(ThreadTest, IsNotCancelledInTheMiddleOfARequest) {
   const int queue = msgget(sim::run_key(kVeltoMsgKey), 0);
   VeltoMsgBuf filler = {
       .dest = kServerMsgType, .cmd = kVeltoEncoderSettings, .src = 0, .ret = 0, .payload = {}};
   while (msgsnd(queue, &filler, kVeltoMsgPayload, IPC_NOWAIT) == 0) continue;
-  uvc_device_close();
-  ASSERT_EQ(uvc_device_open(), 0);
-  pthread_t thread;
-  ASSERT_EQ(pthread_create(&thread, nullptr, uvc_class_procesing, &uvc_video_fd), 0);
-  ASSERT_TRUE(host.wait_for_device(std::chrono::seconds(2)));
+  const pthread_t thread = start_thread();
   host.control({0x21, UVC_SET_CUR, VS_COMMIT_CONTROL << 8, 1, 26}, block(kFormatYuy2, 1, 333333));
   while (cur_format != kFormatYuy2) sys::usleep(1000);  // then the settings meet the full queue
   sys::usleep(20'000);
@@ -306,23 +317,15 @@ TEST_F(UvcTest, ThreadIsNotCancelledInTheMiddleOfARequest) {
   soon.tv_sec += 1;
   EXPECT_EQ(pthread_timedjoin_np(thread, nullptr, &soon), ETIMEDOUT);
   uvc_stream_state.exit_flag = 1;
-  void* result = nullptr;
-  pthread_join(thread, &result);
-  EXPECT_EQ(result, PTHREAD_CANCELED);
+  EXPECT_EQ(result_of(thread), PTHREAD_CANCELED);
 }
 
-TEST_F(UvcTest, ThreadCanBeCancelledIdleAndStreaming) {
+TEST_F(ThreadTest, CanBeCancelledIdleAndStreaming) {
   for (const i32 on : {0, 1}) {
-    uvc_device_close();
-    ASSERT_EQ(uvc_device_open(), 0);
     uvc_stream_state.stream_on = on;
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, nullptr, uvc_class_procesing, &uvc_video_fd), 0);
-    ASSERT_TRUE(host.wait_for_device(std::chrono::seconds(2)));
+    const pthread_t thread = start_thread();
     pthread_cancel(thread);
-    void* result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(result_of(thread), PTHREAD_CANCELED);
   }
 }
 

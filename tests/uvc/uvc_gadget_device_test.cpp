@@ -14,6 +14,7 @@
 #include "sim/seam/node.h"
 #include "sim/seam/run.h"
 #include "support/print.h"
+#include "tests/printed_by.h"
 #include "uvc/uvc_gadget_signals.h"
 #include "uvc/uvc_state.h"
 
@@ -47,13 +48,10 @@ TEST_F(DeviceTest, ConfiguresMapsAndQueuesThreeEmptyBuffers) {
   EXPECT_EQ(uvc_video_fd, -1);
 }
 
-struct FaultRow {
-  const char* fault;
-  const char* text;
-};
-
 TEST_F(DeviceTest, EveryFailingStepIsTriedAgainUntilItWorks) {
-  const FaultRow rows[] = {
+  const struct {
+    const char *fault, *text;
+  } rows[] = {
       {"fail OPEN 1", ""},
       {"fail QUERYCAP 1", ""},
       {"fail S_FMT 1", "VIDIOC_S_FMT failed (-1)\n"},
@@ -63,13 +61,10 @@ TEST_F(DeviceTest, EveryFailingStepIsTriedAgainUntilItWorks) {
       {"fail MMAP 3", ""},
       {"fail QBUF 2", "VIDIOC_QBUF (1) failed (-1)\n"},
   };
-  for (const FaultRow& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.fault);
-    ASSERT_TRUE(host.script("clear"));
-    ASSERT_TRUE(host.script(row.fault));
-    testing::internal::CaptureStderr();
-    ASSERT_EQ(uvc_device_open(), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), row.text);
+    ASSERT_TRUE(host.script("clear") && host.script(row.fault));
+    EXPECT_EQ(printed_by([] { EXPECT_EQ(uvc_device_open(), 0); }), row.text);
     EXPECT_EQ(uvc_buffer_count, 3u);
     EXPECT_EQ(node_mappings(), 3) << "those of the failed try are undone";
     uvc_device_close();
@@ -77,8 +72,7 @@ TEST_F(DeviceTest, EveryFailingStepIsTriedAgainUntilItWorks) {
 }
 
 TEST_F(DeviceTest, TakesWhatTheDriverGrants) {
-  ASSERT_TRUE(host.script("grant 2"));
-  ASSERT_TRUE(host.script("reqbufs returns count"));
+  ASSERT_TRUE(host.script("grant 2") && host.script("reqbufs returns count"));
   ASSERT_EQ(uvc_device_open(), 0);
   EXPECT_EQ(uvc_buffer_count, 2u);
   uvc_device_close();
@@ -93,23 +87,19 @@ TEST_F(DeviceTest, TakesWhatTheDriverGrants) {
 
 TEST_F(DeviceTest, ReopeningEndsWithTheService) {
   ASSERT_TRUE(host.script("fail OPEN *"));
-  std::thread ender([] {
+  const std::jthread ender([] {
     sys::usleep(150'000);
     uvc_stream_state.exit_flag = 1;
   });
   EXPECT_EQ(uvc_device_open(), -1);
-  ender.join();
 }
 
 TEST_F(DeviceTest, RearmClearsBuffersAndLeavesOutWhatCannotBeMapped) {
   ASSERT_EQ(uvc_device_open(), 0);
   std::memset(uvc_buffers[2].start, 0xEE, 100);
-  ASSERT_TRUE(host.script("fail MMAP 2"));
-  ASSERT_TRUE(host.script("fail MMAP 4"));
-  testing::internal::CaptureStderr();
-  uvc_device_rearm();
-  EXPECT_EQ(uvc_device_rearm_buffer(1), -1) << "and says nothing";
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "set mmap errr\n");
+  ASSERT_TRUE(host.script("fail MMAP 2") && host.script("fail MMAP 4"));
+  EXPECT_EQ(printed_by(uvc_device_rearm), "set mmap errr\n");
+  EXPECT_EQ(printed_by([] { EXPECT_EQ(uvc_device_rearm_buffer(1), -1); }), "");
   EXPECT_EQ(uvc_buffers[1].start, nullptr);
   ASSERT_NE(uvc_buffers[2].start, nullptr);
   EXPECT_EQ(uvc_buffers[2].start[0] + uvc_buffers[2].start[99], 0);

@@ -16,6 +16,7 @@
 #include "platform/hi_mpi.h"
 #include "sim/seam/run.h"
 #include "support/print.h"
+#include "tests/printed_by.h"
 #include "uvc/uvc_gadget_signals.h"
 #include "uvc/uvc_gadget_yuv.h"
 #include "uvc/uvc_state.h"
@@ -86,9 +87,7 @@ class FillTest : public testing::Test {
   }
 
   std::string fill() {
-    testing::internal::CaptureStderr();
-    uvc_video_fill_buffer(0, &buffer);
-    return testing::internal::GetCapturedStderr();
+    return printed_by([this] { uvc_video_fill_buffer(0, &buffer); });
   }
 
   // A picture whose luma is `luma` everywhere, with V 0x20 and U 0x30.
@@ -200,9 +199,8 @@ TEST_F(FillTest, LevelFileIsReadAgainWhileTheRingIsEmpty) {
 
 TEST_F(FillTest, FramesThatNeverFitDoNotHoldUpTheEnd) {
   commit(kFormatMjpeg, 320, 240);
-  std::atomic<bool> done = false;
-  std::thread writer([&] {
-    for (u32 seq = 0; !done; seq++) {
+  const std::jthread writer([this](std::stop_token end) {
+    for (u32 seq = 0; !end.stop_requested(); seq++) {
       if (slots[seq % 2].state != kSlotReading) publish(static_cast<int>(seq % 2), seq, 3, 640, 480, 10);
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
       if (seq == 100) uvc_stream_state.exit_flag = 1;
@@ -212,8 +210,6 @@ TEST_F(FillTest, FramesThatNeverFitDoNotHoldUpTheEnd) {
   fill();
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
   EXPECT_EQ(buffer.bytesused, 2u);
-  done = true;
-  writer.join();
 }
 
 struct PictureRow {

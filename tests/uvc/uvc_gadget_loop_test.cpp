@@ -7,13 +7,16 @@
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <thread>
 
 #include "support/print.h"
+#include "tests/printed_by.h"
 #include "tests/uvc/uvc_fixture.h"
 #include "uvc/uvc_class_encoder.h"
 #include "uvc/uvc_class_streaming.h"
 #include "uvc/uvc_gadget.h"
+#include "uvc/uvc_gadget_signals.h"
 #include "vencbuf/vencbuf_get.h"
 
 using testing::HasSubstr;
@@ -31,16 +34,12 @@ class LoopTest : public UvcTest {
     ASSERT_EQ(vencbuf_get_init(), 0);
     slots = static_cast<EncFrameSlot*>(shmat(shmget(sim::run_key(VENC_RING_KEY), 0, 0), nullptr, 0));
     frame_ready = sem_open(sim::run_semaphore(kFrameReadySemaphore).c_str(), 0);
-    writer = std::thread([this] {
-      for (u32 seq = 0; !done; seq++) {
+    writer = std::jthread([this](std::stop_token end) {
+      for (u32 seq = 0; !end.stop_requested(); seq++) {
         publish(slots[seq % 2], seq);
         std::this_thread::sleep_for(std::chrono::microseconds(500));
       }
     });
-  }
-  void TearDown() override {
-    done = true;
-    writer.join();
   }
 
   void publish(EncFrameSlot& slot, u32 seq) {
@@ -72,6 +71,12 @@ class LoopTest : public UvcTest {
     stream_turn(stream);
   }
 
+  std::string printed_turns(int count) {
+    return printed_by([&] {
+      for (int i = 0; i < count; i++) stream_turn(stream);
+    });
+  }
+
   /// Payload sizes that reach the host until none comes for a while.
   std::string received() {
     std::string sizes;
@@ -92,15 +97,12 @@ class LoopTest : public UvcTest {
 
   EncFrameSlot* slots = nullptr;
   sem_t* frame_ready = nullptr;
-  std::thread writer;
-  std::atomic<bool> done = false;
   StreamLoop stream = {.need_dequeue = true};
+  std::jthread writer;
 };
 
 TEST_F(LoopTest, FirstTurnEndsTheStreamThatNeverWas) {
-  testing::internal::CaptureStderr();
-  stream_turn(stream);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "stop uvc stream .............\n");
+  EXPECT_EQ(printed_turns(1), "stop uvc stream .............\n");
   EXPECT_EQ(sent_settings(), "2 0 1920 1080 30 0 1 1 40960 99 60 0 0\n");
   EXPECT_EQ(last_format, -1);
   EXPECT_TRUE(stream.stopped);
@@ -123,7 +125,9 @@ TEST_F(LoopTest, StreamThatRunsAlreadyIsFedAtOnce) {
 TEST_F(LoopTest, EndOfTheServiceIsNoEndOfTheStream) {
   start(kFormatMjpeg);
   sent_settings();
-  uvc_stream_state.exit_flag = 1;
+  std::signal(SIGALRM, SIG_IGN);  // the timer of the end
+  exitfunction(SIGTERM);
+  EXPECT_EQ(printed_by(serve_signals) + printed_by(serve_signals), "exit uvc class threads...\n");
   stream_turn(stream);
   EXPECT_EQ(sent_settings(), "") << "the shutdown tells the server";
 }
@@ -163,9 +167,8 @@ TEST_F(LoopTest, NoFrameOfTheOldStreamOpensTheNextOne) {
 }
 
 TEST_F(LoopTest, HostThatRestartsAtOnceGetsOnlyFramesOfItsNewStream) {
-  std::atomic<bool> over = false;
-  std::thread main_thread([&] {
-    while (!over) stream_turn(stream);
+  const std::jthread main_thread([this](std::stop_token end) {
+    while (!end.stop_requested()) stream_turn(stream);
   });
   sim::set_sleep_divisor(1000);
   print_level = 1;
@@ -178,25 +181,20 @@ TEST_F(LoopTest, HostThatRestartsAtOnceGetsOnlyFramesOfItsNewStream) {
     EXPECT_EQ(frame.size(), mjpeg ? 5000u : 6000u) << i << "\n" << host.call_log();
     raise(UVC_EVENT_STREAMOFF);
   }
-  over = true;
-  main_thread.join();
 }
 
 TEST_F(LoopTest, StreamEndingInsideATurnQueuesNothing) {
   start(kFormatMjpeg);
   received();
-  done = true;  // no frame any more: the turn waits in the ring until the stream ends
-  writer.join();
+  writer = {};  // no frame any more: the turn waits in the ring until the stream ends
   slots[0].state = slots[1].state = kSlotEmpty;
-  std::thread ender([this] {
+  const std::jthread ender([this] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     raise(UVC_EVENT_STREAMOFF);
   });
   const std::size_t before = host.call_log().size();
   stream_turn(stream);
-  ender.join();
   EXPECT_THAT(host.call_log().substr(before), Not(HasSubstr("\nQBUF")));
-  writer = std::thread([] {});
 }
 
 TEST_F(LoopTest, StreamThatEndedAndBeganBehindTheLoopStartsAnew) {
@@ -214,12 +212,8 @@ TEST_F(LoopTest, StreamThatEndedAndBeganBehindTheLoopStartsAnew) {
 TEST_F(LoopTest, DequeueFailuresAreCountedAndSaid) {
   start(kFormatMjpeg);
   sim::set_sleep_divisor(1000);
-  testing::internal::CaptureStderr();
-  for (int i = 0; i < 33; i++) stream_turn(stream);  // nobody takes a frame: 99 failures
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  testing::internal::CaptureStderr();
-  stream_turn(stream);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "VIDIOC_QBUF Timeout!\n");
+  EXPECT_EQ(printed_turns(33), "") << "nobody takes a frame: 99 failures";
+  EXPECT_EQ(printed_turns(1), "VIDIOC_QBUF Timeout!\n");
 }
 
 TEST_F(LoopTest, BufferThatTheDriverNamesWronglyIsNotTouched) {
@@ -285,9 +279,9 @@ TEST_F(LoopTest, PinsAreDrivenThroughTheirRegisters) {
 }
 
 TEST_F(LoopTest, FramesAreToldOnceASecond) {
-  testing::internal::CaptureStderr();
-  for (int i = 0; i < 1000; i++) second_cnt();
-  const std::string text = testing::internal::GetCapturedStderr();
+  const std::string text = printed_by([] {
+    for (int i = 0; i < 1000; i++) second_cnt();
+  });
   EXPECT_TRUE(text.starts_with("B 1\n")) << text;
   EXPECT_LE(std::ranges::count(text, 'B'), 2) << "one more when a second ends meanwhile";
 }

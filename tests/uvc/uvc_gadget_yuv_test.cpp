@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <numeric>
 
-#include "tests/elog/guarded_bytes.h"
+#include "tests/uvc/guarded_bytes.h"
 
 namespace {
 

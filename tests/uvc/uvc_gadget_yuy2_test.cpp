@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "tests/elog/guarded_bytes.h"
+#include "tests/uvc/guarded_bytes.h"
 
 namespace {
 

@@ -9,6 +9,7 @@
 
 #include "support/print.h"
 #include "support/support.h"
+#include "tests/printed_by.h"
 #include "tests/uvc/uvc_fixture.h"
 
 namespace {
@@ -65,11 +66,8 @@ TEST_F(VendorTest, SaysWhatIsAsked) {
       {UVC_GET_INFO, 255, "get extern info ff\n"},
       {UVC_GET_LEN, 4, ""},
   };
-  for (const auto& row : rows) {
-    testing::internal::CaptureStderr();
-    setup(row.request, row.selector, 3, 0, 2);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), row.text);
-  }
+  for (const auto& row : rows)
+    EXPECT_EQ(printed_by([&] { setup(row.request, row.selector, 3, 0, 2); }), row.text);
 }
 
 TEST_F(VendorTest, VersionRecordComesFromTheBuild) {
@@ -166,9 +164,8 @@ TEST_F(VendorTest, UpdateStartsOncePerRequestAndKeepsTheNodesNumber) {
                                  .wLength = 1,
                                  .data = {}};
     uvc_resp_buf[0] = value;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(uvc_setcur(&request), kNoError);
-    EXPECT_EQ(testing::internal::GetCapturedStderr().substr(0, 15), "System update!\n");
+    const auto update = [&] { EXPECT_EQ(uvc_setcur(&request), kNoError); };
+    EXPECT_THAT(printed_by(update), testing::StartsWith("System update!\n"));
     EXPECT_EQ(uvc_video_fd, number);
     EXPECT_TRUE(fcntl(number, F_GETFD) & FD_CLOEXEC);
     EXPECT_NE(open("/", O_RDONLY | O_CLOEXEC), number);
