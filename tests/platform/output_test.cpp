@@ -113,7 +113,8 @@ TEST(Output, FileIsWrittenAtItsEndAndWhatIsTooLongIsCut) {
   std::fclose(file);
 
   output_init();
-  EXPECT_TRUE(WIFSIGNALED(std::system("kill -PIPE $$"))) << "commands keep the default action";
+  int status = std::system("kill -PIPE $$");
+  EXPECT_TRUE(WIFSIGNALED(status)) << "commands keep the default action";
 }
 
 }  // namespace
