@@ -406,8 +406,7 @@ static constexpr Control kCameraTerminal[] = {
 };
 // clang-format on
 
-Unit uvc_camera_terminal() {
-  return {kVideoControlInterface, 1, kCameraTerminal, {.len = reply_word(2), .info = reply_bytes({0})}};
-}
+constexpr Unit uvc_camera_terminal = {
+    kVideoControlInterface, 1, kCameraTerminal, {.len = reply_word(2), .info = reply_bytes({0})}};
 
-Unit uvc_processing_unit() { return {kVideoControlInterface, 2, kProcessingUnit, {.len = reply_word(2)}}; }
+constexpr Unit uvc_processing_unit = {kVideoControlInterface, 2, kProcessingUnit, {.len = reply_word(2)}};

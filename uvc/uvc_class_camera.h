@@ -3,7 +3,7 @@
 // server's camera-value cache, or by inquiry while that is not valid. Control thread only.
 #pragma once
 
-#include "uvc/uvc_class_control.h"
+#include "uvc/uvc_class_row.h"
 
 enum UvcCameraTerminalSelector : u8 {
   CT_AE_MODE_CONTROL = 2,
@@ -35,8 +35,8 @@ enum UvcProcessingUnitSelector : u8 {
 };
 
 /// Entity 1 and entity 2 of the video-control interface.
-Unit uvc_camera_terminal();
-Unit uvc_processing_unit();
+extern const Unit uvc_camera_terminal;
+extern const Unit uvc_processing_unit;
 
 /// Turns the head to a position in arc seconds; what does not fit its 16-bit steps of 270 wraps.
 void uvc_apantilt_process(i32 pan, i32 tilt);

@@ -10,19 +10,15 @@
 
 static constexpr char kPrintFile[] = "uvc_class.c";
 
-static const Unit kUnits[] = {
-    uvc_camera_terminal(),
-    uvc_processing_unit(),
-    uvc_extension_unit(),
-    {kVideoStreamingInterface, kAnyEntity, uvc_streaming_controls(), {}},
-};
+static constexpr const Unit* kUnits[] = {&uvc_camera_terminal, &uvc_processing_unit, &uvc_extension_unit,
+                                         &uvc_streaming_interface};
 
-std::span<const Unit> uvc_units() { return kUnits; }
+std::span<const Unit* const> uvc_units() { return kUnits; }
 
 static const Unit* find_unit(const UvcRequestContext& request) {
-  for (const Unit& unit : kUnits) {
-    if (unit.interface != request.interface()) continue;
-    if (unit.entity == kAnyEntity || unit.entity == request.entity()) return &unit;
+  for (const Unit* unit : kUnits) {
+    if (unit->interface != request.interface()) continue;
+    if (unit->entity == kAnyEntity || unit->entity == request.entity()) return unit;
   }
   return nullptr;
 }

@@ -193,4 +193,4 @@ static constexpr Control kControls[] = {
     },
 };
 
-std::span<const Control> uvc_streaming_controls() { return kControls; }
+constexpr Unit uvc_streaming_interface = {kVideoStreamingInterface, kAnyEntity, kControls, {}};

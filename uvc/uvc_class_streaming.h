@@ -3,9 +3,8 @@
 #pragma once
 
 #include <cstddef>
-#include <span>
 
-#include "uvc/uvc_class_control.h"
+#include "uvc/uvc_class_row.h"
 
 enum UvcStreamingSelector : u8 {
   VS_PROBE_CONTROL = 1,
@@ -41,5 +40,5 @@ struct [[gnu::packed]] VsStillProbeCommit {
 };
 static_assert(sizeof(VsStillProbeCommit) == 11);
 
-/// The streaming interface's rows.
-std::span<const Control> uvc_streaming_controls();
+/// Every entity of the video-streaming interface.
+extern const Unit uvc_streaming_interface;

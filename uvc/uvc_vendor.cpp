@@ -353,4 +353,4 @@ static constexpr Control kExtensionUnit[] = {
     ranged(28),
 };
 
-Unit uvc_extension_unit() { return {kVideoControlInterface, 3, kExtensionUnit, plain(0)}; }
+constexpr Unit uvc_extension_unit = {kVideoControlInterface, 3, kExtensionUnit, plain(0)};

@@ -3,10 +3,10 @@
 // docs/controls.md tells what each selector does, and the layout of the rate control (selector 16).
 #pragma once
 
-#include "uvc/uvc_class_control.h"
+#include "uvc/uvc_class_row.h"
 
 /// Entity 3 of the video-control interface.
-Unit uvc_extension_unit();
+extern const Unit uvc_extension_unit;
 
 constexpr i32 kVersionRecordSize = 22;
 
