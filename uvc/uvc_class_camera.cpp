@@ -4,15 +4,11 @@
 #include <cstring>
 #include <optional>
 
-#include "ipc/sys_msg_drv.h"
 #include "support/print.h"
 #include "uvc/uvc_state.h"
-#include "visca/visca_frame.h"
+#include "visca/visca_link.h"
 
 static constexpr char kPrintFile[] = "uvc_class.c";
-
-static constexpr i32 kViscaMessage = 39;  // the system-message command that carries a frame
-static constexpr i32 kReplyRoom = 64;
 
 // The current values as they cross the bus, little-endian.
 static u8 backlight[2], brightness[2], contrast[2], gain[2], power_line[2], hue[2], saturation[2];
@@ -23,18 +19,6 @@ static u8 exposure_mode[1], exposure_time[4], focus[2], zoom[2], roll[2];
 static u8 zoom_motion[3];    // direction, digital zoom (never set), speed
 static u8 head_position[8];  // of the last absolute request: pan, tilt
 static u8 head_motion[4];  // of the last relative request: pan direction and speed, tilt direction and speed
-
-// The frame leaves in the buffer that takes the reply. The reply's bytes that are there, or negative.
-static i32 transact(const ViscaFrame& frame, u8 (&buffer)[kReplyRoom]) {
-  std::memcpy(buffer, frame.bytes, frame.length);
-  i32 room = kReplyRoom;
-  return std::min(TransmitMsg2Sys(buffer, frame.length, &room, kViscaMessage), kReplyRoom);
-}
-
-static void send(const ViscaFrame& frame) {
-  u8 reply[kReplyRoom];
-  transact(frame, reply);
-}
 
 // Readings.
 
@@ -48,8 +32,8 @@ static std::optional<u32> cached(const Control& control) {
 
 // The reply's first word, nothing when there is none or it cannot carry the control's value.
 static std::optional<u32> inquire(const Control& control) {
-  u8 reply[kReplyRoom];
-  const i32 length = transact(visca_inquiry(control.visca), reply);
+  u8 reply[kViscaReplyRoom];
+  const i32 length = visca_transact(visca_inquiry(control.visca), reply);
   if (length < control.cur.count) return {};
   u8 word[4] = {};
   std::memcpy(word, reply, std::min<std::size_t>(length, sizeof(word)));
@@ -124,20 +108,20 @@ static UvcStatus set_within_limits(const Control& control) {
 
 static UvcStatus set_and_send_value(const Control& control) {
   const UvcStatus status = set_within_limits(control);
-  if (status == kNoError) send(visca_set_value(control.visca, static_cast<u16>(host_value(control))));
+  if (status == kNoError) visca_send(visca_set_value(control.visca, static_cast<u16>(host_value(control))));
   return status;
 }
 
 static UvcStatus set_and_send_byte(const Control& control) {
   const UvcStatus status = set_within_limits(control);
-  if (status == kNoError) send(visca_set_byte(control.visca, static_cast<u8>(host_value(control))));
+  if (status == kNoError) visca_send(visca_set_byte(control.visca, static_cast<u8>(host_value(control))));
   return status;
 }
 
 static UvcStatus set_backlight(const Control& control) {
   const UvcStatus status = set_within_limits(control);
   const u8 mode = host_value(control) ? kViscaBacklightOn : kViscaBacklightOff;
-  if (status == kNoError) send(visca_set_byte(control.visca, mode));
+  if (status == kNoError) visca_send(visca_set_byte(control.visca, mode));
   return status;
 }
 
@@ -148,26 +132,26 @@ static UvcStatus set_balance_temperature(const Control& control) {
   const UvcStatus status = set_within_limits(control);
   if (status != kNoError) return status;
   const u16 kelvin = static_cast<u16>(host_value(control));
-  send(visca_set_byte(kViscaWhiteBalanceMode, kViscaWhiteBalanceManual));
-  send(visca_set_value(control.visca, kelvin));
+  visca_send(visca_set_byte(kViscaWhiteBalanceMode, kViscaWhiteBalanceManual));
+  visca_send(visca_set_value(control.visca, kelvin));
   return status;
 }
 
 static UvcStatus set_balance_auto(const Control& control) {
-  send(
-      visca_set_byte(control.visca, host_value(control) ? kViscaWhiteBalanceAuto : kViscaWhiteBalanceManual));
+  const u8 mode = host_value(control) ? kViscaWhiteBalanceAuto : kViscaWhiteBalanceManual;
+  visca_send(visca_set_byte(control.visca, mode));
   return set_any(control);
 }
 
 // Deliberate: the camera terminal takes every value, its limits are only told.
 
 static UvcStatus set_exposure_mode(const Control& control) {
-  send(visca_set_byte(control.visca, host_value(control) ? kViscaExposureAuto : kViscaExposureManual));
+  visca_send(visca_set_byte(control.visca, host_value(control) ? kViscaExposureAuto : kViscaExposureManual));
   return set_any(control);
 }
 
 static UvcStatus set_zoom(const Control& control) {
-  send(visca_set_value(control.visca, static_cast<u16>(host_value(control))));
+  visca_send(visca_set_value(control.visca, static_cast<u16>(host_value(control))));
   return set_any(control);
 }
 
@@ -175,7 +159,7 @@ static UvcStatus set_zoom_motion(const Control& control) {
   const u8 direction = zoom_motion[0] = uvc_resp_buf[0];
   zoom_motion[2] = uvc_resp_buf[2];
   const u8 drive = direction == 1 ? kViscaZoomTele : direction == 255 ? kViscaZoomWide : kViscaZoomStop;
-  send(visca_set_byte(control.visca, drive));
+  visca_send(visca_set_byte(control.visca, drive));
   return kNoError;
 }
 
@@ -196,7 +180,7 @@ static UvcStatus set_head_motion(const Control& control) {
 static UvcStatus set_roll(const Control& control) {
   const u32 mode = host_value(control);
   if (mode >= 1 && mode <= 4)
-    send(visca_set_byte(control.visca, static_cast<u8>(kViscaPictureModeFirst + mode - 1)));
+    visca_send(visca_set_byte(control.visca, static_cast<u8>(kViscaPictureModeFirst + mode - 1)));
   return set_any(control);
 }
 
@@ -211,8 +195,8 @@ static constexpr i32 kTiltLimit = 90 * kArcSecondsPerDegree;
 
 void uvc_apantilt_process(i32 pan, i32 tilt) {
   PRINT_INFO("set pan[%d] tilt[%d] \n", pan / kArcSecondsPerDegree, tilt / kArcSecondsPerDegree);
-  send(visca_pan_tilt_absolute(static_cast<u16>(pan / kArcSecondsPerStep),
-                               static_cast<u16>(tilt / kArcSecondsPerStep)));
+  visca_send(visca_pan_tilt_absolute(static_cast<u16>(pan / kArcSecondsPerStep),
+                                     static_cast<u16>(tilt / kArcSecondsPerStep)));
 }
 
 struct HeadDrive {
@@ -232,7 +216,7 @@ void uvc_rpantilt_process(u8 pan_direction, u8, u8 tilt_direction, u8) {
   PRINT_INFO("pan_direct[%d] tilt_direct[%d] \n", pan_direction, tilt_direction);
   const HeadDrive drive = head_drive(pan_direction, tilt_direction);
   PRINT_INFO("pan & tilt is %d,%d\n", drive.told_pan, drive.told_tilt);
-  send(visca_pan_tilt_drive(drive.pan, drive.tilt));
+  visca_send(visca_pan_tilt_drive(drive.pan, drive.tilt));
 }
 
 // The rows.
