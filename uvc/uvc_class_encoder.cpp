@@ -5,39 +5,13 @@
 
 #include "ipc/VeltoDrvMsg.h"
 #include "support/print.h"
+#include "uvc/uvc_rate_control.h"
 #include "uvc/uvc_state.h"
 
 static constexpr char kPrintFile[] = "uvc_class.c";
 
-static constexpr i32 kModes = 4;
 static constexpr i32 kHeader = 2;
 static constexpr i32 kMjpegTopRate = 30;  // frames/s; above it MJPEG runs in mode 0, whatever was set
-
-// How one format's rate control goes into the record.
-struct CodecRow {
-  i32 format;
-  i32 codec;
-  RateControl* settings;  // null: the record's rate control stays as it is
-  bool has_common;        // the common parameter comes before the mode's own
-  u8 counts[kModes];      // parameters by mode, 0: unknown mode
-  i32 fallback_mode;      // for an unknown mode
-  i32 fallback[3];
-  u8 fallback_count;
-  i8 fallback_default;  // place of default_bit_rate in the fallback, -1: none
-};
-
-static constexpr CodecRow kCodecs[] = {
-    {kFormatMjpeg, kCodecMjpeg, &mjpeg_rate_control, false, {1, 3, 1, 0}, 1, {20480, 99, 60}, 3, -1},
-    {kFormatH264, kCodecH264, &h264_rate_control, true, {2, 4, 4, 2}, 0, {1, 0, 2048}, 3, 1},
-    {kFormatYuy2, kCodecYuy2, nullptr, false, {}, 0, {}, 0, -1},
-    {kFormatH265, kCodecH265, &h265_rate_control, false, {2, 4, 3, 2}, 0, {0, 2048}, 2, 0},
-};
-
-static const CodecRow* row_with(i32 CodecRow::*member, i32 value) {
-  const auto row = std::find_if(std::begin(kCodecs), std::end(kCodecs),
-                                [&](const CodecRow& candidate) { return candidate.*member == value; });
-  return row == std::end(kCodecs) ? nullptr : row;
-}
 
 // Held while the record is changed or copied, not while it is sent: that may wait for the server.
 static std::mutex record_lock;
@@ -46,10 +20,6 @@ static u32 record_changes;  // under the lock
 static i32 wanted_mode(const CodecRow& row) {
   const bool too_fast = row.format == kFormatMjpeg && encoder_record.frame_rate > kMjpegTopRate;
   return too_fast ? 0 : i32(row.settings->mode);
-}
-
-static bool known_mode(const CodecRow& row, i32 mode) {
-  return mode >= 0 && mode < kModes && row.counts[mode] > 0;
 }
 
 static void store_fallback(const CodecRow& row) {
@@ -61,11 +31,12 @@ static void store_fallback(const CodecRow& row) {
 
 static void store_rate_control(const CodecRow& row) {
   const i32 mode = wanted_mode(row);
-  if (!known_mode(row, mode)) return store_fallback(row);
+  const i32 count = row.parameters(mode);
+  if (count == 0) return store_fallback(row);
   encoder_record.rc_mode = mode;
   i32 at = 0;
   if (row.has_common) encoder_record.rc_param[at++] = row.settings->common;
-  for (i32 i = 0; i < row.counts[mode]; i++) encoder_record.rc_param[at++] = row.settings->param[mode][i];
+  for (i32 i = 0; i < count; i++) encoder_record.rc_param[at++] = row.settings->param[mode][i];
 }
 
 // The codec and its rate control. With record_lock held.
@@ -112,7 +83,7 @@ void notify_stream_start() { send_record(1); }
 void notify_stream_stop() { send_record(0); }
 
 void refresh_encoder_settings() {
-  const CodecRow* row = row_with(&CodecRow::format, cur_format);
+  const CodecRow* row = row_of_format(cur_format);
   if (!row) return;
   {
     const std::lock_guard lock(record_lock);
@@ -122,7 +93,7 @@ void refresh_encoder_settings() {
 }
 
 void apply_encoder_settings(i32 columns, i32 lines, i32 format, i32 rate) {
-  const CodecRow* row = row_with(&CodecRow::format, format);
+  const CodecRow* row = row_of_format(format);
   {
     const std::lock_guard lock(record_lock);
     record_changes++;
@@ -137,11 +108,11 @@ void apply_encoder_settings(i32 columns, i32 lines, i32 format, i32 rate) {
 i32 get_key_frame_interval() {
   const RateControl& settings = cur_format == kFormatH265 ? h265_rate_control : h264_rate_control;
   const i32 mode = settings.mode;
-  return settings.param[mode >= 0 && mode < kModes ? mode : 0][0];
+  return settings.param[mode >= 0 && mode < kRateModes ? mode : 0][0];
 }
 
 void store_key_frame_interval(i32 frames) {
-  for (i32 mode = 0; mode < kModes; mode++) {
+  for (i32 mode = 0; mode < kRateModes; mode++) {
     h265_rate_control.param[mode][0] = frames;
     h264_rate_control.param[mode][0] = frames;
   }
@@ -152,7 +123,7 @@ void set_key_frame_interval(i32 frames) {
   store_key_frame_interval(frames);
   {
     const std::lock_guard lock(record_lock);
-    if (const CodecRow* row = row_with(&CodecRow::codec, encoder_record.codec)) store_codec(*row);
+    if (const CodecRow* row = row_of_codec(encoder_record.codec)) store_codec(*row);
   }
   notify_stream_start();
 }

@@ -35,7 +35,7 @@ struct EncoderRecord {
 };
 extern EncoderRecord encoder_record;
 
-/// Rate-control settings of one codec, by mode. Which parameters a mode has is told by uvc_class_encoder.cpp.
+/// Rate-control settings of one codec, by mode. uvc_rate_control.cpp says which parameters each mode has.
 struct RateControl {
   Word mode;
   Word common;  ///< H.264 and H.265: their common first parameter

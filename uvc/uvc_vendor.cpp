@@ -1,6 +1,5 @@
 #include "uvc/uvc_vendor.h"
 
-#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -9,6 +8,7 @@
 #include "support/print.h"
 #include "uvc/uvc_class_encoder.h"
 #include "uvc/uvc_gadget_device.h"
+#include "uvc/uvc_rate_control.h"
 #include "uvc/uvc_state.h"
 
 static constexpr char kPrintFile[] = "uvc_vendor.c";
@@ -137,118 +137,16 @@ static UvcStatus set_common(const Control&) {
   return kNoError;
 }
 
-// Rate control: where each parameter of a mode stands in the eight bytes.
-
-enum RateByte : u8 { kNone = 0, kBitRate = 2, kInterval = 4, kQuality1 = 5, kQuality2 = 6, kQuality3 = 7 };
-
-static constexpr i32 kRateModes = 4;
-static constexpr i32 kRateParameters = 4;
-static constexpr std::size_t kRateBytes = 8;
-
-struct RateRow {
-  i32 format;
-  u8 codec;
-  RateControl* settings;
-  u8 top_quality;
-  RateByte modes[kRateModes][kRateParameters];
-};
-
-// clang-format off
-static constexpr RateRow kRateRows[] = {
-    {kFormatMjpeg, kCodecMjpeg, &mjpeg_rate_control, 100,
-     {{kBitRate}, {kBitRate, kQuality1, kQuality2}, {kQuality1}, {}}},
-    {kFormatH264, kCodecH264, &h264_rate_control, 51,
-     {{kInterval, kBitRate}, {kInterval, kBitRate, kQuality1, kQuality2},
-      {kInterval, kQuality1, kQuality2, kQuality3}, {kInterval, kBitRate}}},
-    {kFormatH265, kCodecH265, &h265_rate_control, 51,
-     {{kInterval, kBitRate}, {kInterval, kBitRate, kQuality1, kQuality2},
-      {kInterval, kQuality1, kQuality2}, {kInterval, kBitRate}}},
-};
-// clang-format on
-
-static const RateRow* rate_row() {
-  const auto row = std::find_if(std::begin(kRateRows), std::end(kRateRows),
-                                [](const RateRow& candidate) { return candidate.format == cur_format; });
-  return row == std::end(kRateRows) ? nullptr : row;
-}
-
-struct RateBlock {
-  u8 bytes[kRateBytes] = {};
-  bool operator==(const RateBlock&) const = default;
-};
-
-// The parameters of a mode, in its order; those that it does not have are 0.
-struct RateParameters {
-  i32 values[kRateParameters] = {};
-};
-
-static RateBlock pack(const RateRow& row, i32 mode, const RateParameters& parameters) {
-  RateBlock block = {{row.codec, static_cast<u8>(mode)}};
-  for (i32 i = 0; i < kRateParameters; i++) {
-    const RateByte at = row.modes[mode][i];
-    if (at == kBitRate)
-      put_le16(block.bytes + at, static_cast<u16>(std::min(parameters.values[i], 0xFFFF)));
-    else if (at != kNone)
-      block.bytes[at] = static_cast<u8>(std::min(parameters.values[i], 0xFF));
-  }
-  return block;
-}
-
-static RateParameters unpack(const RateRow& row, i32 mode, const RateBlock& block) {
-  RateParameters parameters;
-  for (i32 i = 0; i < kRateParameters; i++) {
-    const RateByte at = row.modes[mode][i];
-    if (at != kNone)
-      parameters.values[i] = at == kBitRate ? get_le16(block.bytes + at) : i32{block.bytes[at]};
-  }
-  return parameters;
-}
-
-static bool in_range(const RateRow& row, i32 mode, const RateParameters& parameters) {
-  for (i32 i = 0; i < kRateParameters; i++) {
-    const RateByte at = row.modes[mode][i];
-    const i32 value = parameters.values[i];
-    if (at >= kQuality1 && value > row.top_quality) return false;
-    if ((at == kBitRate || at == kInterval) && value == 0) return false;
-  }
-  return true;
-}
-
-static RateBlock current_block() {
-  const RateRow* row = rate_row();
-  if (!row) return {{kCodecYuy2}};
-  const i32 mode = row->settings->mode;
-  RateParameters parameters;
-  std::copy_n(row->settings->param[mode], kRateParameters, parameters.values);
-  return pack(*row, mode, parameters);
-}
-
 static UvcStatus get_rate_control(const Control&) {
-  const RateBlock block = current_block();
+  const RateBlock block = get_rate_block();
   std::memcpy(uvc_resp_buf, block.bytes, sizeof(block.bytes));
   return kNoError;
-}
-
-// Packing again what was unpacked gives the block back only when it is the codec's and its spare bytes are 0.
-static bool fits(const RateRow& row, const RateBlock& block) {
-  const i32 mode = block.bytes[1];
-  if (mode >= kRateModes || row.modes[mode][0] == kNone) return false;
-  const RateParameters parameters = unpack(row, mode, block);
-  return in_range(row, mode, parameters) && pack(row, mode, parameters) == block;
 }
 
 static UvcStatus set_rate_control(const Control&) {
   RateBlock block;
   std::memcpy(block.bytes, uvc_resp_buf, sizeof(block.bytes));
-  const RateRow* row = rate_row();
-  if (!row || !fits(*row, block)) return kNoError;
-  const i32 mode = block.bytes[1];
-  const RateParameters parameters = unpack(*row, mode, block);
-  for (i32 i = 0; i < kRateParameters; i++) {
-    if (row->modes[mode][i] != kNone) row->settings->param[mode][i] = parameters.values[i];
-  }
-  row->settings->mode = mode;
-  if (uvc_stream_state.stream_on) refresh_encoder_settings();
+  if (store_rate_block(block) && uvc_stream_state.stream_on) refresh_encoder_settings();
   return kNoError;
 }
 
@@ -342,7 +240,7 @@ static constexpr Control kExtensionUnit[] = {
     ranged(12),
     ranged(13),
     record_control(15, reply_word(3), get_common, set_common),
-    record_control(16, reply_word(kRateBytes), get_rate_control, set_rate_control),
+    record_control(16, reply_word(sizeof(RateBlock)), get_rate_control, set_rate_control),
     ranged(17),
     ranged(18),
     ranged(19),
