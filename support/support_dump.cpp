@@ -1,4 +1,5 @@
-// Dumps to the console and to files.
+#include "support/support_dump.h"
+
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -7,7 +8,6 @@
 
 #include "platform/output.h"
 #include "platform/sys.h"
-#include "support/support.h"
 
 namespace {
 

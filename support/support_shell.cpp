@@ -1,4 +1,5 @@
-// Process queries through the shell's tools.
+#include "support/support_shell.h"
+
 #include <unistd.h>
 
 #include <cstdarg>
@@ -7,7 +8,6 @@
 #include <cstring>
 
 #include "platform/sys.h"
-#include "support/support.h"
 
 namespace {
 
