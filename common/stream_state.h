@@ -18,10 +18,3 @@ struct UvcStreamState {
 static_assert(sizeof(UvcStreamState) == 28);
 
 extern UvcStreamState uvc_stream_state;
-
-/// The stream that the streaming loop feeds, by its number in stream_starts. Main thread only.
-extern i32 fed_stream;
-
-/// Whether the loop may go on feeding its stream: the host still wants it, it did not end and begin anew
-/// behind the loop's back, and the service is not ending. Main thread only.
-bool stream_goes_on();

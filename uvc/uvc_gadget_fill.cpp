@@ -10,6 +10,7 @@
 #include "support/print.h"
 #include "uvc/uvc_gadget_device.h"
 #include "uvc/uvc_gadget_signals.h"
+#include "uvc/uvc_gadget_stream.h"
 #include "uvc/uvc_gadget_yuv.h"
 #include "uvc/uvc_state.h"
 #include "vencbuf/vencbuf_get.h"
@@ -139,7 +140,7 @@ static void copy_frame(v4l2_buffer& buffer, const EncFrameSlot& slot, i32 size) 
 static i32 fill_from_ring(v4l2_buffer& buffer) {
   do {
     serve_signals();
-    EncFrameSlot* slot = vencbuf_get(serve_signals);
+    EncFrameSlot* slot = vencbuf_get(stream_goes_on, serve_signals);
     if (!slot) {
       PRINT_ERROR_IN("uvc_video_fill_buffer", "vencbuf_get Error\n");
       put_empty_payload(buffer);

@@ -8,6 +8,7 @@
 #include "uvc/uvc_gadget_device.h"
 #include "uvc/uvc_gadget_fill.h"
 #include "uvc/uvc_gadget_signals.h"
+#include "uvc/uvc_gadget_stream.h"
 #include "uvc/uvc_state.h"
 #include "vencbuf/vencbuf_get.h"
 
@@ -21,8 +22,6 @@ static constexpr u32 kIntraFrames = 4;
 
 static bool has_key_frames() { return cur_format == kFormatH264 || cur_format == kFormatH265; }
 
-static void adopt_stream() { fed_stream = uvc_stream_state.stream_starts; }
-
 static void start_stream(StreamLoop& loop) {
   loop.stopped = false;
   adopt_stream();
@@ -34,7 +33,7 @@ static void start_stream(StreamLoop& loop) {
     notify_stream_start();  // Deliberate: these formats are announced twice
   }
   notify_stream_start();
-  vencbuf_clear_all();
+  vencbuf_clear_all(stream_goes_on);
 }
 
 static void stop_stream(StreamLoop& loop) {
@@ -116,7 +115,7 @@ void stream_turn(StreamLoop& loop) {
   serve_signals();
   if (std::exchange(loop.first_turn, false)) {
     adopt_stream();
-    vencbuf_clear_all();
+    vencbuf_clear_all(stream_goes_on);
   }
   if (loop.stopped && uvc_stream_state.streaming()) start_stream(loop);
   if (!loop.stopped && stream_goes_on()) {

@@ -10,7 +10,6 @@
 #include <optional>
 #include <utility>
 
-#include "common/stream_state.h"
 #include "platform/alarm.h"
 #include "platform/sys.h"
 #include "support/print.h"
@@ -81,8 +80,8 @@ void vencbuf_clear() {
   if (pending_posts(frame_ready).value_or(0) != 0) sem_trywait(frame_ready);
 }
 
-void vencbuf_clear_all() {
-  for (int posts = pending_posts(frame_ready).value_or(0); posts > 0 && stream_goes_on(); posts--) {
+void vencbuf_clear_all(bool (*goes_on)()) {
+  for (int posts = pending_posts(frame_ready).value_or(0); posts > 0 && goes_on(); posts--) {
     sem_trywait(frame_ready);
   }
 }
@@ -121,15 +120,15 @@ static EncFrameSlot* take_oldest_ready() {
   return nullptr;
 }
 
-// Whether the writer's post came within the slice. A signal does not cut the slice short, unless it ended the
-// stream or the service; a wall clock that is set back does not make it longer.
-static bool wait_for_post() {
+// Whether the writer's post came within the slice. A signal does not cut the slice short, unless the caller
+// no longer wants the frame; a wall clock that is set back does not make it longer.
+static bool wait_for_post(bool (*goes_on)()) {
   if (sem_trywait(frame_ready) == 0) return true;
   const auto over = Clock::now() + kSlice;
   const timespec end = slice_end();
   const Alarm alarm(kAlarmDelay);
   while (sem_timedwait(frame_ready, &end) != 0) {
-    if (errno != EINTR || !stream_goes_on() || Clock::now() >= over) return false;
+    if (errno != EINTR || !goes_on() || Clock::now() >= over) return false;
   }
   return true;
 }
@@ -164,14 +163,14 @@ static void follow_writer() {
   follow_semaphore(kSlotReleasedSemaphore, slot_released);
 }
 
-EncFrameSlot* vencbuf_get(void (*between_waits)()) {
+EncFrameSlot* vencbuf_get(bool (*goes_on)(), void (*between_waits)()) {
   vencbuf_clear();
-  for (int i = 0; i < kAttempts && stream_goes_on(); i++) {
+  for (int i = 0; i < kAttempts && goes_on(); i++) {
     if (EncFrameSlot* slot = take_oldest_ready()) {
       posts_in_vain = 0;
       return slot;
     }
-    if (!wait_for_post() || ++posts_in_vain >= kPostsInVain) follow_writer();
+    if (!wait_for_post(goes_on) || ++posts_in_vain >= kPostsInVain) follow_writer();
     if (between_waits) between_waits();
   }
   PRINT_ERROR("get buffer timeout!\n");

@@ -12,7 +12,7 @@
 #include <csignal>
 #include <thread>
 
-#include "common/stream_state.h"
+#include "common/word.h"
 #include "sim/seam/run.h"
 
 using namespace std::chrono_literals;
@@ -37,6 +37,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+Word wanted{1};  // whether the caller of the reader still wants a frame
+bool goes_on() { return wanted; }
+
 class RingTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -44,7 +47,6 @@ class RingTest : public testing::Test {
     publish(0, 1);
     ASSERT_EQ(vencbuf_get_init(), 0);
     make_semaphores();
-    uvc_stream_state.stream_on = 1;
   }
   void TearDown() override { vencbuf_exit(); }
 
@@ -94,7 +96,7 @@ TEST_F(RingTest, TakesTheOlderOfTwoReadySlots) {
   for (const OrderRow& row : rows) {
     publish(0, row.first);
     publish(1, row.second);
-    EncFrameSlot* slot = vencbuf_get();
+    EncFrameSlot* slot = vencbuf_get(goes_on);
     ASSERT_NE(slot, nullptr);
     EXPECT_EQ(slots[row.taken].state, kSlotReading) << row.first << " " << row.second;
     EXPECT_EQ(slots[1 - row.taken].state, kSlotReady);
@@ -108,13 +110,13 @@ TEST_F(RingTest, ReleasePostsAtMostOnce) {
   while (sem_trywait(released) == 0) continue;
   for (int i = 0; i < 3; i++) {
     publish(1, 1);
-    vencbuf_release(vencbuf_get());
+    vencbuf_release(vencbuf_get(goes_on));
     EXPECT_EQ(value(released), 1);
   }
   sem_trywait(released);
   publish(1, 1);
   query_result = EINVAL;
-  vencbuf_release(vencbuf_get());
+  vencbuf_release(vencbuf_get(goes_on));
   query_result = 0;
   EXPECT_EQ(value(released), 0) << "nothing is posted on a query that failed";
 }
@@ -123,7 +125,7 @@ TEST_F(RingTest, DropsOneStalePostPerCall) {
   for (int i = 0; i < 3; i++) sem_post(ready);
   const int before = value(ready);
   publish(0, 1);
-  vencbuf_release(vencbuf_get());
+  vencbuf_release(vencbuf_get(goes_on));
   EXPECT_EQ(value(ready), before - 1);
   vencbuf_clear();
   EXPECT_EQ(value(ready), before - 2);
@@ -136,7 +138,7 @@ TEST_F(RingTest, WaitsForTheWritersPost) {
     publish(1, 9);
     sem_post(ready);
   });
-  EncFrameSlot* slot = vencbuf_get();
+  EncFrameSlot* slot = vencbuf_get(goes_on);
   ASSERT_NE(slot, nullptr);
   EXPECT_EQ(slot->seq, 9u);
   writer.join();
@@ -164,7 +166,7 @@ TEST_F(RingTest, FindsWhatTheWriterMadeAnew) {
     });
     const auto start = Clock::now();
     for (bool found = false; !found && Clock::now() < start + 5s;) {
-      EncFrameSlot* slot = vencbuf_get();
+      EncFrameSlot* slot = vencbuf_get(goes_on);
       found = slot && slot->seq >= first;
       if (slot) vencbuf_release(slot);
       found = found && value(released) == 1;
@@ -188,19 +190,19 @@ TEST_F(RingTest, WhatWasOnlyRemovedStaysInUse) {
     publish(0, 5);
     sem_post(ready);
   });
-  EncFrameSlot* slot = vencbuf_get();
+  EncFrameSlot* slot = vencbuf_get(goes_on);
   writer.join();
   ASSERT_NE(slot, nullptr);
   EXPECT_EQ(slots[0].state, kSlotReading);
 }
 
-TEST_F(RingTest, HeapOfPostsGoesAsLongAsTheStreamGoesOn) {
+TEST_F(RingTest, HeapOfPostsGoesAsLongAsFramesAreWanted) {
   for (int i = 0; i < 1000; i++) sem_post(ready);
-  vencbuf_clear_all();
+  vencbuf_clear_all(goes_on);
   EXPECT_EQ(value(ready), 0);
   sem_post(ready);
-  uvc_stream_state.stream_on = 0;
-  vencbuf_clear_all();
+  wanted = 0;
+  vencbuf_clear_all(goes_on);
   EXPECT_EQ(value(ready), 1);
 }
 
@@ -216,7 +218,7 @@ TEST_F(RingTest, GivesUpAfter25SlicesWhateverSignalsCome) {
   while (sem_trywait(ready) == 0) continue;
   const auto start = Clock::now();
   static int waits = 0;
-  EXPECT_EQ(vencbuf_get([] { waits++; }), nullptr);
+  EXPECT_EQ(vencbuf_get(goes_on, [] { waits++; }), nullptr);
   EXPECT_EQ(waits, 25);
   EXPECT_GT(Clock::now() - start, std::chrono::milliseconds(2400));
   EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(4000));
@@ -243,7 +245,7 @@ TEST_F(RingTest, SlotThatTheWriterTakesBackIsNeverTaken) {
   });
   const auto end = Clock::now() + std::chrono::milliseconds(300);
   while (Clock::now() < end) {
-    if (EncFrameSlot* slot = vencbuf_get()) vencbuf_release(slot);
+    if (EncFrameSlot* slot = vencbuf_get(goes_on)) vencbuf_release(slot);
   }
   done = true;
   writer.join();
@@ -251,30 +253,19 @@ TEST_F(RingTest, SlotThatTheWriterTakesBackIsNeverTaken) {
   EXPECT_EQ(collisions, 0);
 }
 
-struct EndRow {
-  const char* name;
-  Word* word;
-  i32 value;
-  time_t clock_lead = 0;
-};
-
-TEST_F(RingTest, EndsWithTheStreamOrTheService) {
-  const EndRow rows[] = {{"stream", &uvc_stream_state.stream_on, 0},
-                         {"service", &uvc_stream_state.exit_flag, 1},
-                         {"stream, clock set back", &uvc_stream_state.stream_on, 0, 3600}};
-  for (const EndRow& row : rows) {
-    SCOPED_TRACE(row.name);
-    uvc_stream_state.stream_on = 1;
-    uvc_stream_state.exit_flag = 0;
-    clock_lead = row.clock_lead;
+TEST_F(RingTest, EndsOnceNoFrameIsWanted) {
+  for (const time_t lead : {0, 3600}) {  // seconds by which the clock is set back
+    SCOPED_TRACE(lead);
+    wanted = 1;
+    clock_lead = lead;
     while (sem_trywait(ready) == 0) continue;
-    std::thread ender([&row] {
+    std::thread ender([] {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
-      *row.word = row.value;
+      wanted = 0;
     });
     testing::internal::CaptureStderr();
     const auto start = Clock::now();
-    EXPECT_EQ(vencbuf_get(), nullptr);
+    EXPECT_EQ(vencbuf_get(goes_on), nullptr);
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
     EXPECT_NE(testing::internal::GetCapturedStderr().find("get buffer timeout!\n"), std::string::npos);
     ender.join();
@@ -288,7 +279,7 @@ TEST_F(RingTest, ClockThatIsSetBackDoesNotHoldUpAFrame) {
     publish(0, 1);
   });
   const auto start = Clock::now();
-  EXPECT_NE(vencbuf_get(), nullptr);
+  EXPECT_NE(vencbuf_get(goes_on), nullptr);
   EXPECT_LT(Clock::now() - start, 1s);
   writer.join();
 }
