@@ -1,5 +1,5 @@
-// UvcStreamState: the words through which the streaming loop, the control thread and the signal handlers
-// tell each other what is going on. docs/threads.md names the writer and the readers of each.
+// UvcStreamState: the words by which the streaming loop, the control thread and the signal handlers share the
+// state of stream and service. docs/threads.md names the writer and the readers of each.
 #pragma once
 
 #include "common/word.h"

@@ -5,7 +5,7 @@
 
 #include "common/bytes.h"
 
-/// This build, as the banner and the USB host are told.
+/// This build, as the banner prints it and as the version record gives it to the USB host.
 constexpr char kBuildDate[] = "2025-06-04";
 constexpr char kBuildTime[] = "11:25:23";
 constexpr char kBuildVersion[] = "1213";  ///< hexadecimal
@@ -15,20 +15,20 @@ constexpr char kBuildVersion[] = "1213";  ///< hexadecimal
 void process_info_print(const char* path);
 
 /// Sets the print level and the logger's level from the first line of /opt/params/print.conf that contains
-/// `name`. Without such a line, or a level word in it, both stay.
+/// `name`. Both stay as they are when there is no such line or no level word in it.
 void print_level_load(const char* name);
 
-/// system() for a process whose SIGCHLD handler reaps children: the handler rests meanwhile. The result of
-/// system(); -1 is reported.
+/// system() for a process whose SIGCHLD handler reaps children: the handler is disabled until the command has
+/// ended. Returns what system() returned, and prints an error when that is -1.
 int pox_system(const char* command);
 
-/// Goes on in a child with a session of its own; the parent exits. 0 in the child, or -1.
+/// Continues in a child with a session of its own; the parent exits. Returns 0 in the child, or -1.
 int daemonize();
 
 constexpr u32 kSpaceUnknown = UINT32_MAX;
 
 /// Bytes free to unprivileged users on the file system of `path`, modulo 4 GiB, or kSpaceUnknown.
 u32 free_space_check(const char* path);
-/// 0 when a message of `size` bytes may be sent now: the queue has room for it and is at most half full. Else
-/// -1, reported.
+/// Returns 0 when a message of `size` bytes may be sent now, that is when the queue has room for it and is at
+/// most half full; else prints an error and returns -1.
 int msg_size_check(int msqid, u32 size);

@@ -7,8 +7,7 @@
 void print_timestamp();
 /// `len` bytes in hexadecimal on standard output, 16 a line.
 void print_hex(const u8* buf, i32 len);
-/// Appends the time, the tag (null: none) and a hex dump to a file. Does nothing when the file cannot be
-/// opened.
+/// Appends the time, the tag (null: none) and a hex dump to a file. A file that cannot be opened is ignored.
 void hex_to_file(const char* path, const u8* buf, i32 len, const char* tag);
 /// The same with the text of `buf` (null: none), whose last line is closed.
 void text_to_file(const char* path, const char* buf, i32 len, const char* tag);

@@ -7,8 +7,8 @@
 
 constexpr std::size_t kProcessNameSize = 256;
 
-/// This process's name. `dst` holds kProcessNameSize bytes. Returns 0, or -1 for a null dst or a failed
-/// popen.
+/// Stores this process's name in `dst`, of kProcessNameSize bytes. Returns 0, or -1 for a null dst or when no
+/// name could be read.
 int get_process_name(char* dst);
 /// Returns 1 when a line of ps contains `name` as a word, else 0, also when popen failed.
 int process_is_running(const char* name);

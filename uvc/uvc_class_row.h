@@ -28,7 +28,7 @@ struct Reply {
   u8 count = 0;
   const void* live = nullptr;
   UvcStatus status = kInvalidControl;
-  bool keeps_status = false;  ///< the status of the request before stays
+  bool keeps_status = false;  ///< the status of the previous request stays
   const char* message = nullptr;
   bool names_selector = false;  ///< the selector follows the message, in hexadecimal
 };

@@ -1,5 +1,5 @@
 // Negotiation on the video-streaming interface: probe, commit, still image, and the frame sizes of each
-// format. Control thread only.
+// format. For the control thread only.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +25,7 @@ struct [[gnu::packed]] VsProbeCommit {
   u16 wCompQuality;
   u16 wCompWindowSize;
   u16 wDelay;
-  u32 dwMaxVideoFrameSize;       ///< bytes; the device's own, like all that follows
+  u32 dwMaxVideoFrameSize;       ///< bytes; the device's own, as is what follows
   u32 dwMaxPayloadTransferSize;  ///< bytes
 };
 static_assert(sizeof(VsProbeCommit) == 26 && offsetof(VsProbeCommit, dwMaxVideoFrameSize) == 18);

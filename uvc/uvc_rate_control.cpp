@@ -34,7 +34,7 @@ const CodecRow* row_with(i32 CodecRow::*member, i32 value) {
   return row == std::end(kCodecs) ? nullptr : row;
 }
 
-// The parameters of a mode, in its order; those that it does not have are 0.
+// The parameters of a mode in their order; the rest are 0.
 struct RateParameters {
   i32 values[kRateParameters] = {};
 };
@@ -70,7 +70,7 @@ bool in_range(const CodecRow& row, i32 mode, const RateParameters& parameters) {
   return true;
 }
 
-// Packing again what was unpacked gives the block back only when it is the codec's and its spare bytes are 0.
+// Unpacking and packing gives the same block only when it is the codec's and its spare bytes are 0.
 bool fits(const CodecRow& row, const RateBlock& block) {
   const i32 mode = block.bytes[1];
   if (row.parameters(mode) == 0) return false;

@@ -1,6 +1,6 @@
 // Rate control by codec: which parameters each mode has, and the eight bytes in which the vendor's extension
-// unit reads and sets them (selector 16; docs/controls.md has their layout). The settings are process-wide
-// words (uvc_state.h).
+// unit reads and sets them (selector 16; docs/controls.md has their layout). The settings themselves are
+// words of uvc_state.h.
 #pragma once
 
 #include "uvc/uvc_state.h"

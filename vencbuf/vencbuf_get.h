@@ -4,8 +4,8 @@
 
 #include "vencbuf/enc_frame.h"
 
-/// Attaches to the ring, creating it if absent, and empties both slots, whatever the writer had left there.
-/// 0, or -1 after a report; earlier steps are not undone.
+/// Attaches to the ring, creates it if it is absent, and empties both slots, whatever the writer has left
+/// there. Returns 0, or prints an error and returns -1 without undoing the steps before it.
 i32 vencbuf_get_init();
 
 /// Takes the oldest ready slot. Waits about 2.5 s at most, and no longer than 100 ms after `goes_on` has
@@ -25,5 +25,5 @@ void vencbuf_clear();
 /// called when a stream starts: vencbuf_get does not wait before they are used up.
 void vencbuf_clear_all(bool (*goes_on)());
 
-/// Closes the semaphores and detaches the segment. The service leaves both to its end.
+/// Closes the semaphores and detaches the segment. The service itself leaves both to the end of the process.
 void vencbuf_exit();
