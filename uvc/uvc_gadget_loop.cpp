@@ -1,3 +1,15 @@
+// The streaming loop feeds one stream at a time from the main thread. The control thread starts and ends
+// streams at any moment, as the host asks, and announces that by the words of the stream state alone. So the
+// loop remembers which stream is its own, and looks at the words before every buffer and again, under
+// stream_end_lock, before it queues one. Two things are guaranteed: a frame of one stream never enters the
+// next, and every buffer goes back to the driver, filled with a frame or, where there is none, with an empty
+// payload of two bytes.
+//
+// A host that takes no frames leaves the driver without a finished buffer: each failed dequeue costs a pause
+// of 20 ms. An encoder that is late or gone costs one empty payload for every 2.5 s of waiting
+// (vencbuf_get.cpp); only the media library's wait for a picture has no limit. A stream that is over, even
+// when the next one has begun, is ended first: its buffers are mapped and queued anew, and the system server
+// is informed. A system server whose queue is full stops the loop until there is room or the service ends.
 #include "uvc/uvc_gadget_loop.h"
 
 #include <utility>

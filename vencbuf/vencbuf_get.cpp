@@ -1,3 +1,13 @@
+// The reading side of the frame ring (enc_frame.h). The encoder's process fills a slot, marks it ready and
+// posts the frame-ready semaphore; the streaming loop takes the oldest ready slot, copies it and gives it
+// back. The state word alone says whose a slot is. The reader takes it by compare-exchange, so that it either
+// owns a whole frame or, when the writer takes the slot back at the same moment, nothing. The semaphores only
+// spare both sides polling: a post may be missing, or one too many, and no wait is longer than 100 ms.
+//
+// A writer that is late keeps the caller waiting for 25 such slices; then there is no frame, and the caller
+// goes on without. Either side may start first, since each creates what it does not find. A writer that was
+// restarted may have made the segment and the semaphores anew: while no frame comes, the reader looks for
+// new ones under the same key and names, and moves over to them.
 #include "vencbuf/vencbuf_get.h"
 
 #include <fcntl.h>
