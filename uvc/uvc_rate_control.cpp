@@ -82,7 +82,7 @@ bool fits(const CodecRow& row, const RateBlock& block) {
 
 i32 CodecRow::parameters(i32 mode) const {
   if (mode < 0 || mode >= kRateModes) return 0;
-  return static_cast<i32>(std::find(modes[mode], std::end(modes[mode]), kNone) - modes[mode]);
+  return static_cast<i32>(std::find(modes[mode], std::end(modes[mode]), kNoParameter) - modes[mode]);
 }
 
 const CodecRow* row_of_format(i32 format) { return row_with(&CodecRow::format, format); }

@@ -8,8 +8,15 @@
 constexpr i32 kRateModes = 4;
 constexpr i32 kRateParameters = 4;  ///< at most, of one mode
 
-/// Where a parameter is in a RateBlock. kNone ends the list of a mode's parameters.
-enum RateByte : u8 { kNone = 0, kBitRate = 2, kInterval = 4, kQuality1 = 5, kQuality2 = 6, kQuality3 = 7 };
+/// Where a parameter is in a RateBlock. kNoParameter ends the list of a mode's parameters.
+enum RateByte : u8 {
+  kNoParameter = 0,
+  kBitRate = 2,
+  kInterval = 4,
+  kQuality1 = 5,
+  kQuality2 = 6,
+  kQuality3 = 7
+};
 
 /// How one codec's rate control goes into the encoder's record and into a RateBlock.
 struct CodecRow {
