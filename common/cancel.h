@@ -3,8 +3,8 @@
 
 #include <pthread.h>
 
-/// Admits cancellation while it lives and puts the former state back. The control thread refuses
-/// cancellation but at its poll sleep and inside a blocking receive; locks are held by guard objects there.
+/// Admits cancellation during its lifetime, then restores the former state. The control thread admits it only
+/// in its sleep between polls and inside a blocking receive, where guard objects hold its locks.
 class CancelPoint {
  public:
   CancelPoint() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &former_); }

@@ -1,5 +1,5 @@
-// UvcStreamState: the words through which the streaming loop, the control thread and the signal handlers
-// tell each other what is going on. docs/threads.md names the writer and the readers of each.
+// UvcStreamState: the words by which the streaming loop, the control thread and the signal handlers share the
+// state of stream and service. docs/threads.md names the writer and the readers of each.
 #pragma once
 
 #include "common/word.h"
@@ -18,10 +18,3 @@ struct UvcStreamState {
 static_assert(sizeof(UvcStreamState) == 28);
 
 extern UvcStreamState uvc_stream_state;
-
-/// The stream that the streaming loop feeds, by its number in stream_starts. Main thread only.
-extern i32 fed_stream;
-
-/// Whether the loop may go on feeding its stream: the host still wants it, it did not end and begin anew
-/// behind the loop's back, and the service is not ending. Main thread only.
-bool stream_goes_on();

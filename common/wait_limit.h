@@ -1,12 +1,12 @@
 // WaitLimit: until when a thread may wait for others. Whoever has promised something by a certain time sets
-// it; every wait for the system server (sends, answers, locks) keeps it.
+// the limit, and every wait for the system server (for room, an answer or a lock) keeps to it.
 #pragma once
 
 #include <algorithm>
 #include <chrono>
 
-/// While it lives, the waits of this thread end with an error at `end` at the latest. Limits nest: the
-/// earliest counts. Without one a thread waits as long as it takes.
+/// During its lifetime the waits of this thread fail at `end` at the latest. Limits nest: the earliest one
+/// counts. A thread without a limit waits as long as it takes.
 class WaitLimit {
  public:
   using Clock = std::chrono::steady_clock;

@@ -5,8 +5,8 @@
 
 #include "common/bytes.h"
 
-/// Stores release, loads acquire: whoever sees config_changed set also sees the settings that were
-/// stored before it. Safe in signal handlers.
+/// Stores release, loads acquire: whoever sees config_changed set also sees the settings that were stored
+/// before it. Signal handlers may use it.
 class Word {
  public:
   constexpr Word(i32 value = 0) : value_(value) {}

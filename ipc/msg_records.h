@@ -35,6 +35,8 @@ struct FileMsgBuf {
   i32 unused[2];
 };
 
+constexpr i32 kSysMsgVisca = 39;  ///< SysMsgBuf::cmd: the slot carries a VISCA frame, then its reply
+
 /// System-message channel.
 struct SysMsgBuf {
   long dest;

@@ -1,3 +1,14 @@
+// A transaction with the system server: the body goes into this process's slot of the shared segment, a short
+// record announces it, and the server's record says how much of the answer is in the same slot. There is one
+// slot and one server, so transactions are taken one at a time, under the driver's lock, and from the
+// announcement to the answer the slot is the server's. Records carry no tag; msg_channel.h keeps account of
+// the answers that are still owed to earlier requests.
+//
+// A server that is late makes the caller give up at its WaitLimit; the answer is then owed. The next caller
+// waits for it, as long as its own limit allows, before it touches the slot, so that a late answer does not
+// land in a newer body. A server that has removed its queue makes the transaction fail at once, one that only
+// went silent makes the caller wait until its limit. A server that was restarted is found again by the keys
+// of its queue and segment.
 #include "ipc/sys_msg_drv.h"
 
 #include <unistd.h>

@@ -42,10 +42,10 @@ class I2cBus {
   int fd_;
 };
 
-// Where there is such a bus, and the bytes fit.
+// Whether there is such a bus and the bytes fit into a transfer.
 bool is_i2c_transfer(u32 bus, u64 bytes) { return bus < std::size(kI2cBuses) && bytes <= kI2cTransferSize; }
 
-// Two bytes where the width is 2, as the driver is told; one otherwise.
+// Two bytes where the width is 2, one otherwise, as the driver is set.
 u8* put_i2c(u8* to, u32 value, u32 width) {
   *to++ = static_cast<u8>(value);
   if (width == 2) *to++ = static_cast<u8>(value >> 8);
@@ -123,7 +123,7 @@ int i2c_write(u32 bus, u32 dev_addr, u32 reg_addr, u32 data, u32 reg_width, u32 
   u8 buffer[kI2cTransferSize] = {};
   put_i2c(put_i2c(buffer, reg_addr, reg_width), data, data_width);
   sys::write(i2c.fd(), buffer, reg_width + data_width);
-  // Deliberate: the bytes are on the bus before the driver's answer counts.
+  // Deliberate: the bytes are on the bus before the driver's answer is looked at.
   if (result < 0) {
     PRINT_ERROR_AT(183, "I2C_WRITE error!\n");
     return -1;
@@ -133,14 +133,14 @@ int i2c_write(u32 bus, u32 dev_addr, u32 reg_addr, u32 data, u32 reg_width, u32 
 
 void* mmapfile(const char* path, u32 len) {
   if (path == nullptr) return nullptr;
-  // Deliberate: 010770; of it 0770 takes effect, less the umask.
+  // Deliberate: 010770, of which 0770 takes effect, less the umask.
   const int fd = sys::open(path, O_RDWR | O_CREAT | O_CLOEXEC, 010770);
   if (fd < 0) {
     PRINT_ERROR_AT(218, "Open file %s error.\n", path);
     return nullptr;
   }
   void* mapping = map_shared(fd, len, PROT_READ | PROT_WRITE);
-  // Deliberate: tested against null, so a failed mapping counts as a mapping.
+  // Deliberate: the test is against null, so a failed mapping counts as a mapping.
   if (mapping != nullptr) {
     PRINT_ERROR_AT(228, "Memory Map OK. Map File: %s, length:%#X, addr:0x%08lX", path, len, number(mapping));
   } else {

@@ -24,7 +24,7 @@ struct Mapping {
   u32 refcount;
 
   bool holds(u64 phys, u64 size) const { return phys_base <= phys && phys + size <= u64{phys_base} + length; }
-  // Deliberate: the address just past the end belongs to the mapping, too.
+  // Deliberate: the address one past the end is accepted as well.
   bool holds(const u8* address) const { return virt <= address && address <= virt + length; }
 };
 

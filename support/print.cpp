@@ -18,7 +18,7 @@ namespace {
   elog_voutput(level, "NO_TAG", place.file, place.function, place.line, format, arguments);
 }
 
-// What the libraries have printed, unless writing it might wait.
+// Flushes what the libraries have printed, unless writing it might wait.
 void flush_standard_output() {
   pollfd ready = {STDOUT_FILENO, POLLOUT, 0};
   if (poll(&ready, 1, 0) > 0) std::fflush(stdout);

@@ -1,17 +1,17 @@
-// The print forms: one line each to standard error (output.h) and to the logger, gated by the print level.
+// The print forms: one line to standard error (output.h) and one to the logger, if the print level allows it.
 #pragma once
 
 #include "common/word.h"
 
-/// How much the process tells: a form of level L prints and logs when print_level >= L (error form 2, info 3,
-/// debug 4). Set from the print configuration; may change at any time.
+/// How much the process prints: a form prints and logs when print_level is at least its own level (2 for
+/// error, 3 for info, 4 for debug). Set from the print configuration; may change at any time.
 extern Word print_level;
 
 namespace print {
 
-/// Where a print call stands: the three facts that a log record carries.
+/// The place of a print call: the three facts that a log record carries.
 struct Place {
-  const char* file;  ///< name of the module's source, as the log calls carry it
+  const char* file;  ///< kPrintFile of the source
   const char* function;
   long line;
 };
@@ -26,16 +26,16 @@ struct Place {
 
 }  // namespace print
 
-// Each source file that prints says under which name, before its first print:
+// A source file that prints defines the name that its log records carry, before its first print:
 //   static constexpr char kPrintFile[] = "uvc_class.c";
-// The arguments are evaluated only when the level admits the form.
+// The arguments are evaluated only when the level allows the form.
 #define PRINT_ERROR_AT(line, ...) \
   (print_level >= 2 ? print::error({kPrintFile, __func__, line}, __VA_ARGS__) : void())
 #define PRINT_INFO_AT(line, ...) \
   (print_level >= 3 ? print::info({kPrintFile, __func__, line}, __VA_ARGS__) : void())
 #define PRINT_DEBUG_AT(line, ...) \
   (print_level >= 4 ? print::debug({kPrintFile, __func__, line}, __VA_ARGS__) : void())
-// For a message whose text carries the name of another function than the one that it stands in.
+// For a message that carries the name of another function than the one that prints it.
 #define PRINT_ERROR_IN(function, ...) \
   (print_level >= 2 ? print::error({kPrintFile, function, __LINE__}, __VA_ARGS__) : void())
 #define PRINT_ERROR(...) PRINT_ERROR_AT(__LINE__, __VA_ARGS__)

@@ -32,11 +32,11 @@ constexpr LevelWord kLevelWords[] = {
     {"info", 3, 3},
     {"warn", 2, 2},
     {"error", 1, 1},
-    // Deliberate: the logger opens fully, yet the print forms fall silent.
+    // Deliberate: the logger logs everything, yet the print forms fall silent.
     {"verbose", 1, 5},
 };
 
-// Deliberate: a slash in the first place does not count, so "/name" is a name.
+// Deliberate: a slash that comes first does not count, so "/name" is a name.
 const char* program_name(const char* path) {
   for (size_t i = std::strlen(path); i > 1; --i) {
     if (path[i - 1] == '/') return path + i;
@@ -74,7 +74,7 @@ void print_level_load(const char* name) {
   std::FILE* file = sys::fopen(kLevelFile, "re");
   if (file == nullptr) return;
   char line[256];
-  while (std::fgets(line, sizeof line, file) != nullptr) {
+  while (std::fgets(line, sizeof(line), file) != nullptr) {
     if (std::strstr(line, name) == nullptr) continue;
     apply_level(line);
     break;

@@ -1,4 +1,5 @@
-// Dumps to the console and to files.
+#include "support/support_dump.h"
+
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -7,7 +8,6 @@
 
 #include "platform/output.h"
 #include "platform/sys.h"
-#include "support/support.h"
 
 namespace {
 
@@ -23,7 +23,7 @@ TimeOfDay time_of_day() {
   return {static_cast<int>(now.tv_sec), static_cast<int>(now.tv_usec)};
 }
 
-// -1 when the file cannot be opened.
+// In bytes, or -1 when the file cannot be opened.
 long file_size(const char* path) {
   std::FILE* file = sys::fopen(path, "rbe");
   if (file == nullptr) return -1;
@@ -35,8 +35,8 @@ long file_size(const char* path) {
 
 int move_to_backup(const char* path) {
   char command[132];
-  const int length = std::snprintf(command, sizeof command, "mv  %s  %s.bak", path, path);
-  if (length < 0 || static_cast<size_t>(length) >= sizeof command) return -1;
+  const int length = std::snprintf(command, sizeof(command), "mv  %s  %s.bak", path, path);
+  if (length < 0 || static_cast<size_t>(length) >= sizeof(command)) return -1;
   sys::system(command);
   return 0;
 }

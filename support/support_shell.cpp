@@ -1,4 +1,5 @@
-// Process queries through the shell's tools.
+#include "support/support_shell.h"
+
 #include <unistd.h>
 
 #include <cstdarg>
@@ -7,22 +8,21 @@
 #include <cstring>
 
 #include "platform/sys.h"
-#include "support/support.h"
 
 namespace {
 
 constexpr size_t kCommandSize = 1024;
 
-// What a shell command prints, line by line.
+// The output of a shell command, line by line.
 class CommandOutput {
  public:
   [[gnu::format(printf, 2, 3)]] explicit CommandOutput(const char* format, ...) {
     char command[kCommandSize];
     va_list arguments;
     va_start(arguments, format);
-    const int length = std::vsnprintf(command, sizeof command, format, arguments);
+    const int length = std::vsnprintf(command, sizeof(command), format, arguments);
     va_end(arguments);
-    if (length >= 0 && static_cast<size_t>(length) < sizeof command) pipe_ = sys::popen(command, "r");
+    if (length >= 0 && static_cast<size_t>(length) < sizeof(command)) pipe_ = sys::popen(command, "r");
   }
   ~CommandOutput() {
     if (pipe_ != nullptr) ::pclose(pipe_);

@@ -224,11 +224,11 @@ void print_streaming_interface(ControlProbe& probe) {
 int main() {
   ControlProbe probe;
   print(kIntroduction);
-  const std::span<const Unit> units = uvc_units();
+  const std::span<const Unit* const> units = uvc_units();
   print("\n## Camera terminal (entity 1)\n\n");
-  print_camera_unit(probe, units[0]);
+  print_camera_unit(probe, *units[0]);
   print("\n## Processing unit (entity 2)\n\n");
-  print_camera_unit(probe, units[1]);
+  print_camera_unit(probe, *units[1]);
   print_streaming_interface(probe);
   print_extension_unit(probe);
   print(kOddities);

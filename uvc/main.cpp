@@ -6,7 +6,9 @@
 #include "platform/output.h"
 #include "uvc/uvc_gadget.h"
 
-static constexpr char kHelp[] =
+namespace {
+
+constexpr char kHelp[] =
     "Usage: uvc_gadget\n"
     "Runs the camera's USB Video Class service on /dev/video0 until SIGTERM or SIGINT.\n"
     "\n"
@@ -16,6 +18,8 @@ static constexpr char kHelp[] =
     "Other words are reported and ignored.\n"
     "The print level is read from /opt/params/print.conf (a line such as uvc_gadget=debug) at start and on\n"
     "SIGUSR1. Log lines go to the log collector's queue, diagnostics to standard error.\n";
+
+}  // namespace
 
 int main(int argc, char** argv) {
   output_init();

@@ -4,41 +4,27 @@
 #include <cstring>
 #include <optional>
 
-#include "ipc/sys_msg_drv.h"
 #include "support/print.h"
 #include "uvc/uvc_state.h"
-#include "visca/visca_frame.h"
+#include "visca/visca_link.h"
 
 static constexpr char kPrintFile[] = "uvc_class.c";
 
-static constexpr i32 kViscaMessage = 39;  // the system-message command that carries a frame
-static constexpr i32 kReplyRoom = 64;
+namespace {
 
 // The current values as they cross the bus, little-endian.
-static u8 backlight[2], brightness[2], contrast[2], gain[2], power_line[2], hue[2], saturation[2];
-static u8 sharpness[2], gamma_curve[2], balance_component[4], digital_multiplier[2];
-static u8 balance_temperature[2] = {0xF8, 0x11};  // 4600 K
-static u8 balance_auto[1], component_auto[1];
-static u8 exposure_mode[1], exposure_time[4], focus[2], zoom[2], roll[2];
-static u8 zoom_motion[3];    // direction, digital zoom (never set), speed
-static u8 head_position[8];  // of the last absolute request: pan, tilt
-static u8 head_motion[4];  // of the last relative request: pan direction and speed, tilt direction and speed
-
-// The frame leaves in the buffer that takes the reply. The reply's bytes that are there, or negative.
-static i32 transact(const ViscaFrame& frame, u8 (&buffer)[kReplyRoom]) {
-  std::memcpy(buffer, frame.bytes, frame.length);
-  i32 room = kReplyRoom;
-  return std::min(TransmitMsg2Sys(buffer, frame.length, &room, kViscaMessage), kReplyRoom);
-}
-
-static void send(const ViscaFrame& frame) {
-  u8 reply[kReplyRoom];
-  transact(frame, reply);
-}
+u8 backlight[2], brightness[2], contrast[2], gain[2], power_line[2], hue[2], saturation[2];
+u8 sharpness[2], gamma_curve[2], balance_component[4], digital_multiplier[2];
+u8 balance_temperature[2] = {0xF8, 0x11};  // 4600 K
+u8 balance_auto[1], component_auto[1];
+u8 exposure_mode[1], exposure_time[4], focus[2], zoom[2], roll[2];
+u8 zoom_motion[3];    // direction, digital zoom (never set), speed
+u8 head_position[8];  // of the last absolute request: pan, tilt
+u8 head_motion[4];    // of the last relative request: direction and speed of pan, then of tilt
 
 // Readings.
 
-static std::optional<u32> cached(const Control& control) {
+std::optional<u32> cached(const Control& control) {
   const CameraCache* cache = camera_cache;
   if (!cache || control.cache == kNotCached) return {};
   const auto load = [](const u32& word) { return std::atomic_ref(const_cast<u32&>(word)).load(); };
@@ -46,34 +32,34 @@ static std::optional<u32> cached(const Control& control) {
   return load(cache->words[control.cache]);
 }
 
-// The reply's first word, nothing when there is none or it cannot carry the control's value.
-static std::optional<u32> inquire(const Control& control) {
-  u8 reply[kReplyRoom];
-  const i32 length = transact(visca_inquiry(control.visca), reply);
+// The reply's first word, or nothing when there is no reply or it is shorter than the control's value.
+std::optional<u32> inquire(const Control& control) {
+  u8 reply[kViscaReplyRoom];
+  const i32 length = visca_transact(visca_inquiry(control.visca), reply);
   if (length < control.cur.count) return {};
   u8 word[4] = {};
   std::memcpy(word, reply, std::min<std::size_t>(length, sizeof(word)));
   return get_le32(word);
 }
 
-static u32 within_limits(const Control& control, u32 value) {
+u32 within_limits(const Control& control, u32 value) {
   if (control.max.count == 0) return value;
   return std::clamp(value, reply_value(control.min), reply_value(control.max));
 }
 
-static UvcStatus give_stored(const Control& control) {
+UvcStatus give_stored(const Control& control) {
   std::memcpy(uvc_resp_buf, control.stored, control.cur.count);
   return kNoError;
 }
 
-static void keep_reading(const Control& control, u32 value) {
+void keep_reading(const Control& control, u32 value) {
   u8 word[4];
   put_le32(word, value);
   std::memcpy(control.stored, word, control.cur.count);
 }
 
-// The low 16 bits of the cached word as they are; only a server's answer is brought within the limits.
-static UvcStatus get_reading(const Control& control) {
+// A cached word's low 16 bits are taken as they are; only the answer to an inquiry is brought within limits.
+UvcStatus get_reading(const Control& control) {
   if (const std::optional<u32> word = cached(control))
     keep_reading(control, *word & 0xFFFF);
   else if (const std::optional<u32> reading = inquire(control))
@@ -81,146 +67,140 @@ static UvcStatus get_reading(const Control& control) {
   return give_stored(control);
 }
 
-static UvcStatus get_zoom(const Control& control) {
+UvcStatus get_zoom(const Control& control) {
   if (const std::optional<u32> reading = inquire(control)) keep_reading(control, *reading);
   return give_stored(control);
 }
 
-static UvcStatus get_exposure_mode(const Control& control) {
+UvcStatus get_exposure_mode(const Control& control) {
   if (const std::optional<u32> reading = inquire(control)) keep_reading(control, *reading == 0);
   return give_stored(control);
 }
 
-// Deliberate: gain, focus and roll always read 0, and are forgotten by that.
-static UvcStatus get_zero(const Control& control) {
+// Deliberate: gain, focus and roll always read 0, and a reading forgets what was set.
+UvcStatus get_zero(const Control& control) {
   keep_reading(control, 0);
   return give_stored(control);
 }
 
-// Deliberate: the multiplier reads the same whatever was set.
-static UvcStatus get_digital_multiplier(const Control&) {
+// Deliberate: the multiplier reads the same, whatever was set.
+UvcStatus get_digital_multiplier(const Control&) {
   put_le16(uvc_resp_buf, 50);
   return kNoError;
 }
 
 // Settings.
 
-static u32 host_value(const Control& control) {
+u32 host_value(const Control& control) {
   u8 word[4] = {};
   std::memcpy(word, uvc_resp_buf, control.cur.count);
   return get_le32(word);
 }
 
-static UvcStatus set_any(const Control& control) {
+UvcStatus set_any(const Control& control) {
   std::memcpy(control.stored, uvc_resp_buf, control.cur.count);
   return kNoError;
 }
 
-static UvcStatus set_within_limits(const Control& control) {
+UvcStatus set_within_limits(const Control& control) {
   const u32 value = host_value(control);
   if (value < reply_value(control.min) || value > reply_value(control.max)) return kOutOfRange;
   return set_any(control);
 }
 
-static UvcStatus set_and_send_value(const Control& control) {
+UvcStatus set_and_send_value(const Control& control) {
   const UvcStatus status = set_within_limits(control);
-  if (status == kNoError) send(visca_set_value(control.visca, static_cast<u16>(host_value(control))));
+  if (status == kNoError) visca_send(visca_set_value(control.visca, static_cast<u16>(host_value(control))));
   return status;
 }
 
-static UvcStatus set_and_send_byte(const Control& control) {
+UvcStatus set_and_send_byte(const Control& control) {
   const UvcStatus status = set_within_limits(control);
-  if (status == kNoError) send(visca_set_byte(control.visca, static_cast<u8>(host_value(control))));
+  if (status == kNoError) visca_send(visca_set_byte(control.visca, static_cast<u8>(host_value(control))));
   return status;
 }
 
-static UvcStatus set_backlight(const Control& control) {
+UvcStatus set_backlight(const Control& control) {
   const UvcStatus status = set_within_limits(control);
   const u8 mode = host_value(control) ? kViscaBacklightOn : kViscaBacklightOff;
-  if (status == kNoError) send(visca_set_byte(control.visca, mode));
+  if (status == kNoError) visca_send(visca_set_byte(control.visca, mode));
   return status;
 }
 
-// Deliberate: the whole range is announced, no value is taken.
-static UvcStatus set_hue(const Control&) { return kOutOfRange; }
+// Deliberate: the whole range is announced, but no value is accepted.
+UvcStatus set_hue(const Control&) { return kOutOfRange; }
 
-static UvcStatus set_balance_temperature(const Control& control) {
+UvcStatus set_balance_temperature(const Control& control) {
   const UvcStatus status = set_within_limits(control);
   if (status != kNoError) return status;
   const u16 kelvin = static_cast<u16>(host_value(control));
-  send(visca_set_byte(kViscaWhiteBalanceMode, kViscaWhiteBalanceManual));
-  send(visca_set_value(control.visca, kelvin));
+  visca_send(visca_set_byte(kViscaWhiteBalanceMode, kViscaWhiteBalanceManual));
+  visca_send(visca_set_value(control.visca, kelvin));
   return status;
 }
 
-static UvcStatus set_balance_auto(const Control& control) {
-  send(
-      visca_set_byte(control.visca, host_value(control) ? kViscaWhiteBalanceAuto : kViscaWhiteBalanceManual));
+UvcStatus set_balance_auto(const Control& control) {
+  const u8 mode = host_value(control) ? kViscaWhiteBalanceAuto : kViscaWhiteBalanceManual;
+  visca_send(visca_set_byte(control.visca, mode));
   return set_any(control);
 }
 
-// Deliberate: the camera terminal takes every value, its limits are only told.
+// Deliberate: the camera terminal announces limits, but accepts every value.
 
-static UvcStatus set_exposure_mode(const Control& control) {
-  send(visca_set_byte(control.visca, host_value(control) ? kViscaExposureAuto : kViscaExposureManual));
+UvcStatus set_exposure_mode(const Control& control) {
+  visca_send(visca_set_byte(control.visca, host_value(control) ? kViscaExposureAuto : kViscaExposureManual));
   return set_any(control);
 }
 
-static UvcStatus set_zoom(const Control& control) {
-  send(visca_set_value(control.visca, static_cast<u16>(host_value(control))));
+UvcStatus set_zoom(const Control& control) {
+  visca_send(visca_set_value(control.visca, static_cast<u16>(host_value(control))));
   return set_any(control);
 }
 
-static UvcStatus set_zoom_motion(const Control& control) {
+UvcStatus set_zoom_motion(const Control& control) {
   const u8 direction = zoom_motion[0] = uvc_resp_buf[0];
   zoom_motion[2] = uvc_resp_buf[2];
   const u8 drive = direction == 1 ? kViscaZoomTele : direction == 255 ? kViscaZoomWide : kViscaZoomStop;
-  send(visca_set_byte(control.visca, drive));
+  visca_send(visca_set_byte(control.visca, drive));
   return kNoError;
 }
 
-static UvcStatus set_head_position(const Control& control) {
+UvcStatus set_head_position(const Control& control) {
   set_any(control);
   uvc_apantilt_process(static_cast<i32>(get_le32(head_position)),
                        static_cast<i32>(get_le32(head_position + 4)));
   return kNoError;
 }
 
-static UvcStatus set_head_motion(const Control& control) {
+UvcStatus set_head_motion(const Control& control) {
   set_any(control);
   uvc_rpantilt_process(head_motion[0], head_motion[1], head_motion[2], head_motion[3]);
   return kNoError;
 }
 
-// The host's 1 to 4 name the four picture modes; others are only kept.
-static UvcStatus set_roll(const Control& control) {
+// The values 1 to 4 select one of the four picture modes; others are only stored.
+UvcStatus set_roll(const Control& control) {
   const u32 mode = host_value(control);
   if (mode >= 1 && mode <= 4)
-    send(visca_set_byte(control.visca, static_cast<u8>(kViscaPictureModeFirst + mode - 1)));
+    visca_send(visca_set_byte(control.visca, static_cast<u8>(kViscaPictureModeFirst + mode - 1)));
   return set_any(control);
 }
 
-static UvcStatus keep_status(const Control&) { return static_cast<UvcStatus>(uvc_request_error_code); }
+UvcStatus keep_status(const Control&) { return static_cast<UvcStatus>(uvc_request_error_code); }
 
 // Pan and tilt.
 
-static constexpr i32 kArcSecondsPerDegree = 3600;
-static constexpr i32 kArcSecondsPerStep = 270;
-static constexpr i32 kPanLimit = 170 * kArcSecondsPerDegree;
-static constexpr i32 kTiltLimit = 90 * kArcSecondsPerDegree;
-
-void uvc_apantilt_process(i32 pan, i32 tilt) {
-  PRINT_INFO("set pan[%d] tilt[%d] \n", pan / kArcSecondsPerDegree, tilt / kArcSecondsPerDegree);
-  send(visca_pan_tilt_absolute(static_cast<u16>(pan / kArcSecondsPerStep),
-                               static_cast<u16>(tilt / kArcSecondsPerStep)));
-}
+constexpr i32 kArcSecondsPerDegree = 3600;
+constexpr i32 kArcSecondsPerStep = 270;
+constexpr i32 kPanLimit = 170 * kArcSecondsPerDegree;
+constexpr i32 kTiltLimit = 90 * kArcSecondsPerDegree;
 
 struct HeadDrive {
   u8 pan, tilt;
-  i32 told_pan, told_tilt;
+  i32 shown_pan, shown_tilt;
 };
 
-static HeadDrive head_drive(u8 pan_direction, u8 tilt_direction) {
+HeadDrive head_drive(u8 pan_direction, u8 tilt_direction) {
   if (pan_direction == 255) return {kViscaPanLeft, kViscaTiltStop, 1, 0};
   if (pan_direction == 1) return {kViscaPanRight, kViscaTiltStop, 2, 0};
   if (tilt_direction == 1) return {kViscaPanStop, kViscaTiltUp, 0, 3};
@@ -228,16 +208,9 @@ static HeadDrive head_drive(u8 pan_direction, u8 tilt_direction) {
   return {kViscaPanStop, kViscaTiltStop, 0, 0};
 }
 
-void uvc_rpantilt_process(u8 pan_direction, u8, u8 tilt_direction, u8) {
-  PRINT_INFO("pan_direct[%d] tilt_direct[%d] \n", pan_direction, tilt_direction);
-  const HeadDrive drive = head_drive(pan_direction, tilt_direction);
-  PRINT_INFO("pan & tilt is %d,%d\n", drive.told_pan, drive.told_tilt);
-  send(visca_pan_tilt_drive(drive.pan, drive.tilt));
-}
-
 // The rows.
 
-static constexpr Reply kInfo = reply_bytes({kInfoGetSet});
+constexpr Reply kInfo = reply_bytes({kInfoGetSet});
 
 // A control of one 16-bit value.
 struct WordRow {
@@ -251,7 +224,7 @@ struct WordRow {
   u8 len = 2;
 };
 
-static constexpr Control word_control(const WordRow& row) {
+constexpr Control word_control(const WordRow& row) {
   return {
       .selector = row.selector,
       .len = reply_word(row.len),
@@ -270,7 +243,7 @@ static constexpr Control word_control(const WordRow& row) {
 }
 
 // clang-format off
-static constexpr Control kProcessingUnit[] = {
+constexpr Control kProcessingUnit[] = {
     word_control({.selector = PU_BACKLIGHT_COMPENSATION_CONTROL, .stored = backlight, .max = 1,
                   .set = set_backlight, .visca = kViscaBacklight}),
     word_control({.selector = PU_BRIGHTNESS_CONTROL, .stored = brightness, .max = 15, .def = 8,
@@ -328,7 +301,7 @@ static constexpr Control kProcessingUnit[] = {
                   .get = get_digital_multiplier, .set = set_within_limits}),
 };
 
-static constexpr Control kCameraTerminal[] = {
+constexpr Control kCameraTerminal[] = {
     {
         .selector = CT_AE_MODE_CONTROL,
         .len = reply_word(1),
@@ -406,8 +379,22 @@ static constexpr Control kCameraTerminal[] = {
 };
 // clang-format on
 
-Unit uvc_camera_terminal() {
-  return {kVideoControlInterface, 1, kCameraTerminal, {.len = reply_word(2), .info = reply_bytes({0})}};
+}  // namespace
+
+void uvc_apantilt_process(i32 pan, i32 tilt) {
+  PRINT_INFO("set pan[%d] tilt[%d] \n", pan / kArcSecondsPerDegree, tilt / kArcSecondsPerDegree);
+  visca_send(visca_pan_tilt_absolute(static_cast<u16>(pan / kArcSecondsPerStep),
+                                     static_cast<u16>(tilt / kArcSecondsPerStep)));
 }
 
-Unit uvc_processing_unit() { return {kVideoControlInterface, 2, kProcessingUnit, {.len = reply_word(2)}}; }
+void uvc_rpantilt_process(u8 pan_direction, u8, u8 tilt_direction, u8) {
+  PRINT_INFO("pan_direct[%d] tilt_direct[%d] \n", pan_direction, tilt_direction);
+  const HeadDrive drive = head_drive(pan_direction, tilt_direction);
+  PRINT_INFO("pan & tilt is %d,%d\n", drive.shown_pan, drive.shown_tilt);
+  visca_send(visca_pan_tilt_drive(drive.pan, drive.tilt));
+}
+
+constexpr Unit uvc_camera_terminal = {
+    kVideoControlInterface, 1, kCameraTerminal, {.len = reply_word(2), .info = reply_bytes({0})}};
+
+constexpr Unit uvc_processing_unit = {kVideoControlInterface, 2, kProcessingUnit, {.len = reply_word(2)}};

@@ -1,9 +1,9 @@
-// The camera's own controls: image settings of the processing unit, exposure, zoom, pan and tilt of the
-// camera terminal. What the host sets goes to the system server as VISCA frames; readings come from the
-// server's camera-value cache, or by inquiry while that is not valid. Control thread only.
+// The camera's own controls: the image settings of the processing unit, and exposure, zoom, pan and tilt of
+// the camera terminal. What the host sets goes to the system server as VISCA frames; readings come from the
+// server's camera-value cache or, while that is not valid, by inquiry. Control thread only.
 #pragma once
 
-#include "uvc/uvc_class_control.h"
+#include "uvc/uvc_class_row.h"
 
 enum UvcCameraTerminalSelector : u8 {
   CT_AE_MODE_CONTROL = 2,
@@ -35,11 +35,11 @@ enum UvcProcessingUnitSelector : u8 {
 };
 
 /// Entity 1 and entity 2 of the video-control interface.
-Unit uvc_camera_terminal();
-Unit uvc_processing_unit();
+extern const Unit uvc_camera_terminal;
+extern const Unit uvc_processing_unit;
 
-/// Turns the head to a position in arc seconds; what does not fit its 16-bit steps of 270 wraps.
+/// Turns the head to a position in arc seconds. In steps of 270, a position that does not fit 16 bits wraps.
 void uvc_apantilt_process(i32 pan, i32 tilt);
-/// Sets the head in motion: direction 1 is right or up, 255 left or down, any other stands still. Pan comes
-/// first, the head moves in one direction at a time. Deliberate: the speeds are not used.
+/// Sets the head in motion: direction 1 is right or up, 255 left or down, any other none. The head moves in
+/// one direction at a time, and pan takes precedence. Deliberate: the speeds are not used.
 void uvc_rpantilt_process(u8 pan_direction, u8 pan_speed, u8 tilt_direction, u8 tilt_speed);

@@ -10,54 +10,59 @@
 
 static constexpr char kPrintFile[] = "uvc_class.c";
 
-static const Unit kUnits[] = {
-    uvc_camera_terminal(),
-    uvc_processing_unit(),
-    uvc_extension_unit(),
-    {kVideoStreamingInterface, kAnyEntity, uvc_streaming_controls(), {}},
-};
+namespace {
 
-std::span<const Unit> uvc_units() { return kUnits; }
+constexpr const Unit* kUnits[] = {&uvc_camera_terminal, &uvc_processing_unit, &uvc_extension_unit,
+                                  &uvc_streaming_interface};
 
-static const Unit* find_unit(const UvcRequestContext& request) {
-  for (const Unit& unit : kUnits) {
-    if (unit.interface != request.interface()) continue;
-    if (unit.entity == kAnyEntity || unit.entity == request.entity()) return &unit;
+const Unit* find_unit(const UvcRequestContext& request) {
+  for (const Unit* unit : kUnits) {
+    if (unit->interface != request.interface()) continue;
+    if (unit->entity == kAnyEntity || unit->entity == request.entity()) return unit;
   }
   return nullptr;
 }
 
-static const Control& find_control(const Unit& unit, u8 selector) {
+const Control& find_control(const Unit& unit, u8 selector) {
   for (const Control& control : unit.controls) {
     if (control.selector == selector) return control;
   }
   return unit.other;
 }
 
-static u32 store(UvcStatus status) { return uvc_request_error_code = status; }
+u32 store(UvcStatus status) { return uvc_request_error_code = status; }
 
-static UvcStatus status_without_unit(const UvcRequestContext& request) {
+UvcStatus status_without_unit(const UvcRequestContext& request) {
   return request.interface() == kVideoControlInterface ? kInvalidUnit : kWrongInterface;
 }
 
-static void say(const Reply& reply, u8 selector) {
+void say(const Reply& reply, u8 selector) {
   if (reply.names_selector)
     PRINT_INFO("%s %x\n", reply.message, selector);
   else if (reply.message)
     PRINT_INFO("%s", reply.message);
 }
 
-static u32 give(const Reply& reply, u8 selector) {
+u32 give(const Reply& reply, u8 selector) {
   say(reply, selector);
   std::memcpy(uvc_resp_buf, reply.live ? reply.live : reply.bytes, reply.count);
   return reply.keeps_status ? uvc_request_error_code : store(reply.status);
 }
 
-static u32 answer(const UvcRequestContext& request, Reply Control::*member) {
+u32 answer(const UvcRequestContext& request, Reply Control::*member) {
   const Unit* unit = find_unit(request);
   if (!unit) return store(status_without_unit(request));
   return give(find_control(*unit, request.selector()).*member, request.selector());
 }
+
+void clear_missing_data(const UvcRequestContext& request) {
+  const std::size_t sent = request.wLength & 0xFF;
+  if (sent < sizeof(Reply::bytes)) std::memset(uvc_resp_buf + sent, 0, sizeof(Reply::bytes) - sent);
+}
+
+}  // namespace
+
+std::span<const Unit* const> uvc_units() { return kUnits; }
 
 u32 uvc_getmin(UvcRequestContext* request) { return answer(*request, &Control::min); }
 u32 uvc_getmax(UvcRequestContext* request) { return answer(*request, &Control::max); }
@@ -65,7 +70,7 @@ u32 uvc_getres(UvcRequestContext* request) { return answer(*request, &Control::r
 u32 uvc_getinfo(UvcRequestContext* request) { return answer(*request, &Control::info); }
 u32 uvc_getdef(UvcRequestContext* request) { return answer(*request, &Control::def); }
 
-// Deliberate: on an interface that is neither 0 nor 1 only GET_LEN ends without an error.
+// Deliberate: on an interface other than 0 and 1, GET_LEN is the only request that ends without an error.
 u32 uvc_getlen(UvcRequestContext* request) {
   if (request->interface() > kVideoStreamingInterface) return store(kNoError);
   return answer(*request, &Control::len);
@@ -76,11 +81,6 @@ u32 uvc_getcur(UvcRequestContext* request) {
   if (!unit) return store(status_without_unit(*request));
   const Control& control = find_control(*unit, request->selector());
   return control.get_cur ? store(control.get_cur(control)) : give(control.cur, request->selector());
-}
-
-static void clear_missing_data(const UvcRequestContext& request) {
-  const std::size_t sent = request.wLength & 0xFF;
-  if (sent < sizeof(Reply::bytes)) std::memset(uvc_resp_buf + sent, 0, sizeof(Reply::bytes) - sent);
 }
 
 u32 uvc_setcur(UvcRequestContext* request) {

@@ -5,78 +5,51 @@
 
 #include "ipc/VeltoDrvMsg.h"
 #include "support/print.h"
+#include "uvc/uvc_rate_control.h"
 #include "uvc/uvc_state.h"
 
 static constexpr char kPrintFile[] = "uvc_class.c";
 
-static constexpr i32 kModes = 4;
-static constexpr i32 kHeader = 2;
-static constexpr i32 kMjpegTopRate = 30;  // frames/s; above it MJPEG runs in mode 0, whatever was set
+namespace {
 
-// How one format's rate control goes into the record.
-struct CodecRow {
-  i32 format;
-  i32 codec;
-  RateControl* settings;  // null: the record's rate control stays as it is
-  bool has_common;        // the common parameter comes before the mode's own
-  u8 counts[kModes];      // parameters by mode, 0: unknown mode
-  i32 fallback_mode;      // for an unknown mode
-  i32 fallback[3];
-  u8 fallback_count;
-  i8 fallback_default;  // place of default_bit_rate in the fallback, -1: none
-};
+constexpr i32 kHeader = 2;
+constexpr i32 kMjpegTopRate = 30;  // frames per second; above it MJPEG runs in mode 0, whatever was set
 
-static constexpr CodecRow kCodecs[] = {
-    {kFormatMjpeg, kCodecMjpeg, &mjpeg_rate_control, false, {1, 3, 1, 0}, 1, {20480, 99, 60}, 3, -1},
-    {kFormatH264, kCodecH264, &h264_rate_control, true, {2, 4, 4, 2}, 0, {1, 0, 2048}, 3, 1},
-    {kFormatYuy2, kCodecYuy2, nullptr, false, {}, 0, {}, 0, -1},
-    {kFormatH265, kCodecH265, &h265_rate_control, false, {2, 4, 3, 2}, 0, {0, 2048}, 2, 0},
-};
+// Held while the record is changed or copied, but not while it is sent, which may wait for the server.
+std::mutex record_lock;
+u32 record_changes;  // under the lock
 
-static const CodecRow* row_with(i32 CodecRow::*member, i32 value) {
-  const auto row = std::find_if(std::begin(kCodecs), std::end(kCodecs),
-                                [&](const CodecRow& candidate) { return candidate.*member == value; });
-  return row == std::end(kCodecs) ? nullptr : row;
-}
-
-// Held while the record is changed or copied, not while it is sent: that may wait for the server.
-static std::mutex record_lock;
-static u32 record_changes;  // under the lock
-
-static i32 wanted_mode(const CodecRow& row) {
+i32 wanted_mode(const CodecRow& row) {
   const bool too_fast = row.format == kFormatMjpeg && encoder_record.frame_rate > kMjpegTopRate;
   return too_fast ? 0 : i32(row.settings->mode);
 }
 
-static bool known_mode(const CodecRow& row, i32 mode) {
-  return mode >= 0 && mode < kModes && row.counts[mode] > 0;
-}
-
-static void store_fallback(const CodecRow& row) {
+void store_fallback(const CodecRow& row) {
   encoder_record.rc_mode = row.fallback_mode;
-  for (i32 i = 0; i < row.fallback_count; i++) {
+  for (i32 i = 0; i < row.fallback_count; ++i) {
     encoder_record.rc_param[i] = i == row.fallback_default ? i32(default_bit_rate) : row.fallback[i];
   }
 }
 
-static void store_rate_control(const CodecRow& row) {
+void store_rate_control(const CodecRow& row) {
   const i32 mode = wanted_mode(row);
-  if (!known_mode(row, mode)) return store_fallback(row);
+  const i32 count = row.parameters(mode);
+  if (count == 0) return store_fallback(row);
   encoder_record.rc_mode = mode;
   i32 at = 0;
   if (row.has_common) encoder_record.rc_param[at++] = row.settings->common;
-  for (i32 i = 0; i < row.counts[mode]; i++) encoder_record.rc_param[at++] = row.settings->param[mode][i];
+  for (i32 i = 0; i < count; ++i) encoder_record.rc_param[at++] = row.settings->param[mode][i];
 }
 
-// The codec and its rate control. With record_lock held.
-static void store_codec(const CodecRow& row) {
-  record_changes++;
+// Stores the codec and its rate control; record_lock is held.
+void store_codec(const CodecRow& row) {
+  ++record_changes;
   encoder_record.codec = row.codec;
   if (row.settings) store_rate_control(row);
 }
 
-// The record as it stands, and the number of its last change.
-static u32 copy_record(EncoderSettings& settings) {
+// Copies the record as it is, and returns the number of its last change.
+u32 copy_record(EncoderSettings& settings) {
   const std::lock_guard lock(record_lock);
   settings = {
       .width = encoder_record.width,
@@ -91,14 +64,14 @@ static u32 copy_record(EncoderSettings& settings) {
   return record_changes;
 }
 
-static bool changed_since(u32 change) {
+bool changed_since(u32 change) {
   const std::lock_guard lock(record_lock);
   return record_changes != change;
 }
 
-// Both threads may send at once: whoever finds the record changed behind its back sends it again, so that the
-// last one that leaves is the newest.
-static void send_record(i32 running) {
+// Both threads may send at once: the one that finds the record changed since its copy sends it again, so that
+// the last message to leave is the newest.
+void send_record(i32 running) {
   EncoderSettingsMessage message = {kHeader, running, {}};
   u32 change;
   do {
@@ -107,77 +80,27 @@ static void send_record(i32 running) {
   } while (changed_since(change));
 }
 
-void notify_stream_start() { send_record(1); }
+// The bit rates and quantisers below are those of the best quality.
+constexpr i32 kBestQuality = 10000;
+constexpr i64 kVideoBitRate = 20480;  // kbit/s at 1920x1080
+constexpr i32 kMjpegBitRate = 40960;
+constexpr i32 kMostLoss = 120;
+constexpr i32 kTopQuantiser = 51;
 
-void notify_stream_stop() { send_record(0); }
+i32 scaled(i32 value, i32 quality) { return value * quality / kBestQuality; }
 
-void refresh_encoder_settings() {
-  const CodecRow* row = row_with(&CodecRow::format, cur_format);
-  if (!row) return;
-  {
-    const std::lock_guard lock(record_lock);
-    store_codec(*row);
-  }
-  notify_stream_start();
-}
-
-void apply_encoder_settings(i32 columns, i32 lines, i32 format, i32 rate) {
-  const CodecRow* row = row_with(&CodecRow::format, format);
-  {
-    const std::lock_guard lock(record_lock);
-    record_changes++;
-    encoder_record.width = columns;
-    encoder_record.height = lines;
-    encoder_record.frame_rate = rate;
-    if (row) store_codec(*row);
-  }
-  if (row) notify_stream_start();
-}
-
-i32 get_key_frame_interval() {
-  const RateControl& settings = cur_format == kFormatH265 ? h265_rate_control : h264_rate_control;
-  const i32 mode = settings.mode;
-  return settings.param[mode >= 0 && mode < kModes ? mode : 0][0];
-}
-
-void store_key_frame_interval(i32 frames) {
-  for (i32 mode = 0; mode < kModes; mode++) {
-    h265_rate_control.param[mode][0] = frames;
-    h264_rate_control.param[mode][0] = frames;
-  }
-}
-
-// A commit may come at any moment: the codec is the record's own, not that of cur_format.
-void set_key_frame_interval(i32 frames) {
-  store_key_frame_interval(frames);
-  {
-    const std::lock_guard lock(record_lock);
-    if (const CodecRow* row = row_with(&CodecRow::codec, encoder_record.codec)) store_codec(*row);
-  }
-  notify_stream_start();
-}
-
-// 10000 is the best quality; the parameters at it are the ones that the bit rates and quantisers below name.
-static constexpr i32 kBestQuality = 10000;
-static constexpr i64 kVideoBitRate = 20480;  // kbit/s at 1920x1080
-static constexpr i32 kMjpegBitRate = 40960;
-static constexpr i32 kMostLoss = 120;
-static constexpr i32 kTopQuantiser = 51;
-
-static i32 scaled(i32 value, i32 quality) { return value * quality / kBestQuality; }
-
-static i32 video_bit_rate(i32 quality) {
+i32 video_bit_rate(i32 quality) {
   const i64 pixels = i64{encoder_record.width} * encoder_record.height;
   return static_cast<i32>(kVideoBitRate * quality * pixels / (i64{kBestQuality} * 1920 * 1080));
 }
 
 // `base` at no loss, rising evenly to the top quantiser at full loss.
-static i32 quantiser(i32 base, i32 quality) {
+i32 quantiser(i32 base, i32 quality) {
   const i32 loss = (kBestQuality - quality) * kMostLoss / kBestQuality;
   return base + loss * (kTopQuantiser - base) / kMostLoss;
 }
 
-static void scale_video(RateControl& settings, i32 quality) {
+void scale_video(RateControl& settings, i32 quality) {
   const i32 bit_rate = video_bit_rate(quality);
   for (i32 mode : {0, 1, 3}) settings.param[mode][1] = bit_rate;
   settings.param[1][2] = quantiser(10, quality);
@@ -185,7 +108,7 @@ static void scale_video(RateControl& settings, i32 quality) {
   for (i32 i : {1, 2, 3}) settings.param[2][i] = quantiser(25, quality);
 }
 
-static void scale_mjpeg(i32 quality) {
+void scale_mjpeg(i32 quality) {
   switch (mjpeg_rate_control.mode) {
     case 0:
       mjpeg_rate_control.param[0][0] = scaled(kMjpegBitRate, quality);
@@ -198,6 +121,58 @@ static void scale_mjpeg(i32 quality) {
       mjpeg_rate_control.param[2][0] = scaled(80, quality);
       break;
   }
+}
+
+}  // namespace
+
+void notify_stream_start() { send_record(1); }
+
+void notify_stream_stop() { send_record(0); }
+
+void refresh_encoder_settings() {
+  const CodecRow* row = row_of_format(cur_format);
+  if (!row) return;
+  {
+    const std::lock_guard lock(record_lock);
+    store_codec(*row);
+  }
+  notify_stream_start();
+}
+
+void apply_encoder_settings(i32 columns, i32 lines, i32 format, i32 rate) {
+  const CodecRow* row = row_of_format(format);
+  {
+    const std::lock_guard lock(record_lock);
+    ++record_changes;
+    encoder_record.width = columns;
+    encoder_record.height = lines;
+    encoder_record.frame_rate = rate;
+    if (row) store_codec(*row);
+  }
+  if (row) notify_stream_start();
+}
+
+i32 get_key_frame_interval() {
+  const RateControl& settings = cur_format == kFormatH265 ? h265_rate_control : h264_rate_control;
+  const i32 mode = settings.mode;
+  return settings.param[mode >= 0 && mode < kRateModes ? mode : 0][0];
+}
+
+void store_key_frame_interval(i32 frames) {
+  for (i32 mode = 0; mode < kRateModes; ++mode) {
+    h265_rate_control.param[mode][0] = frames;
+    h264_rate_control.param[mode][0] = frames;
+  }
+}
+
+// A commit may come at any moment: the codec is the record's own, not that of cur_format.
+void set_key_frame_interval(i32 frames) {
+  store_key_frame_interval(frames);
+  {
+    const std::lock_guard lock(record_lock);
+    if (const CodecRow* row = row_of_codec(encoder_record.codec)) store_codec(*row);
+  }
+  notify_stream_start();
 }
 
 void change_quality(i32 quality) {
@@ -223,7 +198,7 @@ void set_frame_rate(i32 rate) {
   PRINT_INFO("cur_frame_rate = %d\n", rate);
   {
     const std::lock_guard lock(record_lock);
-    record_changes++;
+    ++record_changes;
     encoder_record.frame_rate = rate;
   }
   notify_stream_start();

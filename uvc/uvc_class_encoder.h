@@ -1,5 +1,5 @@
-// What the encoder is told: the encoder-settings record, filled from the committed stream settings and the
-// per-codec rate control, and sent to the system server with command 10.
+// The encoder-settings record: filled from the committed stream settings and the rate control of their codec,
+// and sent to the system server with command 10.
 #pragma once
 
 #include "common/bytes.h"
@@ -8,24 +8,24 @@
 /// notify_stream_start does. An unknown format stores size and rate only and sends nothing.
 void apply_encoder_settings(i32 columns, i32 lines, i32 format, i32 rate);
 
-/// Refreshes the record's codec and rate control for the committed format and sends it; nothing for an
+/// Refreshes the record's codec and rate control for the committed format and sends it. Does nothing for an
 /// unknown format. Control thread only.
 void refresh_encoder_settings();
 
-/// Tells the system server that a stream runs, or has stopped, with the record as it stands.
+/// Sends the record as it is, with the message that a stream runs or that it has stopped.
 void notify_stream_start();
 void notify_stream_stop();
 
-/// The key-frame interval in frames: the first parameter of the current codec's current mode; for codecs that
-/// have none, of H.264's.
+/// The key-frame interval in frames: the first parameter of the committed codec's current mode, or of H.264's
+/// for a codec without key frames.
 i32 get_key_frame_interval();
-/// Stores the interval in every mode of H.264 and H.265, and tells nobody.
+/// Stores the interval in every mode of H.264 and H.265 and sends nothing.
 void store_key_frame_interval(i32 frames);
-/// The same, then refreshes the rate control of the record's codec and sends the record.
+/// Stores it likewise, then refreshes the rate control of the record's codec and sends the record.
 void set_key_frame_interval(i32 frames);
 
-/// Scales bit rates and quantisers of the current format's rate control and sends the record. `quality` is in
-/// ten-thousandths, 1..10000; other values mean 10000. An entry point for the system side.
+/// Scales the bit rates and quantisers of the committed format's rate control and sends the record. `quality`
+/// is in ten-thousandths, 1..10000; other values mean 10000. An entry point for the system side.
 void change_quality(i32 quality);
-/// Stores the rate (frames/s) in the record and sends it. An entry point for the system side.
+/// Stores the rate in frames per second in the record and sends it. An entry point for the system side.
 void set_frame_rate(i32 rate);

@@ -9,7 +9,9 @@
 
 static constexpr char kPrintFile[] = "uvc_class.c";
 
-static constexpr VsProbeCommit kInitialBlock = {
+namespace {
+
+constexpr VsProbeCommit kInitialBlock = {
     .bmHint = 0x0009,
     .bFormatIndex = kFormatMjpeg,
     .bFrameIndex = 1,
@@ -23,9 +25,9 @@ static constexpr VsProbeCommit kInitialBlock = {
     .dwMaxPayloadTransferSize = 1024,
 };
 
-static VsProbeCommit vs_probe_and_commit_control = kInitialBlock;
+VsProbeCommit vs_probe_and_commit_control = kInitialBlock;
 
-static VsStillProbeCommit still_block = {
+VsStillProbeCommit still_block = {
     .bFormatIndex = 2,
     .bFrameIndex = 1,
     .bCompressionIndex = 1,
@@ -33,9 +35,9 @@ static VsStillProbeCommit still_block = {
     .dwMaxPayloadTransferSize = 1024,
 };
 
-// How much of each block the host may set; what follows is the device's own.
-static constexpr std::size_t kHostBytes = offsetof(VsProbeCommit, dwMaxVideoFrameSize);
-static constexpr std::size_t kStillHostBytes = offsetof(VsStillProbeCommit, dwMaxPayloadTransferSize);
+// How many bytes of each block the host may set; what follows is the device's own.
+constexpr std::size_t kHostBytes = offsetof(VsProbeCommit, dwMaxVideoFrameSize);
+constexpr std::size_t kStillHostBytes = offsetof(VsStillProbeCommit, dwMaxPayloadTransferSize);
 
 struct FrameSize {
   u16 lines;
@@ -70,42 +72,42 @@ static constexpr FormatRow kFormats[] = {
 };
 static_assert(std::size(kFrameSizes) == 21 + 6 + 1);
 
-static const FormatRow* format_row(u8 format_index) {
+const FormatRow* format_row(u8 format_index) {
   for (const FormatRow& row : kFormats) {
     if (row.format == format_index) return &row;
   }
   return nullptr;
 }
 
-static FrameSize frame_size(const FormatRow& row, u8 frame_index) {
+FrameSize frame_size(const FormatRow& row, u8 frame_index) {
   const std::size_t at = row.first + std::size_t{frame_index} - 1;
   return at < std::size(kFrameSizes) ? kFrameSizes[at] : FrameSize{0, 0};
 }
 
-static u32 max_video_frame_size(u8 format_index, u8 frame_index) {
+u32 max_video_frame_size(u8 format_index, u8 frame_index) {
   const FormatRow* row = format_row(format_index);
   if (!row || frame_index > row->frames) return 0;
   const FrameSize size = frame_size(*row, frame_index);
   return u32{size.columns} * size.lines * row->bytes_per_pixel;
 }
 
-static void refresh_max_video_frame_size() {
+void refresh_max_video_frame_size() {
   VsProbeCommit& block = vs_probe_and_commit_control;
   block.dwMaxVideoFrameSize = max_video_frame_size(block.bFormatIndex, block.bFrameIndex);
 }
 
-static UvcStatus get_block(const Control&) {
+UvcStatus get_block(const Control&) {
   refresh_max_video_frame_size();
   std::memcpy(uvc_resp_buf, &vs_probe_and_commit_control, sizeof(VsProbeCommit));
   return kNoError;
 }
 
-static UvcStatus set_probe(const Control&) {
+UvcStatus set_probe(const Control&) {
   std::memcpy(&vs_probe_and_commit_control, uvc_resp_buf, kHostBytes);
   return kNoError;
 }
 
-static void adopt_format(const FormatRow& row, u8 frame_index) {
+void adopt_format(const FormatRow& row, u8 frame_index) {
   const FrameSize size = frame_size(row, frame_index);
   cur_format = row.format;
   PRINT_INFO(" cur_format == %s last_format %d\n", row.name, i32(last_format));
@@ -113,7 +115,7 @@ static void adopt_format(const FormatRow& row, u8 frame_index) {
   cur_col = size.columns;
 }
 
-static UvcStatus set_commit(const Control& control) {
+UvcStatus set_commit(const Control& control) {
   set_probe(control);
   const VsProbeCommit& block = vs_probe_and_commit_control;
   PRINT_INFO("vs_probe_and_commit_control.bFormatIndex %d\n", block.bFormatIndex);
@@ -130,29 +132,29 @@ static UvcStatus set_commit(const Control& control) {
   cfg_col = cur_col;
   last_format = cur_format;
   config_changed = 1;
-  // Deliberate: not cur_format, which an unknown format leaves as it was; the encoder is then told nothing.
+  // Deliberate: not cur_format, which an unknown format leaves as it was: nothing is sent to the encoder.
   apply_encoder_settings(cur_col, cur_line, block.bFormatIndex, cur_frame_rate);
   return kNoError;
 }
 
-static UvcStatus set_still(const Control&) {
+UvcStatus set_still(const Control&) {
   std::memcpy(&still_block, uvc_resp_buf, kStillHostBytes);
   return kNoError;
 }
 
-static UvcStatus set_trigger(const Control&) {
+UvcStatus set_trigger(const Control&) {
   still_trigger_format = still_block.bFormatIndex;
   still_trigger = still_block.bFormatIndex;
   return kNoError;
 }
 
-static constexpr Reply kInitial = reply_live(&kInitialBlock, sizeof(kInitialBlock));
-static constexpr Reply kCurrent = reply_live(&vs_probe_and_commit_control, sizeof(VsProbeCommit));
-static constexpr Reply kStill = reply_live(&still_block, sizeof(still_block));
-static constexpr Reply kInfo = reply_bytes({kInfoGetSet});
-static constexpr Reply kTrigger = reply_message("get VS_STILL_IMAGE_TRIGGER_CONTROL\n");
+constexpr Reply kInitial = reply_live(&kInitialBlock, sizeof(kInitialBlock));
+constexpr Reply kCurrent = reply_live(&vs_probe_and_commit_control, sizeof(VsProbeCommit));
+constexpr Reply kStill = reply_live(&still_block, sizeof(still_block));
+constexpr Reply kInfo = reply_bytes({kInfoGetSet});
+constexpr Reply kTrigger = reply_message("get VS_STILL_IMAGE_TRIGGER_CONTROL\n");
 
-static constexpr Control block_control(u8 selector, ControlFunction set_cur) {
+constexpr Control block_control(u8 selector, ControlFunction set_cur) {
   return {
       .selector = selector,
       .len = reply_word(sizeof(VsProbeCommit)),
@@ -166,7 +168,7 @@ static constexpr Control block_control(u8 selector, ControlFunction set_cur) {
   };
 }
 
-static constexpr Control kControls[] = {
+constexpr Control kControls[] = {
     block_control(VS_PROBE_CONTROL, set_probe),
     block_control(VS_COMMIT_CONTROL, set_commit),
     {
@@ -193,4 +195,6 @@ static constexpr Control kControls[] = {
     },
 };
 
-std::span<const Control> uvc_streaming_controls() { return kControls; }
+}  // namespace
+
+constexpr Unit uvc_streaming_interface = {kVideoStreamingInterface, kAnyEntity, kControls, {}};

@@ -1,11 +1,10 @@
 // Negotiation on the video-streaming interface: probe, commit, still image, and the frame sizes of each
-// format. Control thread only.
+// format. For the control thread only.
 #pragma once
 
 #include <cstddef>
-#include <span>
 
-#include "uvc/uvc_class_control.h"
+#include "uvc/uvc_class_row.h"
 
 enum UvcStreamingSelector : u8 {
   VS_PROBE_CONTROL = 1,
@@ -26,7 +25,7 @@ struct [[gnu::packed]] VsProbeCommit {
   u16 wCompQuality;
   u16 wCompWindowSize;
   u16 wDelay;
-  u32 dwMaxVideoFrameSize;       ///< bytes; the device's own, like all that follows
+  u32 dwMaxVideoFrameSize;       ///< bytes; the device's own, as is what follows
   u32 dwMaxPayloadTransferSize;  ///< bytes
 };
 static_assert(sizeof(VsProbeCommit) == 26 && offsetof(VsProbeCommit, dwMaxVideoFrameSize) == 18);
@@ -41,5 +40,5 @@ struct [[gnu::packed]] VsStillProbeCommit {
 };
 static_assert(sizeof(VsStillProbeCommit) == 11);
 
-/// The streaming interface's rows.
-std::span<const Control> uvc_streaming_controls();
+/// Every entity of the video-streaming interface.
+extern const Unit uvc_streaming_interface;

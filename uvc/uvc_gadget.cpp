@@ -30,19 +30,95 @@
 
 static constexpr char kPrintFile[] = "uvc_gadget.c";
 
-static constexpr useconds_t kConnectPause = 5'000;
-static constexpr useconds_t kCommandPause = 5'000;
+namespace {
 
-static constexpr u32 kPinMuxRegisters[] = {0x200F0074, 0x200F01A8};
-static constexpr u32 kPortSelectPin = 122;
-static constexpr u32 kPortEnablePin = 73;
+constexpr useconds_t kConnectPause = 5'000;
+constexpr useconds_t kCommandPause = 5'000;
 
-static constexpr const char* kModuleCommands[] = {
+constexpr u32 kPinMuxRegisters[] = {0x200F0074, 0x200F01A8};
+constexpr u32 kPortSelectPin = 122;
+constexpr u32 kPortEnablePin = 73;
+
+constexpr const char* kModuleCommands[] = {
     "rmmod  /opt/vcam/ko/extdrv/g_webcam.ko",
     "rmmod  /opt/vcam/ko/extdrv/dwc_otg.ko",
     "insmod /opt/vcam/ko/extdrv/dwc_otg.ko",
     "insmod /opt/vcam/ko/extdrv/g_webcam.ko",
 };
+
+void write_pin_mux() {
+  for (const u32 address : kPinMuxRegisters) himm(address, 0);
+}
+
+i32 attach_channels() {
+  if (InitSysMsgDrv(kSysMsgProcess) < 0) return -1;
+  if (InitFileMsgDrv(kFileMsgKey, kFileMsgProcess) < 0) return -1;
+  return 0;
+}
+
+// The USB port selection. Prints a message and returns -1 when the server's record never becomes valid.
+i64 read_usb_port() {
+  const SysInfo* info = GetSysInfo();
+  if (!info) {
+    output(STDERR_FILENO, "uvc_gadget: no valid parameter record from the system server, ending\n");
+    return -1;
+  }
+  const u32 port = info->usb_port;
+  PRINT_DEBUG("USB port sel:%d\n", static_cast<i32>(port));
+  return port;
+}
+
+// A command that is still running when the service is to end is killed: it would remove what the next service
+// has just loaded.
+void run_until_exit(const char* command) {
+  if (uvc_stream_state.exit_flag) return;
+  const pid_t child = sys::spawn(command);
+  while (child > 0 && waitpid(child, nullptr, WNOHANG) == 0) {
+    if (uvc_stream_state.exit_flag) {
+      kill(-child, SIGKILL);
+      return;
+    }
+    serve_signals();
+    sys::usleep(kCommandPause);
+  }
+}
+
+void reload_modules() {
+  for (const char* command : kModuleCommands) run_until_exit(command);
+}
+
+// Opens the node and starts the control thread on it. Returns 0, or -1 when the service is to end instead.
+i32 bring_up_device(pthread_t* thread) {
+  while (!uvc_stream_state.exit_flag && uvc_device_open() == 0) {
+    const int result = pthread_create(thread, nullptr, uvc_class_procesing, &uvc_video_fd);
+    if (result == 0) return 0;
+    PRINT_INFO("can't create thread: %s\n", std::strerror(result));
+    uvc_device_close();
+  }
+  return -1;
+}
+
+void find_shared_words() {
+  camera_cache = GetSysCameraCache();
+  usb_disconnect_word = GetSysRequestFlags();
+}
+
+void run_streaming_loop() {
+  StreamLoop loop = {.need_dequeue = uvc_buffer_count > 0};
+  while (!uvc_stream_state.exit_flag) stream_turn(loop);
+}
+
+void shut_down() {
+  serve_signals();
+  if (uvc_video_fd >= 0) uvc_device_close();
+  notify_stream_stop();
+  VeltoInterfaceExit();
+  CleanupFileMsgDrv();
+  CleanupSysMsgDrv();
+  log_module_exit();
+}
+
+}  // namespace
 
 void second_cnt() {
   UvcStreamState& state = uvc_stream_state;
@@ -71,80 +147,8 @@ i32 connect_av_server(i32 id) {
   return -1;
 }
 
-static void write_pin_mux() {
-  for (const u32 address : kPinMuxRegisters) himm(address, 0);
-}
-
-static i32 attach_channels() {
-  if (InitSysMsgDrv(kSysMsgProcess) < 0) return -1;
-  if (InitFileMsgDrv(kFileMsgKey, kFileMsgProcess) < 0) return -1;
-  return 0;
-}
-
-// USB port selection; -1 after a message when the server's record never becomes valid.
-static i64 read_usb_port() {
-  const SysInfo* info = GetSysInfo();
-  if (!info) {
-    output(STDERR_FILENO, "uvc_gadget: no valid parameter record from the system server, ending\n");
-    return -1;
-  }
-  const u32 port = info->usb_port;
-  PRINT_DEBUG("USB port sel:%d\n", static_cast<i32>(port));
-  return port;
-}
-
-// A command that has not ended when the service is to end is killed: it would remove what the next service
-// has just loaded.
-static void run_until_exit(const char* command) {
-  if (uvc_stream_state.exit_flag) return;
-  const pid_t child = sys::spawn(command);
-  while (child > 0 && waitpid(child, nullptr, WNOHANG) == 0) {
-    if (uvc_stream_state.exit_flag) {
-      kill(-child, SIGKILL);
-      return;
-    }
-    serve_signals();
-    sys::usleep(kCommandPause);
-  }
-}
-
-static void reload_modules() {
-  for (const char* command : kModuleCommands) run_until_exit(command);
-}
-
-// The node opened and its events served by a thread; -1 when the service is to end instead.
-static i32 bring_up_device(pthread_t* thread) {
-  while (!uvc_stream_state.exit_flag && uvc_device_open() == 0) {
-    const int result = pthread_create(thread, nullptr, uvc_class_procesing, &uvc_video_fd);
-    if (result == 0) return 0;
-    PRINT_INFO("can't create thread: %s\n", std::strerror(result));
-    uvc_device_close();
-  }
-  return -1;
-}
-
-static void find_shared_words() {
-  camera_cache = GetSysCameraCache();
-  usb_disconnect_word = GetSysRequestFlags();
-}
-
-static void run_streaming_loop() {
-  StreamLoop loop = {.need_dequeue = uvc_buffer_count > 0};
-  while (!uvc_stream_state.exit_flag) stream_turn(loop);
-}
-
-static void shut_down() {
-  serve_signals();
-  if (uvc_video_fd >= 0) uvc_device_close();
-  notify_stream_stop();
-  VeltoInterfaceExit();
-  CleanupFileMsgDrv();
-  CleanupSysMsgDrv();
-  log_module_exit();
-}
-
-// Deliberate: SIGTERM before the handlers stand ends the process by its default action, also while the system
-// server is awaited; the pins are driven twice, first with the inverse of the port and then with the port.
+// Deliberate: before the handlers are installed SIGTERM ends the process by its default action, also while
+// the service waits for the system server; the pins are driven twice, first with the inverse of the port.
 i32 uvc_gadget_main(int, char** argv) {
   log_module_init(print_level);
   process_info_print(argv[0]);

@@ -15,13 +15,15 @@
 #include "uvc/uvc_state.h"
 
 static constexpr char kPrintFile[] = "uvc_gadget.c";
-static constexpr char kNode[] = "/dev/video0";
 
-static constexpr useconds_t kReopenPause = 100'000;
-static constexpr u32 kWantedBuffers = 3;
+namespace {
 
-// The driver sizes its buffers from this; what is streamed in them is negotiated with the host.
-static v4l2_format sizing_format() {
+constexpr char kNode[] = "/dev/video0";
+constexpr useconds_t kReopenPause = 100'000;
+constexpr u32 kWantedBuffers = 3;
+
+// The driver sizes its buffers by this format; what is streamed in them is negotiated with the host.
+v4l2_format sizing_format() {
   v4l2_format format = {};
   format.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
   format.fmt.pix.width = 1280;
@@ -32,15 +34,7 @@ static v4l2_format sizing_format() {
 }
 static_assert(V4L2_FIELD_INTERLACED == 4 && V4L2_PIX_FMT_YUYV == 0x56595559);
 
-v4l2_buffer uvc_buffer_record(u32 index) {
-  v4l2_buffer record = {};
-  record.index = index;
-  record.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
-  record.memory = V4L2_MEMORY_MMAP;
-  return record;
-}
-
-static i32 set_format() {
+i32 set_format() {
   v4l2_format format = sizing_format();
   i32 result = sys::ioctl(uvc_video_fd, VIDIOC_S_FMT, &format);
   if (result < 0) {
@@ -56,7 +50,7 @@ static i32 set_format() {
 }
 
 // Newer drivers return the granted count, so only a negative result is a failure.
-static i32 request_buffers() {
+i32 request_buffers() {
   v4l2_requestbuffers request = {};
   request.count = kWantedBuffers;
   request.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
@@ -66,8 +60,8 @@ static i32 request_buffers() {
   return 0;
 }
 
-// A result of -1 leaves the buffer unmapped. The index in the driver's answer does not count.
-static i32 map_queried(u32 index, const v4l2_buffer& record) {
+// Returns 0, or -1 and leaves the buffer unmapped. The index in the driver's answer is ignored.
+i32 map_queried(u32 index, const v4l2_buffer& record) {
   void* start = sys::mmap(nullptr, record.length, PROT_READ | PROT_WRITE, MAP_SHARED, uvc_video_fd,
                           static_cast<off_t>(record.m.offset));
   if (start == MAP_FAILED) return -1;
@@ -75,31 +69,31 @@ static i32 map_queried(u32 index, const v4l2_buffer& record) {
   return 0;
 }
 
-static void unmap_all() {
-  for (u32 i = 0; i < uvc_buffer_count; i++) {
+void unmap_all() {
+  for (u32 i = 0; i < uvc_buffer_count; ++i) {
     if (uvc_buffers[i].start) sys::munmap(uvc_buffers[i].start, uvc_buffers[i].length);
     uvc_buffers[i] = {};
   }
 }
 
-static i32 queue_empty(u32 index) {
+i32 queue_empty(u32 index) {
   std::memset(uvc_buffers[index].start, 0, uvc_buffers[index].length);
   v4l2_buffer record = uvc_buffer_record(index);
   record.bytesused = kEmptyPayload;
   return sys::ioctl(uvc_video_fd, VIDIOC_QBUF, &record);
 }
 
-static i32 query_and_map(u32 index) {
+i32 query_and_map(u32 index) {
   v4l2_buffer record = uvc_buffer_record(index);
   if (sys::ioctl(uvc_video_fd, VIDIOC_QUERYBUF, &record) < 0) return -1;
   return map_queried(index, record);
 }
 
-static i32 map_and_queue_all() {
-  for (u32 i = 0; i < uvc_buffer_count; i++) {
+i32 map_and_queue_all() {
+  for (u32 i = 0; i < uvc_buffer_count; ++i) {
     if (query_and_map(i) < 0) return -1;
   }
-  for (u32 i = 0; i < uvc_buffer_count; i++) {
+  for (u32 i = 0; i < uvc_buffer_count; ++i) {
     const i32 result = queue_empty(i);
     if (result < 0) {
       PRINT_INFO("VIDIOC_QBUF (%d) failed (%d)\n", i, result);
@@ -109,14 +103,31 @@ static i32 map_and_queue_all() {
   return 0;
 }
 
-static i32 configure() {
+i32 configure() {
   v4l2_capability capability = {};
   if (sys::ioctl(uvc_video_fd, VIDIOC_QUERYCAP, &capability) < 0) return -1;
   if (set_format() < 0 || request_buffers() < 0) return -1;
   return map_and_queue_all();
 }
 
-// Deliberate: only a failed open pauses; a node that opens and then refuses a step is tried again at once.
+// The number is forgotten first: once it is closed, another file may get it.
+void close_node() {
+  const i32 number = uvc_video_fd;
+  uvc_video_fd = -1;
+  sys::close(number);
+}
+
+}  // namespace
+
+v4l2_buffer uvc_buffer_record(u32 index) {
+  v4l2_buffer record = {};
+  record.index = index;
+  record.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+  record.memory = V4L2_MEMORY_MMAP;
+  return record;
+}
+
+// Deliberate: only a failed open pauses. A node that opens and then refuses a step is tried again at once.
 i32 uvc_device_open() {
   for (;;) {
     uvc_video_fd = sys::open(kNode, O_RDWR | O_NONBLOCK | O_CLOEXEC);
@@ -129,13 +140,6 @@ i32 uvc_device_open() {
     serve_signals();
     if (uvc_stream_state.exit_flag) return -1;
   }
-}
-
-// The number is forgotten first: once closed it may be another file's.
-static void close_node() {
-  const i32 number = uvc_video_fd;
-  uvc_video_fd = -1;
-  sys::close(number);
 }
 
 void uvc_device_close() {
@@ -160,7 +164,7 @@ i32 uvc_device_rearm_buffer(u32 index) {
 
 void uvc_device_rearm() {
   unmap_all();
-  for (u32 i = 0; i < uvc_buffer_count; i++) {
+  for (u32 i = 0; i < uvc_buffer_count; ++i) {
     if (uvc_device_rearm_buffer(i) < 0) PRINT_INFO("set mmap errr\n");
   }
 }

@@ -10,17 +10,20 @@
 #include "support/print.h"
 #include "uvc/uvc_gadget_device.h"
 #include "uvc/uvc_gadget_signals.h"
+#include "uvc/uvc_gadget_stream.h"
 #include "uvc/uvc_gadget_yuv.h"
 #include "uvc/uvc_state.h"
 #include "vencbuf/vencbuf_get.h"
 
 static constexpr char kPrintFile[] = "uvc_gadget.c";
 
-static constexpr i32 kVpssGroup = 0;
-static constexpr i32 kVpssChannel = 3;
-static constexpr i32 kNoTimeLimit = -1;
+namespace {
 
-// A taken VPSS picture with both planes mapped, for as long as it lives; its end unmaps and releases.
+constexpr i32 kVpssGroup = 0;
+constexpr i32 kVpssChannel = 3;
+constexpr i32 kNoTimeLimit = -1;
+
+// A VPSS picture that was taken. Maps both planes; the destructor unmaps them and releases the picture.
 class MappedPicture {
  public:
   explicit MappedPicture(const VpssPicture& picture) : source_(picture) {
@@ -55,8 +58,8 @@ class MappedPicture {
   void* chroma_ = nullptr;
 };
 
-// Deliberate: a picture in another pixel format is not given back.
-static i32 take_picture(VpssPicture* picture) {
+// Deliberate: a picture in any other pixel format is not given back.
+i32 take_picture(VpssPicture* picture) {
   const i32 result = HI_MPI_VPSS_GetChnFrame(kVpssGroup, kVpssChannel, picture, kNoTimeLimit);
   if (result != 0) {
     PRINT_INFO("HI_MPI_VPSS_GetChnFrame Error! %x\n", result);
@@ -69,33 +72,16 @@ static i32 take_picture(VpssPicture* picture) {
   return 0;
 }
 
-i32 frame_get_yuv(u8* destination, u32 dst_size, u32 layout) {
-  VpssPicture picture = {};
-  if (take_picture(&picture) < 0) return -1;
-  const MappedPicture mapped(picture);
-  if (!mapped.usable()) {
-    PRINT_INFO("VPSS picture %ux%u with strides %u, %u cannot be mapped\n", picture.width, picture.height,
-               picture.stride[0], picture.stride[1]);
-    return -1;
-  }
-  const YuvResult result = yuv_convert(mapped.planes, layout, destination, dst_size);
-  if (result.luma_out_of_range) output(STDOUT_FILENO, "Check.\n");
-  if (yuv_bytes_needed(layout, picture.width, picture.height) > dst_size) {
-    PRINT_ERROR("Insufficient memory space.");
-  }
-  return static_cast<i32>(result.bytes);
-}
+u8* memory_of(const v4l2_buffer& buffer) { return uvc_buffers[buffer.index].start; }
 
-static u8* memory_of(const v4l2_buffer& buffer) { return uvc_buffers[buffer.index].start; }
+u32 capacity_of(const v4l2_buffer& buffer) { return uvc_buffers[buffer.index].length; }
 
-static u32 capacity_of(const v4l2_buffer& buffer) { return uvc_buffers[buffer.index].length; }
-
-static void put_empty_payload(v4l2_buffer& buffer) {
+void put_empty_payload(v4l2_buffer& buffer) {
   buffer.bytesused = kEmptyPayload;
   std::memset(memory_of(buffer), 0, kEmptyPayload);
 }
 
-static void fill_from_vpss(v4l2_buffer& buffer) {
+void fill_from_vpss(v4l2_buffer& buffer) {
   const u64 committed =
       u64{static_cast<u32>(encoder_record.width)} * static_cast<u32>(encoder_record.height) * 2;
   const u32 room = static_cast<u32>(std::min<u64>(committed, capacity_of(buffer)));
@@ -103,7 +89,7 @@ static void fill_from_vpss(v4l2_buffer& buffer) {
   buffer.bytesused = result >= 1 ? static_cast<u32>(result) : kEmptyPayload;
 }
 
-// What the fill uses of a slot's header, read once: the writer is another process.
+// What is used of a slot's header, read once: the writer is another process.
 struct FrameHeader {
   u32 type;
   i32 width;
@@ -111,21 +97,21 @@ struct FrameHeader {
   i32 size;
 };
 
-static FrameHeader read_header(const EncFrameSlot& slot) {
+FrameHeader read_header(const EncFrameSlot& slot) {
   volatile const EncFrameSlot& shared = slot;
   return {shared.frame_type, shared.width, shared.height, static_cast<i32>(shared.size)};
 }
 
-static bool fits_commit(const FrameHeader& frame) {
+bool fits_commit(const FrameHeader& frame) {
   if (frame.width != encoder_record.width || frame.height != encoder_record.height) return false;
   return cur_format == kFormatMjpeg ? frame.type == kJpegFrameType : frame.type <= kLastVideoFrameType;
 }
 
-static bool comes_from_ring(i32 format) {
+bool comes_from_ring(i32 format) {
   return format == kFormatMjpeg || format == kFormatH264 || format == kFormatH265;
 }
 
-static void copy_frame(v4l2_buffer& buffer, const EncFrameSlot& slot, i32 size) {
+void copy_frame(v4l2_buffer& buffer, const EncFrameSlot& slot, i32 size) {
   const u32 capacity = capacity_of(buffer);
   if (size <= 0 || static_cast<u32>(size) > capacity) {
     PRINT_INFO("Image size Err %d max=%d\n", size, static_cast<i32>(capacity));
@@ -135,11 +121,11 @@ static void copy_frame(v4l2_buffer& buffer, const EncFrameSlot& slot, i32 size) 
   std::memcpy(memory_of(buffer), slot.data, buffer.bytesused);
 }
 
-// Drops frames until one fits. 0, or -1 when the stream or the service ends before that.
-static i32 fill_from_ring(v4l2_buffer& buffer) {
+// Drops frames until one fits. Returns 0, or -1 when the stream or the service ends before that.
+i32 fill_from_ring(v4l2_buffer& buffer) {
   do {
     serve_signals();
-    EncFrameSlot* slot = vencbuf_get(serve_signals);
+    EncFrameSlot* slot = vencbuf_get(stream_goes_on, serve_signals);
     if (!slot) {
       PRINT_ERROR_IN("uvc_video_fill_buffer", "vencbuf_get Error\n");
       put_empty_payload(buffer);
@@ -157,6 +143,25 @@ static i32 fill_from_ring(v4l2_buffer& buffer) {
     if (fits) return 0;
   } while (stream_goes_on());
   return -1;
+}
+
+}  // namespace
+
+i32 frame_get_yuv(u8* destination, u32 dst_size, u32 layout) {
+  VpssPicture picture = {};
+  if (take_picture(&picture) < 0) return -1;
+  const MappedPicture mapped(picture);
+  if (!mapped.usable()) {
+    PRINT_INFO("VPSS picture %ux%u with strides %u, %u cannot be mapped\n", picture.width, picture.height,
+               picture.stride[0], picture.stride[1]);
+    return -1;
+  }
+  const YuvResult result = yuv_convert(mapped.planes, layout, destination, dst_size);
+  if (result.luma_out_of_range) output(STDOUT_FILENO, "Check.\n");
+  if (yuv_bytes_needed(layout, picture.width, picture.height) > dst_size) {
+    PRINT_ERROR("Insufficient memory space.");
+  }
+  return static_cast<i32>(result.bytes);
 }
 
 void uvc_video_fill_buffer(i32, v4l2_buffer* buffer) {

@@ -1,3 +1,15 @@
+// The streaming loop feeds one stream at a time from the main thread. The control thread starts and ends
+// streams at any moment, as the host asks, and announces that by the words of the stream state alone. So the
+// loop remembers which stream is its own, and looks at the words before every buffer and again, under
+// stream_end_lock, before it queues one. Two things are guaranteed: a frame of one stream never enters the
+// next, and every buffer goes back to the driver, filled with a frame or, where there is none, with an empty
+// payload of two bytes.
+//
+// A host that takes no frames leaves the driver without a finished buffer: each failed dequeue costs a pause
+// of 20 ms. An encoder that is late or gone costs one empty payload for every 2.5 s of waiting
+// (vencbuf_get.cpp); only the media library's wait for a picture has no limit. A stream that is over, even
+// when the next one has begun, is ended first: its buffers are mapped and queued anew, and the system server
+// is informed. A system server whose queue is full stops the loop until there is room or the service ends.
 #include "uvc/uvc_gadget_loop.h"
 
 #include <utility>
@@ -8,22 +20,23 @@
 #include "uvc/uvc_gadget_device.h"
 #include "uvc/uvc_gadget_fill.h"
 #include "uvc/uvc_gadget_signals.h"
+#include "uvc/uvc_gadget_stream.h"
 #include "uvc/uvc_state.h"
 #include "vencbuf/vencbuf_get.h"
 
 static constexpr char kPrintFile[] = "uvc_gadget.c";
 
-static constexpr useconds_t kIdlePause = 10'000;
-static constexpr useconds_t kDequeuePause = 20'000;
-static constexpr u32 kDequeueFailures = 100;
+namespace {
+
+constexpr useconds_t kIdlePause = 10'000;
+constexpr useconds_t kDequeuePause = 20'000;
+constexpr u32 kDequeueFailures = 100;
 // H.264 and H.265 run with key frames only until this frame of a stream.
-static constexpr u32 kIntraFrames = 4;
+constexpr u32 kIntraFrames = 4;
 
-static bool has_key_frames() { return cur_format == kFormatH264 || cur_format == kFormatH265; }
+bool has_key_frames() { return cur_format == kFormatH264 || cur_format == kFormatH265; }
 
-static void adopt_stream() { fed_stream = uvc_stream_state.stream_starts; }
-
-static void start_stream(StreamLoop& loop) {
+void start_stream(StreamLoop& loop) {
   loop.stopped = false;
   adopt_stream();
   if (has_key_frames()) {
@@ -34,10 +47,10 @@ static void start_stream(StreamLoop& loop) {
     notify_stream_start();  // Deliberate: these formats are announced twice
   }
   notify_stream_start();
-  vencbuf_clear_all();
+  vencbuf_clear_all(stream_goes_on);
 }
 
-static void stop_stream(StreamLoop& loop) {
+void stop_stream(StreamLoop& loop) {
   last_format = -1;
   notify_stream_stop();
   uvc_device_rearm();
@@ -46,41 +59,40 @@ static void stop_stream(StreamLoop& loop) {
   loop.stopped = true;
 }
 
-static void count_frame(StreamLoop& loop) {
+void count_frame(StreamLoop& loop) {
   if (!has_key_frames() || loop.frames_since_start >= kIntraFrames) return;
   if (++loop.frames_since_start == kIntraFrames) set_key_frame_interval(loop.saved_gop);
 }
 
-// The result of VIDIOC_QBUF; 0 when the stream is over, whose end queues every buffer itself.
-static i32 queue(v4l2_buffer& buffer) {
+// Returns the result of VIDIOC_QBUF, or 0 when the stream is over: its end queues every buffer itself.
+i32 queue(v4l2_buffer& buffer) {
   const std::lock_guard lock(stream_end_lock);
   return stream_goes_on() ? sys::ioctl(uvc_video_fd, VIDIOC_QBUF, &buffer) : 0;
 }
 
-// This turn's buffer is offered in case the driver has it no longer. Deliberate: a run of failures is called
-// a queue timeout.
-static void on_dequeue_failure(StreamLoop& loop, u32 index, u32 payload) {
+// Offers this turn's buffer, in case the driver no longer has it.
+// Deliberate: a run of failures is called a queue timeout.
+void on_dequeue_failure(StreamLoop& loop, u32 index, u32 payload) {
   v4l2_buffer buffer = uvc_buffer_record(index);
   buffer.bytesused = payload;
   queue(buffer);
-  loop.dq_fail_count++;
+  ++loop.dq_fail_count;
   sys::usleep(kDequeuePause);
   if (loop.dq_fail_count <= kDequeueFailures) return;
   PRINT_INFO("VIDIOC_QBUF Timeout!\n");
   loop.dq_fail_count = 0;
 }
 
-static bool is_mapped(u32 index) { return index < uvc_buffer_count && uvc_buffers[index].start != nullptr; }
+bool is_mapped(u32 index) { return index < uvc_buffer_count && uvc_buffers[index].start != nullptr; }
 
-// A buffer that could not be mapped when the last stream ended: it is tried again, and filled once it comes
-// round.
-static void mend_buffer(u32 index) {
+// Maps a buffer that could not be mapped when the last stream ended, and queues it empty.
+void rearm_buffer(u32 index) {
   if (uvc_device_rearm_buffer(index) < 0) sys::usleep(kDequeuePause);
 }
 
-// Takes a buffer from the driver. False when there is none, or when the driver names one that has no mapping
-// or lies outside the table. Deliberate: 0 bytes are offered in the first case.
-static bool dequeue(StreamLoop& loop, v4l2_buffer& buffer) {
+// Takes a buffer from the driver. Returns false when there is none, or when the driver names one that has no
+// mapping or is outside the table. Deliberate: 0 bytes are offered in the first case.
+bool dequeue(StreamLoop& loop, v4l2_buffer& buffer) {
   const u32 index = buffer.index;
   const bool given = sys::ioctl(uvc_video_fd, VIDIOC_DQBUF, &buffer) >= 0;
   if (given && is_mapped(buffer.index)) return true;
@@ -88,9 +100,9 @@ static bool dequeue(StreamLoop& loop, v4l2_buffer& buffer) {
   return false;
 }
 
-static void feed_buffer(StreamLoop& loop, u32 index) {
+void feed_buffer(StreamLoop& loop, u32 index) {
   serve_signals();
-  if (!is_mapped(index)) return mend_buffer(index);
+  if (!is_mapped(index)) return rearm_buffer(index);
   v4l2_buffer buffer = uvc_buffer_record(index);
   if (loop.need_dequeue && !dequeue(loop, buffer)) return;
   count_frame(loop);
@@ -100,28 +112,30 @@ static void feed_buffer(StreamLoop& loop, u32 index) {
   if (result < 0) PRINT_INFO("VIDIOC_QBUF failed (%d)\n", result);
 }
 
-static void feed_all_buffers(StreamLoop& loop) {
+void feed_all_buffers(StreamLoop& loop) {
   config_changed = 0;
-  for (u32 i = 0; i < uvc_buffer_count && stream_goes_on(); i++) feed_buffer(loop, i);
+  for (u32 i = 0; i < uvc_buffer_count && stream_goes_on(); ++i) feed_buffer(loop, i);
   loop.need_dequeue = true;
 }
 
-static void rest(StreamLoop& loop) {
-  if (uvc_stream_state.exit_flag) return;  // the shutdown tells the server
+void idle(StreamLoop& loop) {
+  if (uvc_stream_state.exit_flag) return;  // the shutdown announces the end to the server
   if (!loop.stopped) stop_stream(loop);
   sys::usleep(kIdlePause);
 }
+
+}  // namespace
 
 void stream_turn(StreamLoop& loop) {
   serve_signals();
   if (std::exchange(loop.first_turn, false)) {
     adopt_stream();
-    vencbuf_clear_all();
+    vencbuf_clear_all(stream_goes_on);
   }
   if (loop.stopped && uvc_stream_state.streaming()) start_stream(loop);
   if (!loop.stopped && stream_goes_on()) {
     feed_all_buffers(loop);
   } else {
-    rest(loop);
+    idle(loop);
   }
 }

@@ -12,23 +12,27 @@
 
 static constexpr char kPrintFile[] = "uvc_gadget.c";
 
-static Word exit_requested;
-static Word reload_requested;
+namespace {
 
-// How long the orderly end may take: whatever holds it up, the service ends within a second.
-static constexpr itimerval kEndLimit = {.it_interval = {}, .it_value = {.tv_sec = 0, .tv_usec = 700'000}};
+Word exit_requested;
+Word reload_requested;
 
-static void end_at_once(int) { _exit(0); }
+// How long the orderly end may take; whatever delays it, the service ends within a second.
+constexpr itimerval kEndLimit = {.it_interval = {}, .it_value = {.tv_sec = 0, .tv_usec = 700'000}};
+
+void end_at_once(int) { _exit(0); }
+
+void request_reload(int signal) {
+  if (signal == SIGUSR1) reload_requested = 1;
+}
+
+}  // namespace
 
 void exitfunction(int) {
-  static std::atomic_flag limited;  // a second signal does not put the end off
+  static std::atomic_flag limited;  // a second signal does not postpone the end
   exit_requested = 1;
   uvc_stream_state.exit_flag = 1;
   if (!limited.test_and_set()) setitimer(ITIMER_REAL, &kEndLimit, nullptr);
-}
-
-static void request_reload(int signal) {
-  if (signal == SIGUSR1) reload_requested = 1;
 }
 
 void install_reload_handler() { std::signal(SIGUSR1, request_reload); }

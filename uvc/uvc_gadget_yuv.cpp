@@ -3,15 +3,17 @@
 #include <algorithm>
 #include <cstring>
 
-/// How a layout is made. Sizes are in halves of width * height: 3 is width * height * 3 / 2.
+namespace {
+
+// How a layout is made. Sizes are in halves of width * height: 3 is width * height * 3 / 2.
 struct LayoutRow {
   u32 needed_halves;
   u32 reported_halves;
   u32 luma_rows_per_chroma_row;
   bool planar;
 };
-// Deliberate: semi-planar 4:2:2 reports fewer bytes than it writes; callers know it so.
-static constexpr LayoutRow kLayouts[] = {
+// Deliberate: semi-planar 4:2:2 reports fewer bytes than it writes, as its callers expect.
+constexpr LayoutRow kLayouts[] = {
     /* kPlanar420     */ {3, 3, 2, true},
     /* kPlanar422     */ {4, 4, 1, true},
     /* kSemiPlanar420 */ {3, 3, 2, false},
@@ -19,13 +21,9 @@ static constexpr LayoutRow kLayouts[] = {
     /* kPackedYuy2    */ {4, 4, 1, false},
 };
 
-static u64 halves(u32 count, u32 width, u32 height) { return u64{width} * height * count / 2; }
+u64 halves(u32 count, u32 width, u32 height) { return u64{width} * height * count / 2; }
 
-u64 yuv_bytes_needed(u32 layout, u32 width, u32 height) {
-  return layout < std::size(kLayouts) ? halves(kLayouts[layout].needed_halves, width, height) : 0;
-}
-
-static void put_planar_chroma(const SemiPlanarPicture& picture, u32 row_step, u8* dst) {
+void put_planar_chroma(const SemiPlanarPicture& picture, u32 row_step, u8* dst) {
   const u32 rows = picture.height / row_step;
   const u32 pairs = picture.width / 2;
   u8* u = dst;
@@ -39,18 +37,32 @@ static void put_planar_chroma(const SemiPlanarPicture& picture, u32 row_step, u8
   }
 }
 
-static void put_semi_planar_chroma(const SemiPlanarPicture& picture, u32 row_step, u8* dst) {
+void put_semi_planar_chroma(const SemiPlanarPicture& picture, u32 row_step, u8* dst) {
   for (u32 row = 0; row < picture.height / row_step; ++row, dst += picture.width) {
     std::memcpy(dst, picture.chroma_row(row * row_step), picture.width);
   }
 }
 
-static void put_planes(const SemiPlanarPicture& picture, const LayoutRow& layout, u8* dst) {
+void put_planes(const SemiPlanarPicture& picture, const LayoutRow& layout, u8* dst) {
   for (u32 row = 0; row < picture.height; ++row, dst += picture.width) {
     std::memcpy(dst, picture.luma_row(row), picture.width);
   }
   const auto put_chroma = layout.planar ? put_planar_chroma : put_semi_planar_chroma;
   put_chroma(picture, layout.luma_rows_per_chroma_row, dst);
+}
+
+// Interleaves `count` pixels of one row to Y0 C0 Y1 C1.
+void interleave(const u8* luma, const u8* chroma, u8* dst, u32 count) {
+  for (u32 pixel = 0; pixel < count; ++pixel) {
+    dst[2 * pixel] = luma[pixel];
+    dst[2 * pixel + 1] = chroma[pixel];
+  }
+}
+
+}  // namespace
+
+u64 yuv_bytes_needed(u32 layout, u32 width, u32 height) {
+  return layout < std::size(kLayouts) ? halves(kLayouts[layout].needed_halves, width, height) : 0;
 }
 
 YuvResult yuv_convert(const SemiPlanarPicture& picture, u32 layout, u8* dst, u64 dst_size) {
@@ -61,14 +73,6 @@ YuvResult yuv_convert(const SemiPlanarPicture& picture, u32 layout, u8* dst, u64
   if (layout == kPackedYuy2) return {bytes, yuy2_convert(picture, dst)};
   put_planes(picture, kLayouts[layout], dst);
   return {bytes, luma_out_of_range(picture)};
-}
-
-/// `count` pixels of one row to Y0 C0 Y1 C1.
-static void interleave(const u8* luma, const u8* chroma, u8* dst, u32 count) {
-  for (u32 pixel = 0; pixel < count; ++pixel) {
-    dst[2 * pixel] = luma[pixel];
-    dst[2 * pixel + 1] = chroma[pixel];
-  }
 }
 
 void nv12_to_yuy2(const u8* src, u8* dst, u32 width, u32 height) {

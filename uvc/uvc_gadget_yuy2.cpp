@@ -2,7 +2,11 @@
 
 #include "uvc/uvc_gadget_yuy2_rows.h"
 
-static bool out_of_range(u8 luma) { return static_cast<u8>(luma - kLumaLowest) > kLumaSpan; }
+namespace {
+
+bool out_of_range(u8 luma) { return static_cast<u8>(luma - kLumaLowest) > kLumaSpan; }
+
+}  // namespace
 
 template <bool kLook>
 bool yuy2_row_plain(const u8* luma, const u8* chroma, u8* dst, std::size_t pairs) {
@@ -26,7 +30,9 @@ bool luma_look_plain(const u8* luma, std::size_t width) {
   return false;
 }
 
-static constexpr Yuy2Kernels kKernels[] = {
+namespace {
+
+constexpr Yuy2Kernels kKernels[] = {
     {"plain", yuy2_row_plain<false>, yuy2_row_plain<true>, luma_look_plain},
 #if defined(__SSE2__)
     {"sse2", yuy2_row_sse2<false>, yuy2_row_sse2<true>, luma_look_sse2},
@@ -37,7 +43,7 @@ static constexpr Yuy2Kernels kKernels[] = {
 #endif
 };
 
-static std::span<const Yuy2Kernels> runnable_kernels() {
+std::span<const Yuy2Kernels> runnable_kernels() {
   std::span<const Yuy2Kernels> all = kKernels;
 #if defined(__SSE2__)
   __builtin_cpu_init();
@@ -45,6 +51,19 @@ static std::span<const Yuy2Kernels> runnable_kernels() {
 #endif
   return all;
 }
+
+// The last pixel of an odd width: half a pair, Y and U.
+// Deliberate: the U byte is the one past the width; where the plane ends before it, neutral chroma is taken.
+bool put_last_pixel(const SemiPlanarPicture& picture, u32 row, u8* dst) {
+  constexpr u8 kNeutral = 128;
+  const u8* plane_end = picture.chroma + u64{picture.chroma_stride} * picture.chroma_rows();
+  const u8* u = picture.chroma_row(row) + picture.width;
+  dst[0] = picture.luma_row(row)[picture.width - 1];
+  dst[1] = u != plane_end ? *u : kNeutral;
+  return out_of_range(dst[0]);
+}
+
+}  // namespace
 
 std::span<const Yuy2Kernels> yuy2_kernels() {
   static const std::span<const Yuy2Kernels> runnable = runnable_kernels();
@@ -55,17 +74,6 @@ bool picture_valid(const SemiPlanarPicture& picture) {
   return picture.width != 0 && picture.chroma_rows() != 0 && picture.luma_stride >= picture.width &&
          picture.chroma_stride >= picture.width && picture.luma_bytes() <= UINT32_MAX &&
          picture.chroma_bytes() <= UINT32_MAX;
-}
-
-/// The last pixel of an odd width: half a pair, Y and U.
-/// Deliberate: the U byte stands one past the width; where the plane ends before it, neutral chroma is taken.
-static bool put_last_pixel(const SemiPlanarPicture& picture, u32 row, u8* dst) {
-  constexpr u8 kNeutral = 128;
-  const u8* plane_end = picture.chroma + u64{picture.chroma_stride} * picture.chroma_rows();
-  const u8* u = picture.chroma_row(row) + picture.width;
-  dst[0] = picture.luma_row(row)[picture.width - 1];
-  dst[1] = u != plane_end ? *u : kNeutral;
-  return out_of_range(dst[0]);
 }
 
 bool yuy2_convert(const SemiPlanarPicture& picture, u8* dst, const Yuy2Kernels& kernels) {

@@ -1,18 +1,22 @@
-// The row functions for NEON, 16 pairs of pixels a turn: on the camera.
+// The row functions for NEON, the camera's instruction set: 16 pairs of pixels a turn.
 #if defined(__ARM_NEON)
 #include <arm_neon.h>
 
 #include "uvc/uvc_gadget_yuy2_rows.h"
 
-/// Keeps, byte for byte, the largest difference of any luma to the lowest one allowed.
-static uint8x16_t look(uint8x16_t worst, uint8x16_t luma) {
+namespace {
+
+// Keeps, for each byte, the largest difference of any luma to the lowest one allowed.
+uint8x16_t look(uint8x16_t worst, uint8x16_t luma) {
   return vmaxq_u8(worst, vsubq_u8(luma, vdupq_n_u8(kLumaLowest)));
 }
-static bool too_far(uint8x16_t worst) {
+bool too_far(uint8x16_t worst) {
   const uint8x16_t beyond = vqsubq_u8(worst, vdupq_n_u8(kLumaSpan));
   const uint8x8_t folded = vorr_u8(vget_low_u8(beyond), vget_high_u8(beyond));
   return vget_lane_u64(vreinterpret_u64_u8(folded), 0) != 0;
 }
+
+}  // namespace
 
 template <bool kLook>
 bool yuy2_row_neon(const u8* luma, const u8* chroma, u8* dst, std::size_t pairs) {

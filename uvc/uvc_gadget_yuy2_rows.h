@@ -1,13 +1,13 @@
-// The row functions behind Yuy2Kernels, one set per instruction set. `kLook` adds the luma range test.
-// The vector sets take whole vectors and leave the rest of a row to the plain ones.
+// The row functions behind Yuy2Kernels, one set per instruction set. `kLook` adds the luma range test. The
+// vector sets convert whole vectors and leave the rest of a row to the plain set.
 #pragma once
 
 #include <cstddef>
 
 #include "common/bytes.h"
 
-/// Studio-range luma is kLumaLowest..kLumaLowest + kLumaSpan: the difference to the lowest, in a byte, is at
-/// most the span. Both directions are then one unsigned comparison.
+/// Studio-range luma is kLumaLowest..kLumaLowest + kLumaSpan: its difference to the lowest, in a byte, is at
+/// most the span. One unsigned comparison thus covers both directions.
 constexpr u8 kLumaLowest = 16;
 constexpr u8 kLumaSpan = 235 - 16;
 

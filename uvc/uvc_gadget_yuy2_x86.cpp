@@ -4,17 +4,21 @@
 
 #include "uvc/uvc_gadget_yuy2_rows.h"
 
-static __m128i load(const u8* from) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(from)); }
-static void store(u8* to, __m128i value) { _mm_storeu_si128(reinterpret_cast<__m128i*>(to), value); }
+namespace {
 
-/// Keeps, byte for byte, the largest difference of any luma to the lowest one allowed.
-static __m128i look(__m128i worst, __m128i luma) {
+__m128i load(const u8* from) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(from)); }
+void store(u8* to, __m128i value) { _mm_storeu_si128(reinterpret_cast<__m128i*>(to), value); }
+
+// Keeps, for each byte, the largest difference of any luma to the lowest one allowed.
+__m128i look(__m128i worst, __m128i luma) {
   return _mm_max_epu8(worst, _mm_sub_epi8(luma, _mm_set1_epi8(kLumaLowest)));
 }
-static bool too_far(__m128i worst) {
+bool too_far(__m128i worst) {
   const __m128i beyond = _mm_subs_epu8(worst, _mm_set1_epi8(static_cast<char>(kLumaSpan)));
   return _mm_movemask_epi8(_mm_cmpeq_epi8(beyond, _mm_setzero_si128())) != 0xFFFF;
 }
+
+}  // namespace
 
 template <bool kLook>
 bool yuy2_row_sse2(const u8* luma, const u8* chroma, u8* dst, std::size_t pairs) {
@@ -40,22 +44,22 @@ bool luma_look_sse2(const u8* luma, std::size_t width) {
 
 #define AVX2 [[gnu::target("avx2")]]
 
-AVX2 static __m256i load32(const u8* from) {
-  return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(from));
-}
-AVX2 static void store32(u8* to, __m256i value) {
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), value);
-}
+namespace {
 
-AVX2 static __m256i look(__m256i worst, __m256i luma) {
+AVX2 __m256i load32(const u8* from) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(from)); }
+AVX2 void store32(u8* to, __m256i value) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), value); }
+
+AVX2 __m256i look(__m256i worst, __m256i luma) {
   return _mm256_max_epu8(worst, _mm256_sub_epi8(luma, _mm256_set1_epi8(kLumaLowest)));
 }
-AVX2 static bool too_far(__m256i worst) {
+AVX2 bool too_far(__m256i worst) {
   return too_far(_mm_max_epu8(_mm256_castsi256_si128(worst), _mm256_extracti128_si256(worst, 1)));
 }
 
-/// Puts the quarters 0 1 2 3 in the order 0 2 1 3: the unpack instructions then give whole runs of pixels.
-AVX2 static __m256i for_unpack(__m256i value) { return _mm256_permute4x64_epi64(value, 0b11'01'10'00); }
+// Puts the quarters 0 1 2 3 in the order 0 2 1 3, so that the unpack instructions give whole runs of pixels.
+AVX2 __m256i for_unpack(__m256i value) { return _mm256_permute4x64_epi64(value, 0b11'01'10'00); }
+
+}  // namespace
 
 template <bool kLook>
 AVX2 bool yuy2_row_avx2(const u8* luma, const u8* chroma, u8* dst, std::size_t pairs) {

@@ -1,4 +1,4 @@
-// Every process-wide word of the USB side. docs/threads.md tells who writes and who reads each.
+// Every process-wide word of the USB side. docs/threads.md says who writes and who reads each.
 #pragma once
 
 #include <linux/videodev2.h>
@@ -22,7 +22,7 @@ extern Word cur_line;        ///< lines
 extern Word cur_frame_rate;  ///< frames per second
 extern Word cur_quality;     ///< wCompQuality
 extern Word cfg_col;         ///< cur_col of the last applied commit
-extern Word cfg_line;
+extern Word cfg_line;        ///< cur_line of the last applied commit
 /// cur_format of the last applied commit; -1 from a stream's end to the next commit.
 extern Word last_format;
 extern Word config_changed;
@@ -35,7 +35,7 @@ struct EncoderRecord {
 };
 extern EncoderRecord encoder_record;
 
-/// Rate-control settings of one codec, by mode. Which parameters a mode has is told by uvc_class_encoder.cpp.
+/// Rate-control settings of one codec, by mode. uvc_rate_control.cpp says which parameters each mode has.
 struct RateControl {
   Word mode;
   Word common;  ///< H.264 and H.265: their common first parameter
@@ -47,7 +47,7 @@ extern RateControl h265_rate_control;
 extern Word default_bit_rate;
 
 /// Held by the control thread while it ends a stream, and by the main thread from its look at the stream
-/// words to the end of its VIDIOC_QBUF: a frame of the old stream then never enters the next one.
+/// words to the end of its VIDIOC_QBUF, so that a frame of the old stream never enters the next one.
 extern std::mutex stream_end_lock;
 
 /// The gadget node's descriptor, -1 while it is closed.
@@ -61,11 +61,11 @@ struct UvcBuffer {
 extern UvcBuffer uvc_buffers[VIDEO_MAX_FRAME];
 extern u32 uvc_buffer_count;
 
-/// Answers of the GET requests and data of the SET requests, little-endian from byte 0. Control thread only.
+/// The answer to a GET request or the data of a SET, little-endian from byte 0. Control thread only.
 extern u8 uvc_resp_buf[4096];
-/// Request status of the last class request. Control thread only.
+/// The status of the last class request (UvcStatus). Control thread only.
 extern u8 uvc_request_error_code;
 
-/// Words of the parameter segment, where that lies now; null until start-up has found them.
+/// Words of the parameter segment, where it is mapped now; null until start-up has found them.
 extern std::atomic<u32*> usb_disconnect_word;
 extern std::atomic<const CameraCache*> camera_cache;

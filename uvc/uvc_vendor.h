@@ -1,17 +1,16 @@
-// The vendor's extension unit: encoder tuning, version record, firmware update, reboot. Control thread only,
-// but for uvc_vendor_init.
-// docs/controls.md tells what each selector does, and the layout of the rate control (selector 16).
+// The vendor's extension unit: encoder tuning, version record, firmware update, reboot. docs/controls.md says
+// what each selector does. Control thread only, except for uvc_vendor_init.
 #pragma once
 
-#include "uvc/uvc_class_control.h"
+#include "uvc/uvc_class_row.h"
 
 /// Entity 3 of the video-control interface.
-Unit uvc_extension_unit();
+extern const Unit uvc_extension_unit;
 
 constexpr i32 kVersionRecordSize = 22;
 
-/// Fills the version record from the build's version, a hexadecimal number, and date, "YYYY-MM-DD". Once, by
-/// the main thread; the control thread may read meanwhile.
+/// Fills the version record from the build's version, a hexadecimal number, and date, "YYYY-MM-DD". The main
+/// thread calls it once; the control thread may read at the same time.
 void uvc_vendor_init(const char* version, const char* date);
 
 /// Mode 0 starts the firmware update: gives up the gadget node and runs the updater in the background. Any

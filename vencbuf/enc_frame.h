@@ -1,5 +1,5 @@
 // The encoded frame ring: two slots in a System V segment that the encoder process writes and this service
-// reads, paced by two named semaphores. Little-endian and packed; a contract between processes.
+// reads, paced by two named semaphores. The layout is a contract between processes: little-endian and packed.
 #pragma once
 
 #include <cstddef>
@@ -11,13 +11,13 @@ constexpr std::size_t kRingSlots = 2;
 constexpr u32 kEncFrameCapacity = 0x1FB000;  ///< payload bytes that a slot holds
 
 constexpr char kFrameReadySemaphore[] = "USB_VENC_R";    ///< posted by the writer, waited on by the reader
-constexpr char kSlotReleasedSemaphore[] = "USB_VENC_W";  ///< posted by the reader, the writer may wait on it
+constexpr char kSlotReleasedSemaphore[] = "USB_VENC_W";  ///< posted by the reader; the writer may wait on it
 
-/// Values of EncFrameSlot::state; any other value means "not ready" to the reader.
+/// Values of EncFrameSlot::state, and who sets them; the reader takes any other value for "not ready".
 enum EncFrameState : u32 {
   kSlotEmpty = 0,     ///< by the reader, at attach
   kSlotReady = 2,     ///< by the writer, once header and payload are complete
-  kSlotReading = 3,   ///< by the reader, when it takes the slot; the writer keeps off
+  kSlotReading = 3,   ///< by the reader, when it takes the slot; the writer leaves it alone
   kSlotReleased = 4,  ///< by the reader, after the copy
 };
 

@@ -4,15 +4,16 @@
 
 #include "vencbuf/enc_frame.h"
 
-/// Attaches to the ring, creating it if absent, and empties both slots, whatever the writer had left there.
-/// 0, or -1 after a report; earlier steps are not undone.
+/// Attaches to the ring, creates it if it is absent, and empties both slots, whatever the writer has left
+/// there. Returns 0, or prints an error and returns -1 without undoing the steps before it.
 i32 vencbuf_get_init();
 
-/// Takes the oldest ready slot; waits up to about 2.5 s, and 100 ms at most once the stream or the service
-/// ends. Null after a report when there was none. The caller gives the slot back with vencbuf_release before
-/// the next call. `between_waits` is called every 100 ms at most. A ring or semaphores that the writer has
-/// removed and made anew are found within 700 ms, while no frame comes.
-EncFrameSlot* vencbuf_get(void (*between_waits)() = nullptr);
+/// Takes the oldest ready slot. Waits about 2.5 s at most, and no longer than 100 ms after `goes_on` has
+/// begun to return false; `between_waits` is called after each wait, every 100 ms at most. Prints an error
+/// and returns null when there was no slot. The caller gives the slot back with vencbuf_release before the
+/// next call. A ring or semaphores that the writer has removed and made anew are found within 700 ms, while
+/// no frame comes.
+EncFrameSlot* vencbuf_get(bool (*goes_on)(), void (*between_waits)() = nullptr);
 
 /// Marks the slot released and wakes the writer.
 void vencbuf_release(EncFrameSlot* slot);
@@ -20,9 +21,9 @@ void vencbuf_release(EncFrameSlot* slot);
 /// Drops one pending post of the frame-ready semaphore.
 void vencbuf_clear();
 
-/// Drops the posts that have piled up while nobody took frames, as long as the stream goes on. To be called
-/// when a stream starts: vencbuf_get would not wait before they are used up.
-void vencbuf_clear_all();
+/// Drops the posts that have piled up while nobody took frames, as long as `goes_on` returns true. To be
+/// called when a stream starts: vencbuf_get does not wait before they are used up.
+void vencbuf_clear_all(bool (*goes_on)());
 
-/// Closes the semaphores and detaches the segment. The service leaves both to its end.
+/// Closes the semaphores and detaches the segment. The service itself leaves both to the end of the process.
 void vencbuf_exit();

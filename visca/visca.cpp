@@ -14,16 +14,107 @@
 
 static constexpr char kPrintFile[] = "visca.c";
 
-static constexpr char kLine[] = "/dev/ttyAMA2";
-static constexpr u8 kTerminator = 0xFF;
-static constexpr i32 kFramePolls = 2002;  // looks for a first byte: of the worker,
-static constexpr i32 kReplyPolls = 5002;  // and of the direct readers
-static constexpr i32 kReplyAttempts = 1000;
-static constexpr useconds_t kPause = 10'000;
+namespace {
+
+constexpr char kLine[] = "/dev/ttyAMA2";
+constexpr u8 kTerminator = 0xFF;
+// How often the worker and the direct readers look for a first byte.
+constexpr i32 kFramePolls = 2002;
+constexpr i32 kReplyPolls = 5002;
+constexpr i32 kReplyAttempts = 1000;
+constexpr useconds_t kPause = 10'000;
 
 enum Motion : i32 { kStop, kPanFirst, kPanSecond, kTiltFirst, kTiltSecond };
 
-static Word uart_fd{-1};
+Word uart_fd{-1};
+
+i32 move(Motion motion, i32 on) { return VeltoPtzMotion(on ? motion : kStop); }
+
+// VMIN and VTIME stay as they are.
+void make_raw_115200_8n1(termios& settings) {
+  cfsetispeed(&settings, B115200);
+  cfsetospeed(&settings, B115200);
+  settings.c_iflag = 0;
+  settings.c_oflag &= ~OPOST;
+  settings.c_cflag &= ~(CSIZE | CSTOPB | PARENB | CRTSCTS);
+  settings.c_cflag |= CS8;
+  settings.c_lflag &= ~(ICANON | ECHO | ECHOE | ISIG);
+}
+
+// Deliberate: descriptor 0 is no line.
+bool line_is_open() { return uart_fd > 0; }
+
+bool bytes_wait(i32 polls) {
+  i32 waiting = 0;
+  for (i32 i = 0; i < polls && waiting <= 0; ++i) sys::ioctl(uart_fd, FIONREAD, &waiting);
+  return waiting > 0;
+}
+
+bool read_byte(u8& byte) {
+  CancelPoint here;
+  return sys::read(uart_fd, &byte, 1) == 1;
+}
+
+bool write_whole(const u8* bytes, i32 length) {
+  CancelPoint here;
+  return sys::write(uart_fd, bytes, static_cast<size_t>(length)) >= length;
+}
+
+struct ReplyTexts {
+  const char *silent, *too_long, *out_of_attempts;
+};
+
+// Deliberate: a failed read counts its byte nonetheless, as what was in its place. So each attempt ends the
+// reply or counts, and the room is used up before the attempts are.
+i32 read_reply(u8* to, i32 maximum, const ReplyTexts& texts) {
+  if (!bytes_wait(kReplyPolls)) {
+    PRINT_INFO("%s", texts.silent);
+    return 0;
+  }
+  i32 count = 0;
+  for (i32 attempt = 0; attempt < kReplyAttempts; ++attempt) {
+    if (!read_byte(to[count])) PRINT_INFO("uart_read err\n");
+    if (to[count] == kTerminator) return count;
+    if (++count == kUartReplyRoom) {
+      PRINT_INFO("%s", texts.too_long);
+      return count;
+    }
+    if (count == maximum) return count;
+  }
+  PRINT_INFO("%s", texts.out_of_attempts);
+  return count;
+}
+
+i32 read_frame(u8 (&to)[kUartFrameRoom]) {
+  if (!bytes_wait(kFramePolls)) {
+    PRINT_INFO("uart_recive timeout 11 \n");
+    return 0;
+  }
+  for (i32 count = 0; count < kUartFrameRoom; ++count) {
+    if (!read_byte(to[count])) {
+      PRINT_INFO("uart_read err\n");
+      return count;
+    }
+    if (to[count] == kTerminator) return count + 1;
+  }
+  return kUartFrameRoom;
+}
+
+void serve_write(UartExchange& exchange) {
+  exchange.write_requested = 0;
+  if (exchange.write_length <= kUartTransmitRoom)
+    uart_write_buf(exchange.transmit, exchange.write_length);
+  else
+    PRINT_INFO("uart_write_buf error\n");
+}
+
+void serve_read(UartExchange& exchange) {
+  exchange.read_requested = 0;
+  exchange.read_length = read_frame(exchange.receive);
+  exchange.read_done = 1;
+}
+
+}  // namespace
 
 i32 ptz_notify(i32 value) { return VeltoPtzNotify(value); }
 
@@ -32,13 +123,11 @@ i32 ptz_mode(i32 code) {
   return VeltoPtzMode(code == 0xFF ? 1 : 0);
 }
 
-static i32 move(Motion motion, i32 on) { return VeltoPtzMotion(on ? motion : kStop); }
-
 i32 ptz_pan(i32 selector, i32 on) { return move(selector == 1 ? kPanFirst : kPanSecond, on); }
 i32 ptz_tilt(i32 selector, i32 on) { return move(selector == 1 ? kTiltFirst : kTiltSecond, on); }
 i32 ptz_stop() { return VeltoPtzMotion(kStop); }
 
-// The first word means nothing.
+// The first of the three words has no meaning.
 i32 ptz_set_pos(i32 pan, i32 tilt) { return VeltoPtzSetPosition({{0, pan, tilt}}); }
 
 u32 get_apantilt() {
@@ -55,17 +144,6 @@ u32 ptz_get_pos() {
   return VeltoPtzGetPosition(position) == -1 ? 0 : static_cast<u32>(position);
 }
 
-// VMIN and VTIME stay as they are.
-static void make_raw_115200_8n1(termios& settings) {
-  cfsetispeed(&settings, B115200);
-  cfsetospeed(&settings, B115200);
-  settings.c_iflag = 0;
-  settings.c_oflag &= ~OPOST;
-  settings.c_cflag &= ~(CSIZE | CSTOPB | PARENB | CRTSCTS);
-  settings.c_cflag |= CS8;
-  settings.c_lflag &= ~(ICANON | ECHO | ECHOE | ISIG);
-}
-
 void tty_open() {
   const int fd = sys::open(kLine, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   if (fd >= 0) {
@@ -79,55 +157,11 @@ void tty_open() {
   uart_fd = fd;
 }
 
-// Deliberate: descriptor 0 is no line.
-static bool line_is_open() { return uart_fd > 0; }
-
-static bool bytes_wait(i32 polls) {
-  i32 waiting = 0;
-  for (i32 i = 0; i < polls && waiting <= 0; i++) sys::ioctl(uart_fd, FIONREAD, &waiting);
-  return waiting > 0;
-}
-
-static bool read_byte(u8& byte) {
-  CancelPoint here;
-  return sys::read(uart_fd, &byte, 1) == 1;
-}
-
-static bool write_whole(const u8* bytes, i32 length) {
-  CancelPoint here;
-  return sys::write(uart_fd, bytes, static_cast<size_t>(length)) >= length;
-}
-
 i32 uart_write_buf(const u8* buffer, i32 length) {
   if (!line_is_open()) return -1;
   if (length >= 0 && write_whole(buffer, length)) return 0;
   PRINT_INFO("uart_write_buf error\n");
   return -1;
-}
-
-struct ReplyTexts {
-  const char *silent, *too_long, *out_of_attempts;
-};
-
-// Deliberate: a failed read counts its byte all the same, as what stood in its place. So each attempt ends
-// the reply or counts, and the room is used up before the attempts are.
-static i32 read_reply(u8* to, i32 maximum, const ReplyTexts& texts) {
-  if (!bytes_wait(kReplyPolls)) {
-    PRINT_INFO("%s", texts.silent);
-    return 0;
-  }
-  i32 count = 0;
-  for (i32 attempt = 0; attempt < kReplyAttempts; attempt++) {
-    if (!read_byte(to[count])) PRINT_INFO("uart_read err\n");
-    if (to[count] == kTerminator) return count;
-    if (++count == kUartReplyRoom) {
-      PRINT_INFO("%s", texts.too_long);
-      return count;
-    }
-    if (count == maximum) return count;
-  }
-  PRINT_INFO("%s", texts.out_of_attempts);
-  return count;
 }
 
 i32 uart_read_buf(u8* buffer, i32 maximum) {
@@ -144,37 +178,8 @@ void uart_ack(u8 (&buffer)[kUartReplyRoom]) {
   std::copy_n(area, read_reply(area, kUartReplyRoom, kTexts), buffer);
 }
 
-static i32 read_frame(u8 (&to)[kUartFrameRoom]) {
-  if (!bytes_wait(kFramePolls)) {
-    PRINT_INFO("uart_recive timeout 11 \n");
-    return 0;
-  }
-  for (i32 count = 0; count < kUartFrameRoom; count++) {
-    if (!read_byte(to[count])) {
-      PRINT_INFO("uart_read err\n");
-      return count;
-    }
-    if (to[count] == kTerminator) return count + 1;
-  }
-  return kUartFrameRoom;
-}
-
-static void serve_write(UartExchange& exchange) {
-  exchange.write_requested = 0;
-  if (exchange.write_length <= kUartTransmitRoom)
-    uart_write_buf(exchange.transmit, exchange.write_length);
-  else
-    PRINT_INFO("uart_write_buf error\n");
-}
-
-static void serve_read(UartExchange& exchange) {
-  exchange.read_requested = 0;
-  exchange.read_length = read_frame(exchange.receive);
-  exchange.read_done = 1;
-}
-
 void uart_turn(UartExchange& exchange) {
-  // The read request first: whoever sees it also sees the write request that came before it.
+  // The read request is looked at first: whoever sees it also sees the write request that came before it.
   const bool read_requested = exchange.read_requested;
   if (exchange.write_requested) serve_write(exchange);
   if (read_requested) serve_read(exchange);

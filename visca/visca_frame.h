@@ -1,4 +1,4 @@
-// The VISCA frames of the camera head: address, command and terminator as they go to the system server, which
+// The VISCA frames of the camera head: address, command and terminator, as the system server gets them and
 // passes them on. A 16-bit value travels as four bytes of four bits each, most significant first.
 #pragma once
 
@@ -42,7 +42,7 @@ constexpr u8 kViscaCameraAddress = 0x81;
 constexpr u8 kViscaTerminator = 0xFF;
 constexpr u8 kViscaPanTiltSpeed = 0x10;
 
-/// Between address and terminator: at most 14 bytes.
+/// A frame of these bytes, at most 14, between address and terminator.
 constexpr ViscaFrame visca_frame(std::initializer_list<u8> bytes) {
   ViscaFrame frame;
   frame.bytes[frame.length++] = kViscaCameraAddress;

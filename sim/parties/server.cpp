@@ -24,7 +24,6 @@ namespace {
 
 constexpr i32 kFirstProcess = 2;  ///< a reply to message type 1 would come back to the server itself
 constexpr i32 kLastProcess = 24;  ///< nobody uses it
-constexpr i32 kViscaMessage = 39;
 constexpr std::chrono::milliseconds kSlowDelay{300};
 constexpr std::chrono::seconds kLateness{6};  ///< longer than any host waits for a class request
 
@@ -358,7 +357,7 @@ void Server::Impl::garble(SysMsgBuf& record) {
 /// Carries out the request in its sender's slot and leaves the reply's body there. The reply's length, or -1.
 i32 Server::Impl::exchange(const SysMsgBuf& record) {
   const std::string line = "sys" + as_decimal({record.cmd});
-  const bool sound = record.cmd == kViscaMessage && is_client(record.src) &&
+  const bool sound = record.cmd == kSysMsgVisca && is_client(record.src) &&
                      record.offset == sys_slot_offset(record.src) && record.length >= 0 &&
                      record.length <= kSysSlotSize;
   if (!sound) {

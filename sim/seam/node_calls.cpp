@@ -1,3 +1,14 @@
+// The driver's side of the gadget node: what the kernel would do at each of the service's calls. A call holds
+// the node's mutex from the look for a scripted fault to its line in the call log, so the log is in the order
+// in which things happened, whichever process caused them. Only the poll that finds no event does without,
+// since the service polls at full speed. No call waits: the service opens the node non-blocking, and what is
+// not there yet is answered with EAGAIN or ENOENT.
+//
+// The other side is the USB host (node.cpp), which raises events and takes frames in the same state. A host
+// that is late leaves buffers queued and events unsent; one that vanishes while streaming makes the buffer
+// calls fail with ENODEV until VIDIOC_STREAMOFF. A service that was killed leaves its opens behind, and
+// perhaps the mutex locked: whoever locks it next takes it over, and the opens are released at the next
+// open and while the host waits.
 #include "sim/seam/node_calls.h"
 
 #include <sys/mman.h>

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <filesystem>
 
+#include "support/support_dump.h"
+#include "support/support_shell.h"
 #include "tests/support/support_fixture.h"
 
 namespace {

@@ -197,6 +197,33 @@ TEST_F(FillTest, LevelFileIsReadAgainWhileTheRingIsEmpty) {
   EXPECT_EQ(level, 2);
 }
 
+struct EndRow {
+  const char* name;
+  Word* word;
+  i32 value;
+};
+
+TEST_F(FillTest, WaitForAFrameEndsWithTheStreamOrTheService) {
+  const EndRow rows[] = {{"stream", &uvc_stream_state.stream_on, 0},
+                         {"stream, begun anew", &uvc_stream_state.stream_starts, 1},
+                         {"service", &uvc_stream_state.exit_flag, 1}};
+  commit(kFormatMjpeg, 320, 240);
+  for (const EndRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    uvc_stream_state.stream_on = 1;
+    uvc_stream_state.stream_starts = 0;
+    std::thread ender([&row] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      *row.word = row.value;
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THAT(fill(), HasSubstr("get buffer timeout!\n"));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_EQ(buffer.bytesused, 2u);
+    ender.join();
+  }
+}
+
 TEST_F(FillTest, FramesThatNeverFitDoNotHoldUpTheEnd) {
   commit(kFormatMjpeg, 320, 240);
   const std::jthread writer([this](std::stop_token end) {
