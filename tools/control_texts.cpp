@@ -163,8 +163,13 @@ day. Version and date are those of the build.
 const char kStreamingText[] = R"(
 ## Streaming interface (interface 1)
 
-The layout of the blocks and the frame sizes stand in [wire-formats.md](wire-formats.md). Probe and commit share one block,
-still probe and still commit another.
+[wire-formats.md](wire-formats.md) has the layout of the blocks. Probe and commit share one block, still probe and still
+commit another.
+
+)";
+
+const char kFrameSizesText[] = R"(
+The frame sizes, by `bFrameIndex` and, with its name, `bFormatIndex`:
 
 )";
 

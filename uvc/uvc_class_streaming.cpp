@@ -1,15 +1,20 @@
 #include "uvc/uvc_class_streaming.h"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 #include <iterator>
 
+#include "platform/uvc_formats.h"
 #include "support/print.h"
 #include "uvc/uvc_class_encoder.h"
 #include "uvc/uvc_state.h"
 
 static constexpr char kPrintFile[] = "uvc_class.c";
 
-static constexpr VsProbeCommit kInitialBlock = {
+namespace {
+
+constexpr VsProbeCommit kInitialBlock = {
     .bmHint = 0x0009,
     .bFormatIndex = kFormatMjpeg,
     .bFrameIndex = 1,
@@ -23,9 +28,9 @@ static constexpr VsProbeCommit kInitialBlock = {
     .dwMaxPayloadTransferSize = 1024,
 };
 
-static VsProbeCommit vs_probe_and_commit_control = kInitialBlock;
+VsProbeCommit vs_probe_and_commit_control = kInitialBlock;
 
-static VsStillProbeCommit still_block = {
+VsStillProbeCommit still_block = {
     .bFormatIndex = 2,
     .bFrameIndex = 1,
     .bCompressionIndex = 1,
@@ -34,86 +39,83 @@ static VsStillProbeCommit still_block = {
 };
 
 // How much of each block the host may set; what follows is the device's own.
-static constexpr std::size_t kHostBytes = offsetof(VsProbeCommit, dwMaxVideoFrameSize);
-static constexpr std::size_t kStillHostBytes = offsetof(VsStillProbeCommit, dwMaxPayloadTransferSize);
-
-struct FrameSize {
-  u16 lines;
-  u16 columns;
-};
-
-// Deliberate: one flat run, because frame index 0 reads the entry before its format's first one.
-// clang-format off
-static constexpr FrameSize kFrameSizes[] = {
-    {0, 0},
-    {1080, 1920}, {720, 1280}, {576, 720}, {480, 640}, {240, 320}, {576, 1024}, {540, 960}, {360, 640}, {288, 352},
-    {1080, 1920}, {720, 1280}, {576, 720}, {480, 640}, {240, 320}, {576, 1024}, {540, 960}, {360, 640}, {288, 352},
-    {240, 320}, {480, 640},
-    {1080, 1920}, {720, 1280}, {576, 720}, {480, 640}, {240, 320}, {1200, 1600},
-    {0, 0},
-};
-// clang-format on
+constexpr std::size_t kHostBytes = offsetof(VsProbeCommit, dwMaxVideoFrameSize);
+constexpr std::size_t kStillHostBytes = offsetof(VsStillProbeCommit, dwMaxPayloadTransferSize);
 
 struct FormatRow {
   i32 format;
-  u8 first;   // entry of frame index 1
-  u8 frames;  // largest frame index that a probe accepts
+  std::span<const FrameSize> sizes;  // the frame indices that a probe accepts
   u8 bytes_per_pixel;
   const char* name;  // in the message of a commit
 };
 
-static constexpr FormatRow kFormats[] = {
-    {kFormatMjpeg, 1, 9, 1, "MJPEG"},
-    {kFormatH264, 10, 9, 1, "H264"},
-    {kFormatYuy2, 19, 2, 2, "YUY2"},
-    {kFormatH265, 21, 6, 1, "H265"},
+constexpr FormatRow kFormats[] = {
+    {kFormatMjpeg, kMjpegSizes, 1, "MJPEG"},
+    {kFormatH264, kH264Sizes, 1, "H264"},
+    {kFormatYuy2, kYuy2Sizes, 2, "YUY2"},
+    {kFormatH265, kH265Sizes, 1, "H265"},
 };
-static_assert(std::size(kFrameSizes) == 21 + 6 + 1);
 
-static const FormatRow* format_row(u8 format_index) {
+// The number of frame sizes in all rows before `end`.
+constexpr std::size_t sizes_before(const FormatRow* end) {
+  std::size_t count = 0;
+  for (const FormatRow* row = kFormats; row != end; ++row) count += row->sizes.size();
+  return count;
+}
+
+// Deliberate: one flat run that begins with an empty size, because frame index 0 reads the entry before its
+// format's first one, and a commit of an index past its format's last one reads the next format's sizes.
+constexpr auto kFrameSizes = [] {
+  std::array<FrameSize, 1 + sizes_before(std::end(kFormats))> run = {};
+  auto to = run.begin() + 1;
+  for (const FormatRow& row : kFormats) to = std::ranges::copy(row.sizes, to).out;
+  return run;
+}();
+
+const FormatRow* format_row(u8 format_index) {
   for (const FormatRow& row : kFormats) {
     if (row.format == format_index) return &row;
   }
   return nullptr;
 }
 
-static FrameSize frame_size(const FormatRow& row, u8 frame_index) {
-  const std::size_t at = row.first + std::size_t{frame_index} - 1;
+FrameSize frame_size(const FormatRow& row, u8 frame_index) {
+  const std::size_t at = sizes_before(&row) + frame_index;
   return at < std::size(kFrameSizes) ? kFrameSizes[at] : FrameSize{0, 0};
 }
 
-static u32 max_video_frame_size(u8 format_index, u8 frame_index) {
+u32 max_video_frame_size(u8 format_index, u8 frame_index) {
   const FormatRow* row = format_row(format_index);
-  if (!row || frame_index > row->frames) return 0;
+  if (!row || frame_index > row->sizes.size()) return 0;
   const FrameSize size = frame_size(*row, frame_index);
-  return u32{size.columns} * size.lines * row->bytes_per_pixel;
+  return u32{size.width} * size.height * row->bytes_per_pixel;
 }
 
-static void refresh_max_video_frame_size() {
+void refresh_max_video_frame_size() {
   VsProbeCommit& block = vs_probe_and_commit_control;
   block.dwMaxVideoFrameSize = max_video_frame_size(block.bFormatIndex, block.bFrameIndex);
 }
 
-static UvcStatus get_block(const Control&) {
+UvcStatus get_block(const Control&) {
   refresh_max_video_frame_size();
   std::memcpy(uvc_resp_buf, &vs_probe_and_commit_control, sizeof(VsProbeCommit));
   return kNoError;
 }
 
-static UvcStatus set_probe(const Control&) {
+UvcStatus set_probe(const Control&) {
   std::memcpy(&vs_probe_and_commit_control, uvc_resp_buf, kHostBytes);
   return kNoError;
 }
 
-static void adopt_format(const FormatRow& row, u8 frame_index) {
+void adopt_format(const FormatRow& row, u8 frame_index) {
   const FrameSize size = frame_size(row, frame_index);
   cur_format = row.format;
   PRINT_INFO(" cur_format == %s last_format %d\n", row.name, i32(last_format));
-  cur_line = size.lines;
-  cur_col = size.columns;
+  cur_line = size.height;
+  cur_col = size.width;
 }
 
-static UvcStatus set_commit(const Control& control) {
+UvcStatus set_commit(const Control& control) {
   set_probe(control);
   const VsProbeCommit& block = vs_probe_and_commit_control;
   PRINT_INFO("vs_probe_and_commit_control.bFormatIndex %d\n", block.bFormatIndex);
@@ -135,24 +137,24 @@ static UvcStatus set_commit(const Control& control) {
   return kNoError;
 }
 
-static UvcStatus set_still(const Control&) {
+UvcStatus set_still(const Control&) {
   std::memcpy(&still_block, uvc_resp_buf, kStillHostBytes);
   return kNoError;
 }
 
-static UvcStatus set_trigger(const Control&) {
+UvcStatus set_trigger(const Control&) {
   still_trigger_format = still_block.bFormatIndex;
   still_trigger = still_block.bFormatIndex;
   return kNoError;
 }
 
-static constexpr Reply kInitial = reply_live(&kInitialBlock, sizeof(kInitialBlock));
-static constexpr Reply kCurrent = reply_live(&vs_probe_and_commit_control, sizeof(VsProbeCommit));
-static constexpr Reply kStill = reply_live(&still_block, sizeof(still_block));
-static constexpr Reply kInfo = reply_bytes({kInfoGetSet});
-static constexpr Reply kTrigger = reply_message("get VS_STILL_IMAGE_TRIGGER_CONTROL\n");
+constexpr Reply kInitial = reply_live(&kInitialBlock, sizeof(kInitialBlock));
+constexpr Reply kCurrent = reply_live(&vs_probe_and_commit_control, sizeof(VsProbeCommit));
+constexpr Reply kStill = reply_live(&still_block, sizeof(still_block));
+constexpr Reply kInfo = reply_bytes({kInfoGetSet});
+constexpr Reply kTrigger = reply_message("get VS_STILL_IMAGE_TRIGGER_CONTROL\n");
 
-static constexpr Control block_control(u8 selector, ControlFunction set_cur) {
+constexpr Control block_control(u8 selector, ControlFunction set_cur) {
   return {
       .selector = selector,
       .len = reply_word(sizeof(VsProbeCommit)),
@@ -166,7 +168,7 @@ static constexpr Control block_control(u8 selector, ControlFunction set_cur) {
   };
 }
 
-static constexpr Control kControls[] = {
+constexpr Control kControls[] = {
     block_control(VS_PROBE_CONTROL, set_probe),
     block_control(VS_COMMIT_CONTROL, set_commit),
     {
@@ -192,5 +194,7 @@ static constexpr Control kControls[] = {
         .set_cur = set_trigger,
     },
 };
+
+}  // namespace
 
 std::span<const Control> uvc_streaming_controls() { return kControls; }

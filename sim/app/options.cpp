@@ -176,8 +176,8 @@ std::optional<StreamFormat> parse_format(std::string_view text) {
 
 std::optional<FrameSize> parse_size(std::string_view text) {
   const auto cross = std::min(text.find('x'), text.size());
-  const auto width = parse_number<u32>(text.substr(0, cross), 1, 8192);
-  const auto height = parse_number<u32>(text.substr(std::min(cross + 1, text.size())), 1, 8192);
+  const auto width = parse_number<u16>(text.substr(0, cross), 1, 8192);
+  const auto height = parse_number<u16>(text.substr(std::min(cross + 1, text.size())), 1, 8192);
   if (!width || !height) return std::nullopt;
   return FrameSize{*width, *height};
 }
