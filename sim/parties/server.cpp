@@ -139,26 +139,29 @@ std::string quoted(const VeltoMsgBuf& record, i32 offset, i32 most) {
   return " \"" + text + '"';
 }
 
+/// A line such as "velto 12 O 2": R is a request, O a one-way command; then its words and its text.
+std::string describe(const VeltoCommandRow& row, const VeltoMsgBuf& record) {
+  std::string line = "velto" + as_decimal({row.number}) + (row.request ? " R" : " O");
+  for (const u8 offset : row.in) line += as_decimal({get_word(record, offset)});
+  return row.text_room ? line + quoted(record, velto_text_offset(row), row.text_room) : line;
+}
+
 }  // namespace
 
 struct Server::Impl {
   explicit Impl(const ServerOptions& wanted) : options(wanted) {}
 
-  /// One command of the control channel: what is recorded of it, and how it is carried out and answered.
-  struct VeltoRow {
-    i32 cmd;
-    char kind;       ///< R: answered, O: one-way
-    i32 offset = 0;  ///< of its words in the record, or of its text
-    i32 words = 0;
-    i32 status = 0;  ///< of the answer
+  /// How a command of the control channel is carried out and answered; the others are answered with 0.
+  struct Action {
+    i32 command;
+    i32 status = 0;
     void (Impl::*act)(VeltoMsgBuf&) = nullptr;
-    i32 text = 0;  ///< most bytes of text behind the words
-    std::string describe(const VeltoMsgBuf& record) const;
   };
-  static const VeltoRow kVeltoRows[];
+  static const Action kActions[];
 
   void file_message(std::span<const u8> payload);
   void velto_message(std::span<const u8> payload);
+  void carry_out(VeltoMsgBuf& record);
   void sys_message(std::span<const u8> payload);
   i32 exchange(const SysMsgBuf& record);
   std::vector<u8> obey(std::span<const u8> frame);
@@ -198,50 +201,19 @@ struct Server::Impl {
 };
 
 // The pool holds no frames: whoever asks for one learns that there is none.
-const Server::Impl::VeltoRow Server::Impl::kVeltoRows[] = {
-    {.cmd = kVeltoGetMemory, .kind = 'R', .act = &Impl::get_memory},
-    {.cmd = 2, .kind = 'O'},
-    {.cmd = 3, .kind = 'R', .offset = 44, .words = 1, .status = -1},
-    {.cmd = 4, .kind = 'R', .offset = 28, .words = 5, .status = -97},
-    {.cmd = 5, .kind = 'R', .offset = 28, .words = 5, .status = -98},
-    {.cmd = 6, .kind = 'O', .offset = 28, .words = 5},
-    {.cmd = 7, .kind = 'R', .offset = 44, .words = 1},  // an empty block
-    {.cmd = 8, .kind = 'R', .offset = 44, .words = 1, .status = -1},
-    {.cmd = 9, .kind = 'R', .offset = 44, .words = 1, .status = -1},
-    {.cmd = kVeltoEncoderSettings,
-     .kind = 'O',
-     .offset = 24,
-     .words = 13,
-     .act = &Impl::store_encoder_settings},
-    {.cmd = 11, .kind = 'O', .offset = 24, .words = 7},
-    {.cmd = 12, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 13, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 15, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 16, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 17, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 18, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 19, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 20, .kind = 'R', .offset = 24, .words = 1},
-    {.cmd = 21, .kind = 'R', .offset = 24, .text = 128},
-    {.cmd = 22, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 23, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 24, .kind = 'O', .offset = 24, .words = 1, .text = 60},
-    {.cmd = 25, .kind = 'O', .offset = 24, .words = 1, .text = 60},
-    {.cmd = 26, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 27, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = kVeltoPtzMode, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = kVeltoPtzNotify, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = kVeltoPtzGetPosition, .kind = 'R', .act = &Impl::get_position},
-    {.cmd = kVeltoPtzMotion, .kind = 'O', .offset = 24, .words = 1, .act = &Impl::start_motion},
-    {.cmd = kVeltoPtzSetPosition, .kind = 'O', .offset = 24, .words = 3, .act = &Impl::set_position},
-    {.cmd = kVeltoPtzGetAbsolute, .kind = 'R', .act = &Impl::get_absolute},
+const Server::Impl::Action Server::Impl::kActions[] = {
+    {.command = kVeltoGetMemory, .act = &Impl::get_memory},
+    {.command = 3, .status = -1},
+    {.command = 4, .status = -97},
+    {.command = 5, .status = -98},
+    {.command = 8, .status = -1},
+    {.command = 9, .status = -1},
+    {.command = kVeltoEncoderSettings, .act = &Impl::store_encoder_settings},
+    {.command = kVeltoPtzGetPosition, .act = &Impl::get_position},
+    {.command = kVeltoPtzMotion, .act = &Impl::start_motion},
+    {.command = kVeltoPtzSetPosition, .act = &Impl::set_position},
+    {.command = kVeltoPtzGetAbsolute, .act = &Impl::get_absolute},
 };
-
-std::string Server::Impl::VeltoRow::describe(const VeltoMsgBuf& record) const {
-  std::string line = "velto" + as_decimal({cmd}) + ' ' + kind;
-  for (i32 i = 0; i < words; ++i) line += as_decimal({get_word(record, offset + 4 * i)});
-  return text ? line + quoted(record, offset + 4 * words, text) : line;
-}
 
 void Server::Impl::note(const std::string& line) {
   std::lock_guard guard(lock);
@@ -273,21 +245,27 @@ void Server::Impl::file_message(std::span<const u8> payload) {
 void Server::Impl::velto_message(std::span<const u8> payload) {
   auto record = as_record<VeltoMsgBuf, kVeltoMsgPayload>(payload);
   if (!record) return refuse("velto length " + std::to_string(payload.size()));
-  const auto row = std::ranges::find(kVeltoRows, record->cmd, &VeltoRow::cmd);
-  const bool known = row != std::end(kVeltoRows);
-  const std::string line = known ? row->describe(*record) : "velto" + as_decimal({record->cmd});
+  const VeltoCommandRow* row = find_velto_command(record->cmd);
+  const std::string line = row ? describe(*row, *record) : "velto" + as_decimal({record->cmd});
   const bool waited_for = is_client(record->src);
-  if (!known || (row->kind == 'R' && !waited_for)) {
+  if (!row || (row->request && !waited_for)) {
     refuse(line);
     record->ret = -1;
   } else {
     note(line);
-    record->ret = row->status;
-    if (row->act) (this->*row->act)(*record);
+    carry_out(*record);
   }
-  if (!waited_for || (known && row->kind == 'O')) return;
+  if (!waited_for || (row && !row->request)) return;
   record->dest = record->src;
   velto_channel.send(&*record, kVeltoMsgPayload);
+}
+
+void Server::Impl::carry_out(VeltoMsgBuf& record) {
+  const auto action = std::ranges::find(kActions, record.cmd, &Action::command);
+  record.ret = 0;
+  if (action == std::end(kActions)) return;
+  record.ret = action->status;
+  if (action->act) (this->*action->act)(record);
 }
 
 void Server::Impl::get_memory(VeltoMsgBuf& record) {
