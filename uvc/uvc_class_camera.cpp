@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "ipc/sys_msg_drv.h"
+#include "platform/uvc_units.h"
 #include "support/print.h"
 #include "uvc/uvc_state.h"
 #include "visca/visca_frame.h"
@@ -270,7 +271,7 @@ static constexpr Control word_control(const WordRow& row) {
 }
 
 // clang-format off
-static constexpr Control kProcessingUnit[] = {
+static constexpr Control kProcessingUnitRows[] = {
     word_control({.selector = PU_BACKLIGHT_COMPENSATION_CONTROL, .stored = backlight, .max = 1,
                   .set = set_backlight, .visca = kViscaBacklight}),
     word_control({.selector = PU_BRIGHTNESS_CONTROL, .stored = brightness, .max = 15, .def = 8,
@@ -328,7 +329,7 @@ static constexpr Control kProcessingUnit[] = {
                   .get = get_digital_multiplier, .set = set_within_limits}),
 };
 
-static constexpr Control kCameraTerminal[] = {
+static constexpr Control kCameraTerminalRows[] = {
     {
         .selector = CT_AE_MODE_CONTROL,
         .len = reply_word(1),
@@ -407,7 +408,12 @@ static constexpr Control kCameraTerminal[] = {
 // clang-format on
 
 Unit uvc_camera_terminal() {
-  return {kVideoControlInterface, 1, kCameraTerminal, {.len = reply_word(2), .info = reply_bytes({0})}};
+  return {kVideoControlInterface,
+          kCameraTerminal,
+          kCameraTerminalRows,
+          {.len = reply_word(2), .info = reply_bytes({0})}};
 }
 
-Unit uvc_processing_unit() { return {kVideoControlInterface, 2, kProcessingUnit, {.len = reply_word(2)}}; }
+Unit uvc_processing_unit() {
+  return {kVideoControlInterface, kProcessingUnit, kProcessingUnitRows, {.len = reply_word(2)}};
+}

@@ -6,6 +6,7 @@
 
 #include "ipc/VeltoDrvMsg.h"
 #include "platform/sys.h"
+#include "platform/uvc_units.h"
 #include "support/print.h"
 #include "uvc/uvc_class_encoder.h"
 #include "uvc/uvc_gadget_device.h"
@@ -324,7 +325,7 @@ static constexpr Control record_control(u8 selector, const Reply& len, ControlFu
   return {.selector = selector, .len = len, .info = kInfo, .get_cur = get_cur, .set_cur = set_cur};
 }
 
-static constexpr Control kExtensionUnit[] = {
+static constexpr Control kExtensionUnitRows[] = {
     extension_control(0, set_nothing),
     extension_control(1, set_extension_value),
     osd_control(2),
@@ -353,4 +354,4 @@ static constexpr Control kExtensionUnit[] = {
     ranged(28),
 };
 
-Unit uvc_extension_unit() { return {kVideoControlInterface, 3, kExtensionUnit, plain(0)}; }
+Unit uvc_extension_unit() { return {kVideoControlInterface, kExtensionUnit, kExtensionUnitRows, plain(0)}; }

@@ -5,7 +5,7 @@
 
 #include "uvc/uvc_class_control.h"
 
-/// Entity 3 of the video-control interface.
+/// kExtensionUnit of platform/uvc_units.h.
 Unit uvc_extension_unit();
 
 constexpr i32 kVersionRecordSize = 22;

@@ -14,18 +14,16 @@
 #include "u_uvc.h"
 #include "uvc_configfs.h"
 #include "uvc_formats.h"
+#include "uvc_units.h"
 
 USB_GADGET_COMPOSITE_OPTIONS();
 
 #define STREAMING_MAXPACKET 3072	/* bytes per microframe */
-#define CT_CONTROLS 0x3e2a		/* selectors 2 4 6 11..15 */
-#define PU_CONTROLS 0x77ff		/* all of UVC 1.0 but hue auto */
-#define XU_CONTROLS 0x0fffffff		/* selectors 1 to 28 */
 
 #define XU_GUID 0x5a, 0x1e, 0x20, 0x94, 0x0b, 0x6d, 0x4c, 0x33, \
 		0x8e, 0x77, 0x42, 0xd1, 0x6f, 0x09, 0xc8, 0x3a
 
-enum { CT = 1, PU = 2, XU = 3, OT = 4 };
+#define OUTPUT_TERMINAL 4
 
 /* of the driver's list only, so that S_FMT grants it for YUY2 */
 static const struct FrameSize driver_size = { 1280, 720 };
@@ -79,30 +77,31 @@ static void build_control(void)
 	put_unaligned_le32(48000000, d + 7);
 
 	d = put(vc, 18, UVC_VC_INPUT_TERMINAL);
-	d[3] = CT;
+	d[3] = kCameraTerminal;
 	put_unaligned_le16(0x0201, d + 4);
 	d[14] = 3;
-	put_unaligned_le24(CT_CONTROLS, d + 15);
+	put_unaligned_le24(kCameraTerminalBits, d + 15);
 
-	d = put(vc, 11, UVC_VC_PROCESSING_UNIT);	/* UVC 1.0 form */
-	d[3] = PU;
-	d[4] = CT;
-	d[7] = 2;
-	put_unaligned_le16(PU_CONTROLS, d + 8);
+	/* UVC 1.0 form; what the bits leave of their 3 bytes is iProcessing, 0 */
+	d = put(vc, 9 + kProcessingUnitBitsSize, UVC_VC_PROCESSING_UNIT);
+	d[3] = kProcessingUnit;
+	d[4] = kCameraTerminal;
+	d[7] = kProcessingUnitBitsSize;
+	put_unaligned_le24(kProcessingUnitBits, d + 8);
 
 	d = put(vc, 29, UVC_VC_EXTENSION_UNIT);
-	d[3] = XU;
+	d[3] = kExtensionUnit;
 	memcpy(d + 4, guid, 16);
-	d[20] = hweight32(XU_CONTROLS);
+	d[20] = hweight32(kExtensionUnitBits);
 	d[21] = 1;
-	d[22] = PU;
+	d[22] = kProcessingUnit;
 	d[23] = 4;
-	put_unaligned_le32(XU_CONTROLS, d + 24);
+	put_unaligned_le32(kExtensionUnitBits, d + 24);
 
 	d = put(vc, 9, UVC_VC_OUTPUT_TERMINAL);
-	d[3] = OT;
+	d[3] = OUTPUT_TERMINAL;
 	put_unaligned_le16(0x0101, d + 4);
-	d[7] = XU;
+	d[7] = kExtensionUnit;
 }
 
 static void build_frame(const struct format *f, u8 index, struct FrameSize s)
@@ -138,7 +137,7 @@ static void build_streaming(void)
 
 	d = put(vs, 13 + nf, UVC_VS_INPUT_HEADER);
 	d[3] = nf;
-	d[8] = OT;
+	d[8] = OUTPUT_TERMINAL;
 	d[12] = 1;
 
 	for (i = 0; i < nf; i++) {
