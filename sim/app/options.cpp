@@ -13,9 +13,6 @@ namespace sim {
 
 namespace {
 
-/// What is wrong with an option's argument; empty: nothing.
-using Complaint = std::string;
-
 Complaint set_format(Options& options, std::string_view text) {
   options.format = parse_format(text);
   if (options.format) return "";
