@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "sim/app/text.h"
+#include "sim/host/usb_host.h"
 
 namespace sim {
 
@@ -39,8 +40,8 @@ Complaint set_duration(Options& options, std::string_view text) {
 }
 
 Complaint set_source(Options& options, std::string_view text) {
-  options.media.source = text;
-  return access(options.media.source.c_str(), R_OK) == 0 ? "" : "cannot be read";
+  options.source = text;
+  return access(options.source.c_str(), R_OK) == 0 ? "" : "cannot be read";
 }
 
 Complaint add_fault(Options& options, std::string_view text) {
@@ -67,7 +68,7 @@ Complaint set_log_level(Options& options, std::string_view text) {
 
 Complaint set_extra_stride(Options& options, std::string_view text) {
   const auto bytes = parse_number<u32>(text, 0, 4096);
-  options.media.extra_stride = bytes.value_or(0);
+  options.extra_stride = bytes.value_or(0);
   return bytes ? "" : "not a number of bytes from 0 to 4096";
 }
 
@@ -84,7 +85,7 @@ constexpr OptionRow kRows[] = {
     {"duration", "S", "seconds for each stream (4)", set_duration},
     {"source", "FILE", "a video or picture for the scene instead of the test card", set_source},
     {"yuv422", nullptr, "VPSS pictures in 4:2:2 instead of 4:2:0",
-     [](Options& options, std::string_view) { return options.media.yuv422 = true, Complaint(); }},
+     [](Options& options, std::string_view) { return options.yuv422 = true, Complaint(); }},
     {"extra-stride", "N", "bytes by which their rows are longer than the picture", set_extra_stride},
     {"paced", nullptr, "frames take as long as on a high-speed bus",
      [](Options& options, std::string_view) { return options.paced = true, Complaint(); }},

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "sim/parties/channel.h"
+#include "sim/parties/server_fault.h"
 #include "sim/parties/visca_device.h"
 #include "sim/seam/run.h"
 #include "visca/visca_frame.h"
@@ -26,7 +27,7 @@ constexpr i32 kFirstProcess = 2;  ///< a reply to message type 1 would come back
 constexpr i32 kLastProcess = 24;  ///< nobody uses it
 constexpr i32 kViscaMessage = 39;
 constexpr std::chrono::milliseconds kSlowDelay{300};
-constexpr std::chrono::seconds kLateness{6};  ///< longer than any host waits for a class request
+constexpr std::chrono::milliseconds kLateness{6000};  ///< longer than any host waits for a class request
 
 bool is_client(i32 process_id) { return process_id >= kFirstProcess && process_id <= kLastProcess; }
 
@@ -189,6 +190,7 @@ struct Server::Impl {
   CameraHead& head = options.head ? *options.head : own_head;
   std::atomic<unsigned long> refused = 0;
   std::atomic<ServerFault> fault = ServerFault::kNone;
+  std::atomic<std::chrono::milliseconds> lateness = kLateness;
   SysMsgBuf last_answer{};  ///< this and `random`: only the system-message channel's thread uses them
   std::mt19937 random;
 
@@ -320,7 +322,7 @@ void Server::Impl::send_answer(SysMsgBuf record) {
   if (now == ServerFault::kMute) return;
   if (now == ServerFault::kMisdirected) record.dest = kLastProcess;
   if (now == ServerFault::kGarbled) garble(record);
-  if (now == ServerFault::kLate && !sys_channel.pause(kLateness)) return;
+  if (now == ServerFault::kLate && !sys_channel.pause(lateness)) return;
   if (now == ServerFault::kAnswersTwice && last_answer.dest) sys_channel.send(&last_answer, kSysMsgPayload);
   sys_channel.send(&record, kSysMsgPayload);
   last_answer = record;
@@ -378,12 +380,14 @@ void Server::Impl::come() {
   for (Channel* channel : channels) channel->come();
 }
 
-void Server::set_fault(ServerFault fault) {
+void Server::set_fault(ServerFault fault, std::optional<std::chrono::milliseconds> time) {
+  impl_->lateness = time.value_or(kLateness);
   const ServerFault former = impl_->fault.exchange(fault);
   if (former == ServerFault::kGone && fault != ServerFault::kGone) impl_->come();
   if (fault == ServerFault::kGone && former != ServerFault::kGone) impl_->leave();
   for (Channel* channel : impl_->channels) {
-    channel->set_delay(fault == ServerFault::kSlow ? kSlowDelay : std::chrono::milliseconds(0));
+    channel->set_delay(fault == ServerFault::kSlow ? time.value_or(kSlowDelay)
+                                                   : std::chrono::milliseconds(0));
     channel->hold(fault == ServerFault::kDead || fault == ServerFault::kFull);
     if (fault == ServerFault::kFull) channel->fill();
   }
