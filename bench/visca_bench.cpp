@@ -12,6 +12,7 @@
 #include "ipc/VeltoDrvMsg.h"
 #include "ipc/sys_msg_drv.h"
 #include "platform/sys.h"
+#include "platform/uvc_units.h"
 #include "sim/seam/node.h"
 #include "sim/seam/run.h"
 #include "support/print.h"
@@ -23,8 +24,6 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr u8 kCameraTerminal = 1, kProcessingUnit = 2, kExtensionUnit = 3;
 
 UvcEventLoop loop = {.device = &uvc_video_fd, .request = {}};
 

@@ -1,8 +1,6 @@
 #include "ipc/VeltoDrvMsg.h"
 
-#include <algorithm>
 #include <cstring>
-#include <span>
 #include <string_view>
 
 #include "ipc/msg_channel.h"
@@ -30,113 +28,46 @@ i32 fail_init() {
   return -1;
 }
 
-// The commands. All offsets are those of the record on the camera; a word at offset o belongs to the word at
-// o - first_word of the caller's structure.
-
-using Offsets = std::span<const u8>;
-
-constexpr u8 kRun[] = {24, 28, 32, 36, 40, 44, 48, 52, 56, 60, 64, 68, 72, 76};
-constexpr Offsets run(std::size_t words) { return Offsets(kRun).first(words); }
-constexpr Offsets kNone{};
-constexpr u8 kMemory[] = {16, 20};
-constexpr u8 kType[] = {44};
-constexpr u8 kSerialAndType[] = {28, 44};
-constexpr u8 kBlock[] = {24, 32};
-constexpr u8 kFrame[] = {24, 32, 36, 40, 48, 52, 56, 64, 68};
-constexpr u8 kFrameAndSerial[] = {24, 28, 32, 36, 40, 48, 52, 56, 64, 68};
-
-constexpr u8 kText21Room = 127;  // the record's last byte terminates it
-constexpr u8 kLabelRoom = 60;
-
-enum Kind : u8 { kOneWay, kRequest };
-
-struct Command {
-  i32 number;
-  Kind kind;
-  Offsets in;          // words that the caller's structure puts into the request
-  Offsets out;         // words of the reply that go back into the caller's structure
-  u8 first_word = 24;  // offset of the structure's first word
-  u8 text_at = 24;     // where a text goes
-  u8 text_room = 0;    // and how much of it at most
-};
-
-constexpr Command kCommands[] = {
-    {kVeltoGetMemory, kRequest, kNone, kMemory, 16},
-    {2, kOneWay, kNone, kNone},
-    {3, kRequest, kType, run(14)},
-    {4, kRequest, kSerialAndType, run(14)},
-    {5, kRequest, kSerialAndType, kFrame},
-    {6, kOneWay, kSerialAndType, kNone},
-    {7, kRequest, kType, kBlock},
-    {8, kRequest, kType, run(14)},
-    {9, kRequest, kType, kFrameAndSerial},
-    {kVeltoEncoderSettings, kOneWay, run(13), kNone},
-    {11, kOneWay, run(7), kNone},
-    {12, kOneWay, run(1), kNone},
-    {13, kOneWay, run(1), kNone},
-    {15, kOneWay, run(1), kNone},
-    {16, kOneWay, run(1), kNone},
-    {17, kOneWay, run(1), kNone},
-    {18, kOneWay, run(1), kNone},
-    {19, kOneWay, run(1), kNone},
-    {20, kRequest, run(1), kNone},
-    {21, kRequest, kNone, kNone, 24, 24, kText21Room},
-    {22, kOneWay, run(1), kNone},
-    {23, kOneWay, run(1), kNone},
-    {24, kOneWay, run(1), kNone, 24, 28, kLabelRoom},
-    {25, kOneWay, run(1), kNone, 24, 28, kLabelRoom},
-    {26, kOneWay, run(1), kNone},
-    {27, kOneWay, run(1), kNone},
-    {kVeltoPtzMode, kOneWay, run(1), kNone},
-    {kVeltoPtzNotify, kOneWay, run(1), kNone},
-    {kVeltoPtzGetPosition, kRequest, kNone, run(1)},
-    {kVeltoPtzMotion, kOneWay, run(1), kNone},
-    {kVeltoPtzSetPosition, kOneWay, run(3), kNone},
-    {kVeltoPtzGetAbsolute, kRequest, kNone, run(3)},
-};
-static_assert(std::size(kCommands) == 32);
-
 // The row of a command; a number without one does not compile.
-consteval const Command& command(i32 number) {
-  return *std::ranges::find(kCommands, number, &Command::number);
-}
+consteval const VeltoCommandRow& command(i32 number) { return *find_velto_command(number); }
 
-u8* at(VeltoMsgBuf& record, u8 offset) { return record.payload + velto_payload_offset(offset); }
+u8* at(VeltoMsgBuf& record, i32 offset) { return record.payload + velto_payload_offset(offset); }
 
-VeltoMsgBuf filled_record(const Command& row, const void* in, std::string_view text) {
+VeltoMsgBuf filled_record(const VeltoCommandRow& row, const void* in, std::string_view text) {
   VeltoMsgBuf record{};
   record.dest = kServerMsgType;
   record.cmd = row.number;
-  if (row.kind == kRequest) record.src = driver.channel.process;
+  if (row.request) record.src = driver.channel.process;
+  // A word at an offset belongs to the word at offset - first_word of the caller's structure.
   for (const u8 offset : row.in)
     std::memcpy(at(record, offset), static_cast<const u8*>(in) + (offset - row.first_word), sizeof(i32));
-  text.copy(reinterpret_cast<char*>(at(record, row.text_at)), row.text_room);
+  text.copy(reinterpret_cast<char*>(at(record, velto_text_offset(row))), row.text_room);
   return record;
 }
 
 // The reply's status; 0 when there is none.
-i32 transact(const Command& row, const void* in, void* out, std::string_view text) {
-  if (row.kind == kRequest) Msg_Settle(driver.channel);
+i32 transact(const VeltoCommandRow& row, const void* in, void* out, std::string_view text) {
+  if (row.request) Msg_Settle(driver.channel);
   VeltoMsgBuf record = filled_record(row, in, text);
-  if (row.kind == kOneWay)
-    Msg_Notify(driver.channel, &record, kRecordSize);
-  else
+  if (row.request)
     Msg_Transact(driver.channel, &record, kRecordSize);
+  else
+    Msg_Notify(driver.channel, &record, kRecordSize);
   for (const u8 offset : row.out)
     std::memcpy(static_cast<u8*>(out) + (offset - row.first_word), at(record, offset), sizeof(i32));
   return record.ret;
 }
 
 // One command under the lock; without it a one-way command still ends with 0, a request with -1.
-i32 VeltoCall(const Command& row, const void* in, void* out = nullptr, std::string_view text = {}) {
+i32 VeltoCall(const VeltoCommandRow& row, const void* in, void* out = nullptr, std::string_view text = {}) {
   SemGuard guard(driver.lock);
   if (!guard.given_up()) return transact(row, in, out, text);
   for (const u8 offset : row.out)
     std::memset(static_cast<u8*>(out) + (offset - row.first_word), 0, sizeof(i32));
-  return row.kind == kOneWay ? 0 : -1;
+  return row.request ? -1 : 0;
 }
 
-i32 ask_by_type(const Command& row, VeltoFrame& frame) {
+i32 ask_by_type(const VeltoCommandRow& row, VeltoFrame& frame) {
   const i32 status = VeltoCall(row, &frame, &frame);
   if (status != 0) frame.serial = -1;
   return status;
@@ -208,8 +139,9 @@ i32 VeltoSend18(i32 value) { return VeltoCall(command(18), &value); }
 i32 VeltoSend19(i32 value) { return VeltoCall(command(19), &value); }
 i32 VeltoRequest20(i32 value) { return VeltoCall(command(20), &value); }
 i32 VeltoRequest21(const char* text) {
-  if (std::strlen(text) > kText21Room) return -1;
-  return VeltoCall(command(21), nullptr, nullptr, text);
+  constexpr const VeltoCommandRow& row = command(21);
+  if (std::strlen(text) > row.text_room) return -1;
+  return VeltoCall(row, nullptr, nullptr, text);
 }
 i32 VeltoSend22(i32 value) { return VeltoCall(command(22), &value); }
 i32 VeltoSend23(i32 value) { return VeltoCall(command(23), &value); }

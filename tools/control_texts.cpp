@@ -1,37 +1,37 @@
 #include "tools/control_texts.h"
 
-#include "sim/host/host_controls.h"
+#include "platform/uvc_units.h"
 #include "uvc/uvc_class_camera.h"
 #include "uvc/uvc_state.h"
 
 #define SELECTOR(constant) constant, #constant
 
 static const ControlText kControls[] = {
-    {sim::kCameraTerminal, SELECTOR(CT_AE_MODE_CONTROL)},
-    {sim::kCameraTerminal, SELECTOR(CT_EXPOSURE_TIME_ABSOLUTE_CONTROL)},
-    {sim::kCameraTerminal, SELECTOR(CT_FOCUS_ABSOLUTE_CONTROL)},
-    {sim::kCameraTerminal, SELECTOR(CT_FOCUS_RELATIVE_CONTROL), {{1, 1}}},
-    {sim::kCameraTerminal, SELECTOR(CT_ZOOM_ABSOLUTE_CONTROL)},
-    {sim::kCameraTerminal, SELECTOR(CT_ZOOM_RELATIVE_CONTROL), {{1, 0, 4}, {255, 0, 4}, {0, 0, 0}}},
-    {sim::kCameraTerminal, SELECTOR(CT_PANTILT_ABSOLUTE_CONTROL)},
-    {sim::kCameraTerminal,
+    {kCameraTerminal, SELECTOR(CT_AE_MODE_CONTROL)},
+    {kCameraTerminal, SELECTOR(CT_EXPOSURE_TIME_ABSOLUTE_CONTROL)},
+    {kCameraTerminal, SELECTOR(CT_FOCUS_ABSOLUTE_CONTROL)},
+    {kCameraTerminal, SELECTOR(CT_FOCUS_RELATIVE_CONTROL), {{1, 1}}},
+    {kCameraTerminal, SELECTOR(CT_ZOOM_ABSOLUTE_CONTROL)},
+    {kCameraTerminal, SELECTOR(CT_ZOOM_RELATIVE_CONTROL), {{1, 0, 4}, {255, 0, 4}, {0, 0, 0}}},
+    {kCameraTerminal, SELECTOR(CT_PANTILT_ABSOLUTE_CONTROL)},
+    {kCameraTerminal,
      SELECTOR(CT_PANTILT_RELATIVE_CONTROL),
      {{1, 1, 0, 1}, {255, 7, 0, 1}, {0, 1, 1, 1}, {0, 1, 255, 7}, {1, 7, 1, 7}, {0, 1, 0, 1}}},
-    {sim::kCameraTerminal, SELECTOR(CT_ROLL_ABSOLUTE_CONTROL), {{0, 0}, {1, 0}, {4, 0}, {5, 0}}},
-    {sim::kProcessingUnit, SELECTOR(PU_BACKLIGHT_COMPENSATION_CONTROL)},
-    {sim::kProcessingUnit, SELECTOR(PU_BRIGHTNESS_CONTROL)},
-    {sim::kProcessingUnit, SELECTOR(PU_CONTRAST_CONTROL)},
-    {sim::kProcessingUnit, SELECTOR(PU_GAIN_CONTROL)},
-    {sim::kProcessingUnit, SELECTOR(PU_POWER_LINE_FREQUENCY_CONTROL)},
-    {sim::kProcessingUnit, SELECTOR(PU_HUE_CONTROL)},
-    {sim::kProcessingUnit, SELECTOR(PU_SATURATION_CONTROL)},
-    {sim::kProcessingUnit, SELECTOR(PU_SHARPNESS_CONTROL)},
-    {sim::kProcessingUnit, SELECTOR(PU_GAMMA_CONTROL)},
-    {sim::kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_TEMPERATURE_CONTROL)},
-    {sim::kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_TEMPERATURE_AUTO_CONTROL), {{0}, {1}}},
-    {sim::kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_COMPONENT_CONTROL)},
-    {sim::kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_COMPONENT_AUTO_CONTROL), {{0}, {1}}},
-    {sim::kProcessingUnit, SELECTOR(PU_DIGITAL_MULTIPLIER_CONTROL)},
+    {kCameraTerminal, SELECTOR(CT_ROLL_ABSOLUTE_CONTROL), {{0, 0}, {1, 0}, {4, 0}, {5, 0}}},
+    {kProcessingUnit, SELECTOR(PU_BACKLIGHT_COMPENSATION_CONTROL)},
+    {kProcessingUnit, SELECTOR(PU_BRIGHTNESS_CONTROL)},
+    {kProcessingUnit, SELECTOR(PU_CONTRAST_CONTROL)},
+    {kProcessingUnit, SELECTOR(PU_GAIN_CONTROL)},
+    {kProcessingUnit, SELECTOR(PU_POWER_LINE_FREQUENCY_CONTROL)},
+    {kProcessingUnit, SELECTOR(PU_HUE_CONTROL)},
+    {kProcessingUnit, SELECTOR(PU_SATURATION_CONTROL)},
+    {kProcessingUnit, SELECTOR(PU_SHARPNESS_CONTROL)},
+    {kProcessingUnit, SELECTOR(PU_GAMMA_CONTROL)},
+    {kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_TEMPERATURE_CONTROL)},
+    {kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_TEMPERATURE_AUTO_CONTROL), {{0}, {1}}},
+    {kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_COMPONENT_CONTROL)},
+    {kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_COMPONENT_AUTO_CONTROL), {{0}, {1}}},
+    {kProcessingUnit, SELECTOR(PU_DIGITAL_MULTIPLIER_CONTROL)},
 };
 std::span<const ControlText> control_texts() { return kControls; }
 
@@ -163,8 +163,13 @@ day. Version and date are those of the build.
 const char kStreamingText[] = R"(
 ## Streaming interface (interface 1)
 
-The layout of the blocks and the frame sizes stand in [wire-formats.md](wire-formats.md). Probe and commit share one block,
-still probe and still commit another.
+[wire-formats.md](wire-formats.md) has the layout of the blocks. Probe and commit share one block, still probe and still
+commit another.
+
+)";
+
+const char kFrameSizesText[] = R"(
+The frame sizes, by `bFrameIndex` and, with its name, `bFormatIndex`:
 
 )";
 

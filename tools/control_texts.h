@@ -57,4 +57,5 @@ extern const char kVendorText[];
 extern const char kRateControlText[];
 extern const char kVersionText[];
 extern const char kStreamingText[];
+extern const char kFrameSizesText[];
 extern const char kOddities[];

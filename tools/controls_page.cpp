@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "sim/host/host_controls.h"
+#include "sim/host/usb_host.h"
 #include "tools/control_texts.h"
 #include "tools/markdown_table.h"
 #include "uvc/uvc_class_streaming.h"
@@ -193,6 +194,37 @@ std::string block_cell(const ProbeAnswer& answer) {
   return cell(answer, [](std::span<const u8> bytes) { return std::to_string(bytes.size()) + " bytes"; });
 }
 
+constexpr Place kCommit = {kVideoStreamingInterface, 0, VS_COMMIT_CONTROL};
+
+/// The size that a commit of the format and frame index sets.
+std::string committed_size(ControlProbe& probe, std::vector<u8> block, const sim::HostFormat& format,
+                           std::size_t frame) {
+  block[2] = static_cast<u8>(format.format);
+  block[3] = static_cast<u8>(frame);
+  probe.set(kCommit, block);
+  return std::to_string(cur_col) + 'x' + std::to_string(cur_line);
+}
+
+/// Every frame size; the block is afterwards as it was before.
+std::string frame_sizes(ControlProbe& probe) {
+  const std::vector<u8> block = probe.get(UVC_GET_CUR, kCommit).bytes;
+  std::vector<std::string> header = {"frame index"};
+  std::size_t most = 0;
+  for (const sim::HostFormat& format : sim::host_formats()) {
+    header.push_back(std::to_string(static_cast<int>(format.format)) + ' ' + format.name);
+    most = std::max(most, format.sizes.size());
+  }
+  MarkdownTable table(header);
+  for (std::size_t frame = 1; frame <= most; ++frame) {
+    std::vector<std::string> row = {std::to_string(frame)};
+    for (const sim::HostFormat& format : sim::host_formats())
+      row.push_back(frame <= format.sizes.size() ? committed_size(probe, block, format, frame) : "");
+    table.add(row);
+  }
+  probe.set(kCommit, block);
+  return table.text();
+}
+
 void print_streaming_interface(ControlProbe& probe) {
   MarkdownTable table(
       {"selector", "control", "length", "info", "MIN, MAX", "RES, DEF", "GET_CUR", "SET_CUR"});
@@ -203,20 +235,20 @@ void print_streaming_interface(ControlProbe& probe) {
                block_cell(probe.get(UVC_GET_RES, place)), block_cell(probe.get(UVC_GET_CUR, place)),
                row.set});
   }
+  const std::string sizes = frame_sizes(probe);
   const Place probe_control = {kVideoStreamingInterface, 0, VS_PROBE_CONTROL};
-  const Place commit = {kVideoStreamingInterface, 0, VS_COMMIT_CONTROL};
   const Place still = {kVideoStreamingInterface, 0, VS_STILL_PROBE_CONTROL};
   MarkdownTable blocks({"block", "bytes"});
-  blocks.add({"GET_MIN and GET_MAX of probe and commit, always", hex(probe.get(UVC_GET_MIN, commit).bytes)});
+  blocks.add({"GET_MIN and GET_MAX of probe and commit, always", hex(probe.get(UVC_GET_MIN, kCommit).bytes)});
   blocks.add({"every GET of the still probe, at start", hex(probe.get(UVC_GET_CUR, still).bytes)});
   std::vector<u8> wanted = probe.get(UVC_GET_CUR, probe_control).bytes;
   wanted[2] = kFormatH264;
   wanted[3] = 2;
-  const ProbeEffect effect = probe.set(commit, wanted);
+  const ProbeEffect effect = probe.set(kCommit, wanted);
   blocks.add({"SET_CUR of commit: H.264, frame 2", hex(wanted)});
   blocks.add({"which sends", joined(effect.sent, ", ")});
   blocks.add({"GET_CUR, GET_RES and GET_DEF then", hex(probe.get(UVC_GET_CUR, probe_control).bytes)});
-  print(kStreamingText + table.text() + '\n' + blocks.text());
+  print(kStreamingText + table.text() + '\n' + blocks.text() + kFrameSizesText + sizes);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "common/stream_state.h"
+#include "platform/uvc_units.h"
 #include "support/support.h"
 #include "tools/control_texts.h"
 #include "tools/controls_page.h"
@@ -17,7 +18,7 @@ void print(const std::string& text) { std::fputs(text.c_str(), stdout); }
 constexpr u8 kLastSelector = 28;
 constexpr u8 kVersionSelector = 9, kRateControlSelector = 16;
 
-Place vendor(u8 selector) { return {kVideoControlInterface, 3, selector}; }
+Place vendor(u8 selector) { return {kVideoControlInterface, kExtensionUnit, selector}; }
 
 // Words that a mode does not have keep what the last one left there.
 void clear_encoder_parameters() {
@@ -76,7 +77,7 @@ void print_settings(ControlProbe& probe) {
   print('\n' + table.text());
 }
 
-constexpr Place kRateControl = {kVideoControlInterface, 3, kRateControlSelector};
+constexpr Place kRateControl = {kVideoControlInterface, kExtensionUnit, kRateControlSelector};
 
 std::vector<u8> read_block(ControlProbe& probe) { return probe.get(UVC_GET_CUR, kRateControl).bytes; }
 

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <optional>
 
+#include "platform/uvc_units.h"
 #include "support/print.h"
 #include "uvc/uvc_state.h"
 #include "visca/visca_link.h"
@@ -243,7 +244,7 @@ constexpr Control word_control(const WordRow& row) {
 }
 
 // clang-format off
-constexpr Control kProcessingUnit[] = {
+constexpr Control kProcessingUnitRows[] = {
     word_control({.selector = PU_BACKLIGHT_COMPENSATION_CONTROL, .stored = backlight, .max = 1,
                   .set = set_backlight, .visca = kViscaBacklight}),
     word_control({.selector = PU_BRIGHTNESS_CONTROL, .stored = brightness, .max = 15, .def = 8,
@@ -301,7 +302,7 @@ constexpr Control kProcessingUnit[] = {
                   .get = get_digital_multiplier, .set = set_within_limits}),
 };
 
-constexpr Control kCameraTerminal[] = {
+constexpr Control kCameraTerminalRows[] = {
     {
         .selector = CT_AE_MODE_CONTROL,
         .len = reply_word(1),
@@ -395,6 +396,6 @@ void uvc_rpantilt_process(u8 pan_direction, u8, u8 tilt_direction, u8) {
 }
 
 constexpr Unit uvc_camera_terminal = {
-    kVideoControlInterface, 1, kCameraTerminal, {.len = reply_word(2), .info = reply_bytes({0})}};
+    kVideoControlInterface, kCameraTerminal, kCameraTerminalRows, {.len = reply_word(2), .info = reply_bytes({0})}};
 
-constexpr Unit uvc_processing_unit = {kVideoControlInterface, 2, kProcessingUnit, {.len = reply_word(2)}};
+constexpr Unit uvc_processing_unit = {kVideoControlInterface, kProcessingUnit, kProcessingUnitRows, {.len = reply_word(2)}};

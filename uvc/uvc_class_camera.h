@@ -34,7 +34,7 @@ enum UvcProcessingUnitSelector : u8 {
   PU_DIGITAL_MULTIPLIER_CONTROL = 14,
 };
 
-/// Entity 1 and entity 2 of the video-control interface.
+/// kCameraTerminal and kProcessingUnit of platform/uvc_units.h.
 extern const Unit uvc_camera_terminal;
 extern const Unit uvc_processing_unit;
 

@@ -1,8 +1,11 @@
 #include "uvc/uvc_class_streaming.h"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 #include <iterator>
 
+#include "platform/uvc_formats.h"
 #include "support/print.h"
 #include "uvc/uvc_class_encoder.h"
 #include "uvc/uvc_state.h"
@@ -39,38 +42,35 @@ VsStillProbeCommit still_block = {
 constexpr std::size_t kHostBytes = offsetof(VsProbeCommit, dwMaxVideoFrameSize);
 constexpr std::size_t kStillHostBytes = offsetof(VsStillProbeCommit, dwMaxPayloadTransferSize);
 
-struct FrameSize {
-  u16 lines;
-  u16 columns;
-};
-
-// Deliberate: one flat run, because frame index 0 reads the entry before its format's first one.
-// clang-format off
-static constexpr FrameSize kFrameSizes[] = {
-    {0, 0},
-    {1080, 1920}, {720, 1280}, {576, 720}, {480, 640}, {240, 320}, {576, 1024}, {540, 960}, {360, 640}, {288, 352},
-    {1080, 1920}, {720, 1280}, {576, 720}, {480, 640}, {240, 320}, {576, 1024}, {540, 960}, {360, 640}, {288, 352},
-    {240, 320}, {480, 640},
-    {1080, 1920}, {720, 1280}, {576, 720}, {480, 640}, {240, 320}, {1200, 1600},
-    {0, 0},
-};
-// clang-format on
-
 struct FormatRow {
   i32 format;
-  u8 first;   // entry of frame index 1
-  u8 frames;  // largest frame index that a probe accepts
+  std::span<const FrameSize> sizes;  // the frame indices that a probe accepts
   u8 bytes_per_pixel;
   const char* name;  // in the message of a commit
 };
 
-static constexpr FormatRow kFormats[] = {
-    {kFormatMjpeg, 1, 9, 1, "MJPEG"},
-    {kFormatH264, 10, 9, 1, "H264"},
-    {kFormatYuy2, 19, 2, 2, "YUY2"},
-    {kFormatH265, 21, 6, 1, "H265"},
+constexpr FormatRow kFormats[] = {
+    {kFormatMjpeg, kMjpegSizes, 1, "MJPEG"},
+    {kFormatH264, kH264Sizes, 1, "H264"},
+    {kFormatYuy2, kYuy2Sizes, 2, "YUY2"},
+    {kFormatH265, kH265Sizes, 1, "H265"},
 };
-static_assert(std::size(kFrameSizes) == 21 + 6 + 1);
+
+// The number of frame sizes in all rows before `end`.
+constexpr std::size_t sizes_before(const FormatRow* end) {
+  std::size_t count = 0;
+  for (const FormatRow* row = kFormats; row != end; ++row) count += row->sizes.size();
+  return count;
+}
+
+// Deliberate: one flat run that begins with an empty size, because frame index 0 reads the entry before its
+// format's first one, and a commit of an index past its format's last one reads the next format's sizes.
+constexpr auto kFrameSizes = [] {
+  std::array<FrameSize, 1 + sizes_before(std::end(kFormats))> run = {};
+  auto to = run.begin() + 1;
+  for (const FormatRow& row : kFormats) to = std::ranges::copy(row.sizes, to).out;
+  return run;
+}();
 
 const FormatRow* format_row(u8 format_index) {
   for (const FormatRow& row : kFormats) {
@@ -80,15 +80,15 @@ const FormatRow* format_row(u8 format_index) {
 }
 
 FrameSize frame_size(const FormatRow& row, u8 frame_index) {
-  const std::size_t at = row.first + std::size_t{frame_index} - 1;
+  const std::size_t at = sizes_before(&row) + frame_index;
   return at < std::size(kFrameSizes) ? kFrameSizes[at] : FrameSize{0, 0};
 }
 
 u32 max_video_frame_size(u8 format_index, u8 frame_index) {
   const FormatRow* row = format_row(format_index);
-  if (!row || frame_index > row->frames) return 0;
+  if (!row || frame_index > row->sizes.size()) return 0;
   const FrameSize size = frame_size(*row, frame_index);
-  return u32{size.columns} * size.lines * row->bytes_per_pixel;
+  return u32{size.width} * size.height * row->bytes_per_pixel;
 }
 
 void refresh_max_video_frame_size() {
@@ -111,8 +111,8 @@ void adopt_format(const FormatRow& row, u8 frame_index) {
   const FrameSize size = frame_size(row, frame_index);
   cur_format = row.format;
   PRINT_INFO(" cur_format == %s last_format %d\n", row.name, i32(last_format));
-  cur_line = size.lines;
-  cur_col = size.columns;
+  cur_line = size.height;
+  cur_col = size.width;
 }
 
 UvcStatus set_commit(const Control& control) {

@@ -5,6 +5,7 @@
 
 #include "ipc/VeltoDrvMsg.h"
 #include "platform/sys.h"
+#include "platform/uvc_units.h"
 #include "support/print.h"
 #include "uvc/uvc_class_encoder.h"
 #include "uvc/uvc_gadget_device.h"
@@ -200,7 +201,7 @@ constexpr Control record_control(u8 selector, const Reply& len, ControlFunction 
   return {.selector = selector, .len = len, .info = kInfo, .get_cur = get_cur, .set_cur = set_cur};
 }
 
-constexpr Control kExtensionUnit[] = {
+constexpr Control kExtensionUnitRows[] = {
     extension_control(0, set_nothing),
     extension_control(1, set_extension_value),
     osd_control(2),
@@ -255,4 +256,4 @@ void Korrindale_fireware_process(i32 mode, u8* buffer) {
   std::memcpy(buffer, version->record, sizeof(version->record));
 }
 
-constexpr Unit uvc_extension_unit = {kVideoControlInterface, 3, kExtensionUnit, plain(0)};
+constexpr Unit uvc_extension_unit = {kVideoControlInterface, kExtensionUnit, kExtensionUnitRows, plain(0)};

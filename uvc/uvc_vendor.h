@@ -4,7 +4,7 @@
 
 #include "uvc/uvc_class_row.h"
 
-/// Entity 3 of the video-control interface.
+/// kExtensionUnit of platform/uvc_units.h.
 extern const Unit uvc_extension_unit;
 
 constexpr i32 kVersionRecordSize = 22;

@@ -2,12 +2,16 @@
 
 #include <cstdio>
 
+#include "sim/app/fault_script.h"
+#include "sim/app/options.h"
+
 namespace sim {
 
 Camera::Camera(const Options& options)
-    : parties(options.media, {.output = options.log_level ? stdout : nullptr,
-                              .level = options.log_level.value_or(0),
-                              .contains = {}}),
+    : parties({.source = options.source, .yuv422 = options.yuv422, .extra_stride = options.extra_stride},
+              {.output = options.log_level ? stdout : nullptr,
+               .level = options.log_level.value_or(0),
+               .contains = {}}),
       conversation(node, [this](std::size_t from) { return parties.server.received(from); }),
       host(node, conversation, options.paced) {
   if (!options.print_level.empty()) {
@@ -19,11 +23,14 @@ Camera::Camera(const Options& options)
 }
 
 void set_fault(Camera& camera, const Fault& fault, bool on) {
-  if (set_fault(camera.parties, fault.kind, on)) return;
-  if (fault.kind == FaultKind::kUnplug) return on ? camera.host.unplug() : camera.host.replug();
-  if (fault.kind == FaultKind::kHostRests) return camera.host.rest(on);
-  if (camera.node.script(on ? fault.node_text : "clear")) return;
-  std::fprintf(stderr, "camera_sim: the node does not know the fault \"%s\"\n", fault.node_text.c_str());
+  if (set_fault(camera.parties, fault, on)) return;
+  if (const auto* host = std::get_if<HostFault>(&fault.kind)) {
+    if (*host == HostFault::kRests) return camera.host.rest(on);
+    return on ? camera.host.unplug() : camera.host.replug();
+  }
+  const std::string& text = std::get<NodeFault>(fault.kind).text;
+  if (camera.node.script(on ? text : "clear")) return;
+  std::fprintf(stderr, "camera_sim: the node does not know the fault \"%s\"\n", text.c_str());
 }
 
 }  // namespace sim

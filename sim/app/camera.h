@@ -1,8 +1,6 @@
 // The simulated camera around a service: everything but the service itself.
 #pragma once
 
-#include "sim/app/fault_script.h"
-#include "sim/app/options.h"
 #include "sim/app/parties.h"
 #include "sim/host/conversation.h"
 #include "sim/host/usb_host.h"
@@ -10,6 +8,9 @@
 #include "sim/seam/run.h"
 
 namespace sim {
+
+struct Fault;
+struct Options;
 
 struct Camera {
   /// Faults of the options that hold from the start are set already.

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "sim/app/fault_script.h"
 #include "sim/app/parties.h"
 #include "sim/app/timeline.h"
 #include "sim/media/made_frames.h"
@@ -66,7 +67,7 @@ void Program::take_fault(const std::string& line) {
     return;
   }
   const auto set = [this, fault](bool on) {
-    if (set_fault(parties_, fault->kind, on)) return;
+    if (set_fault(parties_, *fault, on)) return;
     std::fprintf(stderr, "camera_parties: node and cable are not played here: %s\n", fault->text.c_str());
   };
   timeline_.in(fault->at, [set] { set(true); });

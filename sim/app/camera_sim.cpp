@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "sim/app/control_plan.h"
+#include "sim/app/options.h"
 #include "sim/app/prompt.h"
 #include "sim/app/session.h"
 #include "sim/app/stream_plan.h"

@@ -8,47 +8,48 @@
 #include <vector>
 
 #include "sim/app/text.h"
+#include "sim/media/encoder_fault.h"
+#include "sim/parties/server_fault.h"
 
 namespace sim {
 
 namespace {
 
 struct FaultForm {
-  const char* pattern;  ///< of the words without their times
-  FaultKind kind;
   const char* shown;
+  FaultKind kind;
   const char* meaning;
+  const char* pattern = nullptr;  ///< of the words without "at" and "for"; null: they are as shown
   bool needs_times = false;
 };
-constexpr FaultForm kForms[] = {
-    {R"(fail [A-Z0-9_]+ (\*|[0-9]+(-[0-9]+)?)( errno=[0-9]+)?)", FaultKind::kNode,
-     "fail CALL N|N-M|* [errno=E]", "the driver refuses calls, such as \"fail QBUF 2\""},
-    {"grant [0-9]+", FaultKind::kNode, "grant N", "the driver grants N buffers at most"},
-    {"reqbufs returns count", FaultKind::kNode, "reqbufs returns count", "it answers as newer drivers do"},
-    {"(DQ|QUERY)BUF gives index [0-9]+", FaultKind::kNode, "DQBUF|QUERYBUF gives index N",
-     "its answers name that buffer"},
-    {"unplug", FaultKind::kUnplug, "at TIME unplug for TIME", "the USB cable is pulled", true},
-    {"server dead", FaultKind::kServerDead, "server dead", "the system server takes no messages"},
-    {"server full", FaultKind::kServerFull, "server full", "it is dead, and its queues are full"},
-    {"server slow", FaultKind::kServerSlow, "server slow", "it takes 300 ms for each"},
-    {"server garbled", FaultKind::kServerGarbled, "server garbled", "it answers frames with anything"},
-    {"server mute", FaultKind::kServerMute, "server mute", "it takes frames and does not answer"},
-    {"server misdirects", FaultKind::kServerMisdirects, "server misdirects",
-     "it answers another process's message type"},
-    {"server answers twice", FaultKind::kServerAnswersTwice, "server answers twice",
-     "the answer to the frame before comes first"},
-    {"server gone", FaultKind::kServerGone, "server gone", "it has ended; its queues and segments go too"},
-    {"server late", FaultKind::kServerLate, "server late", "it answers frames after 6 s"},
-    {"encoder silent", FaultKind::kEncoderSilent, "encoder silent", "the encoder makes no frames"},
-    {"encoder dead", FaultKind::kEncoderDead, "encoder dead", "it stops in the middle of a frame"},
-    {"encoder wrong-size", FaultKind::kEncoderWrongSize, "encoder wrong-size",
-     "its frames have another size"},
-    {"encoder posts", FaultKind::kEncoderPosts, "encoder posts", "it tells of frames that it does not make"},
-    {"encoder gone", FaultKind::kEncoderGone, "encoder gone", "it has ended; ring and semaphores go too"},
-    {"log queue full", FaultKind::kLogQueueFull, "log queue full",
-     "the log collector rests, its queue is full"},
-    {"collector gone", FaultKind::kCollectorGone, "collector gone", "it has ended; its queue goes too"},
-    {"host rests", FaultKind::kHostRests, "host rests", "the USB host takes no frames"},
+const FaultForm kForms[] = {
+    {"fail CALL N|N-M|* [errno=E]", NodeFault{}, "the driver refuses calls, such as \"fail QBUF 2\"",
+     R"(fail [A-Z0-9_]+ (\*|[0-9]+(-[0-9]+)?)( errno=[0-9]+)?)"},
+    {"grant N", NodeFault{}, "the driver grants N buffers at most", "grant [0-9]+"},
+    {"reqbufs returns count", NodeFault{}, "it answers as newer drivers do"},
+    {"DQBUF|QUERYBUF gives index N", NodeFault{}, "its answers name that buffer",
+     "(DQ|QUERY)BUF gives index [0-9]+"},
+    {"at TIME unplug for TIME", HostFault::kNoCable, "the USB cable is pulled", "unplug", true},
+    {"server dead", ServerFault::kDead, "the system server takes no messages"},
+    {"server full", ServerFault::kFull, "it is dead, and its queues are full"},
+    {"server slow", ServerFault::kSlow, "it takes 300 ms for each message"},
+    {"server slow by TIME", ServerFault::kSlow, "it takes that long for each message"},
+    {"server garbled", ServerFault::kGarbled, "it answers frames with anything"},
+    {"server mute", ServerFault::kMute, "it takes frames and does not answer"},
+    {"server misdirects", ServerFault::kMisdirected, "it answers another process's message type"},
+    {"server answers twice", ServerFault::kAnswersTwice, "the answer to the frame before comes first"},
+    {"server gone", ServerFault::kGone, "it has ended; its queues and segments go too"},
+    {"server late", ServerFault::kLate, "it answers frames after 6 s"},
+    {"server late by TIME", ServerFault::kLate, "it answers frames after that time"},
+    {"encoder silent", EncoderFault::kSilent, "the encoder makes no frames"},
+    {"encoder dead", EncoderFault::kDead, "it stops in the middle of a frame"},
+    {"encoder slow by TIME", EncoderFault::kSlow, "it takes that much longer for each frame"},
+    {"encoder wrong-size", EncoderFault::kWrongSize, "its frames have another size"},
+    {"encoder posts", EncoderFault::kPosts, "it announces frames that it does not make"},
+    {"encoder gone", EncoderFault::kGone, "it has ended; ring and semaphores go too"},
+    {"log queue full", CollectorFault::kQueueFull, "the log collector is paused and its queue is full"},
+    {"collector gone", CollectorFault::kGone, "it has ended; its queue goes too"},
+    {"host rests", HostFault::kRests, "the USB host takes no frames"},
 };
 
 constexpr double kLongestTime = 1e6;
@@ -81,6 +82,7 @@ bool take_time(std::vector<std::string>& words, std::string_view word, std::opti
 }
 
 bool fits(const FaultForm& form, const std::string& action) {
+  if (!form.pattern) return action == form.shown;
   regex_t pattern;
   if (regcomp(&pattern, (std::string("^(") + form.pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
     return false;
@@ -94,9 +96,11 @@ bool fits(const FaultForm& form, const std::string& action) {
 
 std::optional<Fault> parse_fault(std::string_view text, std::string& error) {
   std::vector<std::string> words = words_of(text);
-  std::optional<double> at, duration;
-  if (!take_time(words, "at", at, error) || !take_time(words, "for", duration, error)) return std::nullopt;
-  const std::string action = joined(words);
+  std::optional<double> at, duration, by;
+  if (!take_time(words, "at", at, error) || !take_time(words, "for", duration, error) ||
+      !take_time(words, "by", by, error))
+    return std::nullopt;
+  const std::string action = joined(words) + (by ? " by TIME" : "");
   const auto form = std::ranges::find_if(kForms, [&](const FaultForm& row) { return fits(row, action); });
   if (form == std::end(kForms)) {
     error = "no such fault: \"" + action + '"';
@@ -106,11 +110,10 @@ std::optional<Fault> parse_fault(std::string_view text, std::string& error) {
     error = '"' + action + "\" needs \"at TIME\" and \"for TIME\"";
     return std::nullopt;
   }
-  return Fault{.kind = form->kind,
-               .node_text = form->kind == FaultKind::kNode ? action : "",
-               .at = at.value_or(0),
-               .duration = duration,
-               .text = std::string(text)};
+  Fault fault{
+      .kind = form->kind, .by = by, .at = at.value_or(0), .duration = duration, .text = std::string(text)};
+  if (auto* node = std::get_if<NodeFault>(&fault.kind)) node->text = action;
+  return fault;
 }
 
 std::vector<std::string> fault_shapes() {

@@ -1,41 +1,30 @@
-// Faults as a person writes them: "at 3.2s unplug for 0.5s", "server dead", "fail QBUF 2".
+// Faults as a person writes them: "at 3.2s unplug for 0.5s", "server slow by 1s", "fail QBUF 2".
 #pragma once
 
 #include <optional>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 namespace sim {
 
-enum class FaultKind {
-  kNode,  ///< a fault of the gadget driver: Fault::node_text for NodeHost::script
-  kUnplug,
-  kServerDead,
-  kServerFull,
-  kServerSlow,
-  kServerGarbled,
-  kServerMute,
-  kServerMisdirects,
-  kServerAnswersTwice,
-  kServerGone,
-  kServerLate,
-  kEncoderSilent,
-  kEncoderDead,
-  kEncoderWrongSize,
-  kEncoderPosts,
-  kEncoderGone,
-  kLogQueueFull,
-  kCollectorGone,
-  kHostRests,
+enum class ServerFault;   // sim/parties/server_fault.h
+enum class EncoderFault;  // sim/media/encoder_fault.h
+enum class CollectorFault { kQueueFull, kGone };
+enum class HostFault { kNoCable, kRests };
+/// A fault of the gadget driver.
+struct NodeFault {
+  std::string text;  ///< for NodeHost::script()
 };
+using FaultKind = std::variant<NodeFault, HostFault, ServerFault, EncoderFault, CollectorFault>;
 
 struct Fault {
   FaultKind kind;
-  std::string node_text;
-  double at = 0;                   ///< seconds after the service's start; 0: before it starts
-  std::optional<double> duration;  ///< seconds; without: to the end
-  std::string text;                ///< as it was written
+  std::optional<double> by = {};        ///< seconds; how slow or how late
+  double at = 0;                        ///< seconds after the service's start; 0: before it starts
+  std::optional<double> duration = {};  ///< seconds; without: to the end
+  std::string text = {};                ///< as it was written
 };
 
 /// Nothing, with a one-line message in `error`, when the text is not understood.

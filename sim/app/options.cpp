@@ -8,13 +8,11 @@
 #include <iterator>
 
 #include "sim/app/text.h"
+#include "sim/host/usb_host.h"
 
 namespace sim {
 
 namespace {
-
-/// What is wrong with an option's argument; empty: nothing.
-using Complaint = std::string;
 
 Complaint set_format(Options& options, std::string_view text) {
   options.format = parse_format(text);
@@ -42,8 +40,8 @@ Complaint set_duration(Options& options, std::string_view text) {
 }
 
 Complaint set_source(Options& options, std::string_view text) {
-  options.media.source = text;
-  return access(options.media.source.c_str(), R_OK) == 0 ? "" : "cannot be read";
+  options.source = text;
+  return access(options.source.c_str(), R_OK) == 0 ? "" : "cannot be read";
 }
 
 Complaint add_fault(Options& options, std::string_view text) {
@@ -70,7 +68,7 @@ Complaint set_log_level(Options& options, std::string_view text) {
 
 Complaint set_extra_stride(Options& options, std::string_view text) {
   const auto bytes = parse_number<u32>(text, 0, 4096);
-  options.media.extra_stride = bytes.value_or(0);
+  options.extra_stride = bytes.value_or(0);
   return bytes ? "" : "not a number of bytes from 0 to 4096";
 }
 
@@ -87,7 +85,7 @@ constexpr OptionRow kRows[] = {
     {"duration", "S", "seconds for each stream (4)", set_duration},
     {"source", "FILE", "a video or picture for the scene instead of the test card", set_source},
     {"yuv422", nullptr, "VPSS pictures in 4:2:2 instead of 4:2:0",
-     [](Options& options, std::string_view) { return options.media.yuv422 = true, Complaint(); }},
+     [](Options& options, std::string_view) { return options.yuv422 = true, Complaint(); }},
     {"extra-stride", "N", "bytes by which their rows are longer than the picture", set_extra_stride},
     {"paced", nullptr, "frames take as long as on a high-speed bus",
      [](Options& options, std::string_view) { return options.paced = true, Complaint(); }},
@@ -176,8 +174,8 @@ std::optional<StreamFormat> parse_format(std::string_view text) {
 
 std::optional<FrameSize> parse_size(std::string_view text) {
   const auto cross = std::min(text.find('x'), text.size());
-  const auto width = parse_number<u32>(text.substr(0, cross), 1, 8192);
-  const auto height = parse_number<u32>(text.substr(std::min(cross + 1, text.size())), 1, 8192);
+  const auto width = parse_number<u16>(text.substr(0, cross), 1, 8192);
+  const auto height = parse_number<u16>(text.substr(std::min(cross + 1, text.size())), 1, 8192);
   if (!width || !height) return std::nullopt;
   return FrameSize{*width, *height};
 }

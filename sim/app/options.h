@@ -6,18 +6,21 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/uvc_formats.h"
 #include "sim/app/fault_script.h"
-#include "sim/host/usb_host.h"
-#include "sim/media/media.h"
 
 namespace sim {
+
+enum class StreamFormat;  // sim/host/frame_check.h
 
 struct Options {
   std::optional<StreamFormat> format;
   std::optional<FrameSize> size;
-  u32 rate = 30;        ///< frames per second
-  double duration = 4;  ///< seconds a stream
-  MediaOptions media;
+  u32 rate = 30;         ///< frames per second
+  double duration = 4;   ///< seconds a stream
+  std::string source;    ///< a video or picture file for the scene; empty: the test card
+  bool yuv422 = false;   ///< VPSS pictures in 4:2:2
+  u32 extra_stride = 0;  ///< bytes by which their rows are longer than the picture
   std::vector<Fault> faults;
   std::string print_level;      ///< of the service; empty: its own
   std::optional<u8> log_level;  ///< the collector prints up to this level

@@ -2,6 +2,10 @@
 
 #include <utility>
 
+#include "sim/app/fault_script.h"
+#include "sim/media/encoder_fault.h"
+#include "sim/parties/server_fault.h"
+
 namespace sim {
 
 static MediaOptions with_view(MediaOptions options, const CameraHead& head) {
@@ -16,34 +20,31 @@ Parties::Parties(MediaOptions media_options, const CollectorOptions& collector_o
   server.on_encoder_settings([this](const EncoderSettingsMessage& message) { media.apply(message); });
 }
 
-static constexpr std::pair<FaultKind, ServerFault> kServerFaults[] = {
-    {FaultKind::kServerDead, ServerFault::kDead},
-    {FaultKind::kServerFull, ServerFault::kFull},
-    {FaultKind::kServerSlow, ServerFault::kSlow},
-    {FaultKind::kServerGarbled, ServerFault::kGarbled},
-    {FaultKind::kServerMute, ServerFault::kMute},
-    {FaultKind::kServerMisdirects, ServerFault::kMisdirected},
-    {FaultKind::kServerAnswersTwice, ServerFault::kAnswersTwice},
-    {FaultKind::kServerGone, ServerFault::kGone},
-    {FaultKind::kServerLate, ServerFault::kLate},
-};
-static constexpr std::pair<FaultKind, EncoderFault> kEncoderFaults[] = {
-    {FaultKind::kEncoderSilent, EncoderFault::kSilent},
-    {FaultKind::kEncoderDead, EncoderFault::kDead},
-    {FaultKind::kEncoderWrongSize, EncoderFault::kWrongSize},
-    {FaultKind::kEncoderPosts, EncoderFault::kPosts},
-    {FaultKind::kEncoderGone, EncoderFault::kGone},
-};
+namespace {
 
-bool set_fault(Parties& parties, FaultKind kind, bool on) {
-  for (const auto& [row, fault] : kServerFaults)
-    if (row == kind) return parties.server.set_fault(on ? fault : ServerFault::kNone), true;
-  for (const auto& [row, fault] : kEncoderFaults)
-    if (row == kind) return parties.media.set_fault(on ? fault : EncoderFault::kNone), true;
-  if (kind == FaultKind::kCollectorGone) return parties.collector.set_gone(on), true;
-  if (kind != FaultKind::kLogQueueFull) return false;
-  parties.collector.pause(on);
-  if (on) parties.collector.fill_queue();
+std::chrono::milliseconds in_milliseconds(double seconds) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
+}
+
+void set_fault(Collector& collector, CollectorFault fault, bool on) {
+  if (fault == CollectorFault::kGone) return collector.set_gone(on);
+  collector.pause(on);
+  if (on) collector.fill_queue();
+}
+
+}  // namespace
+
+bool set_fault(Parties& parties, const Fault& fault, bool on) {
+  if (const auto* server = std::get_if<ServerFault>(&fault.kind)) {
+    parties.server.set_fault(on ? *server : ServerFault::kNone,
+                             fault.by ? std::optional(in_milliseconds(*fault.by)) : std::nullopt);
+  } else if (const auto* encoder = std::get_if<EncoderFault>(&fault.kind)) {
+    parties.media.set_fault(on ? *encoder : EncoderFault::kNone, in_milliseconds(fault.by.value_or(0)));
+  } else if (const auto* collector = std::get_if<CollectorFault>(&fault.kind)) {
+    set_fault(parties.collector, *collector, on);
+  } else {
+    return false;
+  }
   return true;
 }
 

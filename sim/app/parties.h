@@ -2,13 +2,14 @@
 // move, but neither the gadget node nor a host.
 #pragma once
 
-#include "sim/app/fault_script.h"
 #include "sim/media/media.h"
 #include "sim/parties/camera_head.h"
 #include "sim/parties/collector.h"
 #include "sim/parties/server.h"
 
 namespace sim {
+
+struct Fault;
 
 struct Parties {
   Parties(MediaOptions media_options, const CollectorOptions& collector_options);
@@ -20,6 +21,6 @@ struct Parties {
 };
 
 /// Sets the fault, or ends it. False: it is none of these parties', but the node's or the cable's.
-bool set_fault(Parties& parties, FaultKind kind, bool on);
+bool set_fault(Parties& parties, const Fault& fault, bool on);
 
 }  // namespace sim

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <limits>
 
+#include "sim/app/fault_script.h"
 #include "sim/app/text.h"
 
 namespace sim {
@@ -47,10 +48,10 @@ Complaint unplug(Prompt& prompt, Words) {
 
 /// Ends every fault but a pulled cable.
 Complaint clear_faults(Prompt& prompt) {
-  for (const FaultKind kind :
-       {FaultKind::kNode, FaultKind::kServerDead, FaultKind::kEncoderSilent, FaultKind::kLogQueueFull}) {
-    set_fault(prompt.session.camera(), {.kind = kind, .node_text = {}, .duration = {}, .text = {}}, false);
-  }
+  const FaultKind kinds[] = {NodeFault{},           ServerFault{},
+                             EncoderFault{},        CollectorFault::kQueueFull,
+                             CollectorFault::kGone, HostFault::kRests};
+  for (const FaultKind& kind : kinds) set_fault(prompt.session.camera(), {.kind = kind}, false);
   return "";
 }
 

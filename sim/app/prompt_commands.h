@@ -9,6 +9,7 @@
 
 #include "sim/app/line_reader.h"
 #include "sim/app/session.h"
+#include "sim/app/text.h"
 
 namespace sim {
 
@@ -29,8 +30,6 @@ struct Prompt {
 
 /// What follows a command's name.
 using Words = std::span<const std::string>;
-/// What went wrong; empty: nothing.
-using Complaint = std::string;
 
 struct Command {
   const char* name;

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "sim/app/options.h"
 #include "sim/app/prompt_commands.h"
 #include "sim/app/report.h"
 #include "sim/app/text.h"

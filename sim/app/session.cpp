@@ -6,6 +6,8 @@
 #include <fstream>
 #include <vector>
 
+#include "sim/app/fault_script.h"
+#include "sim/app/options.h"
 #include "sim/host/usb_pcap.h"
 
 namespace sim {

@@ -15,6 +15,9 @@
 
 namespace sim {
 
+struct Fault;
+struct Options;
+
 /// Ctrl-C, SIGTERM and SIGHUP only put their number here from now on; whoever waits looks at it.
 extern volatile sig_atomic_t interrupted;
 void catch_signals();

@@ -6,6 +6,8 @@
 
 #include "sim/app/storm_life.h"
 #include "sim/host/host_controls.h"
+#include "sim/media/encoder_fault.h"
+#include "sim/parties/server_fault.h"
 
 namespace sim {
 

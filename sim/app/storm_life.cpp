@@ -9,6 +9,7 @@
 #include <future>
 
 #include "ipc/msg_records.h"
+#include "sim/app/fault_script.h"
 #include "sim/seam/files.h"
 
 namespace sim {

@@ -8,6 +8,7 @@
 
 #include "sim/app/belongings.h"
 #include "sim/app/camera.h"
+#include "sim/app/options.h"
 #include "sim/app/service_process.h"
 #include "sim/app/storm_controls.h"
 #include "sim/app/timeline.h"

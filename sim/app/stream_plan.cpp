@@ -4,6 +4,7 @@
 #include <iterator>
 #include <vector>
 
+#include "sim/app/options.h"
 #include "sim/app/report.h"
 
 namespace sim {

@@ -10,6 +10,9 @@
 
 namespace sim {
 
+/// What is wrong with what was written; empty: nothing.
+using Complaint = std::string;
+
 std::string lower(std::string_view text);
 /// What spaces separate.
 std::vector<std::string> words_of(std::string_view text);

@@ -6,12 +6,12 @@
 #include <span>
 #include <string_view>
 
+#include "platform/uvc_units.h"
 #include "sim/host/conversation.h"
 
 namespace sim {
 
 constexpr u8 kVideoControlInterface = 0, kVideoStreamingInterface = 1;
-constexpr u8 kCameraTerminal = 1, kProcessingUnit = 2, kExtensionUnit = 3;  ///< entity numbers
 
 /// How a value lies in its control's bytes.
 enum class HostValue : u8 {

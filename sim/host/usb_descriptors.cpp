@@ -50,10 +50,6 @@ constexpr u8 kOutputTerminal = 4;
 constexpr u8 kStreamEndpoint = USB_DIR_IN | 1;
 constexpr u32 kThreeTransactions = 2 << 11;  ///< wMaxPacketSize: a microframe's additional ones
 
-// bmControls. Camera terminal: auto exposure mode, exposure time absolute, focus absolute, zoom absolute and
-// relative, pan-tilt absolute and relative, roll absolute. Processing unit: all of UVC 1.0 but hue auto.
-// Extension unit: selectors 1 to 28.
-constexpr u32 kCameraControls = 0x3E2A, kProcessingControls = 0x77FF, kExtensionControls = 0x0FFF'FFFF;
 constexpr Field kExtensionGuid[] = {dw(0x94201E5A), dw(0x334C6D0B), dw(0xD142778E), dw(0x3AC8096F)};
 
 constexpr u32 kIntervals[] = {166666, 333333, 400000, 666666};  ///< of 100 ns
@@ -102,15 +98,19 @@ Bytes frame_descriptor(const Layout& layout, u32 index, FrameSize size) {
 Bytes units() {
   Bytes bytes = descriptor(USB_DT_CS_INTERFACE,  // camera terminal: no lens data, 3 bytes of controls
                            {b(UVC_VC_INPUT_TERMINAL), b(kCameraTerminal), w(UVC_ITT_CAMERA), b(0), b(0), w(0),
-                            w(0), w(0), b(3), w(kCameraControls), b(0)});
-  append(bytes,
-         descriptor(USB_DT_CS_INTERFACE, {b(UVC_VC_PROCESSING_UNIT), b(kProcessingUnit), b(kCameraTerminal),
-                                          w(0), b(2), w(kProcessingControls), b(0)}));
+                            w(0), w(0), b(3), w(kCameraTerminalBits), b(0)});
+  append(bytes, descriptor(USB_DT_CS_INTERFACE, {b(UVC_VC_PROCESSING_UNIT),
+                                                 b(kProcessingUnit),
+                                                 b(kCameraTerminal),
+                                                 w(0),
+                                                 b(kProcessingUnitBitsSize),
+                                                 {kProcessingUnitBits, kProcessingUnitBitsSize},
+                                                 b(0)}));
   const Fields extension = {b(UVC_VC_EXTENSION_UNIT), b(kExtensionUnit)};
   append(bytes, descriptor(USB_DT_CS_INTERFACE,
                            extension + Fields(std::begin(kExtensionGuid), std::end(kExtensionGuid)) +
-                               Fields{b(static_cast<u32>(std::popcount(kExtensionControls))), b(1),
-                                      b(kProcessingUnit), b(4), dw(kExtensionControls), b(0)}));
+                               Fields{b(static_cast<u32>(std::popcount(u32{kExtensionUnitBits}))), b(1),
+                                      b(kProcessingUnit), b(4), dw(kExtensionUnitBits), b(0)}));
   append(bytes, descriptor(USB_DT_CS_INTERFACE, {b(UVC_VC_OUTPUT_TERMINAL), b(kOutputTerminal),
                                                  w(UVC_TT_STREAMING), b(0), b(kExtensionUnit), b(0)}));
   return bytes;

@@ -1,6 +1,6 @@
 // The descriptors of the simulated camera, as a host reads them at enumeration: one configuration with a
-// video-control interface (camera terminal 1, processing unit 2, extension unit 3, output terminal 4) and a
-// video-streaming interface with the formats and frame sizes of host_formats(). Layouts: USB 2.0, UVC 1.0.
+// video-control interface (the units of platform/uvc_units.h and output terminal 4) and a video-streaming
+// interface with the formats and frame sizes of host_formats(). Layouts: USB 2.0, UVC 1.0.
 #pragma once
 
 #include <vector>

@@ -22,14 +22,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr FrameSize kMjpegSizes[] = {{1920, 1080}, {1280, 720}, {720, 576}, {640, 480}, {320, 240},
-                                     {1024, 576},  {960, 540},  {640, 360}, {352, 288}};
-constexpr FrameSize kYuy2Sizes[] = {{320, 240}, {640, 480}};
-constexpr FrameSize kH265Sizes[] = {{1920, 1080}, {1280, 720}, {720, 576},
-                                    {640, 480},   {320, 240},  {1600, 1200}};
 constexpr HostFormat kFormats[] = {
     {StreamFormat::kMjpeg, "MJPEG", kMjpegSizes},
-    {StreamFormat::kH264, "H264", kMjpegSizes},
+    {StreamFormat::kH264, "H264", kH264Sizes},
     {StreamFormat::kYuy2, "YUY2", kYuy2Sizes},
     {StreamFormat::kH265, "H265", kH265Sizes},
 };

@@ -9,16 +9,12 @@
 #include <span>
 #include <string>
 
+#include "platform/uvc_formats.h"
 #include "sim/host/conversation.h"
 #include "sim/host/frame_check.h"
 #include "sim/host/picture_compare.h"
 
 namespace sim {
-
-struct FrameSize {
-  u32 width, height;
-  bool operator==(const FrameSize&) const = default;
-};
 
 /// A format as the descriptors tell it: sizes in the order of bFrameIndex, from 1 on.
 struct HostFormat {

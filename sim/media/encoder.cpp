@@ -44,9 +44,9 @@ int jpeg_scale(i32 word) {
   return std::clamp(percent * 8 / 100, 2, 31);
 }
 
-RateControl ordered(int bit_rate, int best, int worst) { return {bit_rate, best, std::max(best, worst)}; }
+RateLimits ordered(int bit_rate, int best, int worst) { return {bit_rate, best, std::max(best, worst)}; }
 
-RateControl jpeg_rate_control(i32 mode, const i32* words) {
+RateLimits jpeg_rate_limits(i32 mode, const i32* words) {
   if (mode == 2) return {0, jpeg_scale(words[0]), jpeg_scale(words[0])};
   if (mode == 1) return ordered(bits(words[0]), jpeg_scale(words[1]), jpeg_scale(words[2]));
   return {bits(words[0]), 2, 31};
@@ -58,13 +58,13 @@ const i32* video_words(const EncoderSettings& settings) {
 }
 
 /// Mode 2 has a scale for each frame type; the one for predicted frames serves for all.
-RateControl video_rate_control(i32 mode, const i32* words) {
+RateLimits video_rate_limits(i32 mode, const i32* words) {
   if (mode == 2) return {0, video_scale(words[2]), video_scale(words[2])};
   if (mode == 1) return ordered(bits(words[1]), video_scale(words[2]), video_scale(words[3]));
   return {bits(words[1]), 10, 51};
 }
 
-void set_rate(AVCodecContext& codec, const RateControl& rate) {
+void set_rate(AVCodecContext& codec, const RateLimits& rate) {
   codec.qmin = rate.best_scale;
   codec.qmax = rate.worst_scale;
   codec.bit_rate = codec.rc_max_rate = rate.bit_rate;
@@ -74,9 +74,9 @@ void set_rate(AVCodecContext& codec, const RateControl& rate) {
 
 }  // namespace
 
-RateControl rate_control(const EncoderSettings& settings) {
-  if (settings.codec == kCodecMjpeg) return jpeg_rate_control(settings.rc_mode, settings.rc_param);
-  return video_rate_control(settings.rc_mode, video_words(settings));
+RateLimits rate_limits(const EncoderSettings& settings) {
+  if (settings.codec == kCodecMjpeg) return jpeg_rate_limits(settings.rc_mode, settings.rc_param);
+  return video_rate_limits(settings.rc_mode, video_words(settings));
 }
 
 int key_frame_interval(const EncoderSettings& settings) {
@@ -113,7 +113,7 @@ bool Encoder::follow(const Setup& setup) {
 
 /// Step by step towards the size that the bit rate allows, within the quality limits.
 void Encoder::steer_jpeg_scale(int frame_size) {
-  const RateControl& rate = setup_.rate;
+  const RateLimits& rate = setup_.rate;
   if (rate.bit_rate == 0) return;
   const int target = rate.bit_rate / 8 / setup_.frame_rate;
   if (frame_size > target) ++jpeg_scale_;
@@ -123,7 +123,7 @@ void Encoder::steer_jpeg_scale(int frame_size) {
 
 std::optional<EncodedFrame> Encoder::encode(const EncoderSettings& settings, AVFrame& picture,
                                             bool key_frame) {
-  if (!follow({settings.width, settings.height, settings.frame_rate, settings.codec, rate_control(settings)}))
+  if (!follow({settings.width, settings.height, settings.frame_rate, settings.codec, rate_limits(settings)}))
     return std::nullopt;
   const int wanted = key_frame_interval(settings);
   interval_ = std::min(interval_, wanted);

@@ -12,12 +12,12 @@ namespace sim {
 
 /// What a record's rate-control words ask for, clamped to what an encoder can do. The two scales limit the
 /// quantiser (2..31 for JPEG, 1..51 for video).
-struct RateControl {
+struct RateLimits {
   int bit_rate;  ///< bits per second; 0: the scales are equal and decide alone
   int best_scale, worst_scale;
-  bool operator==(const RateControl&) const = default;
+  bool operator==(const RateLimits&) const = default;
 };
-RateControl rate_control(const EncoderSettings& settings);
+RateLimits rate_limits(const EncoderSettings& settings);
 /// Pictures from one key frame to the next; 1 for JPEG.
 int key_frame_interval(const EncoderSettings& settings);
 
@@ -36,7 +36,7 @@ class Encoder {
  private:
   struct Setup {
     int width, height, frame_rate, codec;
-    RateControl rate;
+    RateLimits rate;
     bool operator==(const Setup&) const = default;
   };
   bool follow(const Setup& setup);

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "sim/media/encoder.h"
+#include "sim/media/encoder_fault.h"
 #include "sim/media/frame_counter.h"
 #include "sim/media/lent_encoder.h"
 #include "sim/media/made_frames.h"
@@ -70,6 +71,7 @@ struct Media::Impl {
   std::condition_variable changed;
   EncoderSettingsMessage wanted{};
   EncoderFault fault = EncoderFault::kNone;
+  std::chrono::milliseconds slowness{0};
   bool new_stream = false;
   bool quit = false;
   unsigned long former_drops = 0;  ///< of rings that are gone
@@ -203,7 +205,8 @@ void Media::Impl::encode(const EncoderSettings& settings, EncFrameSlot& slot) {
   if (!frame) return ring->abandon(slot);
   note_payload(last_counter, frame->data);
   ++encoded;
-  const std::lock_guard lock(mutex);
+  std::unique_lock lock(mutex);
+  changed.wait_for(lock, slowness, [this] { return quit || new_stream || fault != EncoderFault::kSlow; });
   if (new_stream) return ring->abandon(slot);
   key_frame = !ring->publish(slot, *frame, settings.width, settings.height);
   if (key_frame) ++dropped;
@@ -225,8 +228,9 @@ void Media::apply(const EncoderSettingsMessage& message) {
   impl_->changed.notify_one();
 }
 
-void Media::set_fault(EncoderFault fault) {
+void Media::set_fault(EncoderFault fault, std::chrono::milliseconds time) {
   std::unique_lock lock(impl_->mutex);
+  impl_->slowness = time;
   const EncoderFault former = std::exchange(impl_->fault, fault);
   lock.unlock();
   if (former == EncoderFault::kGone && fault != EncoderFault::kGone) impl_->come();

@@ -3,6 +3,7 @@
 // encoded frame ring.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -21,15 +22,7 @@ struct MediaOptions {
   std::string lent_encoder = {};  ///< memory of an encoder that another machine lends; empty: encodes itself
 };
 
-/// Faults of the media process, changeable while it runs.
-enum class EncoderFault {
-  kNone,
-  kSilent,     ///< makes no pictures and no frames
-  kDead,       ///< the same, and died while it wrote a slot of the ring
-  kWrongSize,  ///< half the width and height that were asked for
-  kPosts,      ///< makes none, but posts a thousand times a second as if it had
-  kGone,       ///< its process has ended; ring and semaphores are removed, and made anew when the fault ends
-};
+enum class EncoderFault;
 
 /// One at a time per process; counters go on from one to the next. Idle until command 10 asks for a stream.
 class Media {
@@ -40,7 +33,8 @@ class Media {
   /// What command 10 brought; takes effect at the next picture. A stop, another size or another codec takes
   /// unread frames back; the same settings again change nothing. Safe from any thread.
   void apply(const EncoderSettingsMessage& message);
-  void set_fault(EncoderFault fault);
+  /// `time` is how much longer a slow encoder takes for a frame. Safe while the process runs.
+  void set_fault(EncoderFault fault, std::chrono::milliseconds time = {});
 
   /// Physical address and size of the AV memory pool that the server hands out.
   static u32 pool_address();

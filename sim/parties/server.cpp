@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "sim/parties/channel.h"
+#include "sim/parties/server_fault.h"
 #include "sim/parties/visca_device.h"
 #include "sim/seam/run.h"
 #include "visca/visca_frame.h"
@@ -25,7 +26,7 @@ namespace {
 constexpr i32 kFirstProcess = 2;  ///< a reply to message type 1 would come back to the server itself
 constexpr i32 kLastProcess = 24;  ///< nobody uses it
 constexpr std::chrono::milliseconds kSlowDelay{300};
-constexpr std::chrono::seconds kLateness{6};  ///< longer than any host waits for a class request
+constexpr std::chrono::milliseconds kLateness{6000};  ///< longer than any host waits for a class request
 
 bool is_client(i32 process_id) { return process_id >= kFirstProcess && process_id <= kLastProcess; }
 
@@ -138,26 +139,29 @@ std::string quoted(const VeltoMsgBuf& record, i32 offset, i32 most) {
   return " \"" + text + '"';
 }
 
+/// A line such as "velto 12 O 2": R is a request, O a one-way command; then its words and its text.
+std::string describe(const VeltoCommandRow& row, const VeltoMsgBuf& record) {
+  std::string line = "velto" + as_decimal({row.number}) + (row.request ? " R" : " O");
+  for (const u8 offset : row.in) line += as_decimal({get_word(record, offset)});
+  return row.text_room ? line + quoted(record, velto_text_offset(row), row.text_room) : line;
+}
+
 }  // namespace
 
 struct Server::Impl {
   explicit Impl(const ServerOptions& wanted) : options(wanted) {}
 
-  /// One command of the control channel: what is recorded of it, and how it is carried out and answered.
-  struct VeltoRow {
-    i32 cmd;
-    char kind;       ///< R: answered, O: one-way
-    i32 offset = 0;  ///< of its words in the record, or of its text
-    i32 words = 0;
-    i32 status = 0;  ///< of the answer
+  /// How a command of the control channel is carried out and answered; the others are answered with 0.
+  struct Action {
+    i32 command;
+    i32 status = 0;
     void (Impl::*act)(VeltoMsgBuf&) = nullptr;
-    i32 text = 0;  ///< most bytes of text behind the words
-    std::string describe(const VeltoMsgBuf& record) const;
   };
-  static const VeltoRow kVeltoRows[];
+  static const Action kActions[];
 
   void file_message(std::span<const u8> payload);
   void velto_message(std::span<const u8> payload);
+  void carry_out(VeltoMsgBuf& record);
   void sys_message(std::span<const u8> payload);
   i32 exchange(const SysMsgBuf& record);
   std::vector<u8> obey(std::span<const u8> frame);
@@ -185,6 +189,7 @@ struct Server::Impl {
   CameraHead& head = options.head ? *options.head : own_head;
   std::atomic<unsigned long> refused = 0;
   std::atomic<ServerFault> fault = ServerFault::kNone;
+  std::atomic<std::chrono::milliseconds> lateness = kLateness;
   SysMsgBuf last_answer{};  ///< this and `random`: only the system-message channel's thread uses them
   std::mt19937 random;
 
@@ -197,50 +202,19 @@ struct Server::Impl {
 };
 
 // The pool holds no frames: whoever asks for one learns that there is none.
-const Server::Impl::VeltoRow Server::Impl::kVeltoRows[] = {
-    {.cmd = kVeltoGetMemory, .kind = 'R', .act = &Impl::get_memory},
-    {.cmd = 2, .kind = 'O'},
-    {.cmd = 3, .kind = 'R', .offset = 44, .words = 1, .status = -1},
-    {.cmd = 4, .kind = 'R', .offset = 28, .words = 5, .status = -97},
-    {.cmd = 5, .kind = 'R', .offset = 28, .words = 5, .status = -98},
-    {.cmd = 6, .kind = 'O', .offset = 28, .words = 5},
-    {.cmd = 7, .kind = 'R', .offset = 44, .words = 1},  // an empty block
-    {.cmd = 8, .kind = 'R', .offset = 44, .words = 1, .status = -1},
-    {.cmd = 9, .kind = 'R', .offset = 44, .words = 1, .status = -1},
-    {.cmd = kVeltoEncoderSettings,
-     .kind = 'O',
-     .offset = 24,
-     .words = 13,
-     .act = &Impl::store_encoder_settings},
-    {.cmd = 11, .kind = 'O', .offset = 24, .words = 7},
-    {.cmd = 12, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 13, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 15, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 16, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 17, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 18, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 19, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 20, .kind = 'R', .offset = 24, .words = 1},
-    {.cmd = 21, .kind = 'R', .offset = 24, .text = 128},
-    {.cmd = 22, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 23, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 24, .kind = 'O', .offset = 24, .words = 1, .text = 60},
-    {.cmd = 25, .kind = 'O', .offset = 24, .words = 1, .text = 60},
-    {.cmd = 26, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = 27, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = kVeltoPtzMode, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = kVeltoPtzNotify, .kind = 'O', .offset = 24, .words = 1},
-    {.cmd = kVeltoPtzGetPosition, .kind = 'R', .act = &Impl::get_position},
-    {.cmd = kVeltoPtzMotion, .kind = 'O', .offset = 24, .words = 1, .act = &Impl::start_motion},
-    {.cmd = kVeltoPtzSetPosition, .kind = 'O', .offset = 24, .words = 3, .act = &Impl::set_position},
-    {.cmd = kVeltoPtzGetAbsolute, .kind = 'R', .act = &Impl::get_absolute},
+const Server::Impl::Action Server::Impl::kActions[] = {
+    {.command = kVeltoGetMemory, .act = &Impl::get_memory},
+    {.command = 3, .status = -1},
+    {.command = 4, .status = -97},
+    {.command = 5, .status = -98},
+    {.command = 8, .status = -1},
+    {.command = 9, .status = -1},
+    {.command = kVeltoEncoderSettings, .act = &Impl::store_encoder_settings},
+    {.command = kVeltoPtzGetPosition, .act = &Impl::get_position},
+    {.command = kVeltoPtzMotion, .act = &Impl::start_motion},
+    {.command = kVeltoPtzSetPosition, .act = &Impl::set_position},
+    {.command = kVeltoPtzGetAbsolute, .act = &Impl::get_absolute},
 };
-
-std::string Server::Impl::VeltoRow::describe(const VeltoMsgBuf& record) const {
-  std::string line = "velto" + as_decimal({cmd}) + ' ' + kind;
-  for (i32 i = 0; i < words; ++i) line += as_decimal({get_word(record, offset + 4 * i)});
-  return text ? line + quoted(record, offset + 4 * words, text) : line;
-}
 
 void Server::Impl::note(const std::string& line) {
   std::lock_guard guard(lock);
@@ -272,21 +246,27 @@ void Server::Impl::file_message(std::span<const u8> payload) {
 void Server::Impl::velto_message(std::span<const u8> payload) {
   auto record = as_record<VeltoMsgBuf, kVeltoMsgPayload>(payload);
   if (!record) return refuse("velto length " + std::to_string(payload.size()));
-  const auto row = std::ranges::find(kVeltoRows, record->cmd, &VeltoRow::cmd);
-  const bool known = row != std::end(kVeltoRows);
-  const std::string line = known ? row->describe(*record) : "velto" + as_decimal({record->cmd});
+  const VeltoCommandRow* row = find_velto_command(record->cmd);
+  const std::string line = row ? describe(*row, *record) : "velto" + as_decimal({record->cmd});
   const bool waited_for = is_client(record->src);
-  if (!known || (row->kind == 'R' && !waited_for)) {
+  if (!row || (row->request && !waited_for)) {
     refuse(line);
     record->ret = -1;
   } else {
     note(line);
-    record->ret = row->status;
-    if (row->act) (this->*row->act)(*record);
+    carry_out(*record);
   }
-  if (!waited_for || (known && row->kind == 'O')) return;
+  if (!waited_for || (row && !row->request)) return;
   record->dest = record->src;
   velto_channel.send(&*record, kVeltoMsgPayload);
+}
+
+void Server::Impl::carry_out(VeltoMsgBuf& record) {
+  const auto action = std::ranges::find(kActions, record.cmd, &Action::command);
+  record.ret = 0;
+  if (action == std::end(kActions)) return;
+  record.ret = action->status;
+  if (action->act) (this->*action->act)(record);
 }
 
 void Server::Impl::get_memory(VeltoMsgBuf& record) {
@@ -341,7 +321,7 @@ void Server::Impl::send_answer(SysMsgBuf record) {
   if (now == ServerFault::kMute) return;
   if (now == ServerFault::kMisdirected) record.dest = kLastProcess;
   if (now == ServerFault::kGarbled) garble(record);
-  if (now == ServerFault::kLate && !sys_channel.pause(kLateness)) return;
+  if (now == ServerFault::kLate && !sys_channel.pause(lateness)) return;
   if (now == ServerFault::kAnswersTwice && last_answer.dest) sys_channel.send(&last_answer, kSysMsgPayload);
   sys_channel.send(&record, kSysMsgPayload);
   last_answer = record;
@@ -399,12 +379,14 @@ void Server::Impl::come() {
   for (Channel* channel : channels) channel->come();
 }
 
-void Server::set_fault(ServerFault fault) {
+void Server::set_fault(ServerFault fault, std::optional<std::chrono::milliseconds> time) {
+  impl_->lateness = time.value_or(kLateness);
   const ServerFault former = impl_->fault.exchange(fault);
   if (former == ServerFault::kGone && fault != ServerFault::kGone) impl_->come();
   if (fault == ServerFault::kGone && former != ServerFault::kGone) impl_->leave();
   for (Channel* channel : impl_->channels) {
-    channel->set_delay(fault == ServerFault::kSlow ? kSlowDelay : std::chrono::milliseconds(0));
+    channel->set_delay(fault == ServerFault::kSlow ? time.value_or(kSlowDelay)
+                                                   : std::chrono::milliseconds(0));
     channel->hold(fault == ServerFault::kDead || fault == ServerFault::kFull);
     if (fault == ServerFault::kFull) channel->fill();
   }

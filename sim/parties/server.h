@@ -1,8 +1,10 @@
 // The system server of the simulated camera: parameter segment and the three message channels.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,19 +24,7 @@ struct ServerOptions {
   CameraHead* head = nullptr;  ///< what VISCA frames and pan-tilt commands move; null: one of its own
 };
 
-enum class ServerFault {
-  kNone,
-  kDead,  ///< takes nothing off its queues
-  kFull,  ///< the same, and its queues are full
-  kSlow,  ///< 300 ms a message
-  kGone,  ///< its process has ended; queues and segments are removed, and made anew when the fault ends
-  // What it answers to system messages, which it carries out all the same:
-  kGarbled,       ///< a length of -5..5000 and random bytes
-  kMute,          ///< nothing
-  kLate,          ///< the right answer, after 6 s, one after the other
-  kMisdirected,   ///< another process gets the answer
-  kAnswersTwice,  ///< the answer to the message before comes first
-};
+enum class ServerFault;
 
 /// Runs a thread per channel from construction to destruction.
 class Server {
@@ -44,7 +34,8 @@ class Server {
 
   /// Called for every command 10, on the control channel's thread. Set before the service starts.
   void on_encoder_settings(std::function<void(const EncoderSettingsMessage&)> handler);
-  void set_fault(ServerFault fault);
+  /// `time` is how slow or how late the server is; without it 300 ms and 6 s.
+  void set_fault(ServerFault fault, std::optional<std::chrono::milliseconds> time = {});
 
   EncoderSettingsMessage encoder_settings() const;  ///< the last that came
   u32 request_flag(int word) const;  ///< of the request-flag area; word 0 is the USB disconnect word

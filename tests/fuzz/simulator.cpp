@@ -22,9 +22,12 @@ void fault(Input input) {
   if (!parsed) return;
   check(parsed->at >= 0 && parsed->at <= 1e6, "a fault has a time");
   check(!parsed->duration || (*parsed->duration >= 0 && *parsed->duration <= 1e6), "it lasts a time");
-  check((parsed->kind == sim::FaultKind::kNode) == !parsed->node_text.empty(),
-        "the node gets its own faults");
-  if (parsed->kind == sim::FaultKind::kUnplug) check(parsed->duration.has_value(), "a cable is put in again");
+  check(!parsed->by || (*parsed->by >= 0 && *parsed->by <= 1e6), "it slows down by a time");
+  const auto* node = std::get_if<sim::NodeFault>(&parsed->kind);
+  check(!node || !node->text.empty(), "the node gets its own faults");
+  const auto* host = std::get_if<sim::HostFault>(&parsed->kind);
+  if (host && *host == sim::HostFault::kNoCable)
+    check(parsed->duration.has_value(), "a cable is put in again");
 }
 
 void node_script(Input input) {

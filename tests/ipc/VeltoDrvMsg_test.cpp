@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "common/stream_state.h"
@@ -145,8 +146,14 @@ TEST_F(VeltoChannel, TheSimulatedServerKnowsEveryCommand) {
   const sim::Server server({});
   for (const WordSender& sender : kWordSenders) sender.send(2);
   for (const Row& row : kRows) row.call();  // the last is a request
-  EXPECT_EQ(server.received().size(), std::size(kRows) + std::size(kWordSenders));
+  const auto received = server.received();
+  EXPECT_EQ(received.size(), std::size(kRows) + std::size(kWordSenders));
   EXPECT_EQ(server.refused(), 0u);
+  for (const VeltoCommandRow& row : kVeltoCommands) {
+    const std::string begin = "velto " + std::to_string(row.number) + (row.request ? " R" : " O");
+    EXPECT_TRUE(std::ranges::any_of(received, [&](const auto& line) { return line.starts_with(begin); }))
+        << "no row of this test sends command " << row.number;
+  }
 }
 
 TEST_F(VeltoChannel, TextsFitTheRecord) {

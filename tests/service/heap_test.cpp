@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "sim/app/camera.h"
+#include "sim/app/options.h"
 #include "sim/app/service_process.h"
 
 using namespace std::chrono_literals;

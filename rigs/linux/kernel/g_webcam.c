@@ -13,43 +13,36 @@
 
 #include "u_uvc.h"
 #include "uvc_configfs.h"
+#include "uvc_formats.h"
+#include "uvc_units.h"
 
 USB_GADGET_COMPOSITE_OPTIONS();
 
 #define STREAMING_MAXPACKET 3072	/* bytes per microframe */
-#define CT_CONTROLS 0x3e2a		/* selectors 2 4 6 11..15 */
-#define PU_CONTROLS 0x77ff		/* all of UVC 1.0 but hue auto */
-#define XU_CONTROLS 0x0fffffff		/* selectors 1 to 28 */
 
 #define XU_GUID 0x5a, 0x1e, 0x20, 0x94, 0x0b, 0x6d, 0x4c, 0x33, \
 		0x8e, 0x77, 0x42, 0xd1, 0x6f, 0x09, 0xc8, 0x3a
 
-enum { CT = 1, PU = 2, XU = 3, OT = 4 };
+#define OUTPUT_TERMINAL 4
 
-/* frame tables in bFrameIndex order; formats in bFormatIndex order */
-struct size { u16 w, h; };
-static const struct size enc_sizes[] = {
-	{ 1920, 1080 }, { 1280, 720 }, { 720, 576 }, { 640, 480 }, { 320, 240 },
-	{ 1024, 576 }, { 960, 540 }, { 640, 360 }, { 352, 288 } };
-/* the last of these is for the driver only, so that S_FMT grants it */
-static const struct size yuy2_sizes[] = {
-	{ 320, 240 }, { 640, 480 }, { 1280, 720 } };
-static const struct size h265_sizes[] = {
-	{ 1920, 1080 }, { 1280, 720 }, { 720, 576 }, { 640, 480 }, { 320, 240 },
-	{ 1600, 1200 } };
+/* of the driver's list only, so that S_FMT grants it for YUY2 */
+static const struct FrameSize driver_size = { 1280, 720 };
 static const u32 intervals[] = { 166666, 333333, 400000, 666666 };
 
+#define SIZES(table) table, ARRAY_SIZE(table)
+
+/* in the order of bFormatIndex */
 static const struct format {
 	u8 type;			/* of the format descriptor */
 	u8 fourcc[4];
-	const struct size *sizes;
+	const struct FrameSize *sizes;
 	u8 n;
 	u8 first_interval;
 } formats[] = {
-	{ UVC_VS_FORMAT_MJPEG,		"MJPG", enc_sizes, 9, 0 },
-	{ UVC_VS_FORMAT_FRAME_BASED,	"H264", enc_sizes, 9, 0 },
-	{ UVC_VS_FORMAT_UNCOMPRESSED,	"YUY2", yuy2_sizes, 2, 1 },
-	{ UVC_VS_FORMAT_FRAME_BASED,	"H265", h265_sizes, 6, 0 },
+	{ UVC_VS_FORMAT_MJPEG,		"MJPG", SIZES(kMjpegSizes), 0 },
+	{ UVC_VS_FORMAT_FRAME_BASED,	"H264", SIZES(kH264Sizes), 0 },
+	{ UVC_VS_FORMAT_UNCOMPRESSED,	"YUY2", SIZES(kYuy2Sizes), 1 },
+	{ UVC_VS_FORMAT_FRAME_BASED,	"H265", SIZES(kH265Sizes), 0 },
 };
 
 /* ---- class descriptors, written as bytes ------------------------------- */
@@ -84,42 +77,43 @@ static void build_control(void)
 	put_unaligned_le32(48000000, d + 7);
 
 	d = put(vc, 18, UVC_VC_INPUT_TERMINAL);
-	d[3] = CT;
+	d[3] = kCameraTerminal;
 	put_unaligned_le16(0x0201, d + 4);
 	d[14] = 3;
-	put_unaligned_le24(CT_CONTROLS, d + 15);
+	put_unaligned_le24(kCameraTerminalBits, d + 15);
 
-	d = put(vc, 11, UVC_VC_PROCESSING_UNIT);	/* UVC 1.0 form */
-	d[3] = PU;
-	d[4] = CT;
-	d[7] = 2;
-	put_unaligned_le16(PU_CONTROLS, d + 8);
+	/* UVC 1.0 form; what the bits leave of their 3 bytes is iProcessing, 0 */
+	d = put(vc, 9 + kProcessingUnitBitsSize, UVC_VC_PROCESSING_UNIT);
+	d[3] = kProcessingUnit;
+	d[4] = kCameraTerminal;
+	d[7] = kProcessingUnitBitsSize;
+	put_unaligned_le24(kProcessingUnitBits, d + 8);
 
 	d = put(vc, 29, UVC_VC_EXTENSION_UNIT);
-	d[3] = XU;
+	d[3] = kExtensionUnit;
 	memcpy(d + 4, guid, 16);
-	d[20] = hweight32(XU_CONTROLS);
+	d[20] = hweight32(kExtensionUnitBits);
 	d[21] = 1;
-	d[22] = PU;
+	d[22] = kProcessingUnit;
 	d[23] = 4;
-	put_unaligned_le32(XU_CONTROLS, d + 24);
+	put_unaligned_le32(kExtensionUnitBits, d + 24);
 
 	d = put(vc, 9, UVC_VC_OUTPUT_TERMINAL);
-	d[3] = OT;
+	d[3] = OUTPUT_TERMINAL;
 	put_unaligned_le16(0x0101, d + 4);
-	d[7] = XU;
+	d[7] = kExtensionUnit;
 }
 
-static void build_frame(const struct format *f, u8 index, struct size s)
+static void build_frame(const struct format *f, u8 index, struct FrameSize s)
 {
 	unsigned int k, n = ARRAY_SIZE(intervals) - f->first_interval;
-	u32 rate = s.w * s.h * 16u * 5, bytes = s.w * s.h * 2;
+	u32 rate = s.width * s.height * 16u * 5, bytes = s.width * s.height * 2;
 	u8 *d = put(vs, 26 + 4 * n, f->type + 1);	/* frame type follows format */
 	u8 *v = d + 26;
 
 	d[3] = index;
-	put_unaligned_le16(s.w, d + 5);
-	put_unaligned_le16(s.h, d + 7);
+	put_unaligned_le16(s.width, d + 5);
+	put_unaligned_le16(s.height, d + 7);
 	put_unaligned_le32(rate, d + 9);
 	put_unaligned_le32(rate * 6, d + 13);
 	if (f->type == UVC_VS_FORMAT_FRAME_BASED) {
@@ -143,7 +137,7 @@ static void build_streaming(void)
 
 	d = put(vs, 13 + nf, UVC_VS_INPUT_HEADER);
 	d[3] = nf;
-	d[8] = OT;
+	d[8] = OUTPUT_TERMINAL;
 	d[12] = 1;
 
 	for (i = 0; i < nf; i++) {
@@ -176,40 +170,42 @@ static void build_streaming(void)
 static struct uvcg_uncompressed drv_yuy2;
 static struct uvcg_mjpeg drv_mjpeg;
 static struct uvcg_format_ptr ptr_yuy2, ptr_mjpeg;
-static struct uvcg_frame frames[12];
-static struct uvcg_frame_ptr frame_ptrs[12];
+static struct uvcg_frame frames[ARRAY_SIZE(kYuy2Sizes) + 1 + ARRAY_SIZE(kMjpegSizes)];
+static struct uvcg_frame_ptr frame_ptrs[ARRAY_SIZE(frames)];
 static struct uvcg_streaming_header drv_header;
 
-static unsigned int add_frames(unsigned int at, struct uvcg_format *f,
-			       enum uvcg_format_type type, const struct size *s, u8 n)
+static void init_format(struct uvcg_format *f, enum uvcg_format_type type)
 {
-	unsigned int k;
-
 	f->type = type;
 	INIT_LIST_HEAD(&f->frames);
-	for (k = 0; k < n; k++, at++) {
-		frames[at].fmt_type = type;
-		frames[at].frame.b_frame_index = k + 1;
-		frames[at].frame.w_width = s[k].w;
-		frames[at].frame.w_height = s[k].h;
-		frames[at].frame.dw_max_video_frame_buffer_size = s[k].w * s[k].h * 2;
+}
+
+static void add_frames(struct uvcg_format *f, const struct FrameSize *s, u8 n)
+{
+	static unsigned int at;
+
+	for (; n; n--, s++, at++) {
+		frames[at].fmt_type = f->type;
+		frames[at].frame.b_frame_index = ++f->num_frames;
+		frames[at].frame.w_width = s->width;
+		frames[at].frame.w_height = s->height;
+		frames[at].frame.dw_max_video_frame_buffer_size = s->width * s->height * 2;
 		frames[at].frame.b_frame_interval_type = ARRAY_SIZE(intervals);
 		frames[at].dw_frame_interval = (u32 *)intervals;
 		frame_ptrs[at].frm = &frames[at];
 		list_add_tail(&frame_ptrs[at].entry, &f->frames);
 	}
-	f->num_frames = n;
-	return at;
 }
 
 static void build_driver_lists(void)
 {
 	static const u8 yuy2[16] = UVC_GUID_FORMAT_YUY2;
-	unsigned int at;
 
-	at = add_frames(0, &drv_yuy2.fmt, UVCG_UNCOMPRESSED, yuy2_sizes,
-			ARRAY_SIZE(yuy2_sizes));
-	add_frames(at, &drv_mjpeg.fmt, UVCG_MJPEG, enc_sizes, 9);
+	init_format(&drv_yuy2.fmt, UVCG_UNCOMPRESSED);
+	add_frames(&drv_yuy2.fmt, SIZES(kYuy2Sizes));
+	add_frames(&drv_yuy2.fmt, &driver_size, 1);
+	init_format(&drv_mjpeg.fmt, UVCG_MJPEG);
+	add_frames(&drv_mjpeg.fmt, SIZES(kMjpegSizes));
 	memcpy(drv_yuy2.desc.guidFormat, yuy2, 16);
 	drv_yuy2.desc.bBitsPerPixel = 16;
 	ptr_yuy2.fmt = &drv_yuy2.fmt;

@@ -73,7 +73,7 @@ unsigned long missed(const std::vector<Frame>& frames) {
   return frames.back().sequence - frames.front().sequence + 1 - frames.size();
 }
 
-int check(StreamFormat format, sim::FrameSize size, const std::vector<Frame>& frames, unsigned long least,
+int check(StreamFormat format, FrameSize size, const std::vector<Frame>& frames, unsigned long least,
           const std::string& raw_path) {
   if (frames.empty()) return std::puts("nothing was captured"), 1;
   sim::FrameChecker checker(format, size.width, size.height, frames.front().arrived);
@@ -116,9 +116,9 @@ int print_formats() {
 
 int main(int argc, char** argv) {
   if (argc == 2 && std::strcmp(argv[1], "formats") == 0) return print_formats();
-  sim::FrameSize size{};
+  FrameSize size{};
   const Format* row = std::ranges::find(kFormats, argc == 8 ? argv[1] : "", &Format::fourcc);
-  if (row == std::end(kFormats) || std::sscanf(argv[2], "%ux%u", &size.width, &size.height) != 2) {
+  if (row == std::end(kFormats) || std::sscanf(argv[2], "%hux%hu", &size.width, &size.height) != 2) {
     std::fputs(
         "Usage: capture_check formats\n"
         "       capture_check FOURCC WIDTHxHEIGHT FRAMES CAPTURE V4L2_CTL_LOG MADE_LOG RAW\n\n"

@@ -13,7 +13,7 @@ TEST_F(HostControlsOfTheServiceTest, HaveTheLengthsThatTheServiceTells) {
       return setup(request, control.selector, control.entity, sim::kVideoControlInterface, length);
     };
     const bool component =  // the service tells 2 of these: hosts know better
-        control.entity == sim::kProcessingUnit && (control.selector == 12 || control.selector == 13);
+        control.entity == kProcessingUnit && (control.selector == 12 || control.selector == 13);
     EXPECT_THAT(get(UVC_GET_LEN, 2), testing::ElementsAre(component ? 2 : control.length, 0)) << control.name;
     EXPECT_THAT(get(UVC_GET_INFO, 1), testing::ElementsAre(3)) << control.name;
   }
