@@ -8,19 +8,12 @@
 
 namespace sim {
 
-static MediaOptions with_view(MediaOptions options, const CameraHead& head) {
+namespace {
+
+MediaOptions with_view(MediaOptions options, const CameraHead& head) {
   options.view = [&head] { return head.view(); };
   return options;
 }
-
-Parties::Parties(MediaOptions media_options, const CollectorOptions& collector_options)
-    : media(with_view(std::move(media_options), head)),
-      server({.pool_address = Media::pool_address(), .pool_size = Media::pool_size(), .head = &head}),
-      collector(collector_options) {
-  server.on_encoder_settings([this](const EncoderSettingsMessage& message) { media.apply(message); });
-}
-
-namespace {
 
 std::chrono::milliseconds in_milliseconds(double seconds) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
@@ -33,6 +26,13 @@ void set_fault(Collector& collector, CollectorFault fault, bool on) {
 }
 
 }  // namespace
+
+Parties::Parties(MediaOptions media_options, const CollectorOptions& collector_options)
+    : media(with_view(std::move(media_options), head)),
+      server({.pool_address = Media::pool_address(), .pool_size = Media::pool_size(), .head = &head}),
+      collector(collector_options) {
+  server.on_encoder_settings([this](const EncoderSettingsMessage& message) { media.apply(message); });
+}
 
 bool set_fault(Parties& parties, const Fault& fault, bool on) {
   if (const auto* server = std::get_if<ServerFault>(&fault.kind)) {
