@@ -53,8 +53,8 @@ i32 fail_init(const char* message) {
   return -1;
 }
 
-// Says whether the slot may be filled. A caller that comes with less than its own share of time could only spoil
-// a body that the server has yet to read.
+// Says whether the slot may be filled. A caller that comes with less than its own share of time could only
+// spoil a body that the server has yet to read.
 bool await_slot() {
   MsgChannel& channel = driver.channel;
   const Clock::time_point own = WaitLimit::end();

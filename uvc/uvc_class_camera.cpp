@@ -395,7 +395,10 @@ void uvc_rpantilt_process(u8 pan_direction, u8, u8 tilt_direction, u8) {
   visca_send(visca_pan_tilt_drive(drive.pan, drive.tilt));
 }
 
-constexpr Unit uvc_camera_terminal = {
-    kVideoControlInterface, kCameraTerminal, kCameraTerminalRows, {.len = reply_word(2), .info = reply_bytes({0})}};
+constexpr Unit uvc_camera_terminal = {kVideoControlInterface,
+                                      kCameraTerminal,
+                                      kCameraTerminalRows,
+                                      {.len = reply_word(2), .info = reply_bytes({0})}};
 
-constexpr Unit uvc_processing_unit = {kVideoControlInterface, kProcessingUnit, kProcessingUnitRows, {.len = reply_word(2)}};
+constexpr Unit uvc_processing_unit = {
+    kVideoControlInterface, kProcessingUnit, kProcessingUnitRows, {.len = reply_word(2)}};

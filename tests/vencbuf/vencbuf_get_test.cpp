@@ -246,7 +246,8 @@ TEST_F(RingTest, EndsOnceNoFrameIsWanted) {
       wanted = 0;
     });
     const auto start = Clock::now();
-    EXPECT_THAT(printed_by([] { EXPECT_EQ(vencbuf_get(goes_on), nullptr); }), HasSubstr("get buffer timeout!\n"));
+    EXPECT_THAT(printed_by([] { EXPECT_EQ(vencbuf_get(goes_on), nullptr); }),
+                HasSubstr("get buffer timeout!\n"));
     EXPECT_LT(Clock::now() - start, 1s);
   }
 }
