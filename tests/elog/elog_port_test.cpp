@@ -115,13 +115,13 @@ TEST_F(Elog, QueueTakesLinesUpToHalfItsCapacity) {
   EXPECT_THAT(texts(), ElementsAre(testing::SizeIs(195), "still taken\n"));
 }
 
-/// A queue can be full although it holds no bytes: empty messages count as well.
+// A queue can be full although it holds no bytes: empty messages count as well.
 TEST_F(Elog, FullQueueNeverHoldsTheCaller) {
   start_bare();
   constexpr int kCapacity = 600;
   set_capacity(kCapacity);
   const long empty = 2;
-  for (int i = 0; i < kCapacity; i++) ASSERT_EQ(msgsnd(queue, &empty, 0, IPC_NOWAIT), 0);
+  for (int i = 0; i < kCapacity; ++i) ASSERT_EQ(msgsnd(queue, &empty, 0, IPC_NOWAIT), 0);
   alarm(5);
   log_text("lost");
   ASSERT_EQ(msgrcv(queue, std::vector<long>(1).data(), 0, 0, IPC_NOWAIT), 0);
@@ -130,7 +130,7 @@ TEST_F(Elog, FullQueueNeverHoldsTheCaller) {
   EXPECT_EQ(msgrcv(queue, &record, sizeof(record.payload), 1, IPC_NOWAIT), 5 + 5);
 }
 
-/// A thread that takes the lock and gives it back; the caller sees whether that was possible.
+// A thread that takes the lock and gives it back; the caller sees whether that was possible.
 std::future<void> visit_lock() {
   return std::async(std::launch::async, [] {
     elog_port_output_lock();
@@ -178,15 +178,15 @@ TEST_F(Elog, ThreadsLogWhileFiltersChange) {
   log_module_init(ELOG_LVL_VERBOSE);
   std::atomic<bool> running = true;
   std::vector<std::thread> threads;
-  for (int i = 0; i < 3; i++) {
+  for (int i = 0; i < 3; ++i) {
     threads.emplace_back([i] {
-      for (int n = 0; n < 2000; n++) {
+      for (int n = 0; n < 2000; ++n) {
         log_text(static_cast<u8>(i), "NO_TAG", std::string(40, static_cast<char>('a' + i)).c_str());
       }
     });
   }
   std::thread changer([&] {
-    for (u32 n = 0; running; n++) {
+    for (u32 n = 0; running; ++n) {
       elog_set_filter(static_cast<u8>(n % 6), n % 2 ? "TAG" : "NO_T", n % 3 ? "" : "]");
       elog_set_filter_tag_lvl("NO_TAG", static_cast<u8>(n % 6));
       elog_set_fmt(ELOG_LVL_WARN, n % 256);
@@ -199,7 +199,7 @@ TEST_F(Elog, ThreadsLogWhileFiltersChange) {
     for (; running; std::this_thread::sleep_for(20us)) {
       for (const std::string& text : texts()) {
         EXPECT_THAT(text, MatchesRegex(".*(a{40}|b{40}|c{40})\n"));
-        whole++;
+        ++whole;
       }
     }
   });
@@ -210,7 +210,7 @@ TEST_F(Elog, ThreadsLogWhileFiltersChange) {
   EXPECT_GT(whole + texts().size(), 0u);
 }
 
-/// Without a hook: the text goes out, the thread stays, and others can still log.
+// Without a hook: the text goes out, the thread stays, and others can still log.
 TEST_F(Elog, BrokenPreconditionsWithoutHook) {
   const std::string name = run.path("/tmp/log");
   const ElogFileCfg file = {name.c_str(), 100, 1, true};
