@@ -15,40 +15,44 @@ namespace sim {
 struct MediaOptions {
   std::string source = {};  ///< a video or picture file that libavformat reads; empty: the test card
   bool yuv422 = false;      ///< VPSS pictures as semi-planar 4:2:2 instead of 4:2:0
-  u32 extra_stride = 0;     ///< bytes by which both strides exceed the width (odd values welcome)
-  /// Asked before every picture, from the media thread; null: straight ahead.
+  u32 extra_stride = 0;     ///< bytes by which both strides exceed the width; may be odd
+  /// Called before every picture, on the media thread. If null, the camera looks straight ahead.
   std::function<CameraView()> view = {};
-  std::string lent_encoder = {};  ///< memory of an encoder that another machine lends; empty: encodes itself
+  /// Memory of an encoder that another machine lends; if empty, this one encodes.
+  std::string lent_encoder = {};
 };
 
-/// Faults of the media process, changeable while it runs.
+/// Faults of the media process, which can be set while it runs.
 enum class EncoderFault {
   kNone,
   kSilent,     ///< makes no pictures and no frames
-  kDead,       ///< the same, and died while it wrote a slot of the ring
-  kWrongSize,  ///< half the width and height that were asked for
-  kPosts,      ///< makes none, but posts a thousand times a second as if it had
-  kGone,       ///< its process has ended; ring and semaphores are removed, and made anew when the fault ends
+  kDead,       ///< the same, and it died while it wrote a slot of the ring
+  kWrongSize,  ///< half the requested width and height
+  kPosts,      ///< makes no frames, but posts a thousand times a second as if it had
+  /// Its process has ended; ring and semaphores are removed, and created again when the fault ends.
+  kGone,
 };
 
-/// One at a time per process; counters go on from one to the next. Idle until command 10 asks for a stream.
+/// A process can have one at a time; the counters continue from one to the next. Idle until command 10
+/// requests a stream.
 class Media {
  public:
   explicit Media(const MediaOptions& options = {});
   ~Media();
 
-  /// What command 10 brought; takes effect at the next picture. A stop, another size or another codec takes
-  /// unread frames back; the same settings again change nothing. Safe from any thread.
+  /// Applies what command 10 brought, from the next picture on. A stop, another size or another codec takes
+  /// back unread frames; the same settings again change nothing. Any thread may call it.
   void apply(const EncoderSettingsMessage& message);
   void set_fault(EncoderFault fault);
 
-  /// Physical address and size of the AV memory pool that the server hands out.
+  /// The physical address and the size in bytes of the AV memory pool that the server hands out.
   static u32 pool_address();
   static u32 pool_size();
 
   struct Counts {
     unsigned long pictures, encoded;
-    unsigned long dropped;  ///< frames that the reader did not take in time, or too large for a slot
+    /// Frames that the reader did not take in time, or that were too large for a slot.
+    unsigned long dropped;
   };
   Counts counts() const;
 

@@ -1,4 +1,4 @@
-// The judging of the steps that drive the camera: what a camera that does not obey gets to hear.
+// The judging of the steps that drive the camera: the verdicts on a camera that does not obey.
 #include "sim/host/control_steps.h"
 
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ TEST(ControlSteps, AreJudgedByFramesAndBothQuantities) {
   for (const auto& c : cases) EXPECT_EQ(verdict(pan, c.outcome), c.verdict) << measured_text(pan, c.outcome);
 }
 
-/// A camera that takes every frame and shows a still picture, or noise, passes for none but the pauses.
+// A camera that takes every frame and shows a still picture, or noise, passes for none but the pauses.
 TEST(ControlSteps, NoneIsRightForACameraThatDoesNotObey) {
   MeasuredPicture still{.width = 320, .height = 164, .luma = {}, .mean_luma = 100, .luma_deviation = 50},
       noise;

@@ -7,12 +7,13 @@
 namespace {
 
 using HostControlsOfTheServiceTest = UvcTest;
-TEST_F(HostControlsOfTheServiceTest, HaveTheLengthsThatTheServiceTells) {
+TEST_F(HostControlsOfTheServiceTest, HaveTheLengthsThatTheServiceReports) {
   for (const sim::HostControl& control : sim::host_controls()) {
     const auto get = [&](u8 request, u16 length) {
       return setup(request, control.selector, control.entity, sim::kVideoControlInterface, length);
     };
-    const bool component =  // the service tells 2 of these: hosts know better
+    // The service reports 2 of these bytes; hosts know the right number.
+    const bool component =
         control.entity == sim::kProcessingUnit && (control.selector == 12 || control.selector == 13);
     EXPECT_THAT(get(UVC_GET_LEN, 2), testing::ElementsAre(component ? 2 : control.length, 0)) << control.name;
     EXPECT_THAT(get(UVC_GET_INFO, 1), testing::ElementsAre(3)) << control.name;

@@ -19,10 +19,10 @@
 
 namespace {
 
-/// 0 or errno.
+// 0 or errno.
 int outcome(int result) { return result < 0 ? errno : 0; }
 
-/// A small program in the service's place: an open node and three mapped buffers. Calls give 0 or errno.
+// A small program in the service's place: an open node and three mapped buffers. Calls give 0 or errno.
 struct Gadget {
   int fd = -1;
   std::vector<u8*> buffers;
@@ -37,7 +37,7 @@ struct Gadget {
     format.fmt.pix.field = V4L2_FIELD_INTERLACED;
     return call(VIDIOC_S_FMT, &format);
   }
-  /// VIDIOC_REQBUFS; the result as it is: some drivers give the count.
+  // VIDIOC_REQBUFS; the result as it is: some drivers give the count.
   int request(u32 count) const {
     v4l2_requestbuffers request{};
     request.count = count;
@@ -103,7 +103,7 @@ struct Gadget {
   }
 };
 
-/// Answers events on a thread of its own until the end of the scope.
+// Answers events on a thread of its own until the end of the scope.
 class Answering {
  public:
   Answering(const Gadget& gadget, std::function<void(const v4l2_event&)> answer)
@@ -197,12 +197,12 @@ TEST_F(Node, ClassRequestsReachTheServiceAndBack) {
   std::atomic<int> late{0}, data_events{0};
   const Answering service(gadget, [&](const v4l2_event& event) {
     if (event.type == UVC_EVENT_SETUP) {
-      std::memcpy(&last, event.u.data, sizeof last);
+      std::memcpy(&last, event.u.data, sizeof(last));
       if (last.wValue == 0xDEAD) std::this_thread::sleep_for(60ms);
       const int error = gadget.respond(length, 10);
       if (last.wValue == 0xDEAD) late = error;
     } else if (event.type == UVC_EVENT_DATA) {
-      std::memcpy(&data, event.u.data, sizeof data);
+      std::memcpy(&data, event.u.data, sizeof(data));
       ++data_events;
     }
   });
