@@ -36,7 +36,7 @@ class ElogCatTest : public testing::Test {
     std::memcpy(record.payload.text, text.data(), text.size());
     ASSERT_EQ(msgsnd(queue, &record, kElogHeaderSize + text.size(), IPC_NOWAIT), 0);
   }
-  // What it prints, both streams, into a pipe; its exit status after it.
+  // Returns what it prints on both streams, followed by its exit status.
   static std::string run_viewer(const std::string& options) {
     std::FILE* pipe = popen((viewer() + ' ' + options + " 2>&1").c_str(), "r");
     std::string text = read_all(fileno(pipe));

@@ -43,7 +43,7 @@ TEST_F(Elog, TimeIsTheClocks) {
     before = now();
     shown = elog_port_get_time();
     after = now();
-  } while (before.substr(0, 19) != after.substr(0, 19) || before > after);  // a second ended meanwhile
+  } while (before.substr(0, 19) != after.substr(0, 19) || before > after);  // a second ended in between
   EXPECT_LE(before, shown);
   EXPECT_LE(shown, after);
 }

@@ -213,7 +213,7 @@ TEST(ElogUtils, Copies) {
   }
 }
 
-Texts broken;  // what the hook was told
+Texts broken;  // what the hook received
 
 void note_broken(const char* expression, const char* function, long line) {
   broken.push_back(std::string(expression) + " " + function + " " + std::to_string(line));

@@ -92,8 +92,8 @@ TEST_F(VeltoInterface, OperationsOfGetAVData) {
   const std::string serial5 = "4:05000000 8:03000000 28:1C000000 44:02000000";
   const std::string any9 = "4:09000000 8:03000000 44:02000000", block7 = "4:07000000 8:03000000 44:02000000";
   const std::string frame4 = "4:04000000 8:03000000 28:1C000000 44:02000000";
-  // The reply's words at 24 and 32 are the row's, the others hold their own offset. No request: nothing is
-  // sent.
+  // The reply's words at 24 and 32 are the row's, the others hold their own offset. No request means that
+  // nothing is sent.
   const struct {
     const char* name;
     i32 type, operation, serial, status, offset, size;

@@ -1,5 +1,5 @@
-// What becomes of a message for each kind of standard error, and of the service's own messages when nobody
-// reads.
+// What happens to a message for each kind of standard error, and to the service's own messages if
+// nobody reads them.
 #include "platform/output.h"
 
 #include <fcntl.h>
@@ -18,7 +18,7 @@
 
 namespace {
 
-// Standard error led elsewhere for as long as it lives; `end` is where its reader reads.
+// Redirects standard error for its lifetime; `end` is where its reader reads.
 class OutputTest : public testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
@@ -42,7 +42,7 @@ class OutputTest : public testing::TestWithParam<const char*> {
     dup2(ends[1], STDERR_FILENO);
     close(ends[1]);
     getrlimit(RLIMIT_NOFILE, &limit);
-    if (kind == "pipe without descriptors") limit.rlim_cur = STDERR_FILENO + 1;  // to open it anew
+    if (kind == "pipe without descriptors") limit.rlim_cur = STDERR_FILENO + 1;  // to open it again
   }
   void TearDown() override { dup2(saved, STDERR_FILENO); }
 
