@@ -91,8 +91,8 @@ i32 get_by_serial(VeltoFrame& frame, AvData& result) {
 i32 get_by_type(VeltoFrame& frame, AvData& result) {
   const i32 status = VeltoGetFrame9(frame);
   if (unserved_type(frame.stream_type))
-    return kAvBadArgument;  // Deliberate: refused only after the
-                            // server was asked
+    // Deliberate: refused only after the server was asked.
+    return kAvBadArgument;
   if (status == -1) return kAvFailed;
   if (status == -2) return kAvServerFailed;
   return fill(result, frame);

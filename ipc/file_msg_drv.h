@@ -52,8 +52,8 @@ i32 SetSysHalf268(u16 value);
 i32 SetSysHalf272(u16 value);
 i32 SetSysHalf266(u16 value);
 i32 SetSysListenPort(u16 port);  ///< rewrites the "listen" lines of /etc/srs.conf first
-i32 SetSysWebPort(u16 port);     ///< rewrites the "server.port =" lines of the web
-                                 ///< server's configuration first
+/// Rewrites the "server.port =" lines of the web server's configuration first.
+i32 SetSysWebPort(u16 port);
 i32 SetSysHalf274(u16 value);
 i32 SetSysHalf276(u16 value);
 i32 SetSysByte279(u8 value);
