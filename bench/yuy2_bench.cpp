@@ -87,13 +87,13 @@ template <typename Vector>
     dst += 2 * sizeof(Vector);
   }
 }
-typedef u8 Vector16 __attribute__((vector_size(16)));
+using Vector16 [[gnu::vector_size(16)]] = u8;
 bool load_and_store_16(const u8* luma, const u8* chroma, u8* dst, std::size_t pairs) {
   load_and_store<Vector16>(luma, chroma, dst, pairs);
   return false;
 }
 #if defined(__x86_64__)
-typedef u8 Vector32 __attribute__((vector_size(32)));
+using Vector32 [[gnu::vector_size(32)]] = u8;
 [[gnu::target("avx2")]] bool load_and_store_32(const u8* luma, const u8* chroma, u8* dst, std::size_t pairs) {
   load_and_store<Vector32>(luma, chroma, dst, pairs);
   return false;

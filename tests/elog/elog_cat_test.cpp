@@ -59,7 +59,7 @@ TEST_F(ElogCatTest, PrintsWhatTheFiltersAdmitAndTakesAllOffTheQueue) {
       {"-e --count -t lens", "assert   0\nerror    1\nwarn     0\ninfo     0\ndebug    1\nverbose  0\n= 0"},
   };
   for (const auto& c : kCases) {
-    for (u8 level = 0; level < std::size(kLines); ++level) send(level, kLines[level]);
+    for (u8 level = 0; const auto& line : kLines) send(level++, line);
     EXPECT_EQ(run_viewer(c.options), c.printed) << c.options;
     EXPECT_EQ(run_viewer("-e"), "= 0") << c.options;
   }

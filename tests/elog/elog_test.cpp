@@ -223,7 +223,7 @@ TEST_F(Elog, BrokenPreconditionsReachTheHook) {
   start_bare();
   elog_assert_set_hook(note_broken);
   const std::string level = "level <= ELOG_LVL_VERBOSE ";
-  for (const auto& [call, told] : std::vector<std::pair<std::function<void()>, Texts>>{
+  for (const auto& [call, heard] : std::vector<std::pair<std::function<void()>, Texts>>{
            {[] { elog_set_filter(6, "", ""); },
             {level + "elog_set_filter 335", level + "elog_set_filter_lvl 348"}},
            {[] { log_text(200, "x", "dropped"); }, {level + "elog_output 590"}},
@@ -235,7 +235,7 @@ TEST_F(Elog, BrokenPreconditionsReachTheHook) {
             {"init_ok elog_file_write 109", "log elog_file_write 110"}}}) {
     broken.clear();
     call();
-    EXPECT_EQ(broken, told);
+    EXPECT_EQ(broken, heard);
   }
   broken.clear();  // the rest only has to come back
   elog_set_filter_tag_lvl(nullptr, 6);

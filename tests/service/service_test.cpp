@@ -208,7 +208,7 @@ TEST_F(CameraTest, AServerWithoutAnswersDelaysTheControlsButNotTheVideo) {
     EXPECT_LT(waited, 4500ms);
     EXPECT_GE(host.progress().report.frames, before + 108);
     server->set_fault(sim::ServerFault::kNone);
-    const std::array<u8, 2> setting = {value++, 0};
+    const std::array<u8, 2> setting = {++value, 0};
     EXPECT_FALSE(node.control({0x21, 0x01, brightness, processing_unit, 2}, setting).stalled);
     EXPECT_TRUE(wait_until(
         [&] { return server_received("sys 39 81 01 04 A4 00 00 00 0" + std::to_string(value) + " FF"); }));
@@ -253,9 +253,9 @@ TEST_F(CameraTest, CommandsThatDoNotReturnHoldUpNeitherTheEndNorTheHost) {
       const auto before = run.shell_log().size();
       start();
       ASSERT_TRUE(wait_until([&] { return run.shell_log().find(tool + 5, before) != std::string::npos; }));
-      const auto told = server->received().size();
+      const auto heard = server->received().size();
       expect_end(signal);
-      EXPECT_TRUE(wait_until([&] { return server->received().size() > told; }, 2s)) << "of the end";
+      EXPECT_TRUE(wait_until([&] { return server->received().size() > heard; }, 2s)) << "of the end";
       EXPECT_TRUE(run.shell_log().ends_with("dwc_otg.ko\n") == (tool[5] == 'i')) << "none after that one";
       run.write_file(tool, working);
     }
