@@ -1,5 +1,5 @@
-// A class request from its event to its response: the service's control thread against a thread with the same
-// waiting that answers at once; and what the control thread costs, idle and streaming.
+// Measures a class request from its event to its response: the service's control thread against a thread that
+// waits in the same way and answers at once. Also measures what the control thread costs, idle and streaming.
 #include <benchmark/benchmark.h>
 #include <pthread.h>
 #include <time.h>
@@ -32,7 +32,7 @@ void* empty_loop(void*) {
   uvc_event_subscribe(loop);
   for (u32 polls = 0;;) {
     if (uvc_stream_state.stream_on && polls < 2000) {
-      polls++;
+      ++polls;
     } else {
       polls = 0;
       CancelPoint cancel_point;
@@ -45,7 +45,7 @@ void* empty_loop(void*) {
   }
 }
 
-// The node open and one of the two threads behind it, for as long as it lives.
+// The open node and one of the two threads that serve it, for this object's lifetime.
 class ControlThread {
  public:
   ControlThread(void* (*body)(void*), i32 streaming) {

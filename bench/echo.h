@@ -1,5 +1,5 @@
-// A system server in a process of its own that sends every request back as it came, and the one core that it
-// shares with the benchmark, so that every message costs one switch to the other side.
+// A system server in a process of its own that returns every request unchanged. It shares one core with the
+// benchmark, so every message costs one switch to the other side.
 #pragma once
 
 #include <sched.h>
@@ -12,7 +12,7 @@
 
 #include "ipc/msg_records.h"
 
-/// Ends with the caller. Before any thread is started.
+/// Starts the process, which ends with the caller. Must be called before any thread is started.
 template <typename Record, std::size_t kPayload>
 void start_echo(int queue) {
   if (fork() != 0) return;
@@ -29,5 +29,5 @@ inline void stay_on_this_core() {
   cpu_set_t core;
   CPU_ZERO(&core);
   CPU_SET(sched_getcpu(), &core);
-  if (sched_setaffinity(0, sizeof core, &core) < 0) std::perror("sched_setaffinity");
+  if (sched_setaffinity(0, sizeof(core), &core) < 0) std::perror("sched_setaffinity");
 }

@@ -1,5 +1,5 @@
-// What one log line costs, beside the two system calls that it cannot do without. Every timed loop takes its
-// record off the queue again, so that the compared loops differ by the logger alone.
+// Measures what one log line costs, compared with the two system calls that it needs in any case. Every timed
+// loop takes its record off the queue again, so that the compared loops differ only by the logger.
 #include <benchmark/benchmark.h>
 #include <sys/msg.h>
 
@@ -54,7 +54,7 @@ void line_to_queue(benchmark::State& state, void (*log)()) {
   }
 }
 
-/// The same records as line_to_queue's, sent as they are; `print` adds the C library's formatting.
+// Sends the same records as line_to_queue, unchanged; `print` adds the C library's formatting.
 void system_calls(benchmark::State& state, void (*log)(), void (*print)()) {
   ElogRecord record;
   log();
@@ -102,7 +102,7 @@ int main(int argc, char** argv) {
   queue = msgget(sim::run_key(kElogQueueKey), IPC_CREAT | 0600);
   log_module_init(ELOG_LVL_INFO);
   for (const Row& row : kRows) register_row(row);
-  // Many short rounds: a round that another process interrupts does not move the median.
+  // There are many short rounds, so that one that another process interrupts does not move the median.
   Medians ns = run_benchmarks(argc, argv, {"--benchmark_repetitions=401"});
   for (const auto& [what, log, print] : kRows) {
     const double calls = ns["calls/" + what];

@@ -1,6 +1,6 @@
-// A transaction with the system server beside the bare calls that it cannot do without. The server is a
-// process of its own that echoes; both share one core, so that every message costs one switch to the other
-// side.
+// Measures a transaction with the system server, compared with the bare calls that it needs in any case.
+// The server is a process of its own that echoes; both share one core, so every message costs one switch to
+// the other side.
 #include <benchmark/benchmark.h>
 #include <pthread.h>
 #include <sys/ipc.h>
@@ -23,12 +23,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kBatch = 20;
-constexpr std::size_t kBody = 9;  // a camera-control frame
+constexpr std::size_t kBody = 9;  // the size of a camera-control frame
 
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 int velto_queue, sys_queue, sys_segment;
 
-// The calls of one transaction under the lock; `before` and `after` stand for the bodies' way.
+// Makes the calls of one transaction under the lock; `before` and `after` transfer the bodies.
 template <typename Record, std::size_t kPayload, typename Before, typename After>
 void bare_calls(int queue, Record record, Before before, After after) {
   const long id = record.src;
@@ -46,7 +46,7 @@ template <typename Transaction>
 void time_batches(benchmark::State& state, Transaction transaction) {
   for (auto _ : state) {
     const auto start = Clock::now();
-    for (int i = 0; i < kBatch; i++) transaction();
+    for (int i = 0; i < kBatch; ++i) transaction();
     state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
   }
 }

@@ -1,5 +1,5 @@
-// One encoded frame from the ring into a gadget buffer: what the service's logic costs beside the same calls
-// and the same copy without it.
+// Measures one encoded frame from the ring into a gadget buffer: what the service's logic costs, compared
+// with the same calls and the same copy without it.
 #include <benchmark/benchmark.h>
 #include <semaphore.h>
 #include <sys/shm.h>
@@ -66,7 +66,7 @@ BENCHMARK(plain_calls)->Arg(kSizes[0])->Arg(kSizes[1])->Arg(kSizes[2]);
 void attach() {
   vencbuf_get_init();
   slots = static_cast<EncFrameSlot*>(shmat(shmget(sim::run_key(VENC_RING_KEY), 0, 0), nullptr, 0));
-  for (std::size_t i = 0; i < kRingSlots; i++) {
+  for (std::size_t i = 0; i < kRingSlots; ++i) {
     slots[i].frame_type = kJpegFrameType;
     slots[i].width = 1920;
     slots[i].height = 1080;

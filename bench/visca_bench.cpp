@@ -1,5 +1,6 @@
-// A class request that becomes a VISCA frame, from its event to its end, beside the bare round trip of a
-// message to a server that answers at once; and the look-up of a control's row alone.
+// Measures a class request that becomes a VISCA frame, from its event to its end, compared with the
+// bare round trip of a message to a server that answers at once. Also measures the look-up of a
+// control's row alone.
 #include <benchmark/benchmark.h>
 #include <sys/msg.h>
 
@@ -27,7 +28,7 @@ using Clock = std::chrono::steady_clock;
 
 UvcEventLoop loop = {.device = &uvc_video_fd, .request = {}};
 
-/// Has the service serve one event. How long that took, in seconds.
+// Makes the service serve one event. Returns the time that took, in seconds.
 double serve(const v4l2_event& event) {
   sim::NodeHost().raise(event);
   const auto start = Clock::now();
@@ -39,7 +40,7 @@ double serve_setup(u8 request) {
   v4l2_event event = {};
   event.type = UVC_EVENT_SETUP;
   const u8 packet[8] = {0xA1, request, 0, PU_BRIGHTNESS_CONTROL, 0, kProcessingUnit, 2, 0};
-  std::memcpy(event.u.data, packet, sizeof packet);
+  std::memcpy(event.u.data, packet, sizeof(packet));
   const double seconds = serve(event);
   if (!sim::NodeHost().next_response(std::chrono::seconds(0)))
     std::fprintf(stderr, "visca_bench: no answer\n");
@@ -50,7 +51,7 @@ double serve_data() {
   v4l2_event event = {};
   event.type = UVC_EVENT_DATA;
   const UvcRequestData data = {.length = 2, .data = {9}};
-  std::memcpy(event.u.data, &data, sizeof data);
+  std::memcpy(event.u.data, &data, sizeof(data));
   return serve(event);
 }
 
@@ -76,7 +77,7 @@ void round_trip(benchmark::State& state) {
 void system_message(benchmark::State& state) {
   for (auto _ : state) {
     u8 frame[9] = {0x81};
-    i32 room = sizeof frame;
+    i32 room = sizeof(frame);
     const auto start = Clock::now();
     TransmitMsg2Sys(frame, 5, &room, 39);
     state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());

@@ -1,6 +1,6 @@
-// How fast a picture becomes packed YUY2, as ratios: to a loop that only loads and stores the same bytes (the
-// limit), to libyuv and to swscale. All write the same bytes, which is checked first. Every plane begins at a
-// page, as mapped ones do. Takes the flags of Google Benchmark.
+// Measures how fast a picture becomes packed YUY2, relative to a loop that only loads and stores the same
+// bytes (the limit), to libyuv and to swscale. All of them write the same bytes, which is checked first.
+// Every plane begins at a page, like a mapped one. Takes the flags of Google Benchmark.
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
 
@@ -36,8 +36,8 @@ class Plane {
   std::size_t size_;
 };
 
-/// One picture and its destination. Luma is 16..235 throughout: who looks at its range must look at all of
-/// it.
+// One picture and its destination. Luma is 16..235 throughout: code that checks its range has to check
+// all of it.
 struct Frame {
   Frame(u32 width, u32 height, bool chroma_422)
       : picture{nullptr, nullptr, width, width, width, height, chroma_422},
@@ -87,20 +87,20 @@ template <typename Vector>
     dst += 2 * sizeof(Vector);
   }
 }
-typedef u8 Vector16 __attribute__((vector_size(16)));
+using Vector16 [[gnu::vector_size(16)]] = u8;
 bool load_and_store_16(const u8* luma, const u8* chroma, u8* dst, std::size_t pairs) {
   load_and_store<Vector16>(luma, chroma, dst, pairs);
   return false;
 }
 #if defined(__x86_64__)
-typedef u8 Vector32 __attribute__((vector_size(32)));
+using Vector32 [[gnu::vector_size(32)]] = u8;
 [[gnu::target("avx2")]] bool load_and_store_32(const u8* luma, const u8* chroma, u8* dst, std::size_t pairs) {
   load_and_store<Vector32>(luma, chroma, dst, pairs);
   return false;
 }
 #endif
 
-/// With vectors as wide as the ones of the set that the service takes.
+// Uses vectors as wide as those of the instruction set that the service uses.
 void limit(Frame& frame) {
 #if defined(__x86_64__)
   if (yuy2_kernels().back().name == std::string_view("avx2")) return convert_rows(frame, load_and_store_32);
@@ -110,7 +110,7 @@ void limit(Frame& frame) {
 
 u8 scratch[2 * 1920];
 
-/// libyuv has no direct conversion. First chain: swap a chroma row's V and U, then interleave it with luma.
+// libyuv has no direct conversion. First chain: swap V and U of a chroma row, then interleave it with luma.
 void libyuv_swap_merge(Frame& frame) {
   const int width = frame.stride();
   const int luma_rows = frame.picture.chroma_422 ? 1 : 2;
@@ -121,7 +121,7 @@ void libyuv_swap_merge(Frame& frame) {
   }
 }
 
-/// Second chain: part V and U, then pack planar rows.
+// Second chain: separate V and U, then pack planar rows.
 void libyuv_split_pack(Frame& frame) {
   const int width = frame.stride(), half = width / 2;
   const bool chroma_422 = frame.picture.chroma_422;
@@ -133,8 +133,7 @@ void libyuv_split_pack(Frame& frame) {
   }
 }
 
-/// swscale reads V-first semi-planar 4:2:0; of 4:2:2 it reads only planar chroma, which spares it the
-/// parting.
+// swscale reads V-first semi-planar 4:2:0, but only planar chroma for 4:2:2, which saves it the separation.
 void swscale(Frame& frame) {
   const int width = frame.stride(), height = static_cast<int>(frame.picture.height);
   const bool planar = frame.picture.chroma_422;
@@ -182,7 +181,7 @@ std::deque<Case> all_cases() {
   return cases;
 }
 
-/// Everyone but the limit must write what we write.
+// All but the limit must write what the service writes.
 bool all_agree(Frame& frame) {
   ours(frame);
   u8* const dst = frame.dst.data();

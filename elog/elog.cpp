@@ -15,14 +15,14 @@
 #include "elog/elog_port.h"
 #include "elog/elog_record.h"
 
-static constexpr char kElogFile[] = "elog";
-static constexpr char kVersion[] = "2.2.99";
-static constexpr std::string_view kLevelText[ELOG_LVL_TOTAL_NUM] = {"[A]", "[E]", "[W]", "[I]", "[D]", "[V]"};
-static constexpr std::size_t kLevelTextSize = 3;
-
 namespace {
 
-/// A field that is read before the output lock is taken: whole values, in no promised order.
+constexpr char kElogFile[] = "elog";
+constexpr char kVersion[] = "2.2.99";
+constexpr std::string_view kLevelText[ELOG_LVL_TOTAL_NUM] = {"[A]", "[E]", "[W]", "[I]", "[D]", "[V]"};
+constexpr std::size_t kLevelTextSize = 3;
+
+// A field that is read before the output lock is taken: whole values, in no guaranteed order.
 template <typename T>
 class Loose {
  public:
@@ -36,13 +36,13 @@ class Loose {
   std::atomic<T> value_{};
 };
 
-/// The first 16 characters of a text that lines must contain; empty lets every line pass.
+// The first 16 characters of a text that lines must contain. An empty text lets every line pass.
 class FilterText {
  public:
   void set(const char* text) {
-    for (std::size_t i = 0; i < ELOG_FILTER_TAG_MAX_LEN; i++) {
+    for (std::size_t i = 0; i < ELOG_FILTER_TAG_MAX_LEN; ++i) {
       chars_[i] = *text;
-      if (*text != '\0') text++;
+      if (*text != '\0') ++text;
     }
   }
   bool empty() const { return chars_[0] == '\0'; }
@@ -58,7 +58,7 @@ class FilterText {
 };
 static_assert(ELOG_FILTER_KW_MAX_LEN == ELOG_FILTER_TAG_MAX_LEN);
 
-/// Used under the output lock.
+// Used under the output lock.
 struct TagLevel {
   u8 level;
   char tag[ELOG_FILTER_TAG_MAX_LEN + 1];
@@ -71,7 +71,7 @@ struct Elog {
     FilterText tag;
     FilterText keyword;
     TagLevel tag_lvl[ELOG_FILTER_TAG_LVL_MAX_NUM];
-    Loose<bool> tag_lvl_used;  // any entry, ever since elog_init()
+    Loose<bool> tag_lvl_used;  // true once any entry was set since elog_init()
   } filter;
   Loose<u32> enabled_fmt_set[ELOG_LVL_TOTAL_NUM];
   Loose<bool> init_ok;
@@ -81,17 +81,17 @@ struct Elog {
   Loose<bool> output_is_locked_before_disable;
 };
 
-/// Holds the output lock, which `lock` takes, while it lives.
+// Takes the output lock by `lock` and holds it for its lifetime.
 struct OutputLock {
   explicit OutputLock(void (*lock)()) { lock(); }
   ~OutputLock() { elog_output_unlock(); }
   OutputLock(const OutputLock&) = delete;
 };
 
-}  // namespace
+Elog elog;
+Loose<ElogAssertHook> elog_assert_hook;
 
-static Elog elog;
-static Loose<ElogAssertHook> elog_assert_hook;
+}  // namespace
 
 void elog_assert_set_hook(ElogAssertHook hook) { elog_assert_hook = hook; }
 
@@ -103,7 +103,7 @@ void elog_assert_failed(const char* expression, const char* file, const char* fu
   reporting = true;
   elog_output(ELOG_LVL_ASSERT, "elog", file, function, line, "(%s) has assert failed at %s:%ld.", expression,
               function, line);
-  // Deliberate: the thread stays here for good.
+  // Deliberate: the thread never returns from here.
   for (volatile bool spinning = true; spinning;) {
   }
 }
@@ -112,9 +112,9 @@ int log_module_init(u32 level) {
   const ElogMsgqCfg msgq_cfg = {kElogQueueType, kElogQueueKey, true};
   elog_init(nullptr, &msgq_cfg);
   constexpr u32 kBrief = ELOG_FMT_LVL | ELOG_FMT_TIME | ELOG_FMT_P_INFO;
-  for (u8 i = ELOG_LVL_ASSERT; i <= ELOG_LVL_WARN; i++)
+  for (u8 i = ELOG_LVL_ASSERT; i <= ELOG_LVL_WARN; ++i)
     elog_set_fmt(i, kBrief | ELOG_FMT_FUNC | ELOG_FMT_LINE);
-  for (u8 i = ELOG_LVL_INFO; i <= ELOG_LVL_VERBOSE; i++) elog_set_fmt(i, kBrief);
+  for (u8 i = ELOG_LVL_INFO; i <= ELOG_LVL_VERBOSE; ++i) elog_set_fmt(i, kBrief);
   log_module_set_level(level);
   elog_start();
   return 0;
@@ -155,7 +155,7 @@ void elog_start() {
 
 void elog_stop() {
   if (!elog.init_ok) return;
-  // Deliberate: output is off before the farewell, which is therefore always dropped.
+  // Deliberate: output is already off, so the farewell is always dropped.
   elog.output_enabled = false;
   elog_output(ELOG_LVL_INFO, "elog", kElogFile, __func__, 271, "elog V%s is deinitialize success.", kVersion);
 }
@@ -213,14 +213,16 @@ void elog_set_filter_tag(const char* tag) { elog.filter.tag.set(tag); }
 
 void elog_set_filter_kw(const char* keyword) { elog.filter.keyword.set(keyword); }
 
-static TagLevel* find_tag_level(const char* tag) {
+namespace {
+
+TagLevel* find_tag_level(const char* tag) {
   for (TagLevel& entry : elog.filter.tag_lvl) {
     if (entry.tag_use_flag && std::strncmp(entry.tag, tag, ELOG_FILTER_TAG_MAX_LEN) == 0) return &entry;
   }
   return nullptr;
 }
 
-static void add_tag_level(const char* tag, u8 level) {
+void add_tag_level(const char* tag, u8 level) {
   for (TagLevel& entry : elog.filter.tag_lvl) {
     if (entry.tag_use_flag) continue;
     std::memcpy(entry.tag, tag, strnlen(tag, ELOG_FILTER_TAG_MAX_LEN));
@@ -231,8 +233,10 @@ static void add_tag_level(const char* tag, u8 level) {
   }
 }
 
-// Deliberate, here and below: the lock is taken whether or not locking is enabled, and released only if it
-// is.
+}  // namespace
+
+// Deliberate, here and below: the lock is taken whether or not locking is enabled, but released only if
+// it is enabled.
 void elog_set_filter_tag_lvl(const char* tag, u8 level) {
   ELOG_ASSERT(level <= ELOG_LVL_VERBOSE, 429);
   ELOG_ASSERT_TEXT(tag != nullptr, "tag != ((void *)0)", 430);
@@ -256,8 +260,10 @@ u8 elog_get_filter_tag_lvl(const char* tag) {
   return found ? found->level : u8{ELOG_FILTER_LVL_ALL};
 }
 
-/// Without tag filters in use, the one look under the lock that would find none is spared.
-static bool passes_tag_filters(u8 level, const char* tag) {
+namespace {
+
+// If no tag filter is in use, there is no need to look for one under the lock.
+bool passes_tag_filters(u8 level, const char* tag) {
   const auto& filter = elog.filter;
   if (!filter.tag_lvl_used && filter.tag.empty() && elog.output_lock_enabled && tag) {
     return level <= ELOG_FILTER_LVL_ALL;
@@ -265,12 +271,12 @@ static bool passes_tag_filters(u8 level, const char* tag) {
   return level <= elog_get_filter_tag_lvl(tag) && filter.tag.occurs_in(tag);
 }
 
-static bool get_fmt_enabled(u8 level, u32 set) {
+bool get_fmt_enabled(u8 level, u32 set) {
   ELOG_ASSERT(level <= ELOG_LVL_VERBOSE, 741);
   return level < ELOG_LVL_TOTAL_NUM && (elog.enabled_fmt_set[level] & set) != 0;
 }
 
-static void append_time_block(ElogLine& out, u8 level) {
+void append_time_block(ElogLine& out, u8 level) {
   const bool time = get_fmt_enabled(level, ELOG_FMT_TIME);
   const bool process = get_fmt_enabled(level, ELOG_FMT_P_INFO);
   const bool thread = get_fmt_enabled(level, ELOG_FMT_T_INFO);
@@ -285,13 +291,13 @@ static void append_time_block(ElogLine& out, u8 level) {
 }
 
 // Deliberate: a line number shows its first four characters only.
-static void append_line_number(ElogLine& out, long line) {
+void append_line_number(ElogLine& out, long line) {
   char text[24];
   const char* end = std::to_chars(text, text + sizeof(text), line).ptr;
   out.append({text, std::min<std::size_t>(end - text, 4)});
 }
 
-static void append_location_block(ElogLine& out, u8 level, const char* file, const char* func, long line) {
+void append_location_block(ElogLine& out, u8 level, const char* file, const char* func, long line) {
   const bool dir = get_fmt_enabled(level, ELOG_FMT_DIR);
   const bool function = get_fmt_enabled(level, ELOG_FMT_FUNC);
   const bool number = get_fmt_enabled(level, ELOG_FMT_LINE);
@@ -305,6 +311,8 @@ static void append_location_block(ElogLine& out, u8 level, const char* file, con
   out.append(']');
 }
 
+}  // namespace
+
 void elog_output(u8 level, const char* tag, const char* file, const char* func, long line, const char* format,
                  ...) {
   va_list args;
@@ -313,8 +321,8 @@ void elog_output(u8 level, const char* tag, const char* file, const char* func, 
   va_end(args);
 }
 
-// Deliberate: the tag is filtered by but never printed, and a message that ends in a newline gets a second
-// one.
+// Deliberate: the tag is filtered by but never printed, and a message that ends in a newline
+// gets another one.
 void elog_voutput(u8 level, const char* tag, const char* file, const char* func, long line,
                   const char* format, va_list args) {
   if (level > ELOG_LVL_VERBOSE) {
@@ -336,7 +344,7 @@ void elog_voutput(u8 level, const char* tag, const char* file, const char* func,
 
 void elog_raw_output(u8 level, const char* format, ...) {
   if (!elog.output_enabled || level > elog.filter.level) return;
-  ElogLine out(ELOG_LVL_DEBUG);  // Deliberate: whatever the level was
+  ElogLine out(ELOG_LVL_DEBUG);  // Deliberate: regardless of `level`
   OutputLock lock(elog_output_lock);
   va_list args;
   va_start(args, format);
@@ -345,8 +353,10 @@ void elog_raw_output(u8 level, const char* format, ...) {
   out.send();
 }
 
-static void append_hex_block(ElogLine& out, std::span<const u8> block, u8 width) {
-  for (std::size_t j = 0; j < width; j++) {
+namespace {
+
+void append_hex_block(ElogLine& out, std::span<const u8> block, u8 width) {
+  for (std::size_t j = 0; j < width; ++j) {
     char text[4] = "   ";
     if (j < block.size()) std::snprintf(text, sizeof(text), "%02X ", block[j]);
     out.append(text);
@@ -355,6 +365,8 @@ static void append_hex_block(ElogLine& out, std::span<const u8> block, u8 width)
   out.append("  ");
   for (const u8 byte : block) out.append(byte >= 0x20 && byte <= 0x7E ? static_cast<char>(byte) : '.');
 }
+
+}  // namespace
 
 void elog_hexdump(u8 level, const char* name, u8 width, const void* buf, u16 size) {
   if (!elog.output_enabled || level > elog.filter.level || !elog.filter.tag.occurs_in(name)) return;

@@ -1,5 +1,5 @@
 // elog_cat: prints what the logger left in the collector's queue, for a camera whose collector is not
-// running. Plain C library calls only: it stays small beside the service.
+// running. It uses plain C library calls only, to stay small beside the service.
 #include <getopt.h>
 #include <signal.h>
 #include <sys/msg.h>
@@ -62,7 +62,7 @@ constexpr useconds_t kPause = 50'000;
 volatile sig_atomic_t ended;
 
 int level_of(const char* name) {
-  for (int level = 0; level < kLevelCount; level++) {
+  for (int level = 0; level < kLevelCount; ++level) {
     if (std::strcmp(name, kLevels[level].name) == 0) return level;
   }
   std::fprintf(stderr, "elog_cat: unknown level %s; -h lists them\n", name);
@@ -92,20 +92,20 @@ Options options_of(int argc, char** argv) {
     }
   }
   if (optind != argc) {
-    std::fprintf(stderr, "elog_cat: unexpected argument %s; -h tells more\n", argv[optind]);
+    std::fprintf(stderr, "elog_cat: unexpected argument %s; -h prints the usage\n", argv[optind]);
     std::exit(2);
   }
   options.colours = isatty(STDOUT_FILENO) == 1;
   return options;
 }
 
-// Everybody may write into the queue, and a terminal obeys control characters. Beyond ASCII the same bytes
-// stand for letters or for controls, depending on the terminal.
+// Everybody may write into the queue, and a terminal obeys control characters. Whether bytes beyond ASCII are
+// letters or controls depends on the terminal.
 bool is_printable(char c) { return c == '\t' || (c >= ' ' && c <= '~'); }
 
 void print(const Options& options, const Level& level, const char* text, std::size_t length) {
   std::printf("%s%c ", options.colours ? level.colour : "", level.letter);
-  for (const char* end = text + length; text < end; text++) {
+  for (const char* end = text + length; text < end; ++text) {
     if (is_printable(*text))
       std::putchar(*text);
     else
@@ -114,23 +114,23 @@ void print(const Options& options, const Level& level, const char* text, std::si
   std::puts(options.colours ? kPlain : "");
 }
 
-/// `size` bytes came behind the message type.
+// `size` is the number of bytes received after the message type.
 void take(const Options& options, const ElogPayload& record, std::size_t size, Counts& counts) {
   if (size < kElogHeaderSize || record.length != size - kElogHeaderSize || record.level >= kLevelCount) {
-    counts.malformed++;
+    ++counts.malformed;
     return;
   }
   std::size_t length = record.length;
-  while (length > 0 && record.text[length - 1] == '\n') length--;
+  while (length > 0 && record.text[length - 1] == '\n') --length;
   char text[kElogTextSize + 1];
   std::memcpy(text, record.text, length);
   text[length] = '\0';
   if (record.level > options.level || !std::strstr(text, options.text)) return;
-  counts.of_level[record.level]++;
+  ++counts.of_level[record.level];
   if (!options.count_only) print(options, kLevels[record.level], text, length);
 }
 
-/// 0, or 1 when the queue cannot be read any more.
+// Returns 0, or 1 if the queue can no longer be read.
 int read_queue(int queue, const Options& options, Counts& counts) {
   ElogRecord message;
   while (!ended) {
@@ -153,7 +153,7 @@ int read_queue(int queue, const Options& options, Counts& counts) {
 }
 
 void print_counts(const Counts& counts) {
-  for (int level = 0; level < kLevelCount; level++) {
+  for (int level = 0; level < kLevelCount; ++level) {
     std::printf("%-8s %lu\n", kLevels[level].name, counts.of_level[level]);
   }
 }

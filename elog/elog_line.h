@@ -1,6 +1,6 @@
-// ElogLine: one line of the logger in the making, on the stack of the call that logs. It is laid out as the
-// record that the queue takes, so that nothing is copied. What lies behind its length is neither initialised
-// nor sent.
+// ElogLine: one line of the logger while it is being built, on the stack of the call that logs. It has the
+// layout of the record that the queue takes, so nothing is copied. The bytes after its length are neither
+// initialised nor sent.
 #pragma once
 
 #include <algorithm>
@@ -29,8 +29,8 @@ class ElogLine {
   void append(char c) {
     if (length_ < ELOG_LINE_BUF_SIZE) record_.payload.text[length_++] = c;
   }
-  /// What does not fit makes the line `cut` bytes long. So does a message that cannot be formatted: what
-  /// stood before the trouble is followed by zeros.
+  /// If the message does not fit, the line becomes `cut` bytes long. The same holds for a message that cannot
+  /// be formatted: what was formatted before the error is kept, the rest is filled with zeros.
   [[gnu::format(printf, 3, 0)]] void print(std::size_t cut, const char* format, va_list args) {
     const std::size_t room = ELOG_LINE_BUF_SIZE - length_;
     va_list again;

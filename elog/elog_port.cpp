@@ -17,23 +17,29 @@
 #include "platform/output.h"
 #include "platform/sys.h"
 
-static constexpr std::size_t kInfoSize = 10;  // of the pid and thread texts, terminating zero included
-static constexpr std::size_t kSecondSize = sizeof("2024-01-05 08:03:07") - 1;
+namespace {
 
-static std::mutex output_mutex;
-static thread_local bool lock_is_mine;
+// The size of the pid and tid texts, including the terminating zero.
+constexpr std::size_t kInfoSize = 10;
+constexpr std::size_t kSecondSize = sizeof("2024-01-05 08:03:07") - 1;
 
-static bool file_enabled;
-static bool msgq_enabled;
-static std::atomic<bool> console_enabled;
+std::mutex output_mutex;
+thread_local bool lock_is_mine;
 
-static char pid_info[kInfoSize];  // empty until this process needs it: getpid() would be a system call a line
+bool file_enabled;
+bool msgq_enabled;
+std::atomic<bool> console_enabled;
 
-static long msgq_type;
-static key_t msgq_key;
-static int msgq_id = -1;
+// Empty until this process needs it. Without the buffer, every line would cost a system call for getpid().
+char pid_info[kInfoSize];
 
-static void forget_pid() { pid_info[0] = '\0'; }
+long msgq_type;
+key_t msgq_key;
+int msgq_id = -1;
+
+void forget_pid() { pid_info[0] = '\0'; }
+
+}  // namespace
 
 int elog_port_init(const ElogFileCfg* file_cfg, const ElogMsgqCfg* msgq_cfg) {
   [[maybe_unused]] static const int registered = pthread_atfork(nullptr, nullptr, forget_pid);
@@ -74,8 +80,8 @@ void elog_port_output_unlock() {
   output_mutex.unlock();
 }
 
-// Deliberate: seconds and microseconds come from two clock reads, so a time may show the microseconds of the
-// following second.
+// Deliberate: seconds and microseconds come from two readings of the clock, so a time may combine one second
+// with the microseconds of the next.
 const char* elog_port_get_time() {
   static char text[32];
   static std::time_t text_second = -1;
@@ -90,7 +96,7 @@ const char* elog_port_get_time() {
   timeval now;
   gettimeofday(&now, nullptr);
   auto rest = static_cast<u32>(now.tv_usec);
-  for (std::size_t place = kSecondSize + 6; place > kSecondSize; place--, rest /= 10) {
+  for (std::size_t place = kSecondSize + 6; place > kSecondSize; --place, rest /= 10) {
     text[place] = static_cast<char>('0' + rest % 10);
   }
   return text;
@@ -118,13 +124,18 @@ int elog_msgq_init(const ElogMsgqCfg* cfg) {
   return 0;
 }
 
-// After a call on the queue failed: changes to one that its collector has made anew, if there is one.
-static bool found_anew() {
+namespace {
+
+// Called after a call on the queue failed. Switches to the queue that the collector has created
+// since, if any.
+bool found_anew() {
   if (errno != EIDRM && errno != EINVAL) return false;
   const int id = sys::msgget(msgq_key, 0);
   if (id >= 0) msgq_id = id;
   return id >= 0;
 }
+
+}  // namespace
 
 void elog_msgq_output(char* text, std::size_t len) {
   auto* record = reinterpret_cast<ElogRecord*>(text - sizeof(long) - kElogHeaderSize);
@@ -140,8 +151,8 @@ void elog_msgq_output(char* text, std::size_t len) {
     output(STDOUT_FILENO, "msg buffer overflow.\n");
     return;
   }
-  // Deliberate: another process may have filled the queue since. Waiting for the collector under the output
-  // lock would stop every thread that logs, so such a line is lost without a word.
+  // Deliberate: another process may have filled the queue in the meantime. Waiting for the collector under
+  // the output lock would stop every thread that logs, so such a line is lost silently.
   const int result = msgsnd(msgq_id, record, size, IPC_NOWAIT);
   if (result < 0 && found_anew()) (void)msgsnd(msgq_id, record, size, IPC_NOWAIT);
 }

@@ -1,6 +1,6 @@
 // The logger's port to the machine: its lock, its time, process and thread texts, and its three sinks:
 // console, file, and the queue of the log collector. Everything but the lock and the console switch is called
-// under the lock. A line that a sink cannot take is lost; nothing waits and nothing is kept back.
+// under the lock. A line that a sink cannot take is lost; no call waits, and no line is kept for later.
 #pragma once
 
 #include <cstddef>
@@ -15,29 +15,30 @@ struct ElogMsgqCfg {
   bool enabled;
 };
 
-/// Opens the sinks whose configuration is given and enabled. Returns 0, also when a sink could not be opened.
+/// Opens the sinks whose configuration is given and enabled. Returns 0, even if a sink could not be opened.
 int elog_port_init(const ElogFileCfg* file_cfg, const ElogMsgqCfg* msgq_cfg);
-/// Closes the open sinks. Which sinks are switched on stays as it is.
+/// Closes the open sinks. Which sinks are enabled does not change.
 void elog_port_deinit();
 
-/// Hands a line to each sink that is switched on. `text` is the text of an ElogRecord whose level is set.
+/// Hands a line to each enabled sink. `text` must be the text of an ElogRecord whose level is set.
 void elog_port_output(char* text, std::size_t len);
 void elog_port_set_console(bool enabled);
 
-/// Taken by a thread that has it already, the lock stays as it is; released by one that has not, too.
+/// A thread that holds the lock may take it again, and one that does not may release it: neither
+/// has any effect.
 void elog_port_output_lock();
 void elog_port_output_unlock();
 
 constexpr std::size_t kElogTimeSize = sizeof("2024-01-05 08:03:07 004211") - 1;
-/// Texts in static buffers, overwritten by the next call: "2024-01-05 08:03:07 004211", "pid:0412" and
-/// "tid:1234"; the last two are cut at 9 characters.
+/// Return texts in static buffers, which the next call overwrites: "2024-01-05 08:03:07 004211", "pid:0412"
+/// and "tid:1234". The last two are cut at 9 characters.
 const char* elog_port_get_time();
 const char* elog_port_get_p_info();
 const char* elog_port_get_t_info();
 
-/// Opens the queue, or creates it and says so on standard output. Returns 0 in every case.
+/// Opens the queue, or creates it and reports that on standard output. Returns 0 in every case.
 int elog_msgq_init(const ElogMsgqCfg* cfg);
-/// Sends the ElogRecord around `text` in place, unless the queue is more than half full. A queue that was
-/// removed and made anew is found again.
+/// Sends the ElogRecord around `text` in place, unless the queue is more than half full. Finds a queue that
+/// was removed and created again.
 void elog_msgq_output(char* text, std::size_t len);
 void elog_msgq_deinit();

@@ -1,6 +1,6 @@
 // One record of the log collector's queue (System V key 0x012345AB): what the logger sends and the collector
-// reads. All fields are little-endian and packed; the message type, which is as wide as the machine's long,
-// stands before them and does not count in the sent size.
+// reads. All fields are little-endian and packed. The message type, which is as wide as the machine's long,
+// comes before them and does not count towards the size sent.
 #pragma once
 
 #include <cstddef>
@@ -10,9 +10,11 @@
 constexpr i32 kElogQueueKey = 0x012345AB;
 constexpr i32 kElogQueueType = 1;
 
-constexpr std::size_t kElogTextSize = 512;  ///< longest line, its newline included; no terminating zero
+/// The longest line in bytes, including its newline. There is no terminating zero.
+constexpr std::size_t kElogTextSize = 512;
 
-/// Everything of a record behind the message type. The size sent is kElogHeaderSize plus the text's length.
+/// Everything of a record after the message type. The size sent is kElogHeaderSize plus the length
+/// of the text.
 struct [[gnu::packed]] ElogPayload {
   u8 level;    ///< 0 assert, 1 error, 2 warn, 3 info, 4 debug, 5 verbose; raw lines carry 4
   u32 length;  ///< bytes of text

@@ -6,7 +6,11 @@
 #include "elog/elog.h"
 #include "elog/elog_assert.h"
 
-static constexpr char kElogFile[] = "elog_utils";
+namespace {
+
+constexpr char kElogFile[] = "elog_utils";
+
+}  // namespace
 
 std::size_t elog_strcpy(std::size_t cur_len, char* dst, const char* src) {
   ELOG_ASSERT(dst, 44);
@@ -29,12 +33,16 @@ std::size_t elog_cpyln(char* line, const char* log, std::size_t len) {
   return count;
 }
 
-static bool word_copy_pays(const u8* to, const u8* from, std::size_t count) {
+namespace {
+
+bool word_copy_pays(const u8* to, const u8* from, std::size_t count) {
   const auto to_address = reinterpret_cast<std::uintptr_t>(to);
   const auto from_address = reinterpret_cast<std::uintptr_t>(from);
   const auto apart = to_address > from_address ? to_address - from_address : from_address - to_address;
   return (to_address | from_address) % sizeof(u32) == 0 && count >= 10 && apart >= sizeof(u32);
 }
+
+}  // namespace
 
 void* elog_memcpy(void* dst, const void* src, std::size_t count) {
   ELOG_ASSERT(dst, 96);

@@ -7,9 +7,9 @@
 #include "platform/hi_mpi.h"
 #include "support/print.h"
 
-static constexpr char kPrintFile[] = "Velto_interface.c";
-
 namespace {
+
+constexpr char kPrintFile[] = "Velto_interface.c";
 
 struct Pool {
   u8* address = nullptr;
@@ -23,7 +23,7 @@ constexpr i32 kStreamTypes = 6;
 constexpr i32 kCacheSlot = 256;
 u8 block_cache[kStreamTypes][kCacheSlot];
 
-// What operations 0 and 3 refuse.
+// The stream types that operations 0 and 3 refuse.
 bool unserved_type(i32 stream_type) { return stream_type == 4 || stream_type == 5; }
 
 bool in_pool(const VeltoFrame& frame) {
@@ -90,7 +90,9 @@ i32 get_by_serial(VeltoFrame& frame, AvData& result) {
 
 i32 get_by_type(VeltoFrame& frame, AvData& result) {
   const i32 status = VeltoGetFrame9(frame);
-  if (unserved_type(frame.stream_type)) return kAvBadArgument;  // Deliberate: after the server was asked
+  if (unserved_type(frame.stream_type))
+    // Deliberate: refused only after the server was asked.
+    return kAvBadArgument;
   if (status == -1) return kAvFailed;
   if (status == -2) return kAvServerFailed;
   return fill(result, frame);
@@ -140,11 +142,15 @@ void* CMEM_MMAP(u32 phys_addr, u32 size) {
   return address;
 }
 
-// A server that took the question and died never answers; its successor does when it is asked again.
-static void ask_for_memory(VeltoMemory& memory) {
+namespace {
+
+// A server that took the question and then died never answers; its successor does when it is asked again.
+void ask_for_memory(VeltoMemory& memory) {
   const WaitLimit limit(WaitLimit::Clock::now() + kMemoryLimit);
   VeltoGetMemory(memory);
 }
+
+}  // namespace
 
 i32 func_get_mem(void*) {
   VeltoMemory memory;

@@ -16,13 +16,13 @@
 #include "support/print.h"
 #include "support/support.h"
 
-static constexpr char kPrintFile[] = "file_msg_drv.c";
-
 namespace {
+
+constexpr char kPrintFile[] = "file_msg_drv.c";
 
 constexpr std::size_t kRecordSize = kMsgTypeSize + kFileMsgPayload;
 constexpr std::size_t kLeastSegment = kSysInfoLength;
-// A segment is mapped in whole pages, so the areas behind the record are there however small it is.
+// A segment is mapped in whole pages, so the areas after the record exist however small it is.
 static_assert(kRequestFlagsOffset + sizeof(u32) <= 4096);
 constexpr int kReadyChecks = 1000;
 constexpr useconds_t kReadyPause = 10000;
@@ -35,21 +35,21 @@ struct Driver {
   std::atomic<u8*> base{nullptr};
   i32 failed_writes = 0;
 
-  std::atomic_flag renewing;  // guards the rest
+  std::atomic_flag renewing;  // guards the members below
   SegmentKey segment_key;
-  u8* former_base = nullptr;  // stays attached for those who still hold a pointer
+  u8* former_base = nullptr;  // stays attached for those who still hold a pointer into it
 };
 Driver driver;
 
-// Null when the segment is too small or cannot be attached.
+// Returns null if the segment is too small or cannot be attached.
 u8* attach(i32 segment) {
   if (ShareMemSize(segment) < kLeastSegment) return nullptr;
   void* base = shmat(segment, nullptr, 0);
   return base == reinterpret_cast<void*>(-1) ? nullptr : static_cast<u8*>(base);
 }
 
-// Changes over to the segment that the server has made in place of a former one, if it has. A new one that is
-// too small leaves everything as it is.
+// Switches to the segment that the server has created in place of a former one, if any. If the new one is too
+// small, nothing changes.
 void renew() {
   const i32 segment = driver.segment_key.segment(driver.segment);
   u8* base = segment != driver.segment ? attach(segment) : nullptr;
@@ -59,8 +59,8 @@ void renew() {
   driver.segment = segment;
 }
 
-// Where the segment is attached now; null before InitFileMsgDrv. A thread that meets another one's look goes
-// on with what it has.
+// Returns where the segment is attached now, or null before InitFileMsgDrv. A thread that finds another one
+// looking goes on with the segment that it has.
 u8* attached() {
   if (!driver.renewing.test_and_set(std::memory_order_acquire)) {
     renew();
@@ -77,9 +77,9 @@ Area* area(std::size_t offset) {
 
 SysInfo* info() { return area<SysInfo>(0); }
 
-// The area that begins with a marker once that is there; null, reported, when it does not come.
+// Returns the area that begins with a marker once the marker is there, or prints an error and returns null.
 void* when_ready(std::size_t offset) {
-  for (int check = 0; check < kReadyChecks; check++) {
+  for (int check = 0; check < kReadyChecks; ++check) {
     u32* marker = area<u32>(offset);
     if (std::atomic_ref(*marker).load(std::memory_order_acquire) == SYSINFO_MAGIC) return marker;
     sys::usleep(kReadyPause);
@@ -88,7 +88,7 @@ void* when_ready(std::size_t offset) {
   return nullptr;
 }
 
-// One transaction, under the lock. True when the server reports success.
+// Makes one transaction under the lock. Returns true if the server reports success.
 bool server_accepts(i32 cmd, i32 section) {
   Msg_Settle(driver.channel);
   FileMsgBuf record{kServerMsgType, cmd, driver.channel.process, driver.segment, 0, section, {0, 0}};
@@ -105,7 +105,7 @@ i32 set_field(Value SysInfo::*field, Value value) {
 
 template <typename Record>
 i32 set_record(Record& stored, const Record& wanted, SysInfoSection section) {
-  if (std::memcmp(&stored, &wanted, sizeof stored) == 0) return 0;
+  if (std::memcmp(&stored, &wanted, sizeof(stored)) == 0) return 0;
   stored = wanted;
   return SetSysInfo(section);
 }
@@ -113,7 +113,7 @@ i32 set_record(Record& stored, const Record& wanted, SysInfoSection section) {
 constexpr std::size_t kPathRoom = 128;
 constexpr std::size_t kLineLimit = 511;
 
-// As fgets, but tells the length, so that NUL bytes are kept. 0 at the end of the file.
+// Like fgets, but returns the length, so that NUL bytes are kept, and 0 at the end of the file.
 std::size_t read_line(std::FILE* file, char (&line)[kLineLimit]) {
   std::size_t length = 0;
   while (length < kLineLimit) {
@@ -199,7 +199,7 @@ i32 SetSysInfo(i32 section) {
   }
   if (server_accepts(kFileMsgWritten, section)) return 0;
   PRINT_ERROR("Data write error\n");
-  driver.failed_writes++;
+  ++driver.failed_writes;
   return -1;
 }
 
@@ -226,7 +226,7 @@ i32 SetSysMac(const char* text) {
   unsigned parts[6] = {};
   std::sscanf(text, "%02x:%02x:%02x:%02x:%02x:%02x", &parts[0], &parts[1], &parts[2], &parts[3], &parts[4],
               &parts[5]);
-  for (int i = 0; i < 6; i++) record->mac[i] = static_cast<u8>(parts[i]);
+  for (int i = 0; i < 6; ++i) record->mac[i] = static_cast<u8>(parts[i]);
   return SetSysInfo(kSectionNetwork);
 }
 i32 SetSysWord252(u32 value) { return set_field(&SysInfo::word252, value); }
@@ -239,14 +239,14 @@ i32 SetSysHalf266(u16 value) { return set_field(&SysInfo::half266, value); }
 i32 SetSysListenPort(u16 port) {
   if (!driver.base) return -1;
   char line[32];
-  std::snprintf(line, sizeof line, "listen\t\t%d;\n", port);
+  std::snprintf(line, sizeof(line), "listen\t\t%d;\n", port);
   ReplaceConfigLine("/etc/srs.conf", "listen", line);
   return set_field(&SysInfo::listen_port, port);
 }
 i32 SetSysWebPort(u16 port) {
   if (!driver.base) return -1;
   char line[32];
-  std::snprintf(line, sizeof line, "server.port = %d\n", port);
+  std::snprintf(line, sizeof(line), "server.port = %d\n", port);
   ReplaceConfigLine("/opt/vcam/www/config/lighttpd.conf", "server.port =", line);
   return set_field(&SysInfo::web_port, port);
 }
@@ -266,7 +266,7 @@ i32 SetSysRecord28(SysRecord28 record) {
 
 i32 ReplaceConfigLine(const char* path, const char* prefix, const char* replacement) {
   char copy[kPathRoom];
-  if (std::snprintf(copy, sizeof copy, "%s.bak", path) >= static_cast<int>(sizeof copy)) return -1;
+  if (std::snprintf(copy, sizeof(copy), "%s.bak", path) >= static_cast<int>(sizeof(copy))) return -1;
   std::FILE* from = sys::fopen(path, "rbe");
   if (!from) return -1;
   std::FILE* to = sys::fopen(copy, "wbe");
@@ -276,7 +276,7 @@ i32 ReplaceConfigLine(const char* path, const char* prefix, const char* replacem
   whole = std::fclose(to) == 0 && whole;
   if (!whole) return -1;
   char command[3 * kPathRoom + 16];
-  std::snprintf(command, sizeof command, "rm %s;mv %s %s", path, copy, path);
+  std::snprintf(command, sizeof(command), "rm %s;mv %s %s", path, copy, path);
   pox_system(command);
   return 0;
 }

@@ -18,14 +18,14 @@ namespace {
 
 using Clock = WaitLimit::Clock;
 
-// While answers are owed: how closely a transaction looks whether its request has been taken, and how soon an
+// While answers are owed: how often a transaction looks whether its request has been taken, and how soon an
 // idle server may have taken and answered it between two looks.
 constexpr useconds_t kLookPause = 200;
 constexpr std::chrono::milliseconds kPrompt{2};
-// How long an answer that may be the request's own is kept for another one to follow.
+// How long an answer that may be the request's own is kept in case another one follows.
 constexpr std::chrono::milliseconds kKept{500};
 
-// The queue by its key, when the one that was known is gone. A fresh queue holds nothing that was owed.
+// Finds the queue by its key if the known one is gone. A fresh queue holds nothing that was owed.
 bool found_again(MsgChannel& channel) {
   if (errno != EIDRM && errno != EINVAL) return false;
   const i32 queue = sys::msgget(channel.key, 0);
@@ -40,18 +40,18 @@ ssize_t receive(const MsgChannel& channel, void* record, std::size_t payload) {
   return msgrcv(channel.queue, record, payload, channel.process, 0);
 }
 
-// The oldest answer, of whatever length, to nobody. False when none has come.
+// Throws away the oldest answer, whatever its length. Returns false if none has come.
 bool throw_away(MsgChannel& channel, int flags) {
   long nothing_but_type;
   CancelPoint here;
   if (msgrcv(channel.queue, &nothing_but_type, 0, channel.process, MSG_NOERROR | flags) < 0) return false;
-  channel.owed--;
+  --channel.owed;
   return true;
 }
 
 bool server_has_taken_all(const MsgChannel& channel) { return !Msg_Waits(channel.queue, kServerMsgType); }
 
-// While answers are owed, none may get into the record that is about to be sent.
+// While answers are owed, none of them may get into the record that is about to be sent.
 i32 drain(MsgChannel& channel, void* record, std::size_t size) {
   Msg_Settle(channel);
   if (channel.owed > 0 || Msg_Drain(channel.queue, channel.process, record, size) == 0) return 0;
@@ -63,16 +63,16 @@ void pause_between_looks() {
   sys::usleep(kLookPause);
 }
 
-// The request that was sent last, and where its answer is to go.
+// The request that was sent last, and where its answer goes.
 struct Request {
   void* record;
   std::size_t payload;
   Clock::time_point sent;
-  bool server_was_idle;  // it could be taken at once
+  bool server_was_idle;  // so it could take the request at once
 };
 
 ssize_t give_up(MsgChannel& channel, const Request& request) {
-  channel.owed++;
+  ++channel.owed;
   channel.owed_since = request.sent;
   errno = ETIMEDOUT;
   return -1;
@@ -80,13 +80,13 @@ ssize_t give_up(MsgChannel& channel, const Request& request) {
 
 struct Received {
   ssize_t bytes = 0;
-  bool done = false;         // these are the result
-  bool perhaps_own = false;  // these are, unless another answer follows
+  bool done = false;         // the members above are the result
+  bool perhaps_own = false;  // they are the result unless another answer follows
 };
 
 bool only_suspected(const MsgChannel& channel) { return channel.owed_since == Clock::time_point{}; }
 
-// Receives until nothing is owed any more. A look at the server's side comes before each look at ours: an
+// Receives until nothing is owed any more. Each round looks at the server's queue before this process's: an
 // answer to a former request was there before the last request was taken.
 Received receive_owed(MsgChannel& channel, const Request& request) {
   Received last;

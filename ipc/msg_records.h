@@ -1,6 +1,6 @@
 // The request and reply records of the three system-server channels, and the keys of their queues and
-// segments. All fields are 32-bit little-endian; on the camera the message type is 4 bytes wide as well, on a
-// 64-bit PC it is 8. Payload sizes are what msgsnd and msgrcv take: all bytes behind the message type.
+// segments. All fields are 32-bit little-endian; the message type is 4 bytes wide on the camera, too, but 8
+// on a 64-bit PC. Payload sizes are what msgsnd and msgrcv take: all bytes after the message type.
 #pragma once
 
 #include <cstddef>
@@ -30,8 +30,8 @@ struct FileMsgBuf {
   i32 cmd;     ///< FileMsgCommand
   i32 src;     ///< requester's process id
   i32 shmid;   ///< the parameter segment as the requester knows it
-  i32 length;  ///< 0 on a request; on a reply kSysInfoLength means success
-  i32 info;    ///< section code with kFileMsgWritten, else 0
+  i32 length;  ///< 0 in a request; in a reply, kSysInfoLength means success
+  i32 info;    ///< section code for kFileMsgWritten, else 0
   i32 unused[2];
 };
 
@@ -43,14 +43,14 @@ struct SysMsgBuf {
   i32 cmd;     ///< 0..63
   i32 src;     ///< requester's process id, 2..24
   i32 length;  ///< request: bytes put into the slot; reply: bytes put there by the server, negative: failure
-  i32 offset;  ///< of the requester's slot in the segment
+  i32 offset;  ///< offset of the requester's slot in the segment
 };
 
 /// Control-message channel. Offsets in velto_commands.h count from the record's start on the camera.
 struct VeltoMsgBuf {
   long dest;
   i32 cmd;
-  i32 src;  ///< requester's process id on request/reply commands, 0 on one-way commands
+  i32 src;  ///< requester's process id in request/reply commands, 0 in one-way commands
   i32 ret;  ///< reply status, 0 is success
   u8 payload[136];
 };
@@ -66,7 +66,7 @@ static_assert(offsetof(VeltoMsgBuf, payload) + sizeof(VeltoMsgBuf::payload) ==
 static_assert(sizeof(FileMsgBuf) == 32 && sizeof(SysMsgBuf) == 20 && sizeof(VeltoMsgBuf) == 152);
 #endif
 
-/// Geometry of the system-message segment: one slot per process id, from id 2 on.
+/// Geometry of the system-message segment: one slot per process id, starting with id 2.
 constexpr i32 kSysSegmentSize = 102400;
 constexpr i32 kSysSlotSize = 4096;
 constexpr i32 sys_slot_offset(i32 process_id) { return (process_id - 2) * kSysSlotSize; }

@@ -11,9 +11,9 @@
 #include "platform/sys.h"
 #include "support/print.h"
 
-static constexpr char kPrintFile[] = "msg_util.c";
-
 namespace {
+
+constexpr char kPrintFile[] = "msg_util.c";
 
 constexpr useconds_t kFullQueuePause = 5000;
 
@@ -22,7 +22,7 @@ ssize_t receive_cancellable(i32 qid, long type, void* record, std::size_t payloa
   return msgrcv(qid, record, payload, type, 0);
 }
 
-// Throws the oldest message of this type away, whatever its length.
+// Throws away the oldest message of this type, whatever its length.
 void discard(i32 qid, long type) {
   long nothing_but_type;
   msgrcv(qid, &nothing_but_type, 0, type, IPC_NOWAIT | MSG_NOERROR);

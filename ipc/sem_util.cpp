@@ -10,23 +10,26 @@
 #include "platform/sys.h"
 #include "support/print.h"
 
-static constexpr char kPrintFile[] = "sem_util.c";
-
 struct Sem {
   pthread_mutex_t mutex;
 };
 
-static constexpr useconds_t kHeldPause = 1000;
+namespace {
 
-// The holder may wait for a dead server, so the end of the process and the thread's limit are looked for
-// while waiting. Not pthread_mutex_timedlock: its limit hangs on the wall clock.
-static i32 lock_within_limits(pthread_mutex_t* mutex) {
+constexpr char kPrintFile[] = "sem_util.c";
+constexpr useconds_t kHeldPause = 1000;
+
+// The holder may be waiting for a dead server, so this wait looks for the end of the process and the thread's
+// limit. pthread_mutex_timedlock would not do: its limit depends on the wall clock.
+i32 lock_within_limits(pthread_mutex_t* mutex) {
   while (pthread_mutex_trylock(mutex) != 0) {
     if (uvc_stream_state.exit_flag || WaitLimit::over()) return -1;
     sys::usleep(kHeldPause);
   }
   return 0;
 }
+
+}  // namespace
 
 SemHandle MakeSem() {
   SemHandle handle = new (std::nothrow) Sem;

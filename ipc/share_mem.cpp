@@ -10,16 +10,16 @@
 #include "platform/sys.h"
 #include "support/print.h"
 
-static constexpr char kPrintFile[] = "share_mem.c";
-
 namespace {
+
+constexpr char kPrintFile[] = "share_mem.c";
 
 constexpr std::chrono::milliseconds kLookPause{500};
 
 struct Segment {
   SegmentKey key;
   i32 id = -1;
-  i32 size = 0;  // of the part that copies may touch
+  i32 size = 0;  // bytes that copies may touch
 };
 Segment system_segment;
 
@@ -45,8 +45,8 @@ void* attach_once() {
   return start == reinterpret_cast<void*>(-1) ? nullptr : start;
 }
 
-// Null when there is no system-message segment. One that was removed can still be attached while another
-// process holds it: hence the look before.
+// Returns null if there is no system-message segment. A removed segment can still be attached while another
+// process holds it; hence the check before.
 u8* attach() {
   take_segment(system_segment.key.segment(system_segment.id));
   void* start = attach_once();

@@ -1,16 +1,18 @@
-// The parameter segment (System V key 12930021), which the system server owns: offsets in bytes from its
-// start, integers little-endian.
+// The parameter segment (System V key 12930021), which the system server owns. Offsets are in bytes from its
+// start; integers are little-endian.
 #pragma once
 
 #include <cstddef>
 
 #include "common/bytes.h"
 
-constexpr u32 SYSINFO_MAGIC =
-    0x5AC33CA5;  ///< at the start of SysInfo and of the state area once they are valid
-constexpr u32 CAMERA_CACHE_VALID = 0x5AA555AA;  ///< in CameraCache::valid while the cached values hold
+/// At the start of SysInfo and of the state area once they are valid.
+constexpr u32 SYSINFO_MAGIC = 0x5AC33CA5;
+/// In CameraCache::valid while the cached values are valid.
+constexpr u32 CAMERA_CACHE_VALID = 0x5AA555AA;
 
-constexpr i32 kSysInfoLength = 2640;  ///< also the length that the server reports on a successful write
+/// Also the length that the server reports for a successful write.
+constexpr i32 kSysInfoLength = 2640;
 constexpr std::size_t kSysStateOffset = 2640;
 constexpr std::size_t kCameraCacheOffset = 2956;
 constexpr std::size_t kRequestFlagsOffset = 3040;

@@ -25,9 +25,9 @@
 #include "platform/output.h"
 #include "support/print.h"
 
-static constexpr char kPrintFile[] = "sys_msg_drv.c";
-
 namespace {
+
+constexpr char kPrintFile[] = "sys_msg_drv.c";
 
 constexpr i32 kClosedProcess = 1;
 constexpr u32 kLastCommand = 63;
@@ -35,8 +35,8 @@ constexpr std::size_t kRecordSize = kMsgTypeSize + kSysMsgPayload;
 
 using Clock = WaitLimit::Clock;
 
-// The slot is the server's until it has answered: how long a new body waits for an answer that is owed,
-// counted from the request that it belongs to, and what it leaves of its own time for its own answer.
+// The slot belongs to the server until it has answered. This is how long a new body waits for an answer that
+// is owed, counted from that answer's request, and how much of its own time it keeps for its own answer.
 constexpr std::chrono::seconds kOwedPatience{8};
 constexpr std::chrono::milliseconds kOwnShare{1500};
 
@@ -65,7 +65,8 @@ bool await_slot() {
   return !too_late || channel.owed == 0 || Clock::now() >= patience;
 }
 
-// Brings the answer's bytes from the slot, as far as the caller has room. Returns 0, or -1 without the slot.
+// Copies the answer's bytes out of the slot, as far as the caller has room. Returns 0, or -1
+// without the slot.
 i32 take_reply(i32 offset, void* buffer, i32 length, i32& reply_length) {
   if (length > reply_length) {
     PRINT_DEBUG("%s:Recive buf too small!\n", "TransmitMsg2Sys");

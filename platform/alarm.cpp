@@ -13,7 +13,7 @@ using std::chrono::nanoseconds;
 
 constexpr long kRepeatNs = 10'000'000;
 
-// The handler has nothing to do: that it ran makes the interrupted call return.
+// The handler has nothing to do. Its running is what makes the interrupted call return.
 void interrupt(int) {}
 
 void install_handler() {
@@ -22,7 +22,7 @@ void install_handler() {
   sigaction(SIGRTMIN, &action, nullptr);
 }
 
-// A timer whose signal goes to the thread that made it.
+// A timer whose signal goes to the thread that created it.
 class ThreadTimer {
  public:
   ThreadTimer() {

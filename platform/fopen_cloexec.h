@@ -1,4 +1,4 @@
-// fopen for both seams: uClibc takes the mode letter "e" without closing the file on exec.
+// fopen for both seams. uClibc accepts the mode letter "e", but does not close the file on exec.
 #pragma once
 
 #include <fcntl.h>

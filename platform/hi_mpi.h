@@ -1,6 +1,6 @@
 // The few calls of the chip's media library (HI_MPI_*) that the service makes, and the picture record that
-// they share. Without the vendor's library the simulator's stand-in provides them all. The vendor's has the
-// functions but a picture record of its own: hi_mpi_vendor.cpp stands between the two.
+// they share. Without the vendor's library, the simulator's stand-in provides them all. The vendor's library
+// has the same functions, but a picture record of its own; hi_mpi_vendor.cpp translates.
 #pragma once
 
 #include "common/bytes.h"
@@ -18,24 +18,23 @@ struct VpssPicture {
   u32 pixel_format;  ///< VpssPixelFormat, or another value that the service refuses
   u32 phys_addr[2];  ///< physical address of each plane
   u32 stride[2];     ///< bytes from one row of the plane to the next
-  u32 handle;        ///< the library's own: which picture is to be released
+  u32 handle;        ///< the library's own: identifies the picture to be released
 };
 static_assert(sizeof(VpssPicture) == 32);
 
-// Not extern "C": beside the vendor's functions of the same names, which take another record, these are
-// overloads.
+// Not extern "C": they are overloads of the vendor's functions of the same names, which take another record.
 
-/// Takes the next picture of a channel. timeout_ms -1 waits without limit. 0, or an error code.
+/// Takes the next picture of a channel. If timeout_ms is -1, waits without limit. Returns 0 or an error code.
 i32 HI_MPI_VPSS_GetChnFrame(i32 group, i32 channel, VpssPicture* picture, i32 timeout_ms);
-/// Gives back a picture that HI_MPI_VPSS_GetChnFrame took. 0, or an error code.
+/// Gives back a picture that HI_MPI_VPSS_GetChnFrame took. Returns 0 or an error code.
 i32 HI_MPI_VPSS_ReleaseChnFrame(i32 group, i32 channel, const VpssPicture* picture);
 
 extern "C" {
 
-/// Maps a physical range uncached, or with caching. Null on failure; a size of 0 is refused.
+/// Map a physical range without or with caching. Return null on failure; a size of 0 is refused.
 void* HI_MPI_SYS_Mmap(u32 phys_addr, u32 size);
 void* HI_MPI_SYS_MmapCache(u32 phys_addr, u32 size);
-/// Unmaps the pages that cover [address, address + size). 0, or an error code.
+/// Unmaps the pages that cover [address, address + size). Returns 0 or an error code.
 i32 HI_MPI_SYS_Munmap(void* address, u32 size);
 
 }  // extern "C"

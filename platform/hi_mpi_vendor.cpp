@@ -1,6 +1,6 @@
-// The calls of hi_mpi.h that take a picture, over the chip vendor's library. The only file that knows the
-// vendor's records: another release of that library is met here. The mapping calls are the vendor's own, as
-// they are.
+// The calls of hi_mpi.h that take a picture, on top of the chip vendor's library. This is the only file that
+// knows the vendor's records, so an adaptation to another release of that library belongs here. The mapping
+// calls are the vendor's own.
 #include <hi_comm_video.h>
 #include <mpi_sys.h>
 #include <mpi_vpss.h>
@@ -10,8 +10,13 @@
 static_assert(u32{PIXEL_FORMAT_YUV_SEMIPLANAR_422} == kVpssYuv422SemiPlanar &&
               u32{PIXEL_FORMAT_YUV_SEMIPLANAR_420} == kVpssYuv420SemiPlanar);
 
-// The library wants its own record back. One is enough: the main thread takes a picture at a time.
-static VIDEO_FRAME_INFO_S taken;
+namespace {
+
+// The library wants its own record back. One is enough, because only the main thread takes pictures, one
+// at a time.
+VIDEO_FRAME_INFO_S taken;
+
+}  // namespace
 
 i32 HI_MPI_VPSS_GetChnFrame(i32 group, i32 channel, VpssPicture* picture, i32 timeout_ms) {
   const i32 result = HI_MPI_VPSS_GetChnFrame(group, channel, &taken, timeout_ms);

@@ -16,10 +16,15 @@
 
 #include "common/bytes.h"
 
-static std::atomic<u32> lost_messages[2];  // of standard output and standard error
+namespace {
 
-// A handler, since commands would inherit an ignored signal.
-static void ignore(int) {}
+// Of standard output and standard error.
+std::atomic<u32> lost_messages[2];
+
+// This is a handler because commands would inherit an ignored signal.
+void ignore(int) {}
+
+}  // namespace
 
 void output_init() {
   int fd;
@@ -31,7 +36,7 @@ void output_init() {
 
 namespace {
 
-// What is written together: what was lost, if anything, and the message.
+// What is written together: the report of lost messages, if any, and the message.
 struct Parts {
   static constexpr int kCount = 2;
 
@@ -44,28 +49,26 @@ struct Parts {
   std::size_t size;
 };
 
-}  // namespace
-
-static bool write_whole(int fd, const Parts& text) {
+bool write_whole(int fd, const Parts& text) {
   return writev(fd, text.parts, Parts::kCount) == static_cast<ssize_t>(text.size);
 }
 
-static bool send_whole(int fd, Parts& text) {
+bool send_whole(int fd, Parts& text) {
   msghdr message = {};
   message.msg_iov = text.parts;
   message.msg_iovlen = Parts::kCount;
   return sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(text.size);
 }
 
-// A pipe that poll() calls writable takes PIPE_BUF bytes.
-static bool write_if_writable(int fd, const Parts& text) {
+// A pipe that poll() reports as writable takes PIPE_BUF bytes.
+bool write_if_writable(int fd, const Parts& text) {
   pollfd ready = {fd, POLLOUT, 0};
   return text.size <= PIPE_BUF && poll(&ready, 1, 0) > 0 && write_whole(fd, text);
 }
 
-// Opened anew, a pipe or terminal can be written without waiting: O_NONBLOCK on the descriptor itself would
-// hold for every program that shares it. A file opened anew would be written from its beginning.
-static bool write_at_once(int fd, Parts text) {
+// Opened again, a pipe or terminal can be written without waiting; O_NONBLOCK on the descriptor itself would
+// affect every program that shares it. A file, opened again, would be written from its beginning.
+bool write_at_once(int fd, Parts text) {
   struct stat info;
   if (fstat(fd, &info) < 0) return false;
   if (S_ISREG(info.st_mode)) return write_whole(fd, text);
@@ -77,6 +80,8 @@ static bool write_at_once(int fd, Parts text) {
   close(own);
   return written;
 }
+
+}  // namespace
 
 void output(int fd, std::string_view message) {
   const int error = errno;

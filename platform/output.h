@@ -1,29 +1,29 @@
-// Output to standard output and standard error: whoever reads it, or no longer does, the service goes on.
+// Standard output and standard error for a service that goes on whether or not anybody reads them.
 #pragma once
 
 #include <cstdarg>
 #include <cstddef>
 #include <string_view>
 
-/// To be called before anything is opened or printed: opens those of the descriptors 0 to 2 that are closed
-/// on /dev/null, so that no device gets such a number and then the messages; and lets the process live on
-/// when the reader of a pipe has ended.
+/// Must be called before anything is opened or printed. Opens those of the descriptors 0 to 2 that are closed
+/// on /dev/null, so that no device gets such a number and then receives messages. Also keeps the process
+/// alive when the reader of a pipe has ended.
 void output_init();
 
 /// Writes `message` to descriptor 1 or 2 if that is possible at once. Otherwise the message is lost and
-/// counted; a line that tells the count precedes the next one that can be written. Never waits, leaves the
-/// descriptor's flags, which other programs share, and errno as they are. Any thread.
+/// counted; a line with the count precedes the next message that can be written. Never waits. Leaves errno as
+/// it is, and the descriptor's flags, which other programs share. Any thread may call it.
 void output(int fd, std::string_view message);
-/// The same with a message of at most kOutputSize - 1 characters; a longer one is cut.
+/// The same for a formatted message of at most kOutputSize - 1 characters; a longer one is cut.
 [[gnu::format(printf, 2, 3)]] void output_format(int fd, const char* format, ...);
 
 constexpr std::size_t kOutputSize = 2048;
 
-/// A message in the making, so that its parts are written together. What does not fit is cut off.
+/// A message that is put together from parts and written as a whole. What does not fit is cut off.
 class OutputText {
  public:
   [[gnu::format(printf, 2, 3)]] void add(const char* format, ...);
-  /// `arguments` may be used again.
+  /// Leaves `arguments` usable for another call.
   [[gnu::format(printf, 2, 0)]] void add_list(const char* format, va_list arguments);
   void send(int fd) const { output(fd, {text_, length_}); }
 

@@ -1,5 +1,5 @@
-// Shell commands for both seams, started as system() does it. fork, not vfork: a handler of the service's
-// that runs in the child before the shell does stores into words of the child's own.
+// Shell commands for both seams, started as system() starts them. This uses fork, not vfork: if a handler of
+// the service runs in the child before the shell does, it must write to words of the child's own.
 #pragma once
 
 #include <sys/wait.h>
@@ -9,7 +9,7 @@
 
 inline pid_t spawn_shell(const char* command) {
   const pid_t child = fork();
-  if (child >= 0) setpgid(child, 0);  // by both sides, whichever comes first
+  if (child >= 0) setpgid(child, 0);  // both sides do this, because either may run first
   if (child == 0) {
     execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
     _exit(127);
@@ -17,7 +17,7 @@ inline pid_t spawn_shell(const char* command) {
   return child;
 }
 
-/// The process between ends at once and leaves the command to init, which waits for it.
+/// The process in between ends at once and leaves the command to init, which waits for it.
 inline int launch_shell(const char* command) {
   const pid_t between = fork();
   if (between == 0) _exit(spawn_shell(command) < 0);

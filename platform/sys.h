@@ -1,6 +1,7 @@
-// The seam to the machine: every call by which the service reaches a device, a fixed path, a System V key,
-// a named semaphore or the shell. The build links one implementation: sys_linux.cpp on the camera (each
-// function is the call itself) or the simulator's on a PC. Arguments, results and errno are the call's own.
+// The seam to the machine: every call by which the service reaches a device, a fixed path, a System V
+// key, a named semaphore or the shell. The build links one implementation: sys_linux.cpp on the camera
+// (each function is the call itself) or the simulator's on a PC. Arguments, results and errno are those
+// of the call.
 #pragma once
 
 #include <semaphore.h>
@@ -10,7 +11,7 @@
 
 namespace sys {
 
-/// The mode counts only with O_CREAT. Callers pass O_CLOEXEC for files of their own.
+/// `mode` matters only with O_CREAT. Callers pass O_CLOEXEC for files of their own.
 int open(const char* path, int flags, mode_t mode = 0);
 int close(int fd);
 int ioctl(int fd, unsigned long request, void* argument);
@@ -23,12 +24,12 @@ std::FILE* fopen(const char* path, const char* mode);
 int remove(const char* path);
 int rename(const char* from, const char* to);
 int system(const char* command);
-/// Starts a command as system() does, in a process group of its own, and leaves waitpid to the caller. Its
-/// process id, which is the group's, or -1.
+/// Starts a command as system() does, in a process group of its own, and leaves waitpid to the caller.
+/// Returns its process id, which is also the group's, or -1.
 pid_t spawn(const char* command);
-/// Starts a command for whose end nobody waits and which leaves no zombie. 0, or -1.
+/// Starts a command that nobody waits for and that leaves no zombie. Returns 0 or -1.
 int launch(const char* command);
-/// Closed with ::pclose.
+/// The caller closes the stream with ::pclose.
 std::FILE* popen(const char* command, const char* mode);
 
 /// A cancellation point, like the call itself.
@@ -36,7 +37,7 @@ int usleep(useconds_t microseconds);
 
 int msgget(key_t key, int flags);
 int shmget(key_t key, size_t size, int flags);
-/// Without O_CREAT in `flags`, mode and value do not count.
+/// `mode` and `value` matter only with O_CREAT in `flags`.
 sem_t* sem_open(const char* name, int flags, mode_t mode, unsigned value);
 
 }  // namespace sys

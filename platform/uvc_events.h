@@ -1,5 +1,5 @@
 // The UVC gadget driver's events and response record, as the Linux kernel's interface defines them. The
-// board's kernel keeps them in a header of the driver, out of reach of programs.
+// board's kernel keeps them in a header of the driver, which programs cannot include.
 #pragma once
 
 #include <linux/videodev2.h>
@@ -26,7 +26,8 @@ static_assert(sizeof(UvcRequestData) == 64);
 
 constexpr unsigned long UVCIOC_SEND_RESPONSE = _IOW('U', 1, UvcRequestData);
 
-/// A hook of the camera's own gadget driver, taking the address of the buffer type; others reject it.
+/// A request of the camera's own gadget driver, which takes the address of the buffer type. Other
+/// drivers reject it.
 constexpr unsigned long kUvcPrivateStart = 0x12345678;
 
 #if defined(__arm__)

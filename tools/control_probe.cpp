@@ -24,14 +24,14 @@ void require(bool held, const char* what) {
 
 using Bytes = std::array<u8, kUvcRequestDataSize>;
 
-/// The bytes that came out the same from two buffers that differed everywhere.
+// Returns the bytes that are the same in two buffers that differed everywhere before.
 std::vector<u8> written(const Bytes& first, const Bytes& second) {
   std::size_t count = 0;
-  while (count < first.size() && first[count] == second[count]) count++;
+  while (count < first.size() && first[count] == second[count]) ++count;
   return {first.begin(), first.begin() + static_cast<std::ptrdiff_t>(count)};
 }
 
-/// A line of the server's record in the page's words; the reply is left out.
+// Returns a line of the server's record in the page's words, without the reply.
 std::string in_words(const std::string& line) {
   const std::string request = line.substr(0, line.find(" -> "));
   static const std::string kVisca = "sys 39 ", kCommand = "velto ";
@@ -49,7 +49,7 @@ ControlProbe::ControlProbe() : server_(sim::ServerOptions{}) {
   print_level = 1;
   run_.write_file("/opt/base/sys_update", "");
   sys::system("chmod +x /opt/base/sys_update; insmod /opt/vcam/ko/extdrv/g_webcam.ko");
-  require(VeltoDrvInit(kVeltoProcess) == 0 && InitSysMsgDrv(kSysMsgProcess) == 0, "no system server");
+  require(VeltoDrvInit(kVeltoProcess) == 0 && InitSysMsgDrv(kSysMsgProcess) == 0, "no connection to the system server");
   require(uvc_device_open() == 0, "no gadget node");
   usb_disconnect_word = &disconnect_word_;
   news();
@@ -95,7 +95,7 @@ ProbeEffect ControlProbe::set(const Place& place, std::span<const u8> data) {
   return {status, news()};
 }
 
-// A request that is answered goes through the same queue: then every command before it has arrived.
+// A request that is answered passes through the same queue, so every command before it has arrived by then.
 std::vector<std::string> ControlProbe::news() {
   ptz_get_pos();
   std::vector<std::string> lines = server_.received(lines_seen_);

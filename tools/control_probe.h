@@ -1,5 +1,5 @@
-// Asks the service's request handlers as its control thread does, beside a simulated system server, and tells
-// what came of it.
+// Calls the service's request handlers as its control thread does, next to a simulated system server, and
+// reports the results.
 #pragma once
 
 #include <span>
@@ -24,8 +24,7 @@ struct ProbeAnswer {
 
 struct ProbeEffect {
   u8 status;
-  /// VISCA frames as "`81 01 ... FF`", commands to the system server as "command 12: 2", and what else
-  /// happened.
+  /// VISCA frames as "`81 01 ... FF`", commands to the system server as "command 12: 2", and other effects.
   std::vector<std::string> sent;
 };
 
@@ -47,5 +46,5 @@ class ControlProbe {
   u32 disconnect_word_ = 0;
 };
 
-/// "0F 00".
+/// Returns a text such as "0F 00".
 std::string hex(std::span<const u8> bytes);

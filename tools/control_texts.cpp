@@ -33,9 +33,8 @@ static const ControlText kControls[] = {
     {kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_COMPONENT_AUTO_CONTROL), {{0}, {1}}},
     {kProcessingUnit, SELECTOR(PU_DIGITAL_MULTIPLIER_CONTROL)},
 };
-std::span<const ControlText> control_texts() { return kControls; }
 
-static constexpr LinuxText kLinux[] = {
+constexpr LinuxText kLinux[] = {
     {"auto_exposure", "(menu) 1: Manual Mode; see the oddities"},
     {"power_line_frequency", "(menu) 0: Disabled, 1: 50 Hz, 2: 60 Hz"},
     {"white_balance_automatic", "(bool) default 1"},
@@ -43,9 +42,8 @@ static constexpr LinuxText kLinux[] = {
     {"white_balance_component_auto", nullptr},
     {"digital_multiplier", nullptr},
 };
-std::span<const LinuxText> linux_texts() { return kLinux; }
 
-static constexpr VendorText kVendor[] = {
+constexpr VendorText kVendor[] = {
     {0, "the byte last set through selector 1"},
     {1, "a byte for the encoder"},
     {2, "on-screen display: accepted and ignored"},
@@ -57,9 +55,8 @@ static constexpr VendorText kVendor[] = {
     {24, "**1 reboots the camera**"},
     {25, "any SET: the camera takes the USB connection as ended"},
 };
-std::span<const VendorText> vendor_texts() { return kVendor; }
 
-static const VendorExample kVendorExamples[] = {
+const VendorExample kVendorExamples[] = {
     {1, kFormatMjpeg, false, {7}},       {3, kFormatH264, true, {30, 0, 0}},
     {3, kFormatH265, true, {25, 0, 0}},  {3, kFormatH265, true, {0, 0, 0}},
     {3, kFormatMjpeg, true, {30, 0, 0}}, {3, kFormatH264, false, {60, 0, 0}},
@@ -68,9 +65,8 @@ static const VendorExample kVendorExamples[] = {
     {24, kFormatMjpeg, false, {1}},      {25, kFormatMjpeg, false, {0}},
     {9, kFormatMjpeg, false, {0}},
 };
-std::span<const VendorExample> vendor_examples() { return kVendorExamples; }
 
-static constexpr RateMode kRateModes[] = {
+constexpr RateMode kRateModes[] = {
     {kFormatMjpeg, 0, "bit rate"},
     {kFormatMjpeg, 1, "bit rate, highest and lowest quality"},
     {kFormatMjpeg, 2, "quality"},
@@ -83,9 +79,8 @@ static constexpr RateMode kRateModes[] = {
     {kFormatH265, 2, "interval, two quantisers"},
     {kFormatH265, 3, "interval, bit rate"},
 };
-std::span<const RateMode> rate_modes() { return kRateModes; }
 
-static const RefusedBlock kRefused[] = {
+const RefusedBlock kRefused[] = {
     {kFormatMjpeg, {0, 0, 0, 0x30, 60, 0, 0, 0}, "another codec's"},
     {kFormatMjpeg, {1, 3, 0, 0, 0, 80, 0, 0}, "MJPEG has no mode 3"},
     {kFormatMjpeg, {1, 2, 0, 0, 0, 101, 0, 0}, "quality above 100"},
@@ -97,6 +92,14 @@ static const RefusedBlock kRefused[] = {
     {kFormatH265, {2, 0, 0, 0x30}, "shorter than 8 bytes: the missing ones are 0, so the interval is"},
     {kFormatYuy2, {3, 0, 0, 0, 0, 0, 0, 0}, "YUY2 has no rate control"},
 };
+
+}  // namespace
+
+std::span<const ControlText> control_texts() { return kControls; }
+std::span<const LinuxText> linux_texts() { return kLinux; }
+std::span<const VendorText> vendor_texts() { return kVendor; }
+std::span<const VendorExample> vendor_examples() { return kVendorExamples; }
+std::span<const RateMode> rate_modes() { return kRateModes; }
 std::span<const RefusedBlock> refused_blocks() { return kRefused; }
 
 const char kIntroduction[] = R"(# Controls
@@ -147,8 +150,8 @@ Eight bytes, the same in both directions, describe the codec of the committed fo
 | 5..7 | H.264 and H.265: quantisers              | 0..51                        |
 |      | MJPEG: quality values                    | 0..100                       |
 
-A byte that the mode has no parameter for is 0. Rates above 65535 kbit/s read as 65535. These are the parameters at start,
-read and set again while the codec streams; while nothing streams, a SET is kept and nothing is sent:
+A byte for which the mode has no parameter is 0. Rates above 65535 kbit/s read as 65535. These are the parameters at the
+start, read and set again while the codec streams; while nothing streams, a SET is kept and nothing is sent:
 
 )";
 
@@ -176,42 +179,42 @@ The frame sizes, by `bFrameIndex` and, with its name, `bFormatIndex`:
 const char kOddities[] = R"(
 ## Known oddities
 
-Hosts see these; other programs of the camera count on them, so they stay. Each comes with what an integrator can do.
+Hosts see these, and other programs of the camera rely on them, so they stay. Each comes with what an integrator can do.
 
 - **Linux reads a control once.** No GET_INFO announces changes by the device itself, so Linux answers from what it read or
   set last: positions, zoom and white balance that changed otherwise do not show, and a refused or ignored value looks
-  set. Reload the driver or replug to read anew, or send raw requests.
+  set. Reload the driver or replug the cable to make Linux read again, or send raw requests.
 - **Auto-exposure mode** is 0 (manual) or 1 (automatic), not the bitmap 1, 2, 4, 8 of the standard. GET_MAX is 1 and GET_RES,
-  which Linux takes for the bitmap, is 1: its menu has the single entry "1: Manual Mode", and choosing it makes the
+  which Linux takes for the bitmap, is 1: the menu has the single entry "1: Manual Mode", and choosing it makes the
   exposure **automatic**. All other values are refused by Linux itself, so that manual exposure needs a raw SET_CUR
-  with 0. Any value but 0 is automatic to the camera, 2, 4 and 8 included; the inquiry brings it back as 1.
-- **Exposure time** is kept and never reaches the camera. It reads 0, below its minimum, until it is set. Linux calls it
+  with 0. To the camera any value but 0 is automatic, including 2, 4 and 8; the inquiry returns it as 1.
+- **Exposure time** is kept and never reaches the camera. It reads 0, below its minimum, until it is set. Linux shows it as
   inactive unless the mode reads 1.
 - **Gain** reads 0 whatever was set, although its minimum is 4. Show the value that was last set.
 - **Hue** announces the whole range and refuses every value. Linux reports success and then shows the value that it sent.
   Hide the control.
 - **White-balance temperature**: setting it turns the automatic white balance off in the camera, but
-  `white_balance_automatic` goes on showing what Linux knew. Linux refuses the temperature (permission denied) while that
+  `white_balance_automatic` still shows what Linux knew before. Linux refuses the temperature (permission denied) while that
   shows 1: set it to 0 first.
-- **White-balance component** has 4 bytes, but GET_LEN tells 2. Minimum, maximum and resolution are one number: in the
-  standard's two fields (blue, red) red has the range 0..0 and step 0, which `v4l2-compliance` calls a failure. A red value
-  above 0 is out of range. Nothing of it reaches the camera. Hide both.
-- **White-balance component auto** tells a length of 2, but has 1 byte; it is only kept.
+- **White-balance component** has 4 bytes, but GET_LEN returns 2. Minimum, maximum and resolution are one number: in the
+  standard's two fields (blue, red) red has the range 0..0 and step 0, which `v4l2-compliance` calls a failure. A red
+  value above 0 is out of range. None of it reaches the camera. Hide both.
+- **White-balance component auto** reports a length of 2, but has 1 byte; it is kept, without any effect.
 - **Digital multiplier** reads 50 whatever was set, and nothing is sent.
 - **Focus** reads 0 and is not sent; its resolution is 0, which Linux shows as step 0. Focus relative answers nothing. Hide
   both.
 - **Roll** chooses a picture mode (1 to 4), despite its range of 0..1000; it reads 0.
-- **The camera terminal's ranges are told, not enforced**: zoom 65535 and a position of 30 turns are sent as they come, what
-  does not fit the head's 16-bit steps of 270 arc seconds wraps. Clamp in the host (Linux does).
-- **Position**: GET_CUR gives the last absolute position that was set, not where the head is. After relative motion it is stale.
+- **The camera terminal's ranges are reported, not enforced**: zoom 65535 and a position of 30 turns are sent unchanged, and
+  a position that does not fit the head's 16-bit steps of 270 arc seconds wraps. Clamp in the host, as Linux does.
+- **Position**: GET_CUR returns the last absolute position that was set, not where the head is. After relative motion it is stale.
 - **Pan and tilt speeds** run from 1 to 7 with default 1, while direction 0 in every limit means "stand still": setting the
   default stops the head. The speeds are ignored. When both directions are set, only pan moves. Linux shows -1..7: its lower
-  end is the negated minimum, so -1 is the one value for left and down.
+  end is the negated minimum, so -1 is the only value for left and down.
 - **Zoom relative** has minimum 0, so that Linux offers 0..4 and raises negative values to 0: zooming out needs
   `zoom_absolute` or a raw request with direction 255. GET_DEF answers nothing; the default that Linux shows is a left-over.
 - **Extension unit**: GET_INFO ends with status 6, every SET with status 0. To learn whether a rate-control block was taken,
   read it back.
 - **Firmware update and reboot**: any SET of selector 9, whatever its data, closes the video device and starts the updater; a
   1 to selector 24 reboots. Tools that try every selector must leave these two out. Selector 25 tells the camera that the host
-  has gone, while the stream goes on.
+  is gone, while the stream goes on.
 )";

@@ -1,4 +1,4 @@
-// What the control tables do not hold: standard names, examples, what a Linux host makes of a control, and
+// What the control tables do not contain: standard names, examples, how a Linux host shows a control, and
 // the page's prose.
 #pragma once
 
@@ -9,15 +9,15 @@
 
 struct ControlText {
   u8 entity, selector;
-  const char* name;                            ///< of the UVC standard
-  std::vector<std::vector<u8>> examples = {};  ///< for SET_CUR; empty: the ends of the range, and beyond
+  const char* name;                            ///< from the UVC standard
+  std::vector<std::vector<u8>> examples = {};  ///< for SET_CUR; if empty, the ends of the range, and beyond
 };
 std::span<const ControlText> control_texts();
 
-/// What `v4l2-ctl --list-ctrls-menus` shows of a control when it is no plain number of its range.
+/// What `v4l2-ctl --list-ctrls-menus` shows of a control that is not a plain number of its range.
 struct LinuxText {
   const char* control;  ///< as in sim/host/host_controls.h
-  const char* shows;    ///< null: it does not show the control
+  const char* shows;    ///< null if it does not show the control
 };
 std::span<const LinuxText> linux_texts();
 
@@ -33,7 +33,7 @@ struct VendorExample {
   bool streams;
   std::vector<u8> data;
 };
-/// The last one starts the firmware update, which gives up the node.
+/// Returns the examples. The last one starts the firmware update, which gives up the node.
 std::span<const VendorExample> vendor_examples();
 
 struct RateMode {
@@ -41,10 +41,10 @@ struct RateMode {
   i32 mode;
   const char* parameters;
 };
-/// Every codec and mode that there is.
+/// Returns every codec and mode.
 std::span<const RateMode> rate_modes();
 
-/// A rate-control block that is not taken, and why.
+/// A rate-control block that the service refuses, and why.
 struct RefusedBlock {
   i32 format;
   std::vector<u8> block;

@@ -1,5 +1,5 @@
-// Writes docs/controls.md to standard output: asks the service's own handlers, so that the page shows what a
-// host gets.
+// Writes docs/controls.md to standard output. It asks the service's own handlers, so the page shows what
+// a host gets.
 #include "tools/controls_page.h"
 
 #include <algorithm>
@@ -37,13 +37,13 @@ namespace {
 
 void print(const std::string& text) { std::fputs(text.c_str(), stdout); }
 
-/// A control of the camera terminal or the processing unit, with what the tables and the texts tell of it.
+// A control of the camera terminal or the processing unit, with its data from the tables and texts.
 struct Shown {
   Place place;
   const Control& row;
   const ControlText& text;
-  std::vector<sim::HostControl> values;  ///< by their names; empty: it has none
-  std::size_t length;                    ///< bytes of its value
+  std::vector<sim::HostControl> values;  // its values by name; empty if it has none
+  std::size_t length;                    // bytes of its value
 };
 
 Shown shown(ControlProbe& probe, const Unit& unit, const Control& row) {
@@ -64,7 +64,7 @@ Shown shown(ControlProbe& probe, const Unit& unit, const Control& row) {
   return control;
 }
 
-/// Named values as Linux numbers them, motions and the rest as their bytes or their number.
+// Writes named values as Linux numbers them, and motions and all others as their bytes or their number.
 std::string value_text(const Shown& control, std::span<const u8> bytes) {
   std::vector<std::string> parts;
   const bool motion = !control.values.empty() && control.values.front().value == sim::HostValue::kMotion;
@@ -105,7 +105,7 @@ std::string linux_range(ControlProbe& probe, const Shown& control, const sim::Ho
          ", default " + limit(UVC_GET_DEF);
 }
 
-/// A line for each value that Linux shows of the control, or one that says that there is none.
+// Returns a line for each value that Linux shows of the control, or one that says that there is none.
 std::vector<std::string> linux_cells(ControlProbe& probe, const Shown& control) {
   std::vector<std::string> cells;
   for (const sim::HostControl& value : control.values) {
@@ -119,7 +119,7 @@ std::vector<std::string> linux_cells(ControlProbe& probe, const Shown& control) 
   return cells;
 }
 
-/// Where GET_CUR takes its answer from: found out by setting the maximum, or 1, and reading again.
+// Returns where GET_CUR takes its answer from, found out by setting the maximum, or 1, and reading again.
 std::string reading_cell(ControlProbe& probe, const Shown& control) {
   const ProbeAnswer at_start = probe.get(UVC_GET_CUR, control.place);
   if (at_start.bytes.empty()) return "-";
@@ -138,10 +138,10 @@ std::string reading_cell(ControlProbe& probe, const Shown& control) {
 void add_reading(ControlProbe& probe, const Shown& control, MarkdownTable& table) {
   const std::vector<std::string> shows = linux_cells(probe, control);
   table.add({control.text.name, reading_cell(probe, control), shows.front()});
-  for (std::size_t i = 1; i < shows.size(); i++) table.add({"", "", shows[i]});
+  for (std::size_t i = 1; i < shows.size(); ++i) table.add({"", "", shows[i]});
 }
 
-/// Minimum, default, maximum, and the number after it where the control's bytes can hold it.
+// Returns minimum, default and maximum, and the next number if the control's bytes can hold it.
 std::vector<std::vector<u8>> ends_of_range(ControlProbe& probe, const Shown& control) {
   std::vector<std::vector<u8>> values;
   for (const u8 request : {UVC_GET_MIN, UVC_GET_DEF, UVC_GET_MAX}) {

@@ -1,4 +1,4 @@
-// The extension unit's part of the page: selectors, version record, rate control.
+// The page's part about the extension unit: selectors, version record, rate control.
 #include <algorithm>
 #include <cstdio>
 
@@ -20,7 +20,7 @@ constexpr u8 kVersionSelector = 9, kRateControlSelector = 16;
 
 Place vendor(u8 selector) { return {kVideoControlInterface, kExtensionUnit, selector}; }
 
-// Words that a mode does not have keep what the last one left there.
+// Words that a mode does not have would keep their values from the last mode.
 void clear_encoder_parameters() {
   for (Word& word : encoder_record.rc_param) word = 0;
 }
@@ -50,7 +50,7 @@ void print_selectors(ControlProbe& probe) {
   MarkdownTable table(
       {"selector", "meaning", "length", "info", "minimum", "maximum", "resolution", "default"});
   MarkdownTable readings({"GET_CUR of", "answers"});
-  for (u8 selector = 0; selector <= kLastSelector + 1; selector++) {
+  for (u8 selector = 0; selector <= kLastSelector + 1; ++selector) {
     const Place place = vendor(selector);
     const auto text = std::ranges::find(vendor_texts(), selector, &VendorText::selector);
     const std::string number = selector <= kLastSelector ? std::to_string(selector) : "29..255";

@@ -8,9 +8,9 @@ class MarkdownTable {
  public:
   explicit MarkdownTable(std::vector<std::string> header) : rows_{std::move(header)} {}
 
-  /// As many cells as the header has.
+  /// Adds a row, which must have as many cells as the header.
   void add(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
-  /// The same, but a row that differs from the last one in its first cell only joins it.
+  /// The same, but a row that differs from the last one only in its first cell is merged into it.
   void add_or_join(std::vector<std::string> row);
 
   std::string text() const;

@@ -1,5 +1,5 @@
 // camera_parties: system server, media process and log collector as a program of their own, with the camera's
-// real keys and names, for a machine that is the camera's own. Faults come as lines on standard input.
+// real keys and names, for a machine that is the camera's own. It reads faults as lines on standard input.
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -36,7 +36,7 @@ class Program {
  public:
   Program(const std::string& folder, const std::string& lent_encoder);
 
-  /// Serves until a signal comes; a file named "ready" says that it has begun.
+  // Serves until a signal comes. A file named "ready" shows that it has begun.
   void run();
 
  private:
@@ -106,7 +106,7 @@ int main(int argc, char** argv) {
     std::fprintf(
         stderr,
         "Usage: camera_parties FOLDER [LENT_ENCODER]\n\nUses the camera's real keys: not for a PC. Logs go "
-        "to FOLDER.\nFaults, a line each, on standard input:\n%s",
+        "to FOLDER.\nReads faults from standard input, one per line:\n%s",
         sim::fault_forms("  ").c_str());
     return 2;
   }

@@ -1,5 +1,6 @@
-// camera_sim: runs the camera service as a child process among a simulated camera and a USB host, streams
-// from it and drives it, and says whether the pictures arrive whole and in time and the camera obeys.
+// camera_sim: runs the camera service as a child process among a simulated camera and a USB host,
+// streams from it and drives it, and judges whether the pictures arrive whole and in time and whether
+// the camera obeys.
 #include <cstdio>
 #include <filesystem>
 #include <memory>

@@ -20,8 +20,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr StreamChoice kStream{StreamFormat::kMjpeg, {1280, 720}, 30};
-constexpr auto kRestLimit = 10s;  ///< until the head rests
-constexpr auto kTurning = 50ms;   ///< between the two settings of a step
+constexpr auto kRestLimit = 10s;  // until the head no longer moves
+constexpr auto kTurning = 50ms;   // between the two settings of a step
 constexpr u8 kVersionSelector = 9;
 constexpr char kBuildVersion[] = "2.1.3 of 2025-06-04, thrice";
 
@@ -38,7 +38,7 @@ std::string joined(const std::vector<std::string>& parts) {
   return text.empty() ? "none" : text;
 }
 
-/// The VISCA frames among the server's lines, without its replies.
+// Returns the VISCA frames among the server's lines, without its replies.
 std::vector<std::string> visca_frames(const std::vector<std::string>& lines) {
   constexpr std::string_view kViscaMessage = "sys 39 ";
   std::vector<std::string> frames;
@@ -50,7 +50,7 @@ std::vector<std::string> visca_frames(const std::vector<std::string>& lines) {
   return frames;
 }
 
-/// False when the camera refuses one.
+// Returns false if the camera refuses one of them.
 bool set_all(Session& session, const ControlStep& step) {
   for (const auto& setting : step.settings) {
     if (!setting.control) break;
@@ -76,14 +76,14 @@ StepOutcome take(Session& session, const ControlStep& step) {
   return outcome;
 }
 
-/// Version and date, when all three groups of the record tell the same.
+// Returns version and date, if all three groups of the record agree.
 std::string version_text(const std::vector<u8>& record) {
   constexpr std::size_t kGroup = 7;
   if (record.size() != 1 + 3 * kGroup || record[0] != 1) return "no version record";
   const auto groups = record.begin() + 1;
-  if (!std::equal(groups, record.end() - kGroup, groups + kGroup)) return "groups that differ";
+  if (!std::equal(groups, record.end() - kGroup, groups + kGroup)) return "groups differ";
   char text[64];
-  std::snprintf(text, sizeof text, "%d.%d.%d of %04d-%02d-%02d, thrice", groups[0], groups[1], groups[2],
+  std::snprintf(text, sizeof(text), "%d.%d.%d of %04d-%02d-%02d, thrice", groups[0], groups[1], groups[2],
                 groups[3] << 8 | groups[4], groups[5], groups[6]);
   return text;
 }
@@ -104,7 +104,7 @@ void check_version(Session& session) {
 void control_plan(Session& session) {
   UsbHost& host = session.camera().host;
   if (!session.going_on()) return;
-  if (!host.start(kStream)) return session.complain("no stream to drive the camera by: " + host.error());
+  if (!host.start(kStream)) return session.complain("cannot start the stream to drive the camera: " + host.error());
   print_row("step", "VISCA that the server received", "expected", "measured", "verdict");
   for (const ControlStep& step : control_steps()) {
     if (!session.going_on()) break;
@@ -114,9 +114,9 @@ void control_plan(Session& session) {
     session.judge(found == "right");
   }
   if (session.going_on()) check_version(session);
-  if (!session.service().running()) host.unplug();  // as the driver does it
+  if (!session.service().running()) host.unplug();  // as the driver does then
   const StreamReport stream = host.stop(session.picture_path("controls")).report;
-  if (!stream.whole()) session.complain("the stream meanwhile: " + defects(stream));
+  if (!stream.whole()) session.complain("the stream during the steps: " + defects(stream));
 }
 
 }  // namespace sim

@@ -9,7 +9,12 @@
 #include "sim/media/av.h"
 #include "sim/media/lent_encoder.h"
 
-static std::atomic<bool> interrupted = false;
+namespace {
+
+std::atomic<bool> interrupted = false;
+
+}  // namespace
+
 static_assert(decltype(interrupted)::is_always_lock_free);
 
 int main(int argc, char** argv) {

@@ -20,7 +20,7 @@ namespace {
 
 constexpr int kHistoryLines = 1000;
 
-// Readline's callbacks carry no object.
+// Readline's callbacks take no object, so these are global.
 LineReader::Completer completer;
 std::vector<std::string> candidates;
 
@@ -31,7 +31,7 @@ std::string history_path(const std::string& program) {
   return home ? std::string(home) + "/.local/state/" + program + "/history" : "";
 }
 
-/// Readline frees the strings that it is given.
+// Readline frees the strings that it is given.
 char* next_candidate(const char* begun, int state) {
   static std::size_t next;
   if (state == 0) next = 0;
@@ -47,13 +47,13 @@ char** complete(const char* begun, int start, int) {
       words_of(std::string_view(rl_line_buffer, static_cast<std::size_t>(start)));
   words.push_back(begun);
   const Choices choices = completer(words);
-  if (!choices) return nullptr;  // readline goes on with file names
+  if (!choices) return nullptr;  // readline then completes file names
   rl_attempted_completion_over = 1;
   candidates = *choices;
   return rl_completion_matches(begun, next_candidate);
 }
 
-/// Readline calls it ten times a second while it waits for a key.
+// Readline calls this ten times a second while it waits for a key.
 int end_line_when_interrupted() {
   if (interrupted) rl_done = 1;
   return 0;

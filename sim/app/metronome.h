@@ -1,5 +1,5 @@
-// Metronome: measures how late a busy machine lets its threads run, so that a limit for others can allow for
-// it.
+// Metronome: measures how late a busy machine runs its threads, so that other limits can allow
+// for that delay.
 #pragma once
 
 #include <atomic>
@@ -22,13 +22,13 @@ class Metronome {
   }
   Metronome(const Metronome&) = delete;
 
-  /// The sum of all delays so far, in milliseconds.
+  /// Returns the sum of all delays so far, in milliseconds.
   double late_ms() const { return static_cast<double>(late_us_) / 1000; }
 
  private:
   using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::microseconds kBeat{10'000};
-  static constexpr std::chrono::microseconds kUsual{1'000};  ///< of an idle machine
+  static constexpr std::chrono::microseconds kUsual{1'000};  ///< the delay on an idle machine
 
   void beat() {
     const auto due = Clock::now() + kBeat;

@@ -34,7 +34,7 @@ void report(Session& session, const LineReader& reader, const Complaint& complai
   session.judge(false);
 }
 
-/// On a terminal Ctrl-C ends a line or a command, not the session.
+// On a terminal Ctrl-C ends a line or a command, not the session.
 bool ends_session(const LineReader& reader) {
   if (!reader.on_terminal() || interrupted != SIGINT) return interrupted;
   interrupted = 0;

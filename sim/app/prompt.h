@@ -1,4 +1,4 @@
-// The prompt of camera_sim: commands from a terminal or a script, one a line, while the service runs.
+// The prompt of camera_sim: commands from a terminal or a script, one per line, while the service runs.
 #pragma once
 
 #include "sim/app/line_reader.h"
@@ -6,11 +6,11 @@
 
 namespace sim {
 
-/// Carries out the commands of standard input up to "quit" or its end. Input that is no terminal is a script:
-/// it goes on after a command that failed, but the session is not good then.
+/// Carries out the commands from standard input until "quit" or its end. Input that is not a terminal is a
+/// script: it goes on after a command that failed, but the session then counts as failed.
 void prompt(Session& session);
 
-/// What the last of a command line's words, begun or empty, may become.
+/// Returns what the last word of a command line, which may be incomplete or empty, can become.
 Choices completions(const std::vector<std::string>& words);
 
 }  // namespace sim

@@ -36,7 +36,7 @@ Complaint plug(Prompt& prompt, Words) {
   UsbHost& host = prompt.session.camera().host;
   if (host.plugged()) return "the cable is plugged in already";
   host.replug();
-  return host.enumerate() ? "" : "the device is not as it should be: " + host.error();
+  return host.enumerate() ? "" : "the device is not as expected: " + host.error();
 }
 
 Complaint unplug(Prompt& prompt, Words) {
@@ -46,7 +46,7 @@ Complaint unplug(Prompt& prompt, Words) {
   return "";
 }
 
-/// Ends every fault but a pulled cable.
+// Ends every fault but a pulled cable.
 Complaint clear_faults(Prompt& prompt) {
   const FaultKind kinds[] = {NodeFault{},           ServerFault{},
                              EncoderFault{},        CollectorFault::kQueueFull,
@@ -65,7 +65,7 @@ Complaint fault(Prompt& prompt, Words words) {
   return "";
 }
 
-/// Words of the forms that begin as the line does, placeholders aside.
+// Returns the next words of the forms that begin like the line, without placeholders.
 Choices fault_choices(Words words) {
   std::vector<std::string> choices{"clear"};
   if (words.size() > 1) choices = {"at", "for"};
@@ -135,7 +135,7 @@ Choices any_file(Words) { return std::nullopt; }
 
 constexpr Command kCommands[] = {
     {"help", "[COMMAND]", "this list, or more about one", 0, 1, help, help_choices},
-    {"controls", "", "every control with its limits, as the camera tells them", 0, 0, list_controls, nullptr,
+    {"controls", "", "every control with its limits, as the camera reports them", 0, 0, list_controls, nullptr,
      true},
     {"get", "NAME... | all", "values of controls", 1, kAnyNumber, get_controls, get_choices, true},
     {"set", "NAME VALUE [NAME VALUE]...", "set controls, one after the other", 2, kAnyNumber, set_controls,
@@ -145,12 +145,12 @@ constexpr Command kCommands[] = {
     {"raw", "TYPE REQUEST VALUE INDEX LENGTH [BYTE...]", "any request: 0xA1 or 161; bytes in hex", 5,
      kAnyNumber, raw_request, nullptr, true},
     {"stream", "[start] FORMAT [WxH] [for SECONDS] [to FILE] | stop",
-     "report what comes; \"start\" goes on until \"stop\"", 1, kAnyNumber, stream, stream_choices},
-    {"picture", "FILE.png", "the next picture of the stream, or of one that is started for it", 1, 1,
+     "report what comes; \"start\" runs until \"stop\"", 1, kAnyNumber, stream, stream_choices},
+    {"picture", "FILE.png", "save the next picture of the stream, or of one started for it", 1, 1,
      write_picture, any_file, true},
     {"plug", "", "put the USB cable in", 0, 0, plug},
     {"unplug", "", "pull the USB cable", 0, 0, unplug},
-    {"fault", "[at TIME] TEXT [for TIME] | clear", "something goes wrong, from now on or TIME on", 1,
+    {"fault", "[at TIME] TEXT [for TIME] | clear", "make something go wrong, now or after TIME", 1,
      kAnyNumber, fault, fault_choices},
     {"look", "", "where the camera's head looks, and its settings", 0, 0, look},
     {"server", "", "what the system server received since it was last shown", 0, 0, server},

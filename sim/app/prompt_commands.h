@@ -1,4 +1,4 @@
-// The commands of the prompt: a row each.
+// The commands of the prompt, one row each.
 #pragma once
 
 #include <fstream>
@@ -13,18 +13,18 @@
 
 namespace sim {
 
-/// A stream that goes on until a command ends it.
+/// A stream that runs until a command ends it.
 struct RunningStream {
   StreamChoice choice;
-  unsigned unplugs;    ///< of the host when it began
-  std::ofstream copy;  ///< open when the payloads are wanted
+  unsigned unplugs;    ///< the host's count when it began
+  std::ofstream copy;  ///< open if the payloads are to be written
 };
 
-/// What the commands share.
+/// What the commands have in common.
 struct Prompt {
   Session& session;
   std::optional<RunningStream> stream{};
-  std::size_t server_lines = 0;  ///< of the server's that were shown
+  std::size_t server_lines = 0;  ///< lines of the server that were already shown
   bool over = false;
 };
 
@@ -33,21 +33,21 @@ using Words = std::span<const std::string>;
 
 struct Command {
   const char* name;
-  const char* arguments;  ///< as help shows them
+  const char* arguments;  ///< as the help shows them
   const char* help;
-  std::size_t least, most;  ///< words that it takes
+  std::size_t least, most;  ///< the number of words that it takes
   Complaint (*run)(Prompt&, Words);
-  Choices (*choices)(Words) = nullptr;  ///< for the last word; null: none are known
-  bool needs_cable = false;             ///< is refused with kUnplugged without
+  Choices (*choices)(Words) = nullptr;  ///< for the last word; null if none are known
+  bool needs_cable = false;             ///< refused with kUnplugged without it
 };
 constexpr char kUnplugged[] = "the cable is unplugged; \"plug\" puts it in";
 
 std::span<const Command> commands();
-const Command* find_command(std::string_view name);  ///< null: there is none
-/// "stream [start] FORMAT ...".
+const Command* find_command(std::string_view name);  ///< returns null if there is none
+/// Returns a text such as "stream [start] FORMAT ...".
 std::string usage(const Command& command);
 
-// Controls: sim/app/prompt_controls.cpp.
+// Controls, in sim/app/prompt_controls.cpp.
 Complaint list_controls(Prompt&, Words);
 Complaint get_controls(Prompt&, Words names);
 Complaint set_controls(Prompt&, Words names_and_values);
@@ -57,7 +57,7 @@ Choices get_choices(Words);
 Choices set_choices(Words);
 Choices extension_choices(Words);
 
-// Streams and pictures: sim/app/prompt_stream.cpp.
+// Streams and pictures, in sim/app/prompt_stream.cpp.
 Complaint stream(Prompt&, Words order);
 Complaint stop_stream(Prompt&);  ///< prints its row
 Complaint write_picture(Prompt&, Words path);

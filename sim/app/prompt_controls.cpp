@@ -13,7 +13,7 @@ namespace sim {
 
 namespace {
 
-constexpr u16 kLongestData = 64;  ///< of a request's data stage
+constexpr u16 kLongestData = 64;  // of a request's data stage, in bytes
 
 struct NamedRequest {
   const char* name;
@@ -25,7 +25,7 @@ constexpr NamedRequest kGets[] = {{"get", UVC_GET_CUR},  {"min", UVC_GET_MIN}, {
 
 Conversation& conversation(Prompt& prompt) { return prompt.session.camera().conversation; }
 
-/// As the log has it, with what the server received.
+// Shows it as the log has it, with what the server received.
 void show_last_exchange(Prompt& prompt) {
   std::printf("%s\n", describe(conversation(prompt).exchanges().back()).c_str());
 }
@@ -34,7 +34,7 @@ Complaint unknown_control(const std::string& name) {
   return "no such control: \"" + name + "\"; \"controls\" lists them";
 }
 
-/// Nothing when the text is no number, or none that the control's bytes can hold.
+// Returns nothing if the text is not a number that fits the control's bytes.
 std::optional<i32> value_for(const HostControl& control, const std::string& text) {
   const i64 most = control.value == HostValue::kMotion ? 255 : (i64{1} << 8 * control.size) - 1;
   const i64 least = control.value == HostValue::kUnsigned ? 0 : -most;
@@ -43,7 +43,7 @@ std::optional<i32> value_for(const HostControl& control, const std::string& text
   return value ? std::optional(static_cast<i32>(*value)) : std::nullopt;
 }
 
-/// The camera tells the host nothing about a value that it refuses: reads it back.
+// The camera does not report that it refused a value, so this reads it back.
 Complaint check_taken(Prompt& prompt, const HostControl& control, i32 value) {
   Conversation& host = conversation(prompt);
   const auto now = get_control(host, control, UVC_GET_CUR);
@@ -62,10 +62,10 @@ Complaint set_one(Prompt& prompt, const std::string& name, const std::string& te
   const HostControl* const control = find_host_control(name);
   if (!control) return unknown_control(name);
   const auto value = value_for(*control, text);
-  if (!value) return name + ": \"" + text + "\" is no number that the control can hold";
+  if (!value) return name + ": \"" + text + "\" is not a number that fits the control";
   const bool sent = set_control(conversation(prompt), *control, *value);
   show_last_exchange(prompt);
-  const Complaint complaint = sent ? check_taken(prompt, *control, *value) : "the camera does not take it";
+  const Complaint complaint = sent ? check_taken(prompt, *control, *value) : "the camera refuses it";
   return complaint.empty() ? "" : name + ": " + complaint;
 }
 
@@ -81,13 +81,13 @@ std::optional<std::vector<u8>> bytes_of(Words words) {
 
 Complaint set_extension(Prompt& prompt, u8 selector, Words words) {
   const auto bytes = bytes_of(words);
-  if (!bytes || bytes->empty()) return "wanted: 1 to 64 bytes in hex, such as 0A FF";
+  if (!bytes || bytes->empty()) return "expected 1 to 64 bytes in hex, such as 0A FF";
   const bool stalled = set_control(conversation(prompt), kExtensionUnit, selector, *bytes).stalled;
   show_last_exchange(prompt);
-  return stalled ? "the camera does not take it" : "";
+  return stalled ? "the camera refuses it" : "";
 }
 
-/// As many bytes as GET_LEN tells.
+// Reads as many bytes as GET_LEN returns.
 Complaint get_extension(Prompt& prompt, u8 selector, u8 request) {
   Conversation& host = conversation(prompt);
   u16 length = request == UVC_GET_LEN ? 2 : 1;
@@ -101,7 +101,7 @@ Complaint get_extension(Prompt& prompt, u8 selector, u8 request) {
   return stalled ? "the camera does not answer" : "";
 }
 
-/// "0xA1" or "161".
+// "0xA1" or "161".
 std::optional<u16> setup_number(std::string_view text, u16 most) {
   const bool hex = text.starts_with("0x");
   return parse_number<u16>(hex ? text.substr(2) : text, 0, most, hex ? 16 : 10);
@@ -143,7 +143,7 @@ Complaint get_controls(Prompt& prompt, Words names) {
 }
 
 Complaint set_controls(Prompt& prompt, Words words) {
-  if (words.size() % 2) return "wanted: a value for each name";
+  if (words.size() % 2) return "expected a value for each name";
   for (; !words.empty(); words = words.subspan(2)) {
     const Complaint complaint = set_one(prompt, words[0], words[1]);
     if (!complaint.empty()) return complaint;
@@ -166,13 +166,13 @@ Complaint extension_unit(Prompt& prompt, Words words) {
 Complaint raw_request(Prompt& prompt, Words words) {
   constexpr u16 kMost[] = {0xFF, 0xFF, 0xFFFF, 0xFFFF, 0xFFFF};
   u16 numbers[std::size(kMost)];
-  for (std::size_t i = 0; i < std::size(kMost); i++) {
+  for (std::size_t i = 0; i < std::size(kMost); ++i) {
     const auto number = setup_number(words[i], kMost[i]);
     if (!number) return '"' + words[i] + "\" is not a number up to " + std::to_string(kMost[i]);
     numbers[i] = *number;
   }
   const auto data = bytes_of(words.subspan(std::size(kMost)));
-  if (!data) return "wanted: at most 64 bytes in hex, such as 0A FF";
+  if (!data) return "expected at most 64 bytes in hex, such as 0A FF";
   const usb_ctrlrequest setup{.bRequestType = static_cast<u8>(numbers[0]),
                               .bRequest = static_cast<u8>(numbers[1]),
                               .wValue = numbers[2],

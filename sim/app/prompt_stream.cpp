@@ -14,7 +14,7 @@ using namespace std::chrono_literals;
 
 constexpr double kLongestStream = 24 * 3600;
 
-/// What a stream command asks for.
+// What a stream command requests.
 struct Order {
   StreamChoice choice;
   std::optional<double> seconds{};
@@ -46,7 +46,7 @@ Complaint parse_order(Words words, Order& order) {
 }
 
 Complaint start_stream(Prompt& prompt, const Order& order) {
-  if (prompt.stream) return "a stream runs already: " + name_of(prompt.stream->choice);
+  if (prompt.stream) return "a stream is running already: " + name_of(prompt.stream->choice);
   UsbHost& host = prompt.session.camera().host;
   if (!host.plugged()) return kUnplugged;
   prompt.stream = RunningStream{order.choice, host.unplugs(), {}};
@@ -67,7 +67,7 @@ ReportRow row_so_far(Prompt& prompt) {
   return {name_of(choice), choice.rate, prompt.session.camera().host.progress(), {}};
 }
 
-/// Until the time is over, or the cable was pulled.
+// Waits until the time is over or the cable was pulled.
 void wait_for_stream(Prompt& prompt, double seconds) {
   Session& session = prompt.session;
   const std::chrono::duration<double> time(seconds);
@@ -84,10 +84,10 @@ void wait_for_stream(Prompt& prompt, double seconds) {
 }  // namespace
 
 Complaint stop_stream(Prompt& prompt) {
-  if (!prompt.stream) return "no stream runs";
+  if (!prompt.stream) return "no stream is running";
   UsbHost& host = prompt.session.camera().host;
   ReportRow row = row_so_far(prompt);
-  if (!prompt.session.service().running()) host.unplug();  // as the driver does it
+  if (!prompt.session.service().running()) host.unplug();  // as the driver does then
   row.result = host.stop("");
   row.error = prompt.session.service().running() ? host.error() : "the service has ended";
   print_table_head();
@@ -109,7 +109,7 @@ Complaint stream(Prompt& prompt, Words words) {
   Order order{.choice = {StreamFormat::kMjpeg, {}, options.rate}};
   Complaint complaint = parse_order(words, order);
   if (complaint.empty() && goes_on && order.seconds)
-    complaint = "\"stream start\" goes on until \"stream stop\"";
+    complaint = "\"stream start\" runs until \"stream stop\"";
   if (complaint.empty()) complaint = start_stream(prompt, order);
   if (!complaint.empty() || goes_on) return complaint;
   wait_for_stream(prompt, order.seconds.value_or(options.duration));

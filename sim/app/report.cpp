@@ -39,7 +39,7 @@ std::string verdict(const ReportRow& row) {
   if (const std::string wrong = defects(row.result.report); !wrong.empty()) return wrong;
   if (row.result.rate() >= kLeastShareOfRate * row.asked_rate) return kWhole;
   char text[64];
-  std::snprintf(text, sizeof text, "slow: %.1f of %u frames/s", row.result.rate(), row.asked_rate);
+  std::snprintf(text, sizeof(text), "slow: %.1f of %u frames/s", row.result.rate(), row.asked_rate);
   return text;
 }
 

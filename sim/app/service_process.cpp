@@ -25,11 +25,11 @@ constexpr char kDropNotice[] = "msg buffer overflow.";
   std::exit(2);
 }
 
-/// Never comes back: the child becomes the program.
+// Does not return: the child becomes the program.
 [[noreturn]] void become(const char* program, int output, int error, bool closed) {
   setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  signal(SIGPIPE, SIG_DFL);  // whatever the caller made of it
+  signal(SIGPIPE, SIG_DFL);  // whatever the caller has set
   const int input = open("/dev/null", O_RDONLY);
   dup2(input, STDIN_FILENO);
   dup2(output, STDOUT_FILENO);
@@ -49,7 +49,7 @@ ServiceProcess::ServiceProcess(const std::string& program, std::FILE* log, bool 
   pid_ = fork();
   if (pid_ < 0) end_program("fork");
   if (pid_ == 0) become(program.c_str(), output[1], error[1], how == ServiceOutput::kClosed);
-  setpgid(pid_, pid_);  // whichever of the two comes first
+  setpgid(pid_, pid_);  // both sides do this, because either may run first
   close(output[1]);
   close(error[1]);
   streams_[0].fd = output[0];
@@ -73,7 +73,7 @@ bool ServiceProcess::running() {
   int status;
   if (!status_ && waitpid(pid_, &status, WNOHANG) == pid_) {
     status_ = status;
-    kill(-pid_, SIGKILL);  // what it started goes with it
+    kill(-pid_, SIGKILL);  // together with what it started
     ended_ = true;
   }
   return !status_;
@@ -109,8 +109,8 @@ std::string ServiceProcess::last_lines() const {
   return text;
 }
 
-/// Until both streams have ended. A grandchild may hold them open: then until the child has ended and nothing
-/// more comes.
+// Reads until both streams have ended. A grandchild may hold them open; in that case, reads until the child
+// has ended and no more output comes.
 void ServiceProcess::read_output() {
   for (bool open[2] = {true, true}; open[0] || open[1];) {
     pollfd ready[2] = {{open[0] ? streams_[0].fd : -1, POLLIN, 0},
@@ -127,10 +127,10 @@ void ServiceProcess::read_output() {
   std::fflush(log_);
 }
 
-/// False at the stream's end.
+// Returns false at the stream's end.
 bool ServiceProcess::read_some(Stream& stream) {
   char text[4096];
-  const ssize_t length = read(stream.fd, text, sizeof text);
+  const ssize_t length = read(stream.fd, text, sizeof(text));
   if (length <= 0) return false;
   stream.line.append(text, static_cast<std::size_t>(length));
   for (auto end = stream.line.find('\n'); end != std::string::npos; end = stream.line.find('\n')) {

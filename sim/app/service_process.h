@@ -1,4 +1,5 @@
-// The service as a child process: its output goes to a file, line by line, and it is never left behind.
+// The service as a child process: its output is written to a file, line by line, and it never
+// survives its parent.
 #pragma once
 
 #include <signal.h>
@@ -14,41 +15,42 @@
 
 namespace sim {
 
-/// What becomes of a service's standard output and error.
+/// What happens to a service's standard output and error.
 enum class ServiceOutput {
   kLogged,
   kUnread,      ///< short pipes that nobody reads
   kReaderGone,  ///< pipes whose reader has ended
-  kClosed,      ///< standard input too
+  kClosed,      ///< closed, and standard input as well
 };
 
 class ServiceProcess {
  public:
-  /// Starts `program`. Its standard output and error go to `log` (the caller's) and, when `echo`, to standard
-  /// error. It becomes a process group of its own, so that Ctrl-C reaches the caller only, and dies with the
-  /// caller.
+  /// Starts `program`. Its standard output and error are written to `log` (which the caller owns) and, if
+  /// `echo` is set, to standard error. It gets a process group of its own, so that Ctrl-C reaches the caller
+  /// only, and dies with the caller.
   ServiceProcess(const std::string& program, std::FILE* log, bool echo,
                  ServiceOutput output = ServiceOutput::kLogged);
-  ~ServiceProcess();  ///< kills it if need be
+  ~ServiceProcess();  ///< kills it if it still runs
   ServiceProcess(const ServiceProcess&) = delete;
 
   pid_t pid() const { return pid_; }
   bool running();
-  /// The signal, then SIGKILL to its group when it has not ended within `limit` seconds. How long it took;
-  /// nothing when it had to be killed.
+  /// Sends the signal, then SIGKILL to its group if it has not ended within `limit` seconds. Returns the
+  /// seconds that it took, or nothing if it had to be killed.
   std::optional<double> stop(double limit, int signal = SIGTERM);
-  /// Once it has ended: "exit status 0", "killed by signal 11 (Segmentation fault)".
+  /// Returns how it ended, once it has: "exit status 0", "killed by signal 11 (Segmentation fault)".
   std::string how_it_ended() const;
   bool ended_with_success() const;
 
   std::string last_lines() const;  ///< of its output
-  /// Lines that its logger dropped because the collector's queue was over half full, as it says itself.
+  /// Returns how many lines its logger dropped because the collector's queue was over half full, according to
+  /// its own output.
   unsigned long dropped_log_lines() const { return dropped_; }
 
  private:
   struct Stream {
     int fd;
-    std::string line;  ///< begun, its newline to come
+    std::string line;  ///< an incomplete line, without its newline
   };
 
   void read_output();
@@ -59,7 +61,7 @@ class ServiceProcess {
   std::FILE* const log_;
   Stream streams_[2];
   pid_t pid_;
-  std::optional<int> status_;  ///< of waitpid()
+  std::optional<int> status_;  ///< from waitpid()
   std::atomic<bool> ended_ = false;
   std::atomic<unsigned long> dropped_ = 0;
   mutable std::mutex lock_;

@@ -16,9 +16,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr double kServiceEnd = 1;       ///< seconds from SIGTERM to the service's end
-constexpr double kServicePatience = 5;  ///< seconds until it is killed
-constexpr auto kDeviceLimit = 15s;      ///< from the service's start to the device on the bus
+constexpr double kServiceEnd = 1;       // seconds from SIGTERM to the service's end
+constexpr double kServicePatience = 5;  // seconds until it is killed
+constexpr auto kDeviceLimit = 15s;      // from the service's start to the device on the bus
 
 std::string service_program(const Options& options) {
   if (!options.service.empty()) return options.service;
@@ -38,7 +38,7 @@ void catch_signals() {
   struct sigaction action = {};
   action.sa_handler = [](int number) { interrupted = number; };
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
-  signal(SIGPIPE, SIG_IGN);  // a closed standard output is no reason to leave things behind
+  signal(SIGPIPE, SIG_IGN);  // a closed standard output must not keep the cleanup from running
 }
 
 Session::Session(const Options& options, std::FILE* service_log)
@@ -75,7 +75,7 @@ bool Session::wait_for_device() {
     std::printf("attach a debugger with: gdb -p %d; Ctrl-C ends everything\n", service_.pid());
   camera_.host.replug();
   if (camera_.host.enumerate()) return true;
-  complain("the device is not as it should be: " + camera_.host.error());
+  complain("the device is not as expected: " + camera_.host.error());
   return false;
 }
 

@@ -1,5 +1,5 @@
-// A session of camera_sim: the camera, the service as a child process from its start to its end, and what
-// was found wrong meanwhile.
+// A session of camera_sim: the camera, the service as a child process from its start to its end, and what was
+// found wrong in that time.
 #pragma once
 
 #include <signal.h>
@@ -26,7 +26,7 @@ class Session {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// Starts the service; its output goes to `service_log`. The options outlive the session.
+  /// Starts the service, whose output goes to `service_log`. The options must outlive the session.
   Session(const Options& options, std::FILE* service_log);
 
   const Options& options() const { return options_; }
@@ -34,27 +34,29 @@ class Session {
   ServiceProcess& service() { return service_; }
   Timeline& timeline() { return timeline_; }
 
-  /// Until the device is on the bus and enumerated; false after a complaint.
+  /// Waits until the device is on the bus and enumerated. Complains and returns false if that fails.
   bool wait_for_device();
-  /// False when the limit passed, the service ended or Ctrl-C came before the condition held.
+  /// Returns false if the limit passed, the service ended or Ctrl-C came before the condition held.
   template <class Condition>
   bool wait(Clock::duration limit, Condition condition);
   bool going_on() { return !interrupted && service_.running(); }
 
-  /// Of a PNG in the options' folder; "replug MJPEG 1280x720" becomes replug-mjpeg-1280x720.png.
+  /// Returns the path of a PNG in the options' folder: "replug MJPEG
+  /// 1280x720" becomes replug-mjpeg-1280x720.png.
   std::string picture_path(std::string name) const;
 
-  /// Prints what went wrong; the session is not good any more.
+  /// Prints what went wrong; the session then counts as failed.
   void complain(const std::string& what);
   void judge(bool good) { good_ = good_ && good; }
   bool good() const { return good_; }
 
-  /// Sets the fault at its time from now on, unless that is 0, and ends it after its duration.
+  /// Sets the fault when its time from now has passed, or never if that time is 0, and ends it
+  /// after its duration.
   void schedule(const Fault& fault);
 
-  /// Ends the service with SIGTERM, and judges its end.
+  /// Ends the service by SIGTERM and judges how it ended.
   void end_service();
-  /// Prints what was counted, and writes the logs of server and node.
+  /// Prints the counts and writes the logs of server and node.
   void print_counts();
 
  private:

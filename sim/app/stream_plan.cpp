@@ -15,12 +15,12 @@ using namespace std::chrono_literals;
 using Clock = Session::Clock;
 
 constexpr auto kCableLimit = 15s;
-constexpr double kUnplugged = 0.5;  ///< seconds of the planned unplug
+constexpr double kUnplugged = 0.5;  // seconds that the planned unplug lasts
 
 struct PlannedStream {
   StreamFormat format;
   FrameSize size;
-  bool unplug = false;  ///< in its middle; it is started again then
+  bool unplug = false;  // in its middle; it is then started again
 };
 constexpr PlannedStream kPlan[] = {
     {StreamFormat::kMjpeg, {1280, 720}},
@@ -39,7 +39,7 @@ std::vector<PlannedStream> planned_streams(const Options& options) {
   return {{format, options.size.value_or(planned->size)}};
 }
 
-/// One stream, until its time is over or the cable is pulled.
+// Runs one stream until its time is over or the cable is pulled.
 ReportRow stream_once(Session& session, const std::string& name, const StreamChoice& choice,
                       unsigned unplugs) {
   UsbHost& host = session.camera().host;
@@ -54,7 +54,7 @@ ReportRow stream_once(Session& session, const std::string& name, const StreamCho
       row.result = host.progress();
       print_progress(row);
     }
-    if (!session.service().running()) host.unplug();  // as the driver does it
+    if (!session.service().running()) host.unplug();  // as the driver does then
     row.result = host.stop(session.picture_path(name));
   }
   row.error = session.service().running() ? host.error() : "the service has ended";
@@ -64,7 +64,7 @@ ReportRow stream_once(Session& session, const std::string& name, const StreamCho
 bool wait_for_cable(Session& session) {
   UsbHost& host = session.camera().host;
   if (!session.wait(kCableLimit, [&] { return host.plugged(); })) {
-    if (session.going_on()) session.complain("the cable was not put back");
+    if (session.going_on()) session.complain("the cable was not plugged in again");
     return false;
   }
   if (host.enumerate()) return true;
@@ -72,7 +72,7 @@ bool wait_for_cable(Session& session) {
   return false;
 }
 
-/// Streams once, and again after every unplug.
+// Streams once, and again after every unplug.
 void stream(Session& session, const PlannedStream& planned) {
   UsbHost& host = session.camera().host;
   const Options& options = session.options();

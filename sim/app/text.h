@@ -1,4 +1,4 @@
-// What the command line, the faults and the prompt do with words.
+// The handling of words that the command line, the faults and the prompt share.
 #pragma once
 
 #include <charconv>
@@ -14,9 +14,9 @@ namespace sim {
 using Complaint = std::string;
 
 std::string lower(std::string_view text);
-/// What spaces separate.
+/// Returns the words that spaces separate.
 std::vector<std::string> words_of(std::string_view text);
-/// With a space between them.
+/// Joins words with spaces.
 template <class Words>
 std::string joined(const Words& words) {
   std::string text;
@@ -24,7 +24,7 @@ std::string joined(const Words& words) {
   return text;
 }
 
-/// Nothing unless all of the text is a number in these limits. The base is for whole numbers.
+/// Returns nothing unless all of the text is a number within these limits. The base applies to whole numbers.
 template <class Number>
 std::optional<Number> parse_number(std::string_view text, Number least, Number most, int base = 10) {
   Number value{};

@@ -1,4 +1,4 @@
-// Timeline: does things at their time, in a thread of its own, one after the other.
+// Timeline: runs actions at their time, in a thread of its own, one after the other.
 #pragma once
 
 #include <chrono>
@@ -13,10 +13,10 @@ namespace sim {
 class Timeline {
  public:
   Timeline();
-  ~Timeline();  ///< what has not come yet is not done
+  ~Timeline();  ///< drops the actions that are not due yet
   Timeline(const Timeline&) = delete;
 
-  /// `seconds` from now. May be called by what is being done.
+  /// Runs an action `seconds` from now. An action may call this.
   void in(double seconds, std::function<void()> action);
 
  private:

@@ -41,10 +41,11 @@ constexpr Measure kShift{{{{"right", 3}, {"up", 3}}}, shift};
 
 constexpr Limits about(double value, double tolerance) { return {value - tolerance, value + tolerance}; }
 
-/// Where the scene goes when the head turns by so many degrees: the other way, within 1 % of the width.
+// How the scene moves when the head turns by so many degrees: in the opposite direction, within 1 %
+// of the width.
 constexpr Limits against(double degrees) { return about(-degrees / kPictureDegrees, 0.01); }
 constexpr Limits kStill = against(0);
-/// It turns until the stop arrives, and that takes a different time on every machine.
+// The head turns until the stop arrives, which takes a different time on every machine.
 constexpr Limits kSome{0.02, 0.42}, kSomeBack{-0.42, -0.02};
 constexpr Limits kSomeDown{-0.24, -0.02}, kSomeUp{0.02, 0.24};
 
@@ -89,11 +90,11 @@ const ControlStep kSteps[] = {
 
 std::string number_text(const Measure::Quantity& quantity, double value) {
   char text[32];
-  std::snprintf(text, sizeof text, "%.*f", quantity.decimals, value);
+  std::snprintf(text, sizeof(text), "%.*f", quantity.decimals, value);
   return text;
 }
 
-/// Every quantity of the step with a value's text behind its name.
+// Joins the step's quantities, each with its value's text after its name.
 template <class ValueText>
 std::string texts(const ControlStep& step, ValueText value_text) {
   std::string text;

@@ -16,7 +16,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kRequestColumns = 61;  ///< as wide as both pan and tilt at their limits
+// Wide enough for both pan and tilt at their limits.
+constexpr std::size_t kRequestColumns = 61;
 
 double milliseconds(Clock::duration time) { return std::chrono::duration<double, std::milli>(time).count(); }
 
@@ -42,13 +43,13 @@ const Unit* unit_of(const usb_ctrlrequest& setup) {
   return found == std::end(kUnits) ? nullptr : found;
 }
 
-/// GET_LEN and GET_INFO tell of the whole control, not of a value.
+// GET_LEN and GET_INFO ask about the whole control, not about a value.
 bool asks_for_attribute(const usb_ctrlrequest& setup) {
   return setup.bRequest == UVC_GET_LEN || setup.bRequest == UVC_GET_INFO;
 }
 
 struct NamedValue {
-  std::string name, value{};  ///< empty: not known
+  std::string name, value{};  // empty if not known
 };
 
 NamedValue stream_value(const Exchange& exchange) {
@@ -58,7 +59,7 @@ NamedValue stream_value(const Exchange& exchange) {
   return {name, name_of(*choice) + ", " + std::to_string(choice->rate) + " frames/s"};
 }
 
-/// What the selector carries.
+// Returns what the selector carries.
 std::vector<NamedValue> named_values(const Exchange& exchange) {
   const usb_ctrlrequest& setup = exchange.setup;
   const u8 selector = selector_of(setup);
@@ -86,7 +87,7 @@ std::string control_text(const Exchange& exchange) {
   return text + " = " + std::to_string(data.size() == 1 ? data[0] : get_le16(data.data()));
 }
 
-/// Unit, request, control and value; in numbers when there is no such unit or request.
+// Returns unit, request, control and value, or numbers if there is no such unit or request.
 std::string request_text(const Exchange& exchange) {
   const usb_ctrlrequest& setup = exchange.setup;
   const Unit* const unit = unit_of(setup);
@@ -94,19 +95,19 @@ std::string request_text(const Exchange& exchange) {
   const u8 type = USB_TYPE_CLASS | USB_RECIP_INTERFACE | (setup.bRequest & USB_DIR_IN);
   char text[80];
   if (!unit || !request || setup.bRequestType != type) {
-    std::snprintf(text, sizeof text, "--  type 0x%02X request 0x%02X value 0x%04X index 0x%04X length %u",
+    std::snprintf(text, sizeof(text), "--  type 0x%02X request 0x%02X value 0x%04X index 0x%04X length %u",
                   setup.bRequestType, setup.bRequest, setup.wValue, setup.wIndex, setup.wLength);
     return text;
   }
-  std::snprintf(text, sizeof text, "%s  %-8s  ", unit->name, request);
+  std::snprintf(text, sizeof(text), "%s  %-8s  ", unit->name, request);
   return text + control_text(exchange);
 }
 
 std::string outcome_text(const Exchange& exchange) {
   const char* const outcome = exchange.timed_out ? "timeout" : exchange.stalled ? "STALL" : "ok";
   char text[64], served[24] = "-";
-  if (exchange.served_ms >= 0) std::snprintf(served, sizeof served, "%.2f", exchange.served_ms);
-  std::snprintf(text, sizeof text, "  %-7s %7.2f %7s ms", outcome, exchange.answer_ms, served);
+  if (exchange.served_ms >= 0) std::snprintf(served, sizeof(served), "%.2f", exchange.served_ms);
+  std::snprintf(text, sizeof(text), "  %-7s %7.2f %7s ms", outcome, exchange.answer_ms, served);
   return text;
 }
 
@@ -114,7 +115,7 @@ std::string data_text(std::span<const u8> data) {
   std::string text;
   char byte[4];
   for (const u8 value : data) {
-    std::snprintf(byte, sizeof byte, " %02X", value);
+    std::snprintf(byte, sizeof(byte), " %02X", value);
     text += byte;
   }
   return text.empty() ? "" : "  [" + text.substr(1) + ']';
@@ -143,7 +144,7 @@ std::string describe(const Exchange& exchange) {
   std::string request = request_text(exchange);
   request.resize(std::max(request.size(), kRequestColumns), ' ');
   char time[24];
-  std::snprintf(time, sizeof time, "%8.3f  ", exchange.at_ms / 1000);
+  std::snprintf(time, sizeof(time), "%8.3f  ", exchange.at_ms / 1000);
   std::string line = time + request + outcome_text(exchange) + data_text(exchange.data);
   for (const std::string& received : exchange.server) line += " | " + received;
   return line;
@@ -152,7 +153,7 @@ std::string describe(const Exchange& exchange) {
 Conversation::Conversation(NodeHost& node, std::function<std::vector<std::string>(std::size_t from)> received)
     : node_(node), received_(std::move(received)) {}
 
-/// What the server has received belongs to the request before it.
+// Adds what the server has received to the last request.
 void Conversation::hear() {
   const std::lock_guard guard(lock_);
   const auto lines = received_ ? received_(heard_) : std::vector<std::string>();

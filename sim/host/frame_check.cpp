@@ -9,9 +9,11 @@
 
 namespace sim {
 
-static constexpr i64 kOldestFirstFrame = 1000 * kMillisecond;
+namespace {
 
-static AVCodecID codec_id(StreamFormat format) {
+constexpr i64 kOldestFirstFrame = 1000 * kMillisecond;
+
+AVCodecID codec_id(StreamFormat format) {
   switch (format) {
     case StreamFormat::kMjpeg:
       return AV_CODEC_ID_MJPEG;
@@ -24,6 +26,8 @@ static AVCodecID codec_id(StreamFormat format) {
   }
   return AV_CODEC_ID_NONE;
 }
+
+}  // namespace
 
 struct FrameChecker::Impl {
   Impl(StreamFormat stream_format, u32 stream_width, u32 stream_height, i64 stream_start);
@@ -39,8 +43,8 @@ struct FrameChecker::Impl {
   AvPtr<AVPacket> packet{av_packet_alloc()};
   AvPtr<AVFrame> picture{av_frame_alloc()};
   AvPtr<AVFrame> last_whole{av_frame_alloc()};
-  std::optional<u32> last;           ///< counter of the last whole frame
-  std::optional<u32> last_checksum;  ///< of the last payload
+  std::optional<u32> last;           // counter of the last whole frame
+  std::optional<u32> last_checksum;  // of the last payload
   unsigned long timed = 0;
   double latency_sum_ms = 0;
   StreamReport report;
@@ -61,7 +65,7 @@ FrameChecker::Impl::Impl(StreamFormat stream_format, u32 stream_width, u32 strea
   avcodec_open2(decoder.get(), codec, nullptr);
 }
 
-/// The payload's picture, undamaged and of the stream's size, into `picture`.
+// Decodes a payload into `picture`. Returns false if it is damaged or not of the stream's size.
 bool FrameChecker::Impl::decode(std::span<const u8> payload) {
   if (format == StreamFormat::kYuy2 && payload.size() != std::size_t{2} * width * height) return false;
   av_packet_unref(packet.get());
@@ -73,7 +77,7 @@ bool FrameChecker::Impl::decode(std::span<const u8> payload) {
          picture->height == static_cast<int>(height);
 }
 
-/// The counter of a payload that is one whole frame of the scene.
+// Returns the counter of a payload that is one whole frame of the scene.
 std::optional<u32> FrameChecker::Impl::whole_counter(std::span<const u8> payload, u32 checksum) {
   if (!decode(payload)) return std::nullopt;
   const LumaView luma{picture->data[0], width, height, static_cast<u32>(picture->linesize[0]),

@@ -1,4 +1,4 @@
-// What the USB host does with a received frame: decode it (libavcodec), read the burnt-in counter, and say
+// What the USB host does with a received frame: decode it (libavcodec), read the burnt-in counter, and judge
 // whether the stream is whole.
 #pragma once
 
@@ -10,35 +10,38 @@
 
 namespace sim {
 
-constexpr std::size_t kEmptyPayload = 2;  ///< bytes of a payload without a picture, at most
+/// The largest size in bytes of a payload without a picture.
+constexpr std::size_t kEmptyPayload = 2;
 
-enum class StreamFormat { kMjpeg = 1, kH264 = 2, kYuy2 = 3, kH265 = 4 };  ///< values of bFormatIndex
+/// The values are those of bFormatIndex.
+enum class StreamFormat { kMjpeg = 1, kH264 = 2, kYuy2 = 3, kH265 = 4 };
 
 struct StreamReport {
   unsigned long frames = 0;    ///< whole frames with a readable counter
   unsigned long empty = 0;     ///< empty payloads after the first picture
-  unsigned long leading = 0;   ///< such payloads before the first picture: normal at a stream start
+  unsigned long leading = 0;   ///< empty payloads before the first picture: normal at a stream start
   unsigned long lost = 0;      ///< counters skipped
   unsigned long torn = 0;      ///< not decodable, wrong size, or the two burnt-in counters differ
   unsigned long repeated = 0;  ///< the same counter again
-  unsigned long stale = 0;     ///< older than the stream's start, or going back
+  unsigned long stale = 0;     ///< older than the stream's start, or going backwards
   u64 bytes = 0;               ///< of whole frames
-  double latency_ms = 0;       ///< mean, scene to host
+  double latency_ms = 0;       ///< mean, from scene to host
   double latency_max_ms = 0;
   bool whole() const { return frames > 0 && !empty && !lost && !torn && !repeated && !stale; }
 };
 
 class FrameChecker {
  public:
-  /// `start` of the stream: CLOCK_MONOTONIC in nanoseconds, 0: now.
+  /// `start` is the time of the stream's start, CLOCK_MONOTONIC in nanoseconds; 0 means now.
   FrameChecker(StreamFormat format, u32 width, u32 height, i64 start = 0);
   ~FrameChecker();
 
-  /// One payload as it came off the bus. Not copied. `arrived`: CLOCK_MONOTONIC in nanoseconds, 0: now.
+  /// Checks one payload as it came off the bus; does not copy it. `arrived` is CLOCK_MONOTONIC in
+  /// nanoseconds; 0 means now.
   void feed(std::span<const u8> payload, i64 arrived = 0);
   const StreamReport& report() const;
-  /// The last whole picture, until the next payload; null: there is none. Its pts is the time at which it was
-  /// made, CLOCK_MONOTONIC in nanoseconds, 0 when unknown.
+  /// Returns the last whole picture, valid until the next payload, or null. Its pts is the time at which it
+  /// was made, CLOCK_MONOTONIC in nanoseconds, or 0 if unknown.
   const AVFrame* picture() const;
 
  private:

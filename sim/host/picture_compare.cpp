@@ -15,12 +15,13 @@ namespace sim {
 namespace {
 
 constexpr int kMeasuredWidth = 320;
-constexpr double kFurthestShift = 0.45;  ///< in parts of the width and of the height
+// In parts of the width and of the height.
+constexpr double kFurthestShift = 0.45;
 constexpr double kMostScale = 10;
 
 AVPixelFormat format_of(const AVFrame& picture) { return static_cast<AVPixelFormat>(picture.format); }
 
-/// What is between the strips, area-averaged, in full range and with a chroma sample for every pixel.
+// Returns the part between the strips, area-averaged, in full range and with a chroma sample for every pixel.
 AvPtr<AVFrame> shrink(const AVFrame& picture) {
   const int strip = static_cast<int>(strip_height(static_cast<u32>(picture.width)));
   const int rows = picture.height - 2 * strip;
@@ -40,7 +41,7 @@ AvPtr<AVFrame> shrink(const AVFrame& picture) {
   return small;
 }
 
-/// Gathers pairs of samples; how alike they are whatever their brightness and contrast.
+// Gathers pairs of samples, and computes how similar they are regardless of brightness and contrast.
 class Correlation {
  public:
   void add(double a, double b) {
@@ -48,7 +49,7 @@ class Correlation {
     a_ += a, b_ += b;
     aa_ += a * a, bb_ += b * b, ab_ += a * b;
   }
-  /// -1..1; 0 when one side is flat.
+  // Returns -1..1; 0 if one side is flat.
   double value() const {
     const double spread = (count_ * aa_ - a_ * a_) * (count_ * bb_ - b_ * b_);
     const double least = count_ * count_ * count_ * count_ * 1e-6;
@@ -59,13 +60,13 @@ class Correlation {
   double count_ = 0, a_ = 0, b_ = 0, aa_ = 0, bb_ = 0, ab_ = 0;
 };
 
-/// Means of a picture's cells, row by row.
+// The means of a picture's cells, row by row.
 struct Grid {
   int columns, rows;
   std::vector<float> cells;
 };
 
-/// Adds up any upright rectangle of a picture, also through the middle of its pixels.
+// Adds up any upright rectangle of a picture, whose edges may divide pixels.
 class AreaSums {
  public:
   explicit AreaSums(const MeasuredPicture& picture)
@@ -79,11 +80,11 @@ class AreaSums {
     }
   }
 
-  /// The part of the picture around its middle that is `share` of it wide and high, in that many cells.
+  // Returns the part around the picture's middle that is `share` of it wide and high, in that many cells.
   Grid grid(double share, int columns, int rows) const;
 
  private:
-  /// Of everything to the left of and above a point, in pixels.
+  // Returns the sum of everything to the left of and above a point, in pixels.
   double sum(double x, double y) const;
 
   u32 width_, height_;
@@ -120,7 +121,7 @@ Grid AreaSums::grid(double share, int columns, int rows) const {
   return grid;
 }
 
-/// Of the cells of `before` with those of `after` so many to the right and further down.
+// Correlates the cells of `before` with those of `after` that are so many cells further right and down.
 double correlate(const Grid& before, const Grid& after, int right, int down) {
   Correlation correlation;
   for (int y = std::max(0, -down); y < std::min(before.rows, before.rows - down); ++y) {
@@ -137,7 +138,7 @@ struct CellShift {
   double correlation = -1;
 };
 
-/// The best one, at most `reach` cells from `around` and not further than the furthest.
+// Returns the best shift, at most `reach` cells from `around` and within kFurthestShift.
 CellShift best_shift(const Grid& before, const Grid& after, CellShift around, int reach) {
   const int most_right = static_cast<int>(before.columns * kFurthestShift);
   const int most_down = static_cast<int>(before.rows * kFurthestShift);
@@ -152,7 +153,7 @@ CellShift best_shift(const Grid& before, const Grid& after, CellShift around, in
   return best;
 }
 
-/// Above 1 the middle of `before` fills `after`, below 1 the other way round.
+// For a factor above 1, the middle of `before` fills `after`; below 1, it is the other way round.
 double correlation_at(const AreaSums& before, const AreaSums& after, double factor) {
   constexpr int kColumns = 64, kRows = 36;
   const Grid first = before.grid(std::min(1 / factor, 1.0), kColumns, kRows);
@@ -197,7 +198,7 @@ MeasuredPicture measure(const AVFrame& picture) {
 SceneShift find_shift(const MeasuredPicture& before, const MeasuredPicture& after) {
   const AreaSums first(before), second(after);
   CellShift best;
-  int reach = kMeasuredWidth;  // everywhere in the coarsest grid, then a little around
+  int reach = kMeasuredWidth;  // everywhere in the coarsest grid, then near the best shift
   for (const int size : {2, 1}) {
     const int columns = static_cast<int>(before.width) / size, rows = static_cast<int>(before.height) / size;
     best = best_shift(first.grid(1, columns, rows), second.grid(1, columns, rows),

@@ -1,5 +1,5 @@
-// What changed from one received picture to the next, by measurement: brightness, contrast, colour, and how
-// the scene moved or grew.
+// Measures what changed from one received picture to the next: brightness, contrast, colour, and how the
+// scene moved or grew.
 #pragma once
 
 #include <optional>
@@ -10,8 +10,8 @@
 
 namespace sim {
 
-/// A received picture, made small and flat for measuring: values 0..255, rows without padding. The strips
-/// with the frame counter are cut off.
+/// A received picture, reduced for measuring: values 0..255, rows without padding, and without the strips
+/// with the frame counter.
 struct MeasuredPicture {
   u32 width = 0, height = 0;
   std::vector<u8> luma;
@@ -19,17 +19,17 @@ struct MeasuredPicture {
   double luma_deviation = 0;  ///< standard deviation
   double colourfulness = 0;   ///< mean distance of the chroma from grey
 };
-/// `picture` has a planar 4:2:0 or packed 4:2:2 format.
+/// `picture` must have a planar 4:2:0 or packed 4:2:2 format.
 MeasuredPicture measure(const AVFrame& picture);
 
 /// How far the scene moved from `before` to `after`: the shift with the best normalised correlation.
 struct SceneShift {
-  double right, up;    ///< in parts of the picture's width: 0.1 is a tenth of it to the right, or up
-  double correlation;  ///< 1: the overlapping parts are the same
+  double right, up;    ///< in parts of the picture's width: 0.1 is a tenth of it, to the right or up
+  double correlation;  ///< 1 if the overlapping parts are the same
 };
 SceneShift find_shift(const MeasuredPicture& before, const MeasuredPicture& after);
 
-/// By which factor the scene grew around the picture's middle, 0.1..10, by the best correlation.
+/// The factor by which the scene grew around the picture's middle, 0.1..10, found by the best correlation.
 struct SceneScale {
   double factor;
   double correlation;

@@ -4,7 +4,9 @@
 
 namespace sim {
 
-static AvPtr<AVFrame> to_rgb(const AVFrame& from) {
+namespace {
+
+AvPtr<AVFrame> to_rgb(const AVFrame& from) {
   AvPtr<AVFrame> rgb(av_frame_alloc());
   rgb->width = from.width;
   rgb->height = from.height;
@@ -17,8 +19,8 @@ static AvPtr<AVFrame> to_rgb(const AVFrame& from) {
   return rgb;
 }
 
-/// Null when the picture cannot be encoded.
-static AvPtr<AVPacket> to_png(const AVFrame& rgb) {
+// Returns null if the picture cannot be encoded.
+AvPtr<AVPacket> to_png(const AVFrame& rgb) {
   const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_PNG);
   AvPtr<AVCodecContext> encoder(avcodec_alloc_context3(codec));
   encoder->width = rgb.width;
@@ -31,6 +33,8 @@ static AvPtr<AVPacket> to_png(const AVFrame& rgb) {
                     avcodec_receive_packet(encoder.get(), png.get()) >= 0;
   return done ? std::move(png) : nullptr;
 }
+
+}  // namespace
 
 bool write_png(const AVFrame& picture, const std::string& path) {
   const auto rgb = to_rgb(picture);

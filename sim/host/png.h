@@ -7,7 +7,7 @@
 
 namespace sim {
 
-/// False when the picture cannot be encoded or the file cannot be written.
+/// Returns false if the picture cannot be encoded or the file cannot be written.
 bool write_png(const AVFrame& picture, const std::string& path);
 
 }  // namespace sim

@@ -34,7 +34,7 @@ Exchange get_descriptor(u8 type, std::vector<u8> descriptor, std::size_t length)
   return {.setup = standard_request(USB_DIR_IN, USB_REQ_GET_DESCRIPTOR, value, length), .data = descriptor};
 }
 
-/// What every host asks for before it sends class requests.
+// The requests that every host sends before class requests.
 std::vector<Exchange> enumeration() {
   const auto device = device_descriptor(), configuration = configuration_descriptor();
   return {get_descriptor(USB_DT_DEVICE, device, device.size()),
@@ -43,13 +43,13 @@ std::vector<Exchange> enumeration() {
           {.setup = standard_request(USB_DIR_OUT, USB_REQ_SET_CONFIGURATION, 1, 0)}};
 }
 
-/// One of the two records of a transfer.
+// One of the two records of a transfer.
 struct Record {
   char event;
   double at_ms;
   i32 status;
   u32 length;
-  std::span<const u8> data;  ///< what crosses the bus with it
+  std::span<const u8> data;  // transferred with this record
 };
 
 class Capture {
@@ -94,11 +94,11 @@ void Capture::add(const Exchange& exchange, const Record& record) {
   header.status = record.status;
   header.urb_len = record.length;
   header.data_len = static_cast<u32>(record.data.size());
-  if (record.event == URB_SUBMIT) std::memcpy(&header.s.setup, &exchange.setup, sizeof exchange.setup);
+  if (record.event == URB_SUBMIT) std::memcpy(&header.s.setup, &exchange.setup, sizeof(exchange.setup));
 
-  std::vector<u8> packet(sizeof header + record.data.size());
-  std::memcpy(packet.data(), &header, sizeof header);
-  std::ranges::copy(record.data, packet.begin() + sizeof header);
+  std::vector<u8> packet(sizeof(header) + record.data.size());
+  std::memcpy(packet.data(), &header, sizeof(header));
+  std::ranges::copy(record.data, packet.begin() + sizeof(header));
   const auto size = static_cast<bpf_u_int32>(packet.size());
   const pcap_pkthdr place{.ts = {header.ts_sec, header.ts_usec}, .caplen = size, .len = size};
   pcap_dump(reinterpret_cast<u_char*>(file_.get()), &place, packet.data());

@@ -9,7 +9,7 @@ extern "C" {
 
 #include "vencbuf/enc_frame.h"
 
-/// Read by the leak checker: libx265 leaks a little with every encoder.
+// The leak checker reads this: libx265 leaks a little with every encoder.
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions() { return "leak:libx265\nleak:x265_param_parse\n"; }
 
@@ -23,7 +23,8 @@ struct Kind {
   const char* options;
 };
 
-/// Rows by EncoderCodec. One thread each: the other core belongs to the rest of the camera and the host.
+// Rows by EncoderCodec. Each encoder has one thread, because the other core belongs to the rest of the camera
+// and the host.
 constexpr Kind kKinds[] = {
     {"libx264", AV_PIX_FMT_YUV420P, "preset=ultrafast:tune=zerolatency:forced-idr=1"},
     {"mjpeg", AV_PIX_FMT_YUVJ420P, "huffman=default"},
@@ -37,7 +38,7 @@ constexpr int kNoKeyFrameOfItsOwn = 1'000'000;
 int bits(i32 kilobits) { return std::clamp(kilobits, 64, 100'000) * 1000; }
 int video_scale(i32 word) { return std::clamp(word, 1, 51); }
 
-/// The quantiser scale for a JPEG quality of 1 (worst) to 100.
+// Returns the quantiser scale for a JPEG quality of 1 (worst) to 100.
 int jpeg_scale(i32 word) {
   const int quality = std::clamp(word, 1, 100);
   const int percent = quality < 50 ? 5000 / quality : 200 - 2 * quality;
@@ -52,7 +53,7 @@ RateLimits jpeg_rate_limits(i32 mode, const i32* words) {
   return {bits(words[0]), 2, 31};
 }
 
-/// The key-frame interval, and behind it the words whose meaning depends on the mode.
+// Returns the key-frame interval, followed by the words whose meaning depends on the mode.
 const i32* video_words(const EncoderSettings& settings) {
   return settings.rc_param + (settings.codec == kCodecH264 ? 1 : 0);
 }
@@ -83,7 +84,7 @@ int key_frame_interval(const EncoderSettings& settings) {
   return settings.codec == kCodecMjpeg ? 1 : std::clamp(*video_words(settings), 1, 1000);
 }
 
-/// Opens an encoder for another setup; a failure is reported once for each setup.
+// Opens an encoder for another setup. Reports a failure once for each setup.
 bool Encoder::follow(const Setup& setup) {
   if (setup == setup_) return codec_ != nullptr;
   setup_ = setup;
@@ -111,7 +112,7 @@ bool Encoder::follow(const Setup& setup) {
   return false;
 }
 
-/// Step by step towards the size that the bit rate allows, within the quality limits.
+// Approaches the size that the bit rate allows step by step, within the quality limits.
 void Encoder::steer_jpeg_scale(int frame_size) {
   const RateLimits& rate = setup_.rate;
   if (rate.bit_rate == 0) return;

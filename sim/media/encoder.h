@@ -1,5 +1,5 @@
-// The camera's encoder: JPEG, H.264 or H.265 as the encoder-settings record asks for. Every picture gives its
-// frame at once; video begins with a key frame, and key frames carry the parameter sets (annex B).
+// The camera's encoder: JPEG, H.264 or H.265, as the encoder-settings record requests. Every picture yields
+// its frame at once. Video begins with a key frame, and key frames carry the parameter sets (annex B).
 #pragma once
 
 #include <optional>
@@ -10,7 +10,7 @@
 
 namespace sim {
 
-/// What a record's rate-control words ask for, clamped to what an encoder can do. The two scales limit the
+/// What a record's rate-control words request, clamped to what an encoder can do. The two scales limit the
 /// quantiser (2..31 for JPEG, 1..51 for video).
 struct RateLimits {
   int bit_rate;  ///< bits per second; 0: the scales are equal and decide alone
@@ -28,9 +28,9 @@ struct EncodedFrame {
 
 class Encoder {
  public:
-  /// Encodes a picture of the settings' size. Another key-frame interval takes effect without a break; any
-  /// other change opens a new encoder. The data is the encoder's own until the next call. Nothing when
-  /// encoding fails.
+  /// Encodes a picture of the size in the settings. Another key-frame interval takes effect without a break;
+  /// any other change opens a new encoder. The data belongs to the encoder and is valid until the next call.
+  /// Returns nothing if encoding fails.
   std::optional<EncodedFrame> encode(const EncoderSettings& settings, AVFrame& picture, bool key_frame);
 
  private:
@@ -47,7 +47,8 @@ class Encoder {
   AvPtr<AVPacket> packet_{av_packet_alloc()};
   i64 pictures_ = 0;
   int since_key_ = 0;
-  int interval_ = 1;  ///< of key frames: a shorter one acts at once, a longer one from the next key frame on
+  /// Between key frames: a shorter interval takes effect at once, a longer one from the next key frame.
+  int interval_ = 1;
   int jpeg_scale_ = 0;
 };
 

@@ -4,17 +4,19 @@
 
 namespace sim {
 
-static constexpr u32 kCheckBits = 8;
-static constexpr u8 kBlack = 16, kWhite = 235, kGrey = 128;
+namespace {
 
-static u64 cells_of(u32 counter) {
+constexpr u32 kCheckBits = 8;
+constexpr u8 kBlack = 16, kWhite = 235, kGrey = 128;
+
+u64 cells_of(u32 counter) {
   const u32 check = (counter * 2654435761u >> 24) ^ 0x5A;
   return static_cast<u64>(counter) << kCheckBits | check;
 }
 
-static bool cell_bit(u64 cells, u32 index) { return cells >> (kCells - 1 - index) & 1; }
+bool cell_bit(u64 cells, u32 index) { return cells >> (kCells - 1 - index) & 1; }
 
-static void burn_strip(AVFrame& picture, u64 cells, u32 first_row, u32 cell) {
+void burn_strip(AVFrame& picture, u64 cells, u32 first_row, u32 cell) {
   for (u32 row = first_row; row < first_row + cell; ++row) {
     u8* luma = picture.data[0] + row * picture.linesize[0];
     for (u32 i = 0; i < kCells; ++i) std::memset(luma + i * cell, cell_bit(cells, i) ? kWhite : kBlack, cell);
@@ -25,14 +27,18 @@ static void burn_strip(AVFrame& picture, u64 cells, u32 first_row, u32 cell) {
   }
 }
 
+}  // namespace
+
 void burn_counter(AVFrame& picture, u32 counter) {
   const u32 cell = strip_height(picture.width);
   burn_strip(picture, cells_of(counter), 0, cell);
   burn_strip(picture, cells_of(counter), picture.height - cell, cell);
 }
 
-/// The middle quarter of the cell decides: its edges suffer most from compression.
-static bool cell_is_white(const LumaView& picture, u32 x, u32 y, u32 cell) {
+namespace {
+
+// The middle quarter of the cell decides, because compression damages its edges most.
+bool cell_is_white(const LumaView& picture, u32 x, u32 y, u32 cell) {
   u32 sum = 0, count = 0;
   for (u32 row = y + cell / 4; row < y + cell - cell / 4; ++row) {
     for (u32 column = x + cell / 4; column < x + cell - cell / 4; ++column, ++count)
@@ -40,6 +46,8 @@ static bool cell_is_white(const LumaView& picture, u32 x, u32 y, u32 cell) {
   }
   return sum > count * ((kBlack + kWhite) / 2);
 }
+
+}  // namespace
 
 std::optional<u32> read_counter(const LumaView& picture, Strip strip) {
   const u32 cell = strip_height(picture.width);

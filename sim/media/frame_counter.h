@@ -1,6 +1,6 @@
 // The frame counter that is burnt into every picture of the scene: 32 bits and 8 check bits as black and
-// white cells, in a strip at the top and in another at the bottom. It survives every codec at the camera's
-// bit rates, and a picture that is put together from two frames shows two different counters.
+// white cells, in one strip at the top and another at the bottom. It survives every codec at the camera's bit
+// rates, and a picture that is put together from two frames shows two different counters.
 #pragma once
 
 #include <optional>
@@ -12,7 +12,7 @@ namespace sim {
 
 enum class Strip { kTop, kBottom };
 
-/// Luma samples of a picture, wherever they lie; `step` is 2 in packed 4:2:2.
+/// The luma samples of a picture in memory; `step` is 2 in packed 4:2:2.
 struct LumaView {
   const u8* data;
   u32 width, height;
@@ -24,12 +24,13 @@ struct LumaView {
 constexpr u32 kNarrowestPicture = 80;
 
 constexpr u32 kCells = 40;
-/// Cells are square and even, so that they also cover whole chroma samples. 0: the picture is too narrow.
+/// Returns the height of a strip, or 0 if the picture is too narrow. Cells are square, and their size is
+/// even, so that they cover whole chroma samples, too.
 constexpr u32 strip_height(u32 width) { return width / kCells & ~1u; }
 
-/// Draws both strips over a planar 4:2:0 picture of at least kNarrowestPicture pixels' width.
+/// Draws both strips on a planar 4:2:0 picture that is at least kNarrowestPicture pixels wide.
 void burn_counter(AVFrame& picture, u32 counter);
-/// Nothing when the check bits do not fit or the picture is too small.
+/// Returns nothing if the check bits are wrong or the picture is too small.
 std::optional<u32> read_counter(const LumaView& picture, Strip strip);
 
 }  // namespace sim

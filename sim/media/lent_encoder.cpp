@@ -27,19 +27,21 @@ constexpr i64 kPatience = 1000 * kMillisecond;
 }  // namespace
 
 struct LentEncoderMemory {
-  std::atomic<u32> asked, answered;  ///< numbers of the last picture and of the last answer
+  std::atomic<u32> asked, answered;  // numbers of the last picture and of the last answer
   EncoderSettings settings;
   u32 key_frame;
   u32 failed;
-  u32 type, size;  ///< of the frame
+  u32 type, size;  // of the frame
   u8 data[kEncFrameCapacity];
-  u8 picture[kMostPicture];  ///< planar 4:2:0, rows packed
+  u8 picture[kMostPicture];  // planar 4:2:0, rows packed
 };
 
 const std::size_t kLentEncoderSize = 16u << 20;
 static_assert(sizeof(LentEncoderMemory) <= 16u << 20);
 
-static LentEncoderMemory& map(const std::string& path) {
+namespace {
+
+LentEncoderMemory& map(const std::string& path) {
   const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
   void* start =
       fd < 0 ? MAP_FAILED : mmap(nullptr, kLentEncoderSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -51,9 +53,11 @@ static LentEncoderMemory& map(const std::string& path) {
   return *static_cast<LentEncoderMemory*>(start);
 }
 
-static AVPixelFormat format_of(const EncoderSettings& settings) {
+AVPixelFormat format_of(const EncoderSettings& settings) {
   return settings.codec == kCodecMjpeg ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
 }
+
+}  // namespace
 
 LentEncoder::LentEncoder(const std::string& path) : memory_(map(path)) {}
 LentEncoder::~LentEncoder() { munmap(&memory_, kLentEncoderSize); }
@@ -73,8 +77,10 @@ std::optional<EncodedFrame> LentEncoder::encode(const EncoderSettings& settings,
   return EncodedFrame{memory_.type, {memory_.data, memory_.size}};
 }
 
-/// The memory's picture as a frame of its own, which the encoder may keep.
-static AvPtr<AVFrame> picture_of(const LentEncoderMemory& memory) {
+namespace {
+
+// Returns a copy of the memory's picture, which the encoder may keep.
+AvPtr<AVFrame> picture_of(const LentEncoderMemory& memory) {
   AvPtr<AVFrame> picture(av_frame_alloc());
   picture->width = memory.settings.width;
   picture->height = memory.settings.height;
@@ -91,15 +97,17 @@ static AvPtr<AVFrame> picture_of(const LentEncoderMemory& memory) {
   return picture;
 }
 
-static void answer(LentEncoderMemory& memory, Encoder& encoder) {
+void answer(LentEncoderMemory& memory, Encoder& encoder) {
   const AvPtr<AVFrame> picture = picture_of(memory);
   const auto frame = picture ? encoder.encode(memory.settings, *picture, memory.key_frame) : std::nullopt;
-  memory.failed = !frame || frame->data.size() > sizeof memory.data;
+  memory.failed = !frame || frame->data.size() > sizeof(memory.data);
   if (memory.failed) return;
   memory.type = frame->type;
   memory.size = static_cast<u32>(frame->data.size());
   std::ranges::copy(frame->data, memory.data);
 }
+
+}  // namespace
 
 void lend_encoder(const std::string& path, const std::atomic<bool>& end) {
   LentEncoderMemory& memory = map(path);

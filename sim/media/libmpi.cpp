@@ -18,7 +18,7 @@ enum MpiError : u32 {
   kNotReady = 0xA0078010,
 };
 
-/// A mapping of the memory object that does not outlive the call; null when there is none.
+// Maps the memory object for the duration of a call. Returns null if there is none.
 void* map_memory(u64 offset, u64 size) {
   const int fd = shm_open(PhysicalMemoryName().text, O_RDWR, 0);
   if (fd < 0) return nullptr;

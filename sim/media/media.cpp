@@ -27,9 +27,9 @@ using Clock = std::chrono::steady_clock;
 std::atomic<u32> last_counter{0};
 
 constexpr std::chrono::milliseconds kPostInterval{1};
-constexpr i32 kSensorRate = 30;  ///< pictures a second when none is asked for
+constexpr i32 kSensorRate = 30;  // pictures per second if none are requested
 
-/// Sizes that the scene and the encoders can do; the size tables' own pass unchanged.
+// Limits the sizes to what the scene and the encoders can do. The sizes of the size tables pass unchanged.
 EncoderSettings possible(EncoderSettings settings, EncoderFault fault) {
   const int divisor = fault == EncoderFault::kWrongSize ? 2 : 1;
   const auto size = [=](i32 pixels) {
@@ -67,19 +67,19 @@ struct Media::Impl {
   const MediaOptions options;
   std::mutex mutex;
 
-  // Under the mutex.
+  // Guarded by the mutex.
   std::condition_variable changed;
   EncoderSettingsMessage wanted{};
   EncoderFault fault = EncoderFault::kNone;
   std::chrono::milliseconds slowness{0};
   bool new_stream = false;
   bool quit = false;
-  unsigned long former_drops = 0;  ///< of rings that are gone
+  unsigned long former_drops = 0;  // of rings that were removed
 
-  std::optional<RingWriter> ring{std::in_place};  ///< used by the media thread, emptied by any
-  VpssModel vpss;                                 ///< the same
+  std::optional<RingWriter> ring{std::in_place};  // used by the media thread, emptied by any thread
+  VpssModel vpss;                                 // the same
 
-  // Of the media thread alone.
+  // Used by the media thread only.
   Encoder encoder;
   std::optional<LentEncoder> lent_encoder;
   std::optional<Scene> scene;
@@ -111,7 +111,7 @@ void Media::Impl::end_thread() {
   if (thread.joinable()) thread.join();
 }
 
-/// The end of the process, and its next start: it is told again what is to be encoded.
+// Plays the end of the process, and its next start: it has to receive the settings again then.
 void Media::Impl::leave() {
   end_thread();
   const std::lock_guard lock(mutex);
@@ -140,15 +140,15 @@ void Media::Impl::take_over_changes() {
   dead = fault == EncoderFault::kDead;
 }
 
-/// No frame of the former stream is to open the next one, nor one that is being made now. Called with the
-/// lock.
+// No frame of the former stream may open the next one, not even one that is being made now. Called with
+// the lock held.
 void Media::Impl::end_stream() {
   new_stream = true;
   if (ring) ring->clear();
   vpss.clear();
 }
 
-/// Waits until the next picture is due; false when the process ends.
+// Waits until the next picture is due. Returns false if the process ends.
 bool Media::Impl::wait_for_tick(EncoderSettings& settings) {
   std::unique_lock lock(mutex);
   while (!quit) {
@@ -190,7 +190,7 @@ void Media::Impl::make_picture(const EncoderSettings& settings) {
     const std::lock_guard lock(mutex);
     if (!new_stream) vpss.publish(picture);
   } else if (vpss.somebody_waits()) {
-    // The subsystem goes on whatever is encoded: a taker left from the stream before gets its picture.
+    // The subsystem runs whatever is encoded: a taker left over from the former stream gets its picture.
     vpss.publish(next_scene(settings));
   } else if (EncFrameSlot* slot = ring->acquire()) {
     encode(settings, *slot);

@@ -16,33 +16,36 @@ namespace sim {
 struct MediaOptions {
   std::string source = {};  ///< a video or picture file that libavformat reads; empty: the test card
   bool yuv422 = false;      ///< VPSS pictures as semi-planar 4:2:2 instead of 4:2:0
-  u32 extra_stride = 0;     ///< bytes by which both strides exceed the width (odd values welcome)
-  /// Asked before every picture, from the media thread; null: straight ahead.
+  u32 extra_stride = 0;     ///< bytes by which both strides exceed the width; may be odd
+  /// Called before every picture, on the media thread. If null, the camera looks straight ahead.
   std::function<CameraView()> view = {};
-  std::string lent_encoder = {};  ///< memory of an encoder that another machine lends; empty: encodes itself
+  /// Memory of an encoder that another machine lends; if empty, this one encodes.
+  std::string lent_encoder = {};
 };
 
 enum class EncoderFault;
 
-/// One at a time per process; counters go on from one to the next. Idle until command 10 asks for a stream.
+/// A process can have one at a time; the counters continue from one to the next. Idle until command 10
+/// requests a stream.
 class Media {
  public:
   explicit Media(const MediaOptions& options = {});
   ~Media();
 
-  /// What command 10 brought; takes effect at the next picture. A stop, another size or another codec takes
-  /// unread frames back; the same settings again change nothing. Safe from any thread.
+  /// Applies what command 10 brought, from the next picture on. A stop, another size or another codec takes
+  /// back unread frames; the same settings again change nothing. Any thread may call it.
   void apply(const EncoderSettingsMessage& message);
   /// `time` is how much longer a slow encoder takes for a frame. Safe while the process runs.
   void set_fault(EncoderFault fault, std::chrono::milliseconds time = {});
 
-  /// Physical address and size of the AV memory pool that the server hands out.
+  /// The physical address and the size in bytes of the AV memory pool that the server hands out.
   static u32 pool_address();
   static u32 pool_size();
 
   struct Counts {
     unsigned long pictures, encoded;
-    unsigned long dropped;  ///< frames that the reader did not take in time, or too large for a slot
+    /// Frames that the reader did not take in time, or that were too large for a slot.
+    unsigned long dropped;
   };
   Counts counts() const;
 

@@ -12,7 +12,7 @@ constexpr int kGrey = 128;
 constexpr double kNeutralKelvin = 4600;
 constexpr int kNeutralSharpness = 3, kNeutralStep = 8;
 
-/// Luma 0..1 before and after; may leave the range.
+// Maps luma from 0..1; the result may leave the range.
 double toned(const PictureSettings& s, double luma) {
   if (!s.auto_exposure) luma *= s.gain / 15.0;
   if (s.backlight) luma += 1.5 * luma * (1 - luma) * (1 - luma);
@@ -22,12 +22,12 @@ double toned(const PictureSettings& s, double luma) {
   return s.picture_mode == kNegative ? 1 - luma : luma;
 }
 
-/// How far the white balance shifts V up and U down.
+// Returns how far the white balance shifts V up and U down.
 double warmth(const PictureSettings& s) {
   return s.auto_white_balance ? 0 : 24 * std::log2(s.white_balance / kNeutralKelvin);
 }
 
-/// Distance from grey before and after.
+// Maps the distance from grey.
 double coloured(const PictureSettings& s, double distance, double shift) {
   if (s.picture_mode == kBlackAndWhite) return 0;
   distance = distance * s.saturation / kNeutralStep + shift;
@@ -38,7 +38,7 @@ u8 rounded(double value, u8 low, u8 high) {
   return static_cast<u8>(std::clamp<double>(std::round(value), low, high));
 }
 
-/// Sums of 16 with the weights 1 2 1 in both directions: `above`, `here` and `below` are rows.
+// Computes sums of weight 16 with the weights 1 2 1 in both directions; `above`, `here` and `below` are rows.
 void sum_columns(const u8* above, const u8* here, const u8* below, int width, u16* __restrict sums) {
   for (int i = 0; i < width; ++i) sums[i + 1] = static_cast<u16>(above[i] + 2 * here[i] + below[i]);
   sums[0] = sums[1];

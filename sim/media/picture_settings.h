@@ -1,5 +1,5 @@
-// The picture settings as look-up tables for luma and chroma, and the sharpness. Mirroring is a matter of
-// the view.
+// The picture settings as look-up tables for luma and chroma, and the sharpness. Mirroring is left
+// to the view.
 #pragma once
 
 #include <array>
@@ -11,14 +11,14 @@ namespace sim {
 
 class PictureLook {
  public:
-  /// With `full_range` luma is 0..255, else it stays within 16..235.
+  /// With `full_range`, luma is 0..255; otherwise it stays within 16..235.
   PictureLook(const PictureSettings& settings, bool full_range);
 
-  /// Whether pictures stay as they are.
+  /// Returns true if pictures stay as they are.
   bool neutral() const { return !tables_change_ && sharpening_ == 0; }
-  /// Of a planar 4:2:0 picture.
+  /// Applies the settings to a planar 4:2:0 picture.
   void apply(AVFrame& picture) const;
-  /// What a sample of plane 0..2 becomes, sharpness aside.
+  /// Returns what a sample of plane 0..2 becomes, without the effect of the sharpness.
   u8 changed(int plane, u8 sample) const { return tables_[plane][sample]; }
 
  private:
@@ -26,8 +26,8 @@ class PictureLook {
 
   std::array<std::array<u8, 256>, 3> tables_;
   bool tables_change_;
-  int sharpening_;  ///< times the difference from the blurred picture, in sixteenths; -16: the blurred
-                    ///< picture
+  /// Factor of the difference from the blurred picture, in sixteenths; -16 gives the blurred picture.
+  int sharpening_;
   u8 darkest_, brightest_;
 };
 

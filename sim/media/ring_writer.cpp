@@ -16,35 +16,37 @@
 
 namespace sim {
 
-/// The writer's own state of a slot: "not ready" to the reader.
-static constexpr u32 kSlotWriting = 1;
-static constexpr i64 kPatience = 300 * kMillisecond;
+namespace {
 
-/// The reader looks at a state and then stores its own, in two steps; by then it has done both.
-static constexpr useconds_t kReaderStepsUs = 1000;
+// The writer's own state of a slot; the reader takes it for "not ready".
+constexpr u32 kSlotWriting = 1;
+constexpr i64 kPatience = 300 * kMillisecond;
 
-static std::atomic_ref<u32> state(EncFrameSlot& slot) {
+// The reader loads a state and then stores its own, in two steps; after this time it has done both.
+constexpr useconds_t kReaderStepsUs = 1000;
+
+std::atomic_ref<u32> state(EncFrameSlot& slot) {
   return std::atomic_ref<u32>(*reinterpret_cast<u32*>(&slot));
 }
 
-static bool change(EncFrameSlot& slot, u32 from, u32 to) {
-  return state(slot).compare_exchange_strong(from, to);
-}
+bool change(EncFrameSlot& slot, u32 from, u32 to) { return state(slot).compare_exchange_strong(from, to); }
 
-static sem_t* open_semaphore(const char* name) {
+sem_t* open_semaphore(const char* name) {
   sem_t* semaphore = sem_open(run_semaphore(name).c_str(), O_CREAT, 0644, 1);
   if (semaphore != SEM_FAILED) return semaphore;
   std::perror(name);
   std::exit(2);
 }
 
-static EncFrameSlot* attach_ring() {
+EncFrameSlot* attach_ring() {
   const int id = shmget(run_key(VENC_RING_KEY), kRingSize, IPC_CREAT | 0666);
   void* start = id < 0 ? nullptr : shmat(id, nullptr, 0);
   if (start && start != reinterpret_cast<void*>(-1)) return static_cast<EncFrameSlot*>(start);
   std::perror("encoded frame ring");
   std::exit(2);
 }
+
+}  // namespace
 
 RingWriter::RingWriter()
     : slots_(attach_ring()),
@@ -80,8 +82,8 @@ void RingWriter::note_reader() {
   }
 }
 
-/// Both frames or none, newest first: a reader that comes in between never gets a frame whose predecessor has
-/// just gone.
+// Takes back both frames or none, newest first: a reader that comes in between never gets a frame whose
+// predecessor was just taken back.
 unsigned RingWriter::drop_unread() {
   EncFrameSlot *older = slots_, *newer = slots_ + 1;
   if (static_cast<i32>(newer->seq - older->seq) < 0) std::swap(older, newer);

@@ -1,5 +1,5 @@
 // The writer's side of the encoded frame ring (vencbuf/enc_frame.h). While a reader takes frames, the writer
-// waits for it; without one the ring holds the two newest frames at most.
+// waits for it; without a reader, the ring holds at most the two newest frames.
 #pragma once
 
 #include <semaphore.h>
@@ -13,31 +13,31 @@ namespace sim {
 
 class RingWriter {
  public:
-  /// Attaches the run's ring, which is created if absent, and takes back what another writer left in it. Ends
-  /// the program with a message when that fails.
+  /// Attaches the run's ring, creating it if it does not exist, and takes back what another writer left in
+  /// it. Ends the program with a message if that fails.
   RingWriter();
   ~RingWriter();
-  /// Removes ring and semaphores from the run; who has them keeps what it has.
+  /// Removes ring and semaphores from the run. Processes that have them attached keep them.
   static void remove();
   RingWriter(const RingWriter&) = delete;
 
-  /// A slot to write into, marked so that the reader keeps off. While a reader is about, waits up to 300 ms
-  /// for it; then takes back the unread frames. Null when the reader holds on to what it has.
+  /// Returns a slot to write into, marked so that the reader leaves it alone. If there is a reader, waits for
+  /// it for up to 300 ms, then takes back the unread frames. Returns null if the reader keeps what it has.
   EncFrameSlot* acquire();
-  /// Fills the slot that acquire() gave and hands it to the reader. False, with the slot empty again, when
-  /// the frame does not fit.
+  /// Fills the slot that acquire() returned and hands it to the reader. Returns false, with the slot empty
+  /// again, if the frame does not fit.
   bool publish(EncFrameSlot& slot, const EncodedFrame& frame, int width, int height);
-  /// Tells the reader of a frame that there is none.
+  /// Wakes the reader as for a new frame, although there is none.
   void post_nothing();
-  /// Empties a slot that acquire() gave.
+  /// Empties a slot that acquire() returned.
   void abandon(EncFrameSlot& slot);
-  /// Takes back every frame that has not been read: the next stream begins with new ones. Safe from any
-  /// thread.
+  /// Takes back every frame that has not been read, so that the next stream begins with new ones. Any thread
+  /// may call it.
   void clear();
 
-  /// True once after acquire() took back frames: the next frame must not build on them.
+  /// Returns true once after acquire() took back frames: the next frame must not depend on them.
   bool take_gap();
-  /// Frames taken back although a reader was about. Safe from any thread.
+  /// The number of frames taken back although there was a reader. Any thread may call it.
   unsigned long dropped() const { return dropped_; }
 
  private:

@@ -30,7 +30,7 @@ AvPtr<AVFrame> new_picture(int width, int height, bool full_range) {
   return picture;
 }
 
-/// Upper half colour bars, then rings that grow finer outwards, then a ramp.
+// Colour bars in the upper half, then rings that become finer outwards, then a ramp.
 Colour card_colour(const AVFrame& card, int x, int y) {
   const int width = card.width, height = card.height;
   if (y < height / 2) return kBars[8 * x / width];
@@ -55,7 +55,7 @@ void draw_card(AVFrame& card) {
   }
 }
 
-/// Calls `change` for every sample of the plane.
+// Calls `change` for every sample of the plane.
 template <typename Change>
 void for_samples(AVFrame& picture, int plane, Change change) {
   const int shift = plane == 0 ? 0 : 1;
@@ -75,19 +75,19 @@ void clip_luma(AVFrame& picture) {
   for_samples(picture, 0, [](u8 y) { return std::clamp(y, kLumaMin, kLumaMax); });
 }
 
-/// 0, step, ... up to the room, and back again.
+// Counts 0, step, ... up to `room`, and back again.
 int to_and_fro(u32 counter, int step, int room) {
   const u32 turn = static_cast<u32>(std::max(room / step, 1));
   const u32 phase = counter % (2 * turn);
   return step * static_cast<int>(phase < turn ? phase : 2 * turn - phase);
 }
 
-/// Samples of a picture's row or column, in pairs, since two share their chroma.
+// Samples of a picture's row or column, in pairs, since two of them share their chroma.
 struct Span {
   int first, end;
 };
 
-/// What a part of the scene covers of `room` pixels.
+// Returns what a part of the scene covers of `room` pixels.
 Span covered(const ViewLine& line, double from, double to, int room) {
   const auto even = [&](double scene) {
     return 2 * static_cast<int>(std::lround(std::clamp<double>(line.to_picture(scene), 0, room) / 2));
@@ -114,7 +114,7 @@ bool Scene::shows(int width, int height, bool full_range) const {
   return picture_->width == width && picture_->height == height && full_range_ == full_range;
 }
 
-/// True when the tile has changed.
+// Returns true if the tile has changed.
 bool Scene::next_tile() {
   if (!source_ || !source_->next(*tile_)) return false;
   if (!full_range_) clip_luma(*tile_);
@@ -142,7 +142,7 @@ void Scene::look(const CameraView& view) {
   map_ = map_of(view, picture_->width, picture_->height);
 }
 
-/// A shaded square that crosses the tile in the middle of the scene.
+// Draws a shaded square that crosses the tile in the middle of the scene.
 void Scene::draw_moving_part(u32 counter) {
   AVFrame& picture = *picture_;
   const int size = picture.height / 16 * 2;

@@ -1,4 +1,4 @@
-// What the simulated camera sees: a test card with a moving part, or a file, with the frame counter burnt
+// What the simulated camera sees: a test card with a moving part, or a file, with the frame counter drawn
 // over it. One scene serves one picture size.
 #pragma once
 
@@ -16,11 +16,13 @@ namespace sim {
 
 class Scene {
  public:
-  /// `full_range`: luma uses 0..255 as in JPEG (AV_PIX_FMT_YUVJ420P); otherwise all luma stays
-  /// within 16..235. An unreadable source is reported, and the test card shown. Width and height are even.
+  /// With `full_range`, luma is 0..255 as in JPEG (AV_PIX_FMT_YUVJ420P); otherwise all luma stays within
+  /// 16..235. If the source cannot be read, prints an error and shows the test card. Width and height
+  /// must be even.
   Scene(const std::string& source, int width, int height, bool full_range);
 
-  /// The next picture as the camera sees it, with this counter; the scene's own until the next call.
+  /// Returns the next picture as the camera sees it, with this counter. It belongs to the scene and is valid
+  /// until the next call.
   AVFrame& picture(u32 counter, const CameraView& view);
 
   bool shows(int width, int height, bool full_range) const;
@@ -32,7 +34,7 @@ class Scene {
 
   bool full_range_;
   std::unique_ptr<Source> source_;
-  AvPtr<AVFrame> tile_;  ///< the scene without moving part
+  AvPtr<AVFrame> tile_;  ///< the scene without its moving part
   CameraView view_;
   ViewMap map_;
   PictureLook look_;

@@ -25,7 +25,7 @@ bool Source::open_file(const std::string& path) {
          avcodec_open2(decoder_.get(), codec, nullptr) >= 0 && decode();
 }
 
-/// The next picture of the file into decoded_; false at the end.
+// Decodes the next picture of the file into decoded_. Returns false at the end.
 bool Source::decode() {
   while (avcodec_receive_frame(decoder_.get(), decoded_.get()) == AVERROR(EAGAIN)) {
     const int read = av_read_frame(file_.get(), packet_.get());

@@ -10,11 +10,11 @@ namespace sim {
 
 class Source {
  public:
-  /// Null, with a message, when libavformat finds no picture in the file.
+  /// Prints an error and returns null if libavformat finds no picture in the file.
   static std::unique_ptr<Source> open(const std::string& path);
 
-  /// Scales the next picture into `picture`, whose size and format it keeps. A video starts again at its
-  /// end; false when nothing changed, since a file with a single picture fills `picture` once.
+  /// Scales the next picture into `picture`, whose size and format it keeps. A video starts again at its end.
+  /// Returns false if nothing changed, because a file with a single picture fills `picture` only once.
   bool next(AVFrame& picture);
 
  private:
@@ -27,7 +27,7 @@ class Source {
   AvPtr<AVFrame> decoded_{av_frame_alloc()};
   AvPtr<AVPacket> packet_{av_packet_alloc()};
   int stream_ = -1;
-  unsigned pictures_ = 0;  ///< since the file was opened
+  unsigned pictures_ = 0;  ///< read since the file was opened
   bool still_ = false;
 };
 

@@ -9,10 +9,11 @@ namespace sim {
 
 namespace {
 
-constexpr int kWhole = 256;  ///< the weights of two neighbours add up to this
+// The sum of the weights of two neighbours.
+constexpr int kWhole = 256;
 
-/// For every sample of a picture's row or column: the first of its two neighbours in the unfolded scene, and
-/// the second one's weight.
+// For every sample of a picture's row or column: the first of its two neighbours in the unfolded scene, and
+// the weight of the second one.
 struct Taps {
   std::vector<int> first;
   std::vector<u16> weight;
@@ -29,7 +30,7 @@ Taps taps_of(const ViewLine& line, int count) {
   return taps;
 }
 
-/// The place in a tile that repeats mirrored, counted along one period of twice its size.
+// Returns the place in a tile that repeats mirrored, counted along one period of twice its size.
 int in_period(int place, int size) {
   const int rest = place % (2 * size);
   return rest < 0 ? rest + 2 * size : rest;
@@ -40,7 +41,7 @@ int fold(int place, int size) {
   return at < size ? at : 2 * size - 1 - at;
 }
 
-/// `count` samples of the scene from `place` on, of a tile's row.
+// Writes `count` samples of the scene, from `place` on, of a tile's row.
 void unfold(const u8* row, int size, int place, int count, u8* to) {
   while (count > 0) {
     const int at = in_period(place, size);
@@ -66,7 +67,7 @@ void mix_rows(const u8* first, const u8* second, u16 weight, int count, u8* __re
     to[i] = static_cast<u8>(static_cast<u16>(first[i] * rest + second[i] * weight + kWhole / 2) >> 8);
 }
 
-/// Rows of the tile as wide as the picture's.
+// Rows of the tile, stretched to the picture's width.
 class RowStretcher {
  public:
   RowStretcher(const ViewLine& line, int size) : taps_(taps_of(line, size)), even_(line.per_pixel == 1) {
@@ -88,12 +89,12 @@ class RowStretcher {
 
  private:
   Taps taps_;
-  bool even_;  ///< neighbours in the picture are neighbours in the scene
+  bool even_;  // true if neighbours in the picture are neighbours in the scene
   int begin_;
   std::vector<u8> window_;
 };
 
-/// The line of a plane with half as many samples.
+// Returns the line for a plane with half as many samples.
 ViewLine scaled(ViewLine line, int plane) {
   if (plane > 0) line.origin /= 2;
   return line;
@@ -108,7 +109,7 @@ void draw_plane(const AVFrame& tile, int plane, const ViewMap& map, AVFrame& pic
     stretcher.stretch(tile.data[plane] + fold(place, height) * tile.linesize[plane], to);
   };
   std::vector<u8> upper(width), lower(width);
-  int held = rows.first[0] - 2;  // the place of the upper row
+  int held = rows.first[0] - 2;  // the place of the upper row held
   for (int row = 0; row < height; ++row) {
     const int place = rows.first[row];
     if (place == held + 1) {
@@ -124,7 +125,7 @@ void draw_plane(const AVFrame& tile, int plane, const ViewMap& map, AVFrame& pic
   }
 }
 
-/// A picture whose middle lies `offset` pixels of the scene beyond the tile's.
+// Returns the line of a picture whose middle is `offset` pixels of the scene beyond the tile's middle.
 ViewLine line_around(double offset, double per_pixel, int size) {
   const double middle = size / 2.0;
   return {middle + offset - middle * per_pixel, per_pixel};

@@ -6,8 +6,12 @@
 
 namespace sim {
 
-static constexpr i64 kPatience = 300 * kMillisecond;
-static constexpr u32 kHandleMask = 0xFFFFFFFF >> 2;
+namespace {
+
+constexpr i64 kPatience = 300 * kMillisecond;
+constexpr u32 kHandleMask = 0xFFFFFFFF >> 2;
+
+}  // namespace
 
 VpssModel::VpssModel(bool yuv422, u32 extra_stride) : yuv422_(yuv422), extra_stride_(extra_stride) {
   set_alive(true);
@@ -24,7 +28,7 @@ VpssModel::Layout VpssModel::layout_of(const AVFrame& picture) const {
   return {{stride, stride}, chroma_rows, stride * (picture.height + chroma_rows)};
 }
 
-/// A free buffer, or the one with the oldest picture that was never released.
+// Returns a free buffer, or the one with the oldest picture that was never released.
 u32 VpssModel::choose_buffer() const {
   u32 best = 0, best_age = 0;
   for (u32 i = 0; i < kVpssPictures; ++i) {
@@ -36,8 +40,12 @@ u32 VpssModel::choose_buffer() const {
   return best;
 }
 
-/// The scene of a JPEG stream uses the full range.
-static u8 video_luma(u8 luma) { return std::clamp(luma, u8{16}, u8{235}); }
+namespace {
+
+// The scene of a JPEG stream uses the full range.
+u8 video_luma(u8 luma) { return std::clamp(luma, u8{16}, u8{235}); }
+
+}  // namespace
 
 void VpssModel::fill(u32 buffer, const AVFrame& picture, const Layout& layout) {
   const u32 luma = kVpssPictureBase + buffer * kVpssPictureSize;

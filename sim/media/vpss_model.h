@@ -1,5 +1,5 @@
-// The media process's end of the VPSS channel: puts the scene's pictures as semi-planar pictures into
-// physical memory, where libmpi.so hands them to the service.
+// The media process's end of the VPSS channel: puts the scene's pictures into physical memory as semi-planar
+// pictures; libmpi.so hands them to the service from there.
 #pragma once
 
 #include <vector>
@@ -14,16 +14,16 @@ class VpssModel {
   VpssModel(bool yuv422, u32 extra_stride);
   ~VpssModel() { set_alive(false); }
 
-  /// Whether takers may hope for pictures; they wait no longer once there is nobody who makes them.
+  /// Sets whether anybody makes pictures; takers no longer wait if nobody does.
   void set_alive(bool alive);
-  /// While somebody takes pictures, waits up to 300 ms until the last one has been taken.
+  /// If somebody takes pictures, waits up to 300 ms until the last one has been taken.
   void wait_for_taker();
-  /// Whether a taker waits right now.
+  /// Returns true if a taker is waiting right now.
   bool somebody_waits() const { return channel_.waiting != 0; }
-  /// Hands out a planar 4:2:0 picture, in the place of one that nobody has taken. A picture larger than a
-  /// buffer is left out.
+  /// Makes a planar 4:2:0 picture available, in place of one that nobody has taken. A picture larger than a
+  /// buffer is ignored.
   void publish(const AVFrame& picture);
-  /// Takes back the picture that nobody has taken yet. Safe from any thread.
+  /// Takes back the picture that nobody has taken yet. Any thread may call it.
   void clear();
 
  private:
@@ -44,7 +44,8 @@ class VpssModel {
   std::atomic<bool> taker_seen_{false};
 };
 
-/// The packed 4:2:2 payload (Y0 U Y1 V) that the service is to make of this picture, in either pixel format.
+/// Returns the packed 4:2:2 payload (Y0 U Y1 V) that the service is expected to make of this picture, in
+/// either pixel format.
 std::vector<u8> yuy2_payload(const AVFrame& picture);
 
 }  // namespace sim

@@ -11,9 +11,9 @@ namespace sim {
 namespace {
 
 constexpr double kDegreesPerStep = 270.0 / 3600;
-constexpr double kDegreesPerSpeed = 5;  ///< a second
+constexpr double kDegreesPerSpeed = 5;  // per second
 constexpr double kPanLimit = 170, kTiltLimit = 90;
-constexpr double kZoomSpeed = kZoomEnd / 2.0;  ///< lens positions a second
+constexpr double kZoomSpeed = kZoomEnd / 2.0;  // lens positions per second
 
 double degrees(i32 steps, double limit) { return std::clamp(steps * kDegreesPerStep, -limit, limit); }
 i32 steps(double degrees) { return static_cast<i32>(std::lround(degrees / kDegreesPerStep)); }

@@ -14,13 +14,13 @@ namespace sim {
 
 namespace {
 
-constexpr std::size_t kLargestMessage = 8192;  ///< msgmax of an untouched system
-constexpr std::size_t kFillerSize = 1;         ///< no record is as short
+constexpr std::size_t kLargestMessage = 8192;  // the default msgmax
+constexpr std::size_t kFillerSize = 1;         // shorter than any record
 
 int open_queue(i32 key) {
   const int queue = msgget(run_key(key), IPC_CREAT | 0666);
   if (queue >= 0) return queue;
-  std::perror("no message queue");
+  std::perror("message queue");
   std::exit(1);
 }
 
@@ -85,7 +85,7 @@ void Channel::run() {
     u8 payload[kLargestMessage];
   } message;
   while (rest_while_held()) {
-    const ssize_t size = msgrcv(queue_, &message, sizeof message.payload, type_, MSG_NOERROR);
+    const ssize_t size = msgrcv(queue_, &message, sizeof(message.payload), type_, MSG_NOERROR);
     if (size < 0 && errno != EINTR) break;  // the queue is gone
     if (size > static_cast<ssize_t>(kFillerSize) && pause(std::chrono::milliseconds(delay_ms_)))
       handler_({message.payload, static_cast<std::size_t>(size)});
@@ -95,7 +95,7 @@ void Channel::run() {
   changed_.notify_all();
 }
 
-/// False when the channel is to stop.
+// Returns false if the channel has to stop.
 bool Channel::rest_while_held() {
   std::unique_lock guard(lock_);
   resting_ = held_;
@@ -112,8 +112,8 @@ bool Channel::pause(std::chrono::milliseconds time) {
   return !stopping_;
 }
 
-/// Brings the thread out of its receive with a message without payload. In a full queue the oldest message
-/// gives way to it.
+// Wakes the thread from its receive by a message without payload. If the queue is full, the oldest message
+// makes room for it.
 void Channel::wake() {
   changed_.notify_all();
   struct {
@@ -121,7 +121,7 @@ void Channel::wake() {
     u8 payload[kLargestMessage];
   } oldest;
   while (msgsnd(queue_, &type_, 0, IPC_NOWAIT) < 0 && errno == EAGAIN) {
-    msgrcv(queue_, &oldest, sizeof oldest.payload, 0, IPC_NOWAIT | MSG_NOERROR);
+    msgrcv(queue_, &oldest, sizeof(oldest.payload), 0, IPC_NOWAIT | MSG_NOERROR);
   }
 }
 

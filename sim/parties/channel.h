@@ -1,5 +1,5 @@
-// Channel: a thread that takes the messages of one type off a System V queue and hands each to a function.
-// It creates the queue when there is none and leaves it behind for the other side; the run removes it.
+// Channel: a thread that takes the messages of one type off a System V queue and passes each to a function.
+// It creates the queue if there is none and leaves it for the other side; the run removes it.
 #pragma once
 
 #include <atomic>
@@ -16,29 +16,31 @@ namespace sim {
 
 class Channel {
  public:
-  /// Gets what came behind the message type, on the channel's thread.
+  /// Receives the bytes after the message type, on the channel's thread.
   using Handler = std::function<void(std::span<const u8> payload)>;
 
-  /// `key` is the camera's. Ends the program with a message when the queue cannot be had.
+  /// `key` is the camera's. Ends the program with a message if the queue cannot be opened.
   Channel(i32 key, long type, Handler handler);
-  /// Returns once the handler is done; messages still in the queue stay there.
+  /// Returns once the handler is done. Messages that are still in the queue stay there.
   ~Channel();
   Channel(const Channel&) = delete;
 
-  /// Ends the thread, and removes the queue with what waits in it; or makes both anew. Not for the handler.
+  /// leave() ends the thread and removes the queue with the messages in it; come() creates both again. Must
+  /// not be called from the handler.
   void leave();
   void come();
 
-  /// While held, nothing is taken off the queue. Returns once the thread rests; not for the handler.
+  /// While held, nothing is taken off the queue. Returns when the thread is idle. Must not be called
+  /// from the handler.
   void hold(bool held);
-  /// Fills the queue with messages that the channel passes over. For a held one.
+  /// Fills the queue with messages that the channel ignores. The channel must be held.
   void fill();
-  /// How long each message waits before it is handled.
+  /// Sets how long each message waits before it is handled.
   void set_delay(std::chrono::milliseconds delay);
-  /// A rest for the handler. False when the channel stopped meanwhile.
+  /// Pauses the handler. Returns false if the channel was stopped during the pause.
   bool pause(std::chrono::milliseconds time);
-  /// Sends a record that begins with its message type; `payload` bytes follow. False when the queue has no
-  /// room: never waits.
+  /// Sends a record that begins with its message type; `payload` bytes follow. Never waits; returns false if
+  /// the queue has no room.
   bool send(const void* record, std::size_t payload);
 
  private:

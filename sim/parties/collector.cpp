@@ -40,7 +40,7 @@ struct Collector::Impl {
 void Collector::Impl::take(std::span<const u8> message) {
   std::lock_guard guard(lock);
   ElogPayload record;
-  if (message.size() < kElogHeaderSize || message.size() > sizeof record) {
+  if (message.size() < kElogHeaderSize || message.size() > sizeof(record)) {
     ++counts.malformed;
     return;
   }

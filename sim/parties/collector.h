@@ -10,7 +10,7 @@
 namespace sim {
 
 struct CollectorOptions {
-  std::FILE* output = nullptr;  ///< where lines go; null: nowhere
+  std::FILE* output = nullptr;  ///< where lines are written; may be null
   u8 level = 5;                 ///< lines above it are not printed
   std::string contains;         ///< lines without this text are not printed
 };
@@ -21,16 +21,16 @@ class Collector {
   ~Collector();
 
   void pause(bool paused);  ///< a paused collector lets the queue fill
-  /// Ends the collector and removes its queue, or begins anew with another.
+  /// Ends the collector and removes its queue, or starts it again with another one.
   void set_gone(bool gone);
   /// Fills the rest of the queue with lines of its own.
   void fill_queue();
   struct Counts {
     unsigned long lines, printed;
-    unsigned long malformed;  ///< records whose length does not fit what came
+    unsigned long malformed;  ///< records whose length differs from the bytes received
   };
   Counts counts() const;
-  /// The last lines (at most 4096), oldest first, as received.
+  /// Returns the last lines (at most 4096) as received, oldest first.
   std::string text() const;
 
  private:

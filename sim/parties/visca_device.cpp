@@ -22,7 +22,7 @@ enum class Outcome { kAccepted, kWrongLength, kNotUnderstood, kNoSuchValue };
 
 using Values = std::span<const u8>;
 
-/// Four values of four bits each; nothing when one has more.
+// Returns the word of four values of four bits each, or nothing if a value has more bits.
 std::optional<u16> as_word(Values nibbles) {
   u32 word = 0;
   for (const u8 nibble : nibbles.first(4)) {
@@ -84,8 +84,8 @@ Outcome drive_zoom(CameraHead& head, u32 value) {
 
 u32 zoom_position(const CameraHead& head) { return static_cast<u32>(head.zoom_position()); }
 
-// Everything of one value: how many bytes carry it (4: four bits each), what it sets, and what an inquiry
-// answers. Without a function the camera does not know the one or the other.
+// Everything about one value: how many bytes carry it (4 means four bits each), what it sets, and what an
+// inquiry answers. Where a function is missing, the camera has no such command or inquiry.
 struct CameraRow {
   u8 command;
   std::size_t bytes;
@@ -125,7 +125,7 @@ Outcome set_camera(CameraHead& head, u8 command, Values values) {
 
 // Pan and tilt: both speeds, then directions or positions.
 
-/// The sign of a direction byte: 1 and 2 move, 3 stops.
+// The sign of a direction byte: 1 and 2 move, 3 stops.
 std::optional<i32> direction(u8 byte, u8 positive) {
   if (byte < 1 || byte > 3) return std::nullopt;
   if (byte == 3) return 0;
@@ -181,7 +181,7 @@ ViscaAnswer protocol_answer(Outcome outcome) {
 }
 
 ViscaAnswer value_answer(u32 value) {
-  ViscaAnswer answer{std::vector<u8>(sizeof value)};
+  ViscaAnswer answer{std::vector<u8>(sizeof(value))};
   put_le32(answer.bytes.data(), value);
   return answer;
 }

@@ -32,15 +32,15 @@ int fail(int error) {
 
 void log_transfer(const I2cClient& client, const char* kind, u16 address, u16 value) {
   char line[64];
-  std::snprintf(line, sizeof line, "%u:%02x %s %0*x = %0*x", client.bus, client.device, kind,
+  std::snprintf(line, sizeof(line), "%u:%02x %s %0*x = %0*x", client.bus, client.device, kind,
                 client.wide_register ? 4 : 2, address, client.wide_data ? 4 : 2, value);
   append_log(kI2cLog, line);
 }
 
-// A length that the widths do not make up: the driver refuses it.
+// The driver refuses a length that does not match the widths.
 ssize_t refuse(const I2cClient& client, const char* kind, size_t length) {
   char line[64];
-  std::snprintf(line, sizeof line, "%u:%02x %s of %zu bytes", client.bus, client.device, kind, length);
+  std::snprintf(line, sizeof(line), "%u:%02x %s of %zu bytes", client.bus, client.device, kind, length);
   append_log(kI2cLog, line);
   return fail(EINVAL);
 }

@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr u32 kLargestRequest = 64;  // the driver stalls longer ones without an event
 
-// Asks under the state's mutex until `ready` says so; false when the limit has passed.
+// Calls `ready` under the state's mutex until it returns true. Returns false when the limit has passed.
 template <typename Ready>
 bool wait_until(milliseconds limit, const Ready& ready) {
   NodeState& state = node_state();
@@ -52,7 +52,7 @@ v4l2_event event_of(UvcEventType type) {
 
 v4l2_event setup_event(const usb_ctrlrequest& setup) {
   v4l2_event event = event_of(UVC_EVENT_SETUP);
-  std::memcpy(event.u.data, &setup, sizeof setup);
+  std::memcpy(event.u.data, &setup, sizeof(setup));
   return event;
 }
 
@@ -61,7 +61,7 @@ v4l2_event data_event(std::span<const u8> bytes) {
   data.length = static_cast<i32>(bytes.size());
   std::copy(bytes.begin(), bytes.end(), data.data);
   v4l2_event event = event_of(UVC_EVENT_DATA);
-  std::memcpy(event.u.data, &data, sizeof data);
+  std::memcpy(event.u.data, &data, sizeof(data));
   return event;
 }
 
@@ -73,7 +73,8 @@ bool take_response(NodeState& state, UvcRequestData& response) {
   return true;
 }
 
-// Bytes that a data stage moves: no more than the answer has, the host asked for or the record holds.
+// Returns how many bytes a data stage moves: no more than the answer has, the host asked for or
+// the record holds.
 size_t stage_length(const UvcRequestData& response, u32 wanted) {
   return std::min({static_cast<u32>(response.length), wanted, static_cast<u32>(kUvcRequestDataSize)});
 }
@@ -137,10 +138,10 @@ ControlAnswer NodeHost::control(const usb_ctrlrequest& setup, std::span<const u8
     queue_event(state, setup_event(setup));
   }
   const auto begin = Clock::now();
-  UvcRequestData response{.length = -1, .data = {}};  // stays when the device vanishes meanwhile
+  UvcRequestData response{.length = -1, .data = {}};  // remains if the device vanishes during the wait
   if (!wait_until(limit, [&](NodeState& now) { return take_response(now, response) || !now.requests; })) {
     const NodeLock lock(state.mutex);
-    state.requests = 0;  // the service's late answer is refused
+    state.requests = 0;  // so the service's late answer is refused
     return {.stalled = true, .timed_out = true, .waited_ms = milliseconds_since(begin)};
   }
   ControlAnswer answer{.stalled = response.length < 0, .waited_ms = milliseconds_since(begin)};
@@ -194,7 +195,7 @@ bool NodeHost::take_frame(std::vector<u8>& frame, milliseconds limit) {
   const bool whole = read_payload(frame, offset, length);
   NodeState& state = node_state();
   const NodeLock lock(state.mutex);
-  if (!whole || buffer->order != order) return false;  // the stream ended meanwhile
+  if (!whole || buffer->order != order) return false;  // the stream ended in the meantime
   change_buffer(state, *buffer, BufferState::kDone);
   return true;
 }

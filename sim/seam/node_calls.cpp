@@ -26,7 +26,7 @@ namespace {
 
 constexpr u32 kOutput = V4L2_BUF_TYPE_VIDEO_OUTPUT;
 
-// What one call works on. A handler returns 0 or an errno and notes the words for the call log.
+// What one call works on. A handler returns 0 or an errno and sets the words for the call log.
 struct Call {
   NodeState& state;
   NodeOpen& open;
@@ -35,7 +35,7 @@ struct Call {
 
 template <typename Text>
 void copy_text(Text& to, const char* text) {
-  std::snprintf(reinterpret_cast<char*>(to), sizeof to, "%s", text);
+  std::snprintf(reinterpret_cast<char*>(to), sizeof(to), "%s", text);
 }
 
 i32 query_capabilities(Call&, v4l2_capability& capability) {
@@ -76,7 +76,7 @@ i32 request_buffers(Call& call, v4l2_requestbuffers& request) {
   return 0;
 }
 
-// The buffer that a request names, or null when it names none.
+// Returns the buffer that a request names, or null if there is none.
 NodeBuffer* named_buffer(Call& call, const v4l2_buffer& request) {
   call.words[0] = request.index;
   const bool valid = request.type == kOutput && request.memory == V4L2_MEMORY_MMAP &&
@@ -97,7 +97,7 @@ u32 flags_of(const NodeBuffer& buffer) {
   return 0;
 }
 
-// Fills in what the driver tells of a buffer.
+// Fills in what the driver reports about a buffer.
 void describe(const NodeState& state, const NodeBuffer& buffer, v4l2_buffer& result) {
   result.index = static_cast<u32>(&buffer - state.buffers);
   result.bytesused = buffer.bytesused;
@@ -147,7 +147,7 @@ i32 stream_on(Call& call, const i32& type) {
   NodeState& state = call.state;
   if (type != static_cast<i32>(kOutput) || state.buffer_count == 0) return EINVAL;
   if (state.cut_off) {
-    ++state.crashes;  // the kernel's BUG in the request pump
+    ++state.crashes;  // here the kernel's request pump would hit a BUG
     return EINVAL;
   }
   state.streaming = true;
@@ -197,7 +197,7 @@ i32 send_response(Call& call, const UvcRequestData& response) {
 
 i32 reject(Call&, u32&) { return ENOTTY; }
 
-// One row per request: how the log names it and who handles it.
+// One row per request: its name in the log and its handler.
 struct Request {
   unsigned long number;
   CallKind kind;
@@ -225,7 +225,7 @@ constexpr Request kRequests[] = {
     {kUvcPrivateStart, CallKind::kPrivate, typed<reject, u32>},
 };
 
-// A request that the driver does not know: no argument is looked at.
+// The driver does not know the request and does not look at any argument.
 i32 reject_unknown(Call&, void*) { return ENOTTY; }
 
 Request find_request(unsigned long number) {
@@ -252,7 +252,7 @@ int node_open(int fd) {
   NodeState& state = node_state();
   const NodeLock lock(state.mutex);
   release_dead_opens(state);
-  for (NodeOpen& former : state.opens)  // its number was given to another file and is free again
+  for (NodeOpen& former : state.opens)  // its number was reused for another file and is free again
     if (former.process == getpid() && former.descriptor == fd) release_open(state, former);
   NodeOpen* open = free_open(state);
   i32 error = next_fault(state, CallKind::kOpen);

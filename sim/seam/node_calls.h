@@ -1,19 +1,19 @@
-// The gadget node as the service's calls reach it: results are the system call's own, -1 with errno. `open`
-// is what node_open returned. Nothing here is a cancellation point.
+// The gadget node as the service's calls reach it: results are those of the system call, -1 with errno.
+// `open` is what node_open returned. Nothing here is a cancellation point.
 #pragma once
 
 #include <sys/types.h>
 
 namespace sim {
 
-/// Enters a descriptor of the node's file. The number of this open, or -1.
+/// Registers a descriptor of the node's file. Returns the number of this open, or -1.
 int node_open(int fd);
 void node_close(int open);
 int node_ioctl(int open, unsigned long request, void* argument);
-/// Whether the driver admits the mapping; 0 or -1.
+/// Returns 0 if the driver allows the mapping, else -1.
 int node_mmap(int open, size_t length, int protection, int flags, off_t offset);
-/// VIDIOC_DQEVENT while there is no event: true, and nothing else is to be done. Cheap: the service asks at
-/// full speed.
+/// Returns true, and handles the call, if VIDIOC_DQEVENT finds no event. Cheap, because the service
+/// asks without pausing.
 bool node_has_no_event(int open);
 
 }  // namespace sim

@@ -1,4 +1,4 @@
-// The node's scripted faults and its call log: everything that names calls in text.
+// The node's scripted faults and its call log: everything that writes calls as text.
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -10,7 +10,7 @@
 namespace sim {
 namespace {
 
-// How a kind of call is written, and what its record's words are; null: it has none.
+// How a kind of call is written, and what its record's words mean; null if it has none.
 struct KindText {
   const char* name;
   const char* words[2] = {};
@@ -52,7 +52,7 @@ std::string format_word(std::string_view label, u32 value) {
   return ' ' + std::string(label) + '=' + text;
 }
 
-#ifdef __UCLIBC__  // has no names for errors: those that the node gives
+#ifdef __UCLIBC__  // has no names for errors; these are the ones that the node returns
 const char* strerrorname_np(int error) {
   constexpr struct {
     int number;
@@ -89,7 +89,7 @@ bool parse_range(const char* text, CallFault& fault) {
   return fault.from > 0;
 }
 
-// "KIND RANGE" with " errno=N" optional.
+// "KIND RANGE" with an optional " errno=N".
 std::optional<CallFault> parse_call_fault(const char* text) {
   char kind[24], range[24], error[24] = "errno=5", rest;
   const int words = std::sscanf(text, "%23s %23s %23s %c", kind, range, error, &rest);

@@ -48,8 +48,8 @@ void make_mutex(pthread_mutex_t& mutex) {
 bool is_alive(const NodeOpen& open) {
   const std::string link = "/proc/" + std::to_string(open.process) + "/fd/" + std::to_string(open.descriptor);
   char target[256];
-  const ssize_t length = readlink(link.c_str(), target, sizeof target);
-  // The file may have been removed while open; its name then has a mark behind it.
+  const ssize_t length = readlink(link.c_str(), target, sizeof(target));
+  // The file may have been removed while open; its name then ends in a mark.
   return length > 0 &&
          std::string_view(target, static_cast<size_t>(length)).starts_with(run_root() + "/dev/video0");
 }
@@ -82,7 +82,7 @@ void create_node_state() {
 }
 
 void release_node_state() {
-  if (NodeState* state = mapped.exchange(nullptr)) munmap(state, sizeof *state);
+  if (NodeState* state = mapped.exchange(nullptr)) munmap(state, sizeof(*state));
 }
 
 NodeState& node_state() {

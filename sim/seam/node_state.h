@@ -1,6 +1,6 @@
 // The state of a run's gadget node, in a file that the service's side (node_calls.cpp) and the USB host's
-// side (node.cpp) map, be they one process or two. Everything is read and written under `mutex`, except an
-// open's atomics. The mutex is robust: a process that is killed leaves the state usable.
+// side (node.cpp) map, whether they are one process or two. Everything is read and written under `mutex`,
+// except an open's atomics. The mutex is robust: a process that is killed leaves the state usable.
 #pragma once
 
 #include <linux/usb/ch9.h>
@@ -19,7 +19,8 @@
 namespace sim {
 
 constexpr u32 kMaxBuffers = 32;
-constexpr off_t kNodeFileSize = off_t{1} << 28;  ///< sparse; the buffers' memory
+/// Sparse; holds the memory of the buffers.
+constexpr off_t kNodeFileSize = off_t{1} << 28;
 
 /// Calls that a fault can name and that the call log shows.
 enum class CallKind : u32 {
@@ -48,14 +49,14 @@ enum class CallKind : u32 {
   kI2cWrite,
 };
 
-/// One call as the log keeps it; what the two words mean depends on the kind.
+/// One call as the log keeps it. The meaning of the two words depends on the kind.
 struct CallRecord {
   CallKind kind;
   u32 words[2];  ///< an event type counts from UVC_EVENT_CONNECT
   i32 error;     ///< 0 or errno
 };
 
-/// Calls number `from` to `to` of a kind fail, counted from when the fault was set.
+/// Calls number `from` to `to` of a kind fail, counting from when the fault was set.
 struct CallFault {
   CallKind kind;
   u32 from, to;
@@ -68,20 +69,20 @@ enum class BufferState : u32 { kDequeued, kQueued, kInTransfer, kDone };
 struct NodeBuffer {
   BufferState state;
   u32 bytesused;
-  u64 order;  ///< grows with each change of state: the smallest of a state is the oldest
+  u64 order;  ///< grows with each change of state: within a state, the smallest is the oldest
 };
 
 /// A descriptor of the node that a process has open.
 struct NodeOpen {
   static constexpr u32 kEventTypes = UVC_EVENT_DATA - UVC_EVENT_CONNECT + 1;
-  static constexpr u32 kEventsPerType = 2;  ///< as the driver asks of the kernel's event queues
+  static constexpr u32 kEventsPerType = 2;  ///< as the driver requests of the kernel's event queues
 
-  pid_t process;  ///< 0: this entry is free
+  pid_t process;  ///< 0 if this entry is free
   i32 descriptor;
   bool subscribed[kEventTypes];
   u32 sequence;
-  std::atomic<u32> waiting;   ///< events in the queue; written under the mutex, read without
-  std::atomic<bool> serving;  ///< from a VIDIOC_DQEVENT that took an event to the next one
+  std::atomic<u32> waiting;   ///< events in the queue; written under the mutex, read without it
+  std::atomic<bool> serving;  ///< true from a VIDIOC_DQEVENT that took an event to the next VIDIOC_DQEVENT
   v4l2_event events[kEventTypes * kEventsPerType];  ///< oldest first
 };
 
@@ -91,13 +92,13 @@ struct NodeState {
 
   v4l2_pix_format format;
   u32 buffer_count;
-  u32 buffer_length;  ///< bytes, each
+  u32 buffer_length;  ///< bytes of each buffer
   NodeBuffer buffers[kMaxBuffers];
   u64 order;
   bool streaming;
-  bool cut_off;         ///< the host vanished while streaming; until VIDIOC_STREAMOFF
+  bool cut_off;         ///< the host vanished while streaming; true until VIDIOC_STREAMOFF
   bool starting;        ///< SET_INTERFACE 1 waits for VIDIOC_STREAMON
-  bool endpoint_off;    ///< a VIDIOC_STREAMOFF came meanwhile; until the next SET_INTERFACE 1
+  bool endpoint_off;    ///< a VIDIOC_STREAMOFF came during that wait; true until the next SET_INTERFACE 1
   u32 stream_on_calls;  ///< successful ones
   u32 stream_off_calls;
   u32 crashes;  ///< calls that would have crashed a kernel
@@ -107,9 +108,10 @@ struct NodeState {
   u32 response_count;
   UvcRequestData responses[8];  ///< answers that the host has not taken yet, oldest first
 
-  u32 grant;  ///< most buffers that are granted
+  u32 grant;  ///< the largest number of buffers that is granted
   bool reqbufs_returns_count;
-  std::optional<u32> dequeued_index, queried_index;  ///< the answers name this buffer instead of their own
+  /// The buffer that answers name instead of the right one.
+  std::optional<u32> dequeued_index, queried_index;
   u32 fault_count;
   CallFault faults[16];
   u64 call_count;
@@ -127,40 +129,40 @@ class NodeLock {
   pthread_mutex_t& mutex_;
 };
 
-/// Makes the current run's state; unmaps it at the end of the run.
+/// Create the current run's state, and unmap it at the end of the run.
 void create_node_state();
 void release_node_state();
-/// The current run's state. Safe from several threads.
+/// Returns the current run's state. Any thread may call it.
 NodeState& node_state();
 
-// With the mutex held:
+// To be called with the mutex held:
 
 /// Appends to the call log.
 void record_call(NodeState& state, const CallRecord& call);
-/// The errno with which this call of `kind` is to fail, or 0. Counts the call.
+/// Counts a call of `kind`. Returns the errno with which it is to fail, or 0.
 i32 next_fault(NodeState& state, CallKind kind);
-/// Queues an event to every open that has subscribed to its type; stamps one without time as the kernel does,
-/// by CLOCK_MONOTONIC.
+/// Queues an event to every open that has subscribed to its type. An event without a time gets the current
+/// one, of CLOCK_MONOTONIC, as in the kernel.
 void queue_event(NodeState& state, const v4l2_event& event);
-/// The open that subscribed to SETUP: with it the device is on the bus. Null when there is none.
+/// Returns the open that subscribed to SETUP, which puts the device on the bus, or null.
 NodeOpen* connected_open(NodeState& state);
-/// What the driver does when a descriptor's last reference goes.
+/// Does what the driver does when the last reference to a descriptor goes.
 void release_open(NodeState& state, NodeOpen& open);
-/// Releases the opens whose descriptor has gone without sys::close (a killed process, dup2).
+/// Releases the opens whose descriptor is gone without sys::close (a killed process, dup2).
 void release_dead_opens(NodeState& state);
-/// Gives every buffer back to the service; what was queued is lost.
+/// Gives every buffer back to the service. What was queued is lost.
 void stop_stream(NodeState& state);
-/// The oldest buffer in a state, or null.
+/// Returns the oldest buffer in a state, or null.
 NodeBuffer* oldest_buffer(NodeState& state, BufferState in);
 void change_buffer(NodeState& state, NodeBuffer& buffer, BufferState to);
-/// The driver's layout of a YUYV picture.
+/// Returns the driver's layout of a YUYV picture.
 v4l2_pix_format yuyv_format(u32 width, u32 height);
-/// Where a buffer's memory starts in the node's file.
+/// Returns where a buffer's memory starts in the node's file.
 u32 buffer_offset(const NodeState& state, u32 index);
 
-// These take the mutex themselves:
+// These functions take the mutex themselves:
 
-/// next_fault for a device other than the node.
+/// Like next_fault, for a device other than the node.
 i32 fault_of(CallKind kind);
 /// See NodeHost::script.
 bool script_fault(std::string_view text);

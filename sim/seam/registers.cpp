@@ -41,7 +41,7 @@ void log_changed_registers(const void* mapping) {
   for (size_t i = 0; i < before.size(); ++i) {
     if (now[i] == before[i]) continue;
     char line[64];
-    std::snprintf(line, sizeof line, "0x%08llX: %x -> %x",
+    std::snprintf(line, sizeof(line), "0x%08llX: %x -> %x",
                   static_cast<unsigned long long>(physical) + i * sizeof(u32), before[i], now[i]);
     append_log(kRegisterLog, line);
   }

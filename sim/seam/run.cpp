@@ -31,11 +31,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kRootPrefix[] = "camera-sim.";  // then the process id and six letters
+constexpr char kRootPrefix[] = "camera-sim.";  // followed by the process id and six letters
 constexpr char kRootVariable[] = "CAMERA_SIM_ROOT";
 constexpr char kNumberVariable[] = "CAMERA_SIM_RUN";
 
-constexpr key_t kKeys = 509;  // a prime below 2^9: a run's keys fit behind a process id of 22 bits
+// A prime below 2^9, so that a run's keys have room beside a process id of 22 bits.
+constexpr key_t kKeys = 509;
 constexpr key_t kCameraKeys[] = {VENC_RING_KEY, kFileMsgKey, kVeltoMsgKey, kSysMsgKey, kElogQueueKey};
 constexpr bool all_differ() {
   for (const key_t& a : kCameraKeys)
@@ -45,7 +46,7 @@ constexpr bool all_differ() {
 }
 static_assert(all_differ());
 
-constexpr pid_t kWholeMachine = 0;  ///< the number of no run
+constexpr pid_t kWholeMachine = 0;  // a number that no run has
 
 struct Current {
   std::string root;
@@ -85,12 +86,12 @@ std::string make_root() {
         fs::canonical(base).string() + "/" + kRootPrefix + std::to_string(getpid()) + ".XXXXXX";
     if (mkdtemp(root.data())) return root;
   }
-  end_program("no folder for the run can be made");
+  end_program("cannot create a folder for the run");
 }
 
 void make_sparse_file(const std::string& name, off_t size) {
   const int fd = open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0 || ftruncate(fd, size) < 0) end_program("a device file of the run cannot be made");
+  if (fd < 0 || ftruncate(fd, size) < 0) end_program("cannot create a device file of the run");
   close(fd);
 }
 
@@ -99,7 +100,8 @@ void make_program(const std::string& name, const std::string& body) {
   chmod(name.c_str(), 0700);
 }
 
-// What stands in for the PC's own tools: the gadget module makes and removes the node, reboot does nothing.
+// Creates the programs that replace the PC's own tools: loading the gadget module creates the node, removing
+// it removes the node, and reboot does nothing.
 void make_programs(const std::string& root) {
   const std::string node = root + "/dev/video0";
   const auto for_module = [](const std::string& action) {
@@ -130,7 +132,7 @@ void remove_ipc(pid_t number) {
   }
 }
 
-// Runs whose process was killed leave everything behind.
+// A run whose process was killed leaves everything behind.
 void remove_runs_of_the_dead(const std::string& folder) {
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator(folder, ignored)) {
@@ -155,8 +157,8 @@ void fill(const std::string& root) {
 u32 access_register(u32 addr, const u32* value) {
   u32 word = 0;
   const int fd = open((run_root() + "/dev/mem").c_str(), O_RDWR | O_CLOEXEC);
-  const ssize_t done = value ? pwrite(fd, value, sizeof *value, addr) : pread(fd, &word, sizeof word, addr);
-  if (done != sizeof word) end_program("the run's registers cannot be reached");
+  const ssize_t done = value ? pwrite(fd, value, sizeof(*value), addr) : pread(fd, &word, sizeof(word), addr);
+  if (done != sizeof(word)) end_program("cannot access the run's registers");
   close(fd);
   return word;
 }
@@ -166,7 +168,7 @@ u32 access_register(u32 addr, const u32* value) {
 Run::Run() {
   if (own_run.load()) end_program("this process has a run already");
   const auto* made = new Current{make_root(), getpid()};
-  remove_ipc(made->number);  // of a dead process that had our id
+  remove_ipc(made->number);  // left by a dead process that had the same id
   remove_runs_of_the_dead(fs::path(made->root).parent_path());
   setenv(kRootVariable, made->root.c_str(), 1);
   setenv(kNumberVariable, std::to_string(made->number).c_str(), 1);

@@ -1,5 +1,6 @@
-// The seam's PC side: fixed paths lead under the run's root, keys and semaphore names get the run's number,
-// calls on device descriptors go to the models, shell commands meet stand-ins of the PC's own tools.
+// The PC side of the seam: fixed paths lead to files under the run's root, keys and semaphore names get the
+// run's number, calls on device descriptors go to the models, and shell commands find replacements of the
+// PC's own tools.
 #include <fcntl.h>
 #include <linux/videodev2.h>
 #include <sys/ioctl.h>
@@ -31,19 +32,19 @@ namespace {
 
 enum class Device { kNone, kNode, kRegisters, kI2c };
 
-// Tells whether a descriptor still leads to the same file: dup2 may have replaced it.
+// Identifies the file of a descriptor, because dup2 may have replaced it.
 struct FileId {
   dev_t device = 0;
   ino_t number = 0;
   bool operator==(const FileId&) const = default;
 };
 
-// What the service has open of the simulated devices, by descriptor. An entry is written by the thread that
-// opens or closes the descriptor; others see it through the kind.
+// The simulated devices that the service has open, by descriptor. The thread that opens or closes the
+// descriptor writes its entry; others see it through the kind.
 struct Descriptor {
   std::atomic<Device> device{Device::kNone};
   FileId file;
-  int node_open = -1;  // the node's own number of this open
+  int node_open = -1;  // the node's own number for this open
   I2cClient i2c;
 };
 Descriptor descriptors[1024];
@@ -61,7 +62,7 @@ Descriptor* entry(int fd) {
   return fd >= 0 && static_cast<size_t>(fd) < std::size(descriptors) ? &descriptors[fd] : nullptr;
 }
 
-// The descriptor's entry if it leads to the device; else null.
+// Returns the descriptor's entry if it leads to the device, else null.
 Descriptor* device_entry(int fd, Device device) {
   Descriptor* found = entry(fd);
   return found && found->device == device && found->file == file_of(fd) ? found : nullptr;
@@ -84,7 +85,7 @@ Device device_at(std::string_view pc_path) {
   return pc_path.starts_with("/dev/i2c-") ? Device::kI2c : Device::kNone;
 }
 
-// Enters a fresh descriptor. 0, or -1 with errno when the device refuses.
+// Registers a fresh descriptor. Returns 0, or -1 with errno if the device refuses.
 int enter(int fd, Device device, std::string_view path) {
   Descriptor* found = entry(fd);
   if (!found) return 0;
@@ -96,7 +97,7 @@ int enter(int fd, Device device, std::string_view path) {
   return 0;
 }
 
-// A word of a command that names a fixed path of the camera.
+// True for a word of a command that names a fixed path of the camera.
 bool is_camera_path(std::string_view word) {
   if (stays_as_it_is(word)) return false;
   for (const std::string_view folder : {"/opt/", "/etc/", "/dev/", "/sbin/"})
@@ -104,8 +105,8 @@ bool is_camera_path(std::string_view word) {
   return false;
 }
 
-// The command for the PC's shell: paths of the camera lead under the root, tools that would touch the PC
-// are found in the run's own folder first.
+// Returns the command for the PC's shell: paths of the camera lead to files under the root, and tools that
+// would affect the PC are found in the run's own folder first.
 std::string pc_command(std::string_view command) {
   std::string result = "PATH=" + run_root() + "/bin:$PATH; export PATH; ";
   char before = ' ';
@@ -117,7 +118,8 @@ std::string pc_command(std::string_view command) {
   return result;
 }
 
-// Logs the command. False when the stand-ins are gone: nothing is run then, the PC's own tools would be.
+// Logs the command. Returns false if the replacements are gone: nothing may run then, since it would be the
+// PC's own tools.
 bool may_run(const char* command) {
   append_log(kShellLog, command);
   return ::access((run_root() + "/bin/reboot").c_str(), X_OK) == 0;

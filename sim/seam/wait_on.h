@@ -1,5 +1,5 @@
 // Waiting for a condition in memory shared between processes, woken by a semaphore. Nothing is locked, so a
-// party that is killed at any instant leaves nobody waiting for ever on it. Needs nothing but the C library.
+// process that is killed at any instant leaves nobody waiting for ever. Needs nothing but the C library.
 #pragma once
 
 #include <semaphore.h>
@@ -22,13 +22,13 @@ inline i64 nanoseconds_of(clockid_t clock) {
 }
 inline i64 monotonic_ns() { return nanoseconds_of(CLOCK_MONOTONIC); }
 
-/// Until a post, at most `duration` nanoseconds.
+/// Waits for a post, for at most `duration` nanoseconds.
 inline void wait_for_post(sem_t& semaphore, i64 duration) {
   const auto until = [&](clockid_t clock) {
     const i64 end = nanoseconds_of(clock) + duration;
     return timespec{end / 1'000'000'000, end % 1'000'000'000};
   };
-#ifdef __UCLIBC__  // has no sem_clockwait: a step of the clock lengthens or shortens a wait
+#ifdef __UCLIBC__  // has no sem_clockwait, so a change of the clock lengthens or shortens a wait
   const timespec limit = until(CLOCK_REALTIME);
   sem_timedwait(&semaphore, &limit);
 #else
@@ -37,8 +37,8 @@ inline void wait_for_post(sem_t& semaphore, i64 duration) {
 #endif
 }
 
-/// Tests `done` at once, after every post and at least every 100 ms. True as soon as it holds, false when
-/// `deadline` (of monotonic_ns) has passed.
+/// Tests `done` at once, after every post and at least every 100 ms. Returns true as soon as it holds, and
+/// false when `deadline` (of monotonic_ns) has passed.
 template <typename Done>
 bool wait_on(sem_t& semaphore, i64 deadline, Done done) {
   while (!done()) {
@@ -49,7 +49,7 @@ bool wait_on(sem_t& semaphore, i64 deadline, Done done) {
   return true;
 }
 
-/// Posts unless `enough` posts are pending already, so that the value stays small when nobody waits.
+/// Posts unless `enough` posts are pending already, so that the value stays small if nobody waits.
 inline void wake(sem_t& semaphore, int enough = 1) {
   int pending;
   if (sem_getvalue(&semaphore, &pending) == 0 && pending < enough) sem_post(&semaphore);

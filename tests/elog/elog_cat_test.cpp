@@ -22,7 +22,7 @@ std::string viewer() {
 std::string read_all(int fd) {
   std::string text;
   char part[512];
-  for (ssize_t size; (size = read(fd, part, sizeof part)) > 0;) text.append(part, static_cast<size_t>(size));
+  for (ssize_t size; (size = read(fd, part, sizeof(part))) > 0;) text.append(part, static_cast<size_t>(size));
   return text;
 }
 
@@ -36,7 +36,7 @@ class ElogCatTest : public testing::Test {
     std::memcpy(record.payload.text, text.data(), text.size());
     ASSERT_EQ(msgsnd(queue, &record, kElogHeaderSize + text.size(), IPC_NOWAIT), 0);
   }
-  /// What it prints, both streams, into a pipe; its exit status after it.
+  // Returns what it prints on both streams, followed by its exit status.
   static std::string run_viewer(const std::string& options) {
     std::FILE* pipe = popen((viewer() + ' ' + options + " 2>&1").c_str(), "r");
     std::string text = read_all(fileno(pipe));
@@ -59,7 +59,7 @@ TEST_F(ElogCatTest, PrintsWhatTheFiltersAdmitAndTakesAllOffTheQueue) {
       {"-e --count -t lens", "assert   0\nerror    1\nwarn     0\ninfo     0\ndebug    1\nverbose  0\n= 0"},
   };
   for (const auto& c : kCases) {
-    for (u8 level = 0; level < std::size(kLines); ++level) send(level, kLines[level]);
+    for (u8 level = 0; const auto& line : kLines) send(level++, line);
     EXPECT_EQ(run_viewer(c.options), c.printed) << c.options;
     EXPECT_EQ(run_viewer("-e"), "= 0") << c.options;
   }

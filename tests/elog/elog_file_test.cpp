@@ -22,7 +22,7 @@ void write(const std::string& line) { elog_file_write(line.data(), line.size());
 
 class ElogFile : public testing::Test {
  protected:
-  /// The log's files by their suffix.
+  // The log's files by their suffix.
   std::map<std::string, std::string> files() const {
     std::map<std::string, std::string> all;
     for (const auto& entry : std::filesystem::directory_iterator(run.path("/tmp"))) {

@@ -51,7 +51,7 @@ class Elog : public testing::Test {
   }
   /// Waits for a line that ends with `end`.
   bool comes(const std::string& end, std::string* whole = nullptr) {
-    for (int i = 0; i < 500; std::this_thread::sleep_for(std::chrono::milliseconds(10)), i++) {
+    for (int i = 0; i < 500; std::this_thread::sleep_for(std::chrono::milliseconds(10)), ++i) {
       while (const auto record = take()) {
         if (whole) *whole = record->text;
         if (record->text.ends_with(end)) return true;
@@ -68,7 +68,7 @@ class Elog : public testing::Test {
   /// Starts the logger with the messages alone on its lines.
   void start_bare() {
     log_module_init(ELOG_LVL_VERBOSE);
-    for (u8 level = 0; level < ELOG_LVL_TOTAL_NUM; level++) elog_set_fmt(level, 0);
+    for (u8 level = 0; level < ELOG_LVL_TOTAL_NUM; ++level) elog_set_fmt(level, 0);
   }
 
   sim::Run run;

@@ -43,7 +43,7 @@ TEST_F(Elog, TimeIsTheClocks) {
     before = now();
     shown = elog_port_get_time();
     after = now();
-  } while (before.substr(0, 19) != after.substr(0, 19) || before > after);  // a second ended meanwhile
+  } while (before.substr(0, 19) != after.substr(0, 19) || before > after);  // a second ended in between
   EXPECT_LE(before, shown);
   EXPECT_LE(shown, after);
 }
@@ -115,13 +115,13 @@ TEST_F(Elog, QueueTakesLinesUpToHalfItsCapacity) {
   EXPECT_THAT(texts(), ElementsAre(testing::SizeIs(195), "still taken\n"));
 }
 
-/// A queue can be full although it holds no bytes: empty messages count as well.
+// A queue can be full although it holds no bytes: empty messages count as well.
 TEST_F(Elog, FullQueueNeverHoldsTheCaller) {
   start_bare();
   constexpr int kCapacity = 600;
   set_capacity(kCapacity);
   const long empty = 2;
-  for (int i = 0; i < kCapacity; i++) ASSERT_EQ(msgsnd(queue, &empty, 0, IPC_NOWAIT), 0);
+  for (int i = 0; i < kCapacity; ++i) ASSERT_EQ(msgsnd(queue, &empty, 0, IPC_NOWAIT), 0);
   alarm(5);
   log_text("lost");
   ASSERT_EQ(msgrcv(queue, std::vector<long>(1).data(), 0, 0, IPC_NOWAIT), 0);
@@ -130,7 +130,7 @@ TEST_F(Elog, FullQueueNeverHoldsTheCaller) {
   EXPECT_EQ(msgrcv(queue, &record, sizeof(record.payload), 1, IPC_NOWAIT), 5 + 5);
 }
 
-/// A thread that takes the lock and gives it back; the caller sees whether that was possible.
+// A thread that takes the lock and gives it back; the caller sees whether that was possible.
 std::future<void> visit_lock() {
   return std::async(std::launch::async, [] {
     elog_port_output_lock();
@@ -204,7 +204,7 @@ TEST_F(Elog, ThreadsLogWhileFiltersChange) {
   EXPECT_GT(whole + texts().size(), 0u);
 }
 
-/// Without a hook: the text goes out, the thread stays, and others can still log.
+// Without a hook: the text goes out, the thread stays, and others can still log.
 TEST_F(Elog, BrokenPreconditionsWithoutHook) {
   const std::string name = run.path("/tmp/log");
   const ElogFileCfg file = {name.c_str(), 100, 1, true};

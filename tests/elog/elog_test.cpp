@@ -139,7 +139,7 @@ TEST_F(Elog, TagLevels) {
 TEST_F(Elog, Hexdump) {
   start_bare();
   std::vector<u8> bytes(65535, 'z');
-  for (u8 i = 0; i < 20; i++) bytes[i] = static_cast<u8>(i < 2 ? 0x1F + i : i < 4 ? 0x7C + i : 0x30 + i);
+  for (u8 i = 0; i < 20; ++i) bytes[i] = static_cast<u8>(i < 2 ? 0x1F + i : i < 4 ? 0x7C + i : 0x30 + i);
   elog_hexdump(ELOG_LVL_WARN, "name", 16, bytes.data(), 20);
   EXPECT_THAT(texts(),
               ElementsAre("[W]HEX name: 0000-000F: 1F 20 7E 7F 34 35 36 37  38 39 3A 3B 3C 3D 3E 3F    "
@@ -174,7 +174,7 @@ TEST_F(Elog, Hexdump) {
 }
 
 TEST_F(Elog, ReadsLevelAndTagOfALine) {
-  for (u8 level = 0; level < ELOG_LVL_TOTAL_NUM; level++) elog_set_fmt(level, ELOG_FMT_LVL | ELOG_FMT_TAG);
+  for (u8 level = 0; level < ELOG_LVL_TOTAL_NUM; ++level) elog_set_fmt(level, ELOG_FMT_LVL | ELOG_FMT_TAG);
   EXPECT_EQ(elog_find_lvl("A"), ELOG_LVL_ASSERT);
   EXPECT_EQ(elog_find_lvl("Verbose"), ELOG_LVL_VERBOSE);
   EXPECT_EQ(elog_find_lvl("[W]text"), -1);
@@ -206,7 +206,7 @@ TEST(ElogUtils, Copies) {
     for (const std::size_t count : {0, 1, 9, 10, 17, 20}) {
       alignas(4) char one[64] = "0123456789abcdefghijklmnopqrstuvwxyz", other[64];
       std::memcpy(other, one, sizeof(one));
-      for (std::size_t i = 0; i < count; i++) other[distance + i] = other[i];
+      for (std::size_t i = 0; i < count; ++i) other[distance + i] = other[i];
       EXPECT_EQ(elog_memcpy(one + distance, one, count), one + distance);
       EXPECT_EQ(std::memcmp(one, other, sizeof(one)), 0) << distance << ' ' << count;
     }

@@ -31,7 +31,7 @@ class Camera {
     begin();
   }
 
-  /// A fresh context for the requests; the server forgets now and then what it has received.
+  // A fresh context for the requests; the server forgets now and then what it has received.
   void begin() {
     if (starts_++ % 5000 == 0) server_.emplace(sim::ServerOptions{});
     loop_ = std::make_unique<UvcEventLoop>(UvcEventLoop{.device = &uvc_video_fd, .request = {}});
@@ -65,7 +65,7 @@ class Camera {
     return *answer;
   }
 
-  /// The locks are free and both channels work: a value that is set goes to the server and comes back.
+  // The locks are free and both channels work: a value that is set goes to the server and comes back.
   void check_order() {
     check(stream_end_lock.try_lock(), "the lock of the stream's end is free");
     stream_end_lock.unlock();
@@ -75,7 +75,7 @@ class Camera {
     raise(UVC_EVENT_DATA, std::array<u8, 6>{2, 0, 0, 0, value, 0});
     check(setup(std::array<u8, 8>{0xA1, UVC_GET_CUR, 0, 2, 0, 2, 2, 0}).data[0] == value,
           "a valid request after any other does what it should");
-    check(SendEncoderSettings({}) == 0, "the encoder can be told");
+    check(SendEncoderSettings({}) == 0, "the encoder takes settings");
     raise(UVC_EVENT_STREAMOFF, {});
   }
 
@@ -83,7 +83,7 @@ class Camera {
   static u32 answers_since(u64 call) {
     u32 answers = 0;
     const sim::NodeState& state = sim::node_state();
-    for (; call != state.call_count; call++)
+    for (; call != state.call_count; ++call)
       answers += state.calls[call % state.calls.size()].kind == sim::CallKind::kSendResponse;
     return answers;
   }
@@ -130,7 +130,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* bytes, std::size_t size) {
   static Camera camera;
   fuzz::Input input(bytes, size);
   camera.begin();
-  for (int steps = 0; !input.empty() && steps < 100; steps++) step(camera, input);
+  for (int steps = 0; !input.empty() && steps < 100; ++steps) step(camera, input);
   camera.check_order();
   return 0;
 }

@@ -29,13 +29,13 @@ Library& library() {
 
 i32 HI_MPI_VPSS_GetChnFrame(i32, i32, VpssPicture* picture, i32) {
   *picture = library().picture;
-  if (library().result == 0) library().kept++;
+  if (library().result == 0) ++library().kept;
   return library().result;
 }
 i32 HI_MPI_VPSS_ReleaseChnFrame(i32, i32, const VpssPicture*) { return library().kept--, 0; }
 void* HI_MPI_SYS_Mmap(u32 address, u32 size) {
   if (size == 0 || size > kMost) return nullptr;
-  library().mapped++;
+  ++library().mapped;
   const auto plane = library().planes[address].lend(size);
   std::fill(plane.begin(), plane.end(), library().luma);
   return plane.data();
@@ -80,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* bytes, std::size_t size) {
     encoder_record.width = static_cast<i32>(input.number());
     encoder_record.height = static_cast<i32>(input.number());
     uvc_video_fill_buffer(0, &buffer);
-    check(buffer.bytesused >= 2 && buffer.bytesused <= to.size(), "a payload lies inside its buffer");
+    check(buffer.bytesused >= 2 && buffer.bytesused <= to.size(), "a payload is inside its buffer");
     // A picture in an unknown pixel format is not given back.
     const bool known =
         picture.pixel_format == kVpssYuv420SemiPlanar || picture.pixel_format == kVpssYuv422SemiPlanar;

@@ -8,12 +8,16 @@
 
 namespace fs = std::filesystem;
 
-static void run(const fs::path& path) {
+namespace {
+
+void run(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);
   const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
   fuzz::check(file.is_open() && !bytes.empty(), path.c_str());
   LLVMFuzzerTestOneInput(reinterpret_cast<const u8*>(bytes.data()), bytes.size());
 }
+
+}  // namespace
 
 int main(int argc, char** argv) {
   fuzz::check(argc == 2, "there is one argument");

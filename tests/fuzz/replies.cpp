@@ -32,7 +32,7 @@ struct Message {
   std::size_t size;
 };
 
-/// One channel with a server that sends what the input wants, and then what it should.
+// One channel with a server that sends what the input wants, and then what it should.
 class Channel {
  public:
   Channel(key_t key, long client, std::size_t payload)
@@ -41,13 +41,13 @@ class Channel {
     std::thread([this] { serve(); }).detach();
   }
 
-  /// Records for now, and for the next request.
+  // Records for now, and for the next request.
   void plan(u32 before, u32 instead, Input& input) {
     const std::lock_guard lock(mutex_);
-    for (; before > 0; before--) send(message(input));
-    for (planned_.clear(); instead > 0; instead--) planned_.push_back(message(input));
+    for (; before > 0; --before) send(message(input));
+    for (planned_.clear(); instead > 0; --instead) planned_.push_back(message(input));
   }
-  /// Waits until the server has done with every request, and throws away what is left.
+  // Waits until the server has done with every request, and throws away what is left.
   void clear() {
     Message message = {.type = kServerMsgType, .bytes = {}, .size = payload_};
     put_le32(message.bytes, static_cast<u32>(kEndOfStep));
@@ -142,7 +142,7 @@ void ask_for_data(Input& input) {
   AvData data{};
   if (GetAVData(type, operation, serial, data) != kAvOk || !data.pointer) return;
   const auto* bytes = static_cast<const volatile u8*>(data.pointer);
-  for (i32 i = 0; i < data.size; i++) (void)bytes[i];
+  for (i32 i = 0; i < data.size; ++i) (void)bytes[i];
 }
 
 void ask_velto(u8 kind, Input& input) {
@@ -176,7 +176,7 @@ i32 HI_MPI_SYS_Munmap(void*, u32) { return 0; }
 extern "C" int LLVMFuzzerTestOneInput(const u8* bytes, std::size_t size) {
   static Machine& machine = *new Machine;  // its servers run to the end
   Input input(bytes, size);
-  for (int steps = 0; !input.empty() && steps < 10; steps++) {
+  for (int steps = 0; !input.empty() && steps < 10; ++steps) {
     const u8 where = input.take<u8>(), kind = input.take<u8>();
     Channel& channel = where % 4 == 0 ? machine.sys : where % 4 == 1 ? machine.file : machine.velto;
     channel.plan(where / 4 % 4, where / 16 % 4, input);

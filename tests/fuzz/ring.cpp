@@ -36,10 +36,10 @@ struct Ring {
   u32& word(u8 slot, u8 index) { return reinterpret_cast<u32*>(&slots[slot % kRingSlots])[index % kWords]; }
 
   void empty() {
-    for (u8 slot = 0; slot < kRingSlots; slot++) Word32(word(slot, 0)).store(kSlotEmpty);
+    for (u8 slot = 0; slot < kRingSlots; ++slot) Word32(word(slot, 0)).store(kSlotEmpty);
   }
   void publish(u8 slot, fuzz::Input& input, bool fits) {
-    for (u8 index = 1; index < kWords; index++) word(slot, index) = input.take<u32>();
+    for (u8 index = 1; index < kWords; ++index) word(slot, index) = input.take<u32>();
     if (fits) {
       word(slot, 2) = cur_format == kFormatMjpeg ? kJpegFrameType : 0;
       word(slot, 3) = static_cast<u16>(encoder_record.width) | static_cast<u32>(encoder_record.height) << 16;
@@ -47,18 +47,18 @@ struct Ring {
     Word32(word(slot, 0)).store(kSlotReady);
   }
 
-  /// Runs once the word changes, until the buffer is filled or after `most` changes.
+  // Runs once the word changes, until the buffer is filled or after `most` changes.
   std::thread changing(u32& changed, u32 value, int most) {
     filled = false;
     changes = 0;
     std::thread writer([this, &changed, value, most]() mutable {
-      for (; !filled && changes < most; changes++) value = Word32(changed).exchange(value);
+      for (; !filled && changes < most; ++changes) value = Word32(changed).exchange(value);
     });
     while (changes == 0) std::this_thread::yield();
     return writer;
   }
 
-  /// One buffer, while a rival changes a header word to and fro.
+  // One buffer, while a rival changes a header word to and fro.
   void fill(u32 length, u32* rival, u32 value) {
     const auto buffer_memory = memory.lend(length);
     uvc_buffers[0] = {buffer_memory.data(), length};
@@ -69,10 +69,10 @@ struct Ring {
     uvc_video_fill_buffer(0, &buffer);
     filled = true;
     if (rival) writer.join();
-    check(buffer.bytesused >= 1 && buffer.bytesused <= length, "a payload lies inside its buffer");
+    check(buffer.bytesused >= 1 && buffer.bytesused <= length, "a payload is inside its buffer");
     check(buffer.bytesused <= kEncFrameCapacity, "a payload is no longer than a slot");
     if (state) return empty();
-    for (u8 slot = 0; slot < kRingSlots; slot++)
+    for (u8 slot = 0; slot < kRingSlots; ++slot)
       check(word(slot, 0) != kSlotReading, "a slot that was taken is given back");
   }
 
@@ -91,7 +91,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* bytes, std::size_t size) {
   fuzz::Input input(bytes, size);
   u32 length = 1000;
   ring.empty();
-  for (int steps = 0; !input.empty() && steps < 20; steps++) {
+  for (int steps = 0; !input.empty() && steps < 20; ++steps) {
     const u8 kind = input.take<u8>();
     if (kind % 4 == 0) {
       cur_format = kind / 4 % 6;

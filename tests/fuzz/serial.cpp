@@ -16,7 +16,7 @@ namespace {
 
 using fuzz::check;
 
-/// A line of its own for each input, so that it can hang up.
+// A line of its own for each input, so that it can hang up.
 class Line {
  public:
   explicit Line(const sim::Run& run) {
@@ -25,7 +25,7 @@ class Line {
     const std::filesystem::path path = run.path("/dev/ttyAMA2");
     std::filesystem::remove(path);
     std::filesystem::create_symlink(ptsname(controller_), path);
-    service_ = dup(controller_);  // the number that the line will get
+    service_ = dup(controller_);  // the number that the line will have
     close(service_);
     tty_open();
     fcntl(controller_, F_SETFL, O_NONBLOCK);
@@ -86,7 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* bytes, std::size_t size) {
   print_level = 4;
   Line line(run);
   fuzz::Input input(bytes, size);
-  for (int steps = 0; !input.empty() && steps < 10; steps++) {
+  for (int steps = 0; !input.empty() && steps < 10; ++steps) {
     const u8 kind = input.take<u8>();
     const i32 number = static_cast<i32>(input.number());
     line.write(input.bytes((kind / 8 + 1) % 32));  // without any, the read waits for its first byte

@@ -34,7 +34,7 @@ void node_script(Input input) {
   sim::NodeHost host;
   while (!input.empty()) host.script(input.line());
   host.script("clear");
-  for (int i = 0; i < 16; i++) check(host.script("fail QBUF 1"), "a script that is cleared takes faults");
+  for (int i = 0; i < 16; ++i) check(host.script("fail QBUF 1"), "a script that is cleared takes faults");
   check(!host.script("fail QBUF 1"), "and 16 at most");
   host.script("clear");
 }

@@ -55,7 +55,7 @@ void level_file(const Machine& machine, Input input) {
   log_module_set_level(ELOG_LVL_VERBOSE);
 }
 
-/// What is to come of a file, written down another way: by its text as a whole.
+// What is to come of a file, written down another way: by its text as a whole.
 std::string replaced(const std::string& file, const std::string& prefix, const std::string& replacement) {
   std::string result;
   for (std::size_t at = 0, length; at < file.size(); at += length) {

@@ -81,8 +81,8 @@ TEST_F(VeltoInterface, OperationsOfGetAVData) {
   const std::string serial5 = "4:05000000 8:03000000 28:1C000000 44:02000000";
   const std::string any9 = "4:09000000 8:03000000 44:02000000", block7 = "4:07000000 8:03000000 44:02000000";
   const std::string frame4 = "4:04000000 8:03000000 28:1C000000 44:02000000";
-  // The reply's words at 24 and 32 are the row's, the others hold their own offset. No request: nothing is
-  // sent.
+  // The reply's words at 24 and 32 are the row's, the others hold their own offset. No request means that
+  // nothing is sent.
   const struct {
     const char* name;
     i32 type, operation, serial, status, offset, size;
@@ -149,7 +149,7 @@ TEST_F(VeltoInterface, BlocksAreCopiedAPerTypeSlotEach) {
   ASSERT_EQ(get_mem(0, 0x88000000, 4096), 0);
   std::iota(memory.begin(), memory.end(), u8{0});
   const void* slots[4];
-  for (i32 type = 0; type < 4; type++) {
+  for (i32 type = 0; type < 4; ++type) {
     peer.serve([&] { EXPECT_EQ(GetAVData(type, AV_OP_GET_BLOCK, 0, data), 0); },
                [&](VeltoMsgBuf& reply) {
                  put_le32(reply.payload + velto_payload_offset(24), static_cast<u32>(type));
@@ -157,7 +157,7 @@ TEST_F(VeltoInterface, BlocksAreCopiedAPerTypeSlotEach) {
                });
     slots[type] = data.pointer;
   }
-  for (int type = 0; type < 4; type++)
+  for (int type = 0; type < 4; ++type)
     EXPECT_EQ(std::memcmp(slots[type], memory.data() + type, 256), 0) << type;
   for (const i32 type : {4, 5, 6, -1, INT_MAX, INT_MIN})
     EXPECT_EQ(GetAVData(type, AV_OP_GET_BLOCK, 0, data), -100) << type;

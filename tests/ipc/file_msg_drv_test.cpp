@@ -34,18 +34,18 @@ class FileMsgDrv : public testing::Test {
   void mark(std::size_t offset) { put_le32(segment + offset, SYSINFO_MAGIC); }
   std::string record(const std::string& rest) const {
     char text[64];
-    std::snprintf(text, sizeof text, " 8:10000000 12:%08X", static_cast<u32>(__builtin_bswap32(u32(id))));
+    std::snprintf(text, sizeof(text), " 8:10000000 12:%08X", static_cast<u32>(__builtin_bswap32(u32(id))));
     return rest.substr(0, 10) + (id ? text : " 8:10000000") + rest.substr(10);
   }
-  /// The bytes that a call changed, as runs: "240:78563412".
+  // The bytes that a call changed, as runs: "240:78563412".
   std::string changes(const std::vector<u8>& before) const {
     std::string text;
     char byte[16];
-    for (std::size_t i = 0; i < kSegment; i++) {
+    for (std::size_t i = 0; i < kSegment; ++i) {
       if (segment[i] == before[i]) continue;
       if (i == 0 || segment[i - 1] == before[i - 1])
         text += (text.empty() ? "" : " ") + std::to_string(i) + ":";
-      std::snprintf(byte, sizeof byte, "%02X", segment[i]);
+      std::snprintf(byte, sizeof(byte), "%02X", segment[i]);
       text += byte;
     }
     return text;
@@ -93,7 +93,7 @@ TEST_F(FileMsgDrv, WaitsForTheMarkersTenSeconds) {
 
 SysRecord52 record52(u8 byte) {
   SysRecord52 record;
-  std::fill_n(record.bytes, sizeof record.bytes, byte);
+  std::fill_n(record.bytes, sizeof(record.bytes), byte);
   return record;
 }
 
@@ -161,7 +161,7 @@ TEST_F(FileMsgDrv, QueueIsOpenedAnewAfterThreeFailures) {
   open();
   const FilePeer stranger(kSysMsgKey);
   SetFileMsgQueue(stranger.queue());
-  for (int failure = 0; failure < 3; failure++)
+  for (int failure = 0; failure < 3; ++failure)
     stranger.serve([] { EXPECT_EQ(SetSysInfo(1), -1); }, [](FileMsgBuf& reply) { reply.length = 2639; });
   SendFileMsgNotice();
   EXPECT_EQ(record_text(stranger.take(), kFileMsgPayload), "");
@@ -236,7 +236,7 @@ TEST_F(FileMsgDrv, ASegmentMadeAnewTakesTheFormersPlace) {
   for (const std::size_t size : {kSysInfoLength - 1, kSysInfoLength}) {  // the first is too small to be used
     shmctl(id, IPC_RMID, nullptr);
     id = shmget(sim::run_key(kFileMsgKey), size, IPC_CREAT | 0660);
-    for (int i = 0; i < 80 && GetSysRequestFlags() == flags; i++) usleep(10000);
+    for (int i = 0; i < 80 && GetSysRequestFlags() == flags; ++i) usleep(10000);
     EXPECT_EQ(GetSysRequestFlags() == flags, size < kSysInfoLength);
   }
   *flags = 1;  // whoever still has it may use it

@@ -22,9 +22,9 @@ std::string record_text(const Record& record, std::size_t payload) {
   char word[32];
   for (std::size_t offset = 0; offset < payload; offset += 4) {
     u8 b[4];
-    std::memcpy(b, reinterpret_cast<const u8*>(&record) + sizeof(long) + offset, sizeof b);
+    std::memcpy(b, reinterpret_cast<const u8*>(&record) + sizeof(long) + offset, sizeof(b));
     if (!(b[0] | b[1] | b[2] | b[3])) continue;
-    std::snprintf(word, sizeof word, "%s%zu:%02X%02X%02X%02X", text.empty() ? "" : " ", offset + 4, b[0],
+    std::snprintf(word, sizeof(word), "%s%zu:%02X%02X%02X%02X", text.empty() ? "" : " ", offset + 4, b[0],
                   b[1], b[2], b[3]);
     text += word;
   }
@@ -70,7 +70,7 @@ class Peer {
   void serve_two(int rounds, const std::function<void(i32)>& call,
                  const std::function<void(Record&)>& answer) const {
     std::thread server([&] {
-      for (int i = 0; i < 2 * rounds; i++) {
+      for (int i = 0; i < 2 * rounds; ++i) {
         Record record = take();
         record.dest = record.src;
         answer(record);
@@ -78,7 +78,7 @@ class Peer {
       }
     });
     const auto client = [&](i32 number) {
-      for (int i = 0; i < rounds; i++) call(number);
+      for (int i = 0; i < rounds; ++i) call(number);
     };
     std::thread other(client, 1);
     client(2);

@@ -64,7 +64,7 @@ TEST_F(MsgChannelTest, AnAnswerBelongsToItsRequestHoweverLateItComes) {
   give_up(8);
   EXPECT_EQ(ask_while(9,
                       [&] {
-                        for (int i = 0; i < 3; i++) usleep(20'000), take_and_answer();
+                        for (int i = 0; i < 3; ++i) usleep(20'000), take_and_answer();
                       }),
             9);
 

@@ -66,7 +66,7 @@ TEST(MsgUtil, DrainEndsOnlyWhenNothingIsLeft) {
 class FullQueue : public testing::Test {
  protected:
   FullQueue() {
-    while (msgsnd(peer.queue(), &record, kSysMsgPayload, IPC_NOWAIT) == 0) filled++;
+    while (msgsnd(peer.queue(), &record, kSysMsgPayload, IPC_NOWAIT) == 0) ++filled;
     sender = std::thread([this] { result = Msg_Send(peer.queue(), &record, kSize); });
   }
   void wait_for_retries() const {
@@ -115,7 +115,7 @@ TEST(MsgUtil, SignalEndsAReceiveOnlyWhenTheProcessEnds) {
     pthread_kill(receiver.native_handle(), SIGUSR2);
     while (signals_taken == before) usleep(1000);
   };
-  for (int i = 0; i < 5; i++) interrupt();
+  for (int i = 0; i < 5; ++i) interrupt();
   usleep(20000);
   EXPECT_FALSE(ended);
   uvc_stream_state.exit_flag = 1;

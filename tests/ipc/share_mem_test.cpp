@@ -78,7 +78,7 @@ TEST(ShareMem, ASegmentMadeAnewIsFound) {
   const i32 second = shmget(sim::run_key(kSysMsgKey), 8000, IPC_CREAT | 0660);
   const u8 written = 1;
   seen[0] = written;
-  for (int tries = 0; seen[0] == written && tries < 100; tries++) {
+  for (int tries = 0; seen[0] == written && tries < 100; ++tries) {
     usleep(10000);
     seen[0] = 0;
     EXPECT_EQ(ShareMemWrite(0, &written, 1), 0);

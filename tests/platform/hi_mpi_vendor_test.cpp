@@ -7,11 +7,15 @@
 
 #include "platform/hi_mpi.h"
 
-static constexpr VIDEO_FRAME_INFO_S kPicture = {
-    {1280, 720, 4, PIXEL_FORMAT_YUV_SEMIPLANAR_420, {0x82000000, 0x820E1000, 1}, {}, {1296, 1312, 2}, 77}, 5};
-static constexpr int kEmpty = static_cast<int>(0xA007800E);
+namespace {
 
-static VIDEO_FRAME_INFO_S given_back;
+constexpr VIDEO_FRAME_INFO_S kPicture = {
+    {1280, 720, 4, PIXEL_FORMAT_YUV_SEMIPLANAR_420, {0x82000000, 0x820E1000, 1}, {}, {1296, 1312, 2}, 77}, 5};
+constexpr int kEmpty = static_cast<int>(0xA007800E);
+
+VIDEO_FRAME_INFO_S given_back;
+
+}  // namespace
 
 int HI_MPI_VPSS_GetChnFrame(int group, int channel, VIDEO_FRAME_INFO_S* picture, int limit) {
   if (limit != -1) return kEmpty;

@@ -1,5 +1,5 @@
-// What becomes of a message for each kind of standard error, and of the service's own messages when nobody
-// reads.
+// What happens to a message for each kind of standard error, and to the service's own messages if
+// nobody reads them.
 #include "platform/output.h"
 
 #include <fcntl.h>
@@ -18,7 +18,7 @@
 
 namespace {
 
-/// Standard error led elsewhere for as long as it lives; `end` is where its reader reads.
+// Redirects standard error for its lifetime; `end` is where its reader reads.
 class OutputTest : public testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
@@ -42,7 +42,7 @@ class OutputTest : public testing::TestWithParam<const char*> {
     dup2(ends[1], STDERR_FILENO);
     close(ends[1]);
     getrlimit(RLIMIT_NOFILE, &limit);
-    if (kind == "pipe without descriptors") limit.rlim_cur = STDERR_FILENO + 1;  // to open it anew
+    if (kind == "pipe without descriptors") limit.rlim_cur = STDERR_FILENO + 1;  // to open it again
   }
   void TearDown() override { dup2(saved, STDERR_FILENO); }
 
@@ -73,7 +73,7 @@ TEST_P(OutputTest, FullOneDropsAndCountsAndAReaderThatEndedHarmsNobody) {
   EXPECT_EQ(read_all(), "first second 2|");
 
   constexpr long kSent = 2000;
-  for (int i = 0; i < kSent; i++) put(std::string(1000, 'x'));
+  for (int i = 0; i < kSent; ++i) put(std::string(1000, 'x'));
   std::string text = read_all();
   errno = ENOENT;
   put("last");
@@ -91,7 +91,7 @@ TEST_P(OutputTest, FullOneDropsAndCountsAndAReaderThatEndedHarmsNobody) {
   EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL), flags) << "other programs share them";
 
   close(end);
-  for (int i = 0; i < 3; i++) put("nobody reads this");
+  for (int i = 0; i < 3; ++i) put("nobody reads this");
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, OutputTest,
@@ -104,7 +104,7 @@ TEST(Output, FileIsWrittenAtItsEndAndWhatIsTooLongIsCut) {
   dup2(fileno(file), STDERR_FILENO);
   output(STDERR_FILENO, "after");
   OutputText long_text;
-  for (int i = 0; i < 3; i++) long_text.add("%s", std::string(1000, 'y').c_str());
+  for (int i = 0; i < 3; ++i) long_text.add("%s", std::string(1000, 'y').c_str());
   long_text.send(STDERR_FILENO);
   char text[4096];
   const ssize_t size = pread(fileno(file), text, sizeof(text), 0);

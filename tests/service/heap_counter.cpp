@@ -16,10 +16,12 @@ void* __libc_memalign(size_t alignment, size_t size);
 
 using Count = std::atomic<unsigned long>;
 
-static Count before_it_is_mapped;
-static std::atomic<Count*> heap_calls = &before_it_is_mapped;
+namespace {
 
-[[gnu::constructor]] static void map_count() {
+Count before_it_is_mapped;
+std::atomic<Count*> heap_calls = &before_it_is_mapped;
+
+[[gnu::constructor]] void map_count() {
   const int fd = open(std::getenv("HEAP_COUNT"), O_RDWR | O_CLOEXEC);
   void* start = fd < 0 ? MAP_FAILED : mmap(nullptr, sizeof(Count), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (start == MAP_FAILED) std::abort();
@@ -27,7 +29,9 @@ static std::atomic<Count*> heap_calls = &before_it_is_mapped;
   heap_calls = static_cast<Count*>(start);
 }
 
-static void count() { ++*heap_calls.load(); }
+void count() { ++*heap_calls.load(); }
+
+}  // namespace
 
 extern "C" {
 void* malloc(size_t size) { return count(), __libc_malloc(size); }

@@ -39,14 +39,14 @@ TEST(Heap, RestsThroughEveryFormat) {
     const auto lines = camera.parties.server.received();
     return std::ranges::any_of(lines, [](const std::string& line) { return line.starts_with("velto 10 "); });
   };
-  for (int i = 0; i < 2000 && !in_its_loop(); i++) std::this_thread::sleep_for(5ms);
+  for (int i = 0; i < 2000 && !in_its_loop(); ++i) std::this_thread::sleep_for(5ms);
   ASSERT_TRUE(in_its_loop()) << service.last_lines();
   const unsigned long at_start = *heap_calls;
   EXPECT_GT(at_start, 0u) << "nothing was counted at all";
   using enum sim::StreamFormat;
   for (const sim::StreamFormat format : {kMjpeg, kYuy2, kH264, kH265}) {
     ASSERT_TRUE(camera.host.start({format, {320, 240}, 30})) << camera.host.error();
-    for (int i = 0; i < 2000 && camera.host.progress().payloads < 12; i++) std::this_thread::sleep_for(5ms);
+    for (int i = 0; i < 2000 && camera.host.progress().payloads < 12; ++i) std::this_thread::sleep_for(5ms);
     EXPECT_GE(camera.host.progress().payloads, 12u) << service.last_lines();
     camera.host.stop("");
     EXPECT_EQ(*heap_calls, at_start) << "format " << static_cast<int>(format);

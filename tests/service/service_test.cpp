@@ -36,7 +36,7 @@ std::string service_program() {
   return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "uvc_gadget_sim").string();
 }
 
-/// The camera without its service: every outside party, each of which a test may take away.
+// The camera without its service: every outside party, each of which a test may take away.
 class CameraTest : public testing::Test {
  protected:
   CameraTest() {
@@ -79,7 +79,7 @@ class CameraTest : public testing::Test {
     return wait_until([this] { return host.progress().first_picture_ms >= 0; });
   }
 
-  /// Streams until `pictures` have come and says what was wrong with them; empty: nothing.
+  // Streams until `pictures` have come and returns what was wrong with them, empty if nothing was.
   std::string stream(const sim::StreamChoice& choice, unsigned long pictures) {
     if (!host.start(choice)) return host.error();
     wait_until([&] { return host.progress().payloads >= pictures + 3; });
@@ -90,7 +90,7 @@ class CameraTest : public testing::Test {
            std::to_string(report.repeated) + ", empty " + std::to_string(report.empty);
   }
 
-  /// Exit status 0 within a second.
+  // Exit status 0 within a second.
   void expect_end(int signal = SIGTERM) {
     const auto seconds = service->stop(10, signal);
     ASSERT_TRUE(seconds) << "had to be killed\n" << service->last_lines();
@@ -99,7 +99,7 @@ class CameraTest : public testing::Test {
     EXPECT_THAT(node.protocol_errors(), testing::IsEmpty());
   }
 
-  /// The same in order, not by the limit for that: the node was closed.
+  // The same in order, not by the limit for that: the node was closed.
   void expect_clean_end(int signal = SIGTERM) {
     expect_end(signal);
     const std::string calls = node.call_log();
@@ -111,7 +111,7 @@ class CameraTest : public testing::Test {
     const auto folder = std::filesystem::path("/proc") / std::to_string(service->pid()) / what;
     return std::distance(std::filesystem::directory_iterator(folder), {});
   }
-  /// How often the service has mapped files whose name contains `what`.
+  // How often the service has mapped files whose name contains `what`.
   long mappings(const std::string& what) const {
     std::ifstream maps("/proc/" + std::to_string(service->pid()) + "/maps");
     long count = 0;
@@ -245,7 +245,7 @@ TEST_F(CameraTest, EndsWhileTheMediaLibraryWaitsForAPicture) {
   kill(service->pid(), SIGTERM);
   std::this_thread::sleep_for(500ms);
   EXPECT_TRUE(service->running()) << "it had time to end in order";
-  const auto rest = service->stop(10);  // a second signal does not put the end off
+  const auto rest = service->stop(10);  // a second signal does not delay the end
   EXPECT_LT(rest.value_or(10), kEndLimit - 0.5);
   EXPECT_EQ(service->how_it_ended(), "exit status 0");
 }
@@ -260,9 +260,9 @@ TEST_F(CameraTest, CommandsThatDoNotReturnHoldUpNeitherTheEndNorTheHost) {
       const auto before = run.shell_log().size();
       start();
       ASSERT_TRUE(wait_until([&] { return run.shell_log().find(tool + 5, before) != std::string::npos; }));
-      const auto told = server->received().size();
+      const auto heard = server->received().size();
       expect_end(signal);
-      EXPECT_TRUE(wait_until([&] { return server->received().size() > told; }, 2s)) << "of the end";
+      EXPECT_TRUE(wait_until([&] { return server->received().size() > heard; }, 2s)) << "of the end";
       EXPECT_TRUE(run.shell_log().ends_with("dwc_otg.ko\n") == (tool[5] == 'i')) << "none after that one";
       run.write_file(tool, working);
     }
@@ -288,7 +288,7 @@ TEST_F(CameraTest, OutputThatNobodyTakesHoldsUpNothing) {
     for (const char* fd : {"0", "1", "2"}) {
       EXPECT_EQ(std::filesystem::read_symlink(files / fd) == "/dev/null", how == kClosed || *fd == '0');
     }
-    for (int i = 0; i < 300; i++) {  // each is worth a line
+    for (int i = 0; i < 300; ++i) {  // each is worth a line
       ASSERT_FALSE(node.control({0xA1, 0x86, 0, kExtensionUnit, 1}, {}, 5s).timed_out);
     }
     EXPECT_EQ(stream(kMjpeg, 12), "");
@@ -314,12 +314,12 @@ TEST_F(CameraTest, StreamsAndReplugsLeakNothing) {
   ASSERT_TRUE(host.start(kMjpeg) && picture_comes());
   host.stop("");
   const long files = entries("fd");
-  for (int i = 0; i < 200; i++) {
+  for (int i = 0; i < 200; ++i) {
     ASSERT_TRUE(host.start(i % 2 ? kYuy2 : kMjpeg)) << i << host.error();
     ASSERT_TRUE(picture_comes()) << "start " << i << "\n" << service->last_lines();
     host.stop("");
   }
-  for (int i = 0; i < 100; i++) {
+  for (int i = 0; i < 100; ++i) {
     ASSERT_TRUE(host.start(kMjpeg)) << i << host.error();
     ASSERT_TRUE(picture_comes()) << "replug " << i << "\n" << service->last_lines();
     host.unplug();

@@ -9,15 +9,15 @@
 #include "elog/elog_assert.h"
 #include "platform/sys.h"
 
-static constexpr char kElogFile[] = "plugins/file/elog_file";
-
-static bool init_ok;
-static std::FILE* file;
-static char name[kElogFileNameMax + 1];
-static u32 max_size;
-static i32 max_rotate;
-
 namespace {
+
+constexpr char kElogFile[] = "plugins/file/elog_file";
+
+bool init_ok;
+std::FILE* file;
+char name[kElogFileNameMax + 1];
+u32 max_size;
+i32 max_rotate;
 
 struct FileLock {
   FileLock() { elog_file_port_lock(); }
@@ -25,17 +25,17 @@ struct FileLock {
   FileLock(const FileLock&) = delete;
 };
 
-}  // namespace
-
-static void open_current() {
+void open_current() {
   file = sys::fopen(name, "a+");
   if (file) fcntl(fileno(file), F_SETFD, FD_CLOEXEC);
 }
 
-static void close_current() {
+void close_current() {
   if (file) std::fclose(file);
   file = nullptr;
 }
+
+}  // namespace
 
 int elog_file_init(const ElogFileCfg* cfg) {
   if (init_ok) return 0;
@@ -70,20 +70,22 @@ void elog_file_write(const char* log, std::size_t size) {
   std::fflush(file);
 }
 
-static bool readable(const char* path) {
+namespace {
+
+bool readable(const char* path) {
   std::FILE* probe = sys::fopen(path, "r");
   if (probe) std::fclose(probe);
   return probe != nullptr;
 }
 
-/// The name of rotated file `number`; -1 is the current file.
-static bool make_path(char (&path)[kElogFilePathSize], i32 number) {
+// Writes the name of rotated file `number` to `path`; -1 means the current file.
+bool make_path(char (&path)[kElogFilePathSize], i32 number) {
   const int length = number < 0 ? std::snprintf(path, sizeof(path), "%s", name)
                                 : std::snprintf(path, sizeof(path), "%s.%d", name, number);
   return static_cast<std::size_t>(length) < sizeof(path);
 }
 
-static bool move_file(i32 from, i32 to) {
+bool move_file(i32 from, i32 to) {
   char old_path[kElogFilePathSize];
   char new_path[kElogFilePathSize];
   if (!make_path(old_path, from) || !make_path(new_path, to)) return false;
@@ -91,11 +93,13 @@ static bool move_file(i32 from, i32 to) {
   return !readable(old_path) || sys::rename(old_path, new_path) >= 0;
 }
 
+}  // namespace
+
 bool elog_file_rotate() {
   if (name[0] == '\0') return false;
   close_current();
   bool moved = true;
-  for (i32 n = max_rotate - 1; n >= 0 && moved; n--) moved = move_file(n - 1, n);
+  for (i32 n = max_rotate - 1; n >= 0 && moved; --n) moved = move_file(n - 1, n);
   open_current();
   return moved;
 }

@@ -1,5 +1,5 @@
-// The USB host on the emulated board: FOURCC WIDTH HEIGHT FRAMES; takes pictures from the kernel's uvcvideo
-// and compares every byte.
+// The USB host on the emulated board. Arguments: FOURCC WIDTH HEIGHT FRAMES. It takes pictures from the
+// kernel's uvcvideo and compares every byte.
 #include <fcntl.h>
 #include <linux/videodev2.h>
 #include <poll.h>
@@ -24,10 +24,10 @@ int failed;
 
 void fail(const std::string& what) {
   std::printf("host: %s: %s\n", what.c_str(), std::strerror(errno));
-  failed++;
+  ++failed;
 }
 
-/// The capture node, with buffers queued and the stream on.
+// The capture node with buffers queued and the stream on.
 class Capture {
  public:
   Capture(const char* fourcc, u32 width, u32 height) {
@@ -46,7 +46,7 @@ class Capture {
     request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     request.memory = V4L2_MEMORY_MMAP;
     call(VIDIOC_REQBUFS, &request);
-    for (u32 i = 0; i < kBuffers; i++) {
+    for (u32 i = 0; i < kBuffers; ++i) {
       v4l2_buffer buffer = record(i);
       call(VIDIOC_QUERYBUF, &buffer);
       start_[i] = static_cast<u8*>(mmap(nullptr, buffer.length, PROT_READ, MAP_SHARED, fd_, buffer.m.offset));
@@ -57,7 +57,7 @@ class Capture {
   }
   ~Capture() { close(fd_); }
 
-  /// The next payload; empty after 10 s.
+  // Returns the next payload, empty after 10 s.
   std::vector<u8> take() {
     pollfd ready{fd_, POLLIN, 0};
     if (poll(&ready, 1, 10'000) <= 0) return {};
@@ -93,7 +93,7 @@ double seconds() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-/// Every picture whole and in order; those that the bus was too slow for are counted.
+// Checks that every picture is whole and in order; counts those for which the bus was too slow.
 void stream(const char* fourcc, u32 width, u32 height, unsigned long frames) {
   const bool yuy2 = std::strcmp(fourcc, "YUYV") == 0;
   Capture capture(fourcc, width, height);
@@ -103,7 +103,7 @@ void stream(const char* fourcc, u32 width, u32 height, unsigned long frames) {
   while (taken < frames && !failed) {
     const std::vector<u8> payload = capture.take();
     if (payload.empty()) return fail("no picture for 10 s after " + std::to_string(taken));
-    if (payload.size() < 100) {  // of a stream's start
+    if (payload.size() < 100) {  // at a stream's start
       if (taken || ++leading > 8) fail("empty picture after " + std::to_string(taken));
       continue;
     }

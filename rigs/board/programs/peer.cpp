@@ -1,5 +1,5 @@
-// What stands around the service on the emulated board: the system server, on the camera's own keys, and the
-// media process, which makes the pictures that the service asks for. Serves for ever.
+// What surrounds the service on the emulated board: the system server, on the camera's own keys, and the
+// media process, which makes the pictures that the service requests. It never ends by itself.
 #include <fcntl.h>
 #include <semaphore.h>
 #include <sys/shm.h>
@@ -21,10 +21,10 @@ key_t run_key(key_t key) { return key; }
 
 namespace {
 
-/// The encoder's end of the frame ring.
+// The encoder's end of the frame ring.
 class Ring {
  public:
-  /// False when the service has not taken the last one yet.
+  // Returns false if the service has not taken the last one yet.
   bool put(u32 number, u16 width, u16 height) {
     EncFrameSlot& slot = slots_[number % kRingSlots];
     std::atomic_ref<u32> state(*reinterpret_cast<u32*>(&slot));
@@ -47,7 +47,7 @@ class Ring {
   sem_t* ready_ = sem_open(kFrameReadySemaphore, O_CREAT, 0644, 1);
 };
 
-/// The VPSS channel, with one picture at a time.
+// The VPSS channel, with one picture at a time.
 class Channel {
  public:
   Channel() { channel_.alive = 1; }
@@ -55,14 +55,14 @@ class Channel {
   bool put(u32 number, u32 width, u32 height) {
     if (sim::vpss_owner(channel_.owner[0]) != sim::kVpssFree) return false;
     const u32 luma = sim::kVpssPictureBase, chroma = luma + width * height;
-    for (u32 row = 0; row < height; row++) {
-      for (u32 column = 0; column < width; column++) {
+    for (u32 row = 0; row < height; ++row) {
+      for (u32 column = 0; column < width; ++column) {
         memory_.at(luma)[row * width + column] = board::luma(number, column, row);
       }
     }
-    for (u32 row = 0; row < height / 2; row++) {
+    for (u32 row = 0; row < height / 2; ++row) {
       u8* pair = memory_.at(chroma + row * width);
-      for (u32 column = 0; column < width / 2; column++, pair += 2) {
+      for (u32 column = 0; column < width / 2; ++column, pair += 2) {
         pair[0] = board::red(number, column, row);
         pair[1] = board::blue(number, column, row);
       }

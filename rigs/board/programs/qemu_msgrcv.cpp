@@ -1,5 +1,5 @@
-// qemu-arm writes the message type of a receive that failed; a kernel leaves it alone, and the service counts
-// on that when it drains a queue into the record that it is about to send. Linked with --wrap=msgrcv.
+// qemu-arm writes the message type even if a receive failed. A kernel does not, and the service relies on
+// that when it drains a queue into the record that it is about to send. Linked with --wrap=msgrcv.
 #include <sys/msg.h>
 
 extern "C" ssize_t __real_msgrcv(int queue, void* record, size_t size, long type, int flags);

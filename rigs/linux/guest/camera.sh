@@ -8,7 +8,7 @@ now() {
   echo "$up"
 }
 
-# check NAME COMMAND...: held if the command succeeds; the last line that it prints goes into the table.
+# check NAME COMMAND...: holds if the command succeeds; the last line that it prints goes into the table.
 check() {
   local name=$1 begin verdict=held
   shift
@@ -32,7 +32,7 @@ wait_until() {
   done
 }
 
-# The host's capture node; nothing while there is none.
+# Prints the host's capture node, or nothing if there is none.
 node() {
   local device
   for device in /sys/class/video4linux/*; do
@@ -55,7 +55,8 @@ lent_encoder() {
   done
 }
 
-# Server, media process and log collector; faults go into their standard input. Their logs lie in a folder of each start.
+# Server, media process and log collector; faults go to their standard input. Each start writes its logs to a folder
+# of its own.
 starts=0
 start_parties() {
   logs=$out/camera.$((++starts))
@@ -73,7 +74,7 @@ start_service() {
   service=$!
   wait_until 20 node_answers
 }
-# What the service's exit status was, and after which time.
+# Prints the service's exit status and how long it took to end.
 end_service() {
   local begin status=0
   begin=$(now)
@@ -84,23 +85,25 @@ end_service() {
 }
 start_camera() {
   mkdir -p /opt/params /opt/base /opt/vcam/www/config
-  echo 1 >/sys/module/uvcvideo/parameters/nodrop # the driver hands on what is torn: a missing number is a slow client
+  # The driver then passes on torn frames, so that a missing number means a slow client.
+  echo 1 >/sys/module/uvcvideo/parameters/nodrop
   start_parties && start_service
 }
 
-# The cable is the port's power on the emulated hub.
+# The port's power on the emulated hub serves as the cable.
 cable() { echo "$1" >/sys/bus/usb/devices/1-0:1.0/usb1-port1/disable; }
 unplug() { cable 1; }
 replug() { cable 0 && wait_until 20 node_answers; }
 
-# capture FOURCC SIZE FRAMES FILE LOG: with v4l2-ctl, into the guest's memory first, since the shared folder is slow. Three
-# more than FRAMES are taken: the first payloads of a stream are empty. The host goes first, as a machine of its own would.
+# capture FOURCC SIZE FRAMES FILE LOG: with v4l2-ctl, into the guest's memory first, since the shared folder is slow.
+# Takes three more than FRAMES, because the first payloads of a stream are empty. The host has priority, as if it were a
+# machine of its own.
 capture() {
   timeout 120 nice -n -15 v4l2-ctl -d "$(node)" --verbose --set-fmt-video="width=${2%x*},height=${2#*x},pixelformat=$1" \
     --stream-mmap=24 --stream-count=$(($3 + 3)) --stream-to-hdr="$4" >"$5" 2>&1
 }
 
-# stream NAME FOURCC SIZE FRAMES: a capture that the PC judges afterwards, who fills in the row.
+# stream NAME FOURCC SIZE FRAMES: a capture that the PC judges afterwards; the PC also fills in the row.
 stream() {
   local file=$out/${1// /-} begin status=0
   begin=$(now)

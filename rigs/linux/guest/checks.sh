@@ -1,4 +1,4 @@
-# Sourced by every part: the checks that parts are made of. Each prints what it saw last.
+# Sourced by every part: the checks that parts consist of. Each ends by printing what it saw.
 
 listed_formats() {
   v4l2-ctl -d "$(node)" --list-formats-ext |
@@ -34,7 +34,7 @@ end_stream() {
 
 formats=(MJPG:1280x720 YUYV:640x480 H264:1920x1080 HEVC:1280x720 MJPG:320x240 YUYV:320x240 H264:640x480)
 
-# cycles COUNT: open, stream, close, with another format every time.
+# cycles COUNT: opens, streams, closes, with another format every time.
 cycles() {
   local count=$1 i choice
   for ((i = 0; i < count; i++)); do
@@ -44,7 +44,7 @@ cycles() {
   echo "$count streams whole, 8 frames and more each"
 }
 
-# replugs COUNT: the cable pulled while streaming and put back; the next stream is whole.
+# replugs COUNT: the cable is pulled while streaming and plugged in again; the next stream must be whole.
 replugs() {
   local count=$1 i
   for ((i = 0; i < count; i++)); do
@@ -71,7 +71,7 @@ kill_while_streaming() {
   start_service && whole H264 1920x1080 8 && echo "whole after a restart"
 }
 
-# A server that takes no messages for a while, then one that died and is started again.
+# A server that takes no messages for a while, then one that has died and is started again.
 server_rests() {
   fault "server dead for 3s"
   whole YUYV 320x240 30 || return
@@ -86,7 +86,8 @@ server_restarts() {
   whole MJPG 1280x720 30
 }
 
-# While one program streams, another asks and sets a control, but gets no stream; a third looks at the gadget's own node.
+# While one program streams, another reads and sets a control, but gets no stream; a third examines the
+# gadget's own node.
 second_client() {
   local first
   rm -f /tmp/capture.txt

@@ -1,4 +1,4 @@
-# v4l2-compliance, streams included. What fails must be what docs/deliberate.md lists with its cause.
+# v4l2-compliance, including streams. Its failures must be those that docs/deliberate.md lists with their causes.
 listed_failures() {
   sed -nE '/^## Failures of v4l2-compliance/,/^## [^F]/ s/^\| `([^`]*)` \|.*/\1/p' "$bed/../../docs/deliberate.md"
 }

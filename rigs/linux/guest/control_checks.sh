@@ -1,8 +1,8 @@
-# Sourced by the parts that judge controls: what the host's driver shows and does, against docs/controls.md.
+# Sourced by the parts that judge controls: what the host's driver shows and does, compared with docs/controls.md.
 documented() { awk -f "$bed/guest/documented.awk" "$bed/../../docs/controls.md" | sed -n "s/^$1\t//p"; }
 
-# NAME RANGE of every listed control, as the page writes it. What Linux takes for the default of zoom_continuous is a
-# left-over.
+# NAME RANGE of every listed control, as the page writes it. The default that Linux shows for zoom_continuous
+# is a left-over.
 listed_ranges() {
   v4l2-ctl -d "$(node)" --list-ctrls-menus | tee $out/controls.txt | awk '
     /0x[0-9a-f]+ \(/ { flush(); name = $1; range = $3 }
@@ -16,7 +16,7 @@ ranges_as_documented() {
   diff <(documented shows | cut -f1,2 | sort) <(listed_ranges | sort) && echo "$(documented shows | wc -l) controls"
 }
 
-# VISCA frames that the server received since they were last asked for, as the page writes them; no inquiries.
+# The VISCA frames that the server has received since the last call, as the page writes them, without inquiries.
 seen=0
 new_frames() {
   tail -n "+$((seen + 1))" $logs/server.log | sed -n 's/^sys 39 \(81 01 .*\) ->.*/\1/p' | paste -sd, | sed 's/,/, /g'
@@ -25,9 +25,9 @@ frames_are() { [ "$(new_frames)" = "$1" ]; }
 forget_frames() { seen=$(wc -l <$logs/server.log); }
 
 declare -A value_of
-# Linux offers these while the automatic white balance is off only.
+# Linux offers these only while the automatic white balance is off.
 manual_white_balance="white_balance_temperature blue_balance"
-# set_controls NAME=VALUE[,NAME=VALUE] [NAME[,NAME]]: the names are read then, a line each.
+# set_controls NAME=VALUE[,NAME=VALUE] [NAME[,NAME]]: then reads the names, one per line.
 set_controls() {
   local each
   v4l2-ctl -d "$(node)" --set-ctrl="$1" ${2:+--get-ctrl="$2"} || return
@@ -46,7 +46,7 @@ set_and_read() {
   diff <(tr ',' '\n' <<<"${1//=/: }") <(sed 's/ (.*//' /tmp/read) || return
   wait_until 2 frames_are "$2" || { echo "$1: expected $2, received $(new_frames)"; return 1; }
 }
-# The driver keeps what was set of the controls that it has read before, and reads the others: all are read first.
+# The driver keeps what was set for the controls that it has read before, and reads the others; so all are read first.
 limits_and_defaults() {
   local settings frames count=0
   v4l2-ctl -d "$(node)" --list-ctrls >/dev/null || return
@@ -57,7 +57,7 @@ limits_and_defaults() {
   [ $count -gt 0 ] && echo "$count settings read back, each with its frames"
 }
 
-# A driver that is bound anew asks the camera again: some controls keep nothing. The head may still be on its way.
+# A driver that is bound again asks the camera again: some controls keep nothing. The head may still be moving.
 bind_anew() {
   local driver=/sys/bus/usb/drivers/uvcvideo
   echo -n 1-1:1.0 >$driver/unbind
@@ -80,9 +80,9 @@ read_anew() {
   [ $count -gt 0 ] && echo "$count controls"
 }
 
-# The driver reaches the selectors 1 to 28, which the descriptors tell.
+# The driver reaches the selectors 1 to 28, which the descriptors announce.
 xu() { "$build/xu_query" "$(node)" 3 "$@"; }
-# unit_answers_at SELECTOR LENGTH MIN MAX RES DEF: the limits are the answers' first bytes, "-" is any.
+# unit_answers_at SELECTOR LENGTH MIN MAX RES DEF: the limits are the answers' first bytes; "-" accepts any.
 unit_answers_at() {
   local selector=$1 length=$2 answers limit i
   shift 2
@@ -130,7 +130,8 @@ take_picture() {
     --stream-skip=6 --stream-count=1 --stream-to="$1" >/tmp/picture.txt 2>&1
 }
 step_seen() { take_picture /tmp/after.jpg && "$build/picture_step" "$1" /tmp/before.jpg /tmp/after.jpg >/tmp/measured; }
-# Every step is taken from rest; the next picture is the last one's successor once the head stands.
+# Every step starts with the head at rest; the next picture is taken once the head has stopped, and is compared
+# with the last.
 seen_in_the_picture() {
   local name setting count=0
   while IFS=$'\t' read -r name setting; do

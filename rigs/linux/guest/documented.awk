@@ -1,4 +1,4 @@
-# What docs/controls.md tells of the controls that Linux can reach, a line each, its parts separated by tabs:
+# What docs/controls.md says about the controls that Linux can reach, one line each, with tabs between its parts:
 #   shows NAME RANGE READS                  a control as Linux lists it, and what its GET_CUR answers
 #   set NAME=VALUE[,NAME=VALUE] EFFECT      what setting it makes the server receive
 #   unit SELECTORS LENGTH MIN MAX RES DEF   of the extension unit
@@ -22,7 +22,7 @@ function allowed(name, value,   limits) {
   return value >= limits[1] + 0 && value <= limits[2] + 0
 }
 function motion(direction, speed) { return direction == 255 ? -speed : direction * speed }
-# Speeds do not matter; Linux offers fewer back than forth.
+# Speeds do not matter; Linux offers fewer backwards than forwards.
 function offered(name, speed) { return speed < 0 && allowed(name, -1) ? -1 : speed }
 
 $2 in names && NF == 6 {

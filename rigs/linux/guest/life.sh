@@ -1,4 +1,4 @@
-# What happens to a camera in its life.
+# What can happen to a camera during its life.
 start_camera
 check "50 open, stream, close" cycles 50
 check "unplug and replug, 10 times" replugs 10

@@ -1,4 +1,4 @@
-# The camera and its service run; a person looks.
+# The camera and its service run, and a person looks at them.
 start_camera
 stty -F /dev/ttyS0 sane
 echo "The host's node is $(node), the service $service, its output $out/service.txt; end with exit." >/dev/ttyS0

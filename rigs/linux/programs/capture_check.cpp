@@ -1,6 +1,6 @@
-// capture_check: judges what v4l2-ctl captured from the camera (--stream-to-hdr, --verbose) by the media
-// process's log of the frames that it made, and writes the payloads without their headers for another
-// decoder.
+// capture_check: judges what v4l2-ctl captured from the camera (--stream-to-hdr, --verbose) by the
+// media process's log of the frames that it made, and writes the payloads without their headers for use
+// by another decoder.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -20,7 +20,7 @@ namespace {
 using sim::StreamFormat;
 
 struct Format {
-  std::string_view fourcc;  ///< as v4l2-ctl names it
+  std::string_view fourcc;  // as v4l2-ctl names it
   StreamFormat format;
 };
 constexpr Format kFormats[] = {{"MJPG", StreamFormat::kMjpeg},
@@ -29,12 +29,12 @@ constexpr Format kFormats[] = {{"MJPG", StreamFormat::kMjpeg},
                                {"HEVC", StreamFormat::kH265}};
 
 constexpr std::size_t kMostPayload = 1920 * 1080 * 2;
-constexpr u8 kFrameMark[] = {'r', 'd', 'h', 'V'};  ///< then the size, big-endian
+constexpr u8 kFrameMark[] = {'r', 'd', 'h', 'V'};  // followed by the size, big-endian
 
 struct Frame {
   std::span<const u8> payload;
-  i64 arrived;   ///< CLOCK_MONOTONIC in nanoseconds
-  u32 sequence;  ///< as the host's driver counts
+  i64 arrived;   // CLOCK_MONOTONIC in nanoseconds
+  u32 sequence;  // as counted by the host's driver
 };
 
 std::vector<u8> read_bytes(const std::string& path) {
@@ -42,8 +42,8 @@ std::vector<u8> read_bytes(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// Payloads with the times and numbers that the log tells; stops at the first that does not fit its header.
-/// What the driver marks as torn is not in the capture: zeros stand for it.
+// Returns the payloads with the times and numbers from the log; stops at the first that does not fit its
+// header. Payloads that the driver marks as torn are missing in the capture and become zeros.
 std::vector<Frame> read_capture(std::span<const u8> bytes, const std::string& log_path) {
   static const std::vector<u8> zeros(kMostPayload);
   std::vector<Frame> frames;
@@ -59,7 +59,7 @@ std::vector<Frame> read_capture(std::span<const u8> bytes, const std::string& lo
           {std::span(zeros).first(std::min<std::size_t>(size, kMostPayload)), arrived, sequence});
       continue;
     }
-    if (bytes.size() < 8 || std::memcmp(bytes.data(), kFrameMark, sizeof kFrameMark) != 0) break;
+    if (bytes.size() < 8 || std::memcmp(bytes.data(), kFrameMark, sizeof(kFrameMark)) != 0) break;
     if (size != (u32{bytes[4]} << 24 | bytes[5] << 16 | bytes[6] << 8 | bytes[7]) || size > bytes.size() - 8)
       break;
     frames.push_back({bytes.subspan(8, size), arrived, sequence});
@@ -68,7 +68,8 @@ std::vector<Frame> read_capture(std::span<const u8> bytes, const std::string& lo
   return frames;
 }
 
-/// Frames between the first and the last that the host's driver counted and v4l2-ctl was too slow for.
+// Returns the number of frames between the first and the last that the host's driver counted and v4l2-ctl was
+// too slow for.
 unsigned long missed(const std::vector<Frame>& frames) {
   return frames.back().sequence - frames.front().sequence + 1 - frames.size();
 }
@@ -103,7 +104,7 @@ int check(StreamFormat format, FrameSize size, const std::vector<Frame>& frames,
   return raw && report.whole() && missed(frames) == 0 && report.frames >= least ? 0 : 1;
 }
 
-/// What v4l2-ctl should list: "MJPG 1920x1080", in the descriptors' order.
+// Prints what v4l2-ctl should list: "MJPG 1920x1080", in the descriptors' order.
 int print_formats() {
   for (const Format& row : kFormats) {
     for (const auto& [width, height] : sim::host_format(row.format).sizes)

@@ -1,4 +1,4 @@
-// picture_step: judges by two received pictures what a setting of a control did to the scene.
+// picture_step: judges by two received pictures what setting a control did to the scene.
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
@@ -9,8 +9,10 @@
 
 using namespace sim;
 
-/// The steps with one setting, a line each: "brightness 12", a tab, "brightness=12".
-static int list() {
+namespace {
+
+// Prints the steps with one setting, one per line: "brightness 12", a tab, "brightness=12".
+int list() {
   for (const ControlStep& step : control_steps()) {
     const auto& [first, second] = step.settings;
     if (first.control && !second.control) std::printf("%s\t%s=%d\n", step.name, first.control, first.value);
@@ -18,8 +20,8 @@ static int list() {
   return 0;
 }
 
-/// Null, after a message, when the file holds no picture.
-static AvPtr<AVFrame> read_picture(const char* path) {
+// Prints an error and returns null if the file holds no picture.
+AvPtr<AVFrame> read_picture(const char* path) {
   const auto source = Source::open(path);
   if (!source) return nullptr;
   AvPtr<AVFrame> picture(av_frame_alloc());
@@ -30,7 +32,7 @@ static AvPtr<AVFrame> read_picture(const char* path) {
   return picture;
 }
 
-static int judge(const ControlStep& step, const char* before_path, const char* after_path) {
+int judge(const ControlStep& step, const char* before_path, const char* after_path) {
   const auto before = read_picture(before_path), after = read_picture(after_path);
   if (!before || !after) return 2;
   const StepOutcome outcome{.frames = step.frames,
@@ -39,6 +41,8 @@ static int judge(const ControlStep& step, const char* before_path, const char* a
   std::printf("%s: %s (%s)\n", step.name, measured_text(step, outcome).c_str(), found.c_str());
   return found == "right" ? 0 : 1;
 }
+
+}  // namespace
 
 int main(int argc, char** argv) {
   if (argc == 2 && std::string_view(argv[1]) == "list") return list();

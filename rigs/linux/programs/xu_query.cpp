@@ -1,4 +1,4 @@
-// xu_query: asks or sets a control of an extension unit through the host driver's own ioctl.
+// xu_query: reads or sets a control of an extension unit through the host driver's own ioctl.
 #include <fcntl.h>
 #include <linux/usb/video.h>
 #include <linux/uvcvideo.h>
@@ -12,34 +12,38 @@
 
 #include "common/bytes.h"
 
+namespace {
+
 struct Query {
   std::string_view name;
   u8 code;
-  u16 size = 0;  ///< of the answer, 0: the control's length
+  u16 size = 0;  // bytes of the answer; 0 means the control's length
 };
-static constexpr Query kQueries[] = {
+constexpr Query kQueries[] = {
     {"cur", UVC_GET_CUR}, {"min", UVC_GET_MIN},    {"max", UVC_GET_MAX},      {"res", UVC_GET_RES},
     {"def", UVC_GET_DEF}, {"len", UVC_GET_LEN, 2}, {"info", UVC_GET_INFO, 1},
 };
 
-static u8 data[256];
+u8 data[256];
 
-static bool query(int node, u8 unit, u8 selector, u8 code, u16 size) {
+bool query(int node, u8 unit, u8 selector, u8 code, u16 size) {
   uvc_xu_control_query record{unit, selector, code, size, data};
   if (ioctl(node, UVCIOC_CTRL_QUERY, &record) >= 0) return true;
   std::perror("UVCIOC_CTRL_QUERY");
   return false;
 }
 
-/// The control's length, as every client must ask it first; 0 after a message.
-static u16 length_of(int node, u8 unit, u8 selector) {
-  return query(node, unit, selector, UVC_GET_LEN, 2) ? std::min<u16>(get_le16(data), sizeof data) : 0;
+// Returns the control's length, which every client must ask for first, or prints an error and returns 0.
+u16 length_of(int node, u8 unit, u8 selector) {
+  return query(node, unit, selector, UVC_GET_LEN, 2) ? std::min<u16>(get_le16(data), sizeof(data)) : 0;
 }
 
-static void print_bytes(u16 size) {
+void print_bytes(u16 size) {
   for (u16 i = 0; i < size; ++i) std::printf("%s%02x", i ? " " : "", data[i]);
   std::puts("");
 }
+
+}  // namespace
 
 int main(int argc, char** argv) {
   if (argc < 5) {
@@ -56,7 +60,7 @@ int main(int argc, char** argv) {
   const u16 length = length_of(node, unit, selector);
   if (length == 0) return 1;
   if (std::string_view(argv[4]) == "set") {
-    const int count = std::min(argc - 5, int{sizeof data});
+    const int count = std::min(argc - 5, int{sizeof(data)});
     for (int i = 0; i < count; ++i) data[i] = static_cast<u8>(std::strtol(argv[5 + i], nullptr, 16));
     return query(node, unit, selector, UVC_SET_CUR, static_cast<u16>(count)) ? 0 : 1;
   }

@@ -20,7 +20,7 @@ constexpr i64 kStart = 100'000'000'000;
 
 using Payload = std::vector<u8>;
 
-/// A capture as v4l2-ctl writes it, with its log, and the media process's log beside them.
+// A capture as v4l2-ctl writes it, with its log, and the media process's log beside them.
 struct CaptureCheckTest : testing::Test {
   CaptureCheckTest() {
     sim::Scene scene("", kMjpeg.width, kMjpeg.height, true);
@@ -36,7 +36,7 @@ struct CaptureCheckTest : testing::Test {
   }
   ~CaptureCheckTest() override { std::filesystem::remove_all(folder); }
 
-  /// What the program's exit status is for the payloads, numbered by the host's driver from 0 on.
+  // What the program's exit status is for the payloads, numbered by the host's driver from 0 on.
   int judged() {
     std::ofstream capture(folder / "capture"), log(folder / "log");
     for (std::size_t i = 0; i < payloads.size(); ++i) {
@@ -64,8 +64,8 @@ struct CaptureCheckTest : testing::Test {
     std::string name = "/dev/shm/capture-check-XXXXXX";
     return std::filesystem::path(mkdtemp(name.data()));
   }();
-  std::size_t marked = 99;        ///< index of a payload that the driver marks as torn
-  std::vector<Payload> payloads;  ///< three empty ones, as at every stream's start, then five pictures
+  std::size_t marked = 99;        // index of a payload that the driver marks as torn
+  std::vector<Payload> payloads;  // three empty ones, as at every stream's start, then five pictures
 };
 
 TEST_F(CaptureCheckTest, HoldsForAWholeStream) { EXPECT_EQ(judged(), 0); }

@@ -25,7 +25,7 @@ std::string contents(const fs::path& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// Runs in a folder of its own.
+// Runs in a folder of its own.
 class PromptTest : public testing::Test {
  protected:
   PromptTest() {
@@ -34,7 +34,7 @@ class PromptTest : public testing::Test {
   }
   ~PromptTest() override { fs::remove_all(folder); }
 
-  /// The exit status; what was printed is in `output`.
+  // The exit status; what was printed is in `output`.
   int run(const std::string& script) {
     std::ofstream(folder / "script") << script;
     const std::string command =

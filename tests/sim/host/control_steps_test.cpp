@@ -1,4 +1,4 @@
-// The judging of the steps that drive the camera: what a camera that does not obey gets to hear.
+// The judging of the steps that drive the camera: the verdicts on a camera that does not obey.
 #include "sim/host/control_steps.h"
 
 #include <gtest/gtest.h>

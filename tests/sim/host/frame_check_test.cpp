@@ -32,7 +32,7 @@ StreamFormat format_of(i32 codec) {
   return kFormats[codec];
 }
 
-/// What a report counts besides the bytes, such as "frames=3 lost=1".
+// What a report counts besides the bytes, such as "frames=3 lost=1".
 std::string text(const StreamReport& r) {
   std::string line;
   for (auto [name, value] : {std::pair{"frames", r.frames},
@@ -78,7 +78,7 @@ TEST(Counter, IsRefusedWhereThereIsNone) {
   }
 }
 
-/// Ten payloads with counters in a row, none of which a media process has used.
+// Ten payloads with counters in a row, none of which a media process has used.
 std::vector<Bytes> payloads(EncoderCodec codec) {
   Scene scene("", 320, 240, codec == kCodecMjpeg);
   Encoder encoder;
@@ -100,7 +100,7 @@ std::vector<Bytes> payloads(EncoderCodec codec) {
 
 TEST(Checker, ReportsEveryKindOfDamage) {
   const struct {
-    const char* fed;  ///< digits: that payload; e: empty; t: torn between 4 and 5; c: cut short
+    const char* fed;  // digits: that payload; e: empty; t: torn between 4 and 5; c: cut short
     const char* report;
   } cases[] = {
       {"0123456789", "frames=10"},         {"ee012", "frames=3 leading=2"},

@@ -7,7 +7,7 @@
 namespace {
 
 using HostControlsOfTheServiceTest = UvcTest;
-TEST_F(HostControlsOfTheServiceTest, HaveTheLengthsThatTheServiceTells) {
+TEST_F(HostControlsOfTheServiceTest, HaveTheLengthsThatTheServiceReports) {
   for (const sim::HostControl& control : sim::host_controls()) {
     const auto get = [&](u8 request, u16 length) {
       return setup(request, control.selector, control.entity, sim::kVideoControlInterface, length);

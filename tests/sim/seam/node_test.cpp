@@ -125,12 +125,12 @@ TEST_F(Node, ClassRequestsReachTheServiceAndBack) {
   std::atomic<int> late{0}, data_events{0};
   const std::jthread service = answering([&](const v4l2_event& event) {
     if (event.type == UVC_EVENT_SETUP) {
-      std::memcpy(&last, event.u.data, sizeof last);
+      std::memcpy(&last, event.u.data, sizeof(last));
       if (last.wValue == 0xDEAD) std::this_thread::sleep_for(60ms);
       const int error = respond(length, 10);
       if (last.wValue == 0xDEAD) late = error;
     } else if (event.type == UVC_EVENT_DATA) {
-      std::memcpy(&data, event.u.data, sizeof data);
+      std::memcpy(&data, event.u.data, sizeof(data));
       ++data_events;
     }
   });
