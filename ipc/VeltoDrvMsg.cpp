@@ -9,7 +9,7 @@
 #include "ipc/sem_util.h"
 #include "support/print.h"
 
-static constexpr char kPrintFile[] = "VeltoDrvMsg.c";
+constexpr char kPrintFile[] = "VeltoDrvMsg.c";
 
 namespace {
 

@@ -20,8 +20,7 @@ struct VeltoMemory {
   u32 size;     ///< bytes
 };
 
-/// A frame, or a stream's data block, in the AV memory pool: 14 words as they stand in a record from byte 24
-/// on.
+/// A frame, or a stream's data block, in the AV memory pool: the 14 words of a record from its byte 24 on.
 struct VeltoFrame {
   i32 pool_offset;  ///< bytes from the pool's start
   i32 serial;
@@ -43,8 +42,8 @@ struct VeltoThreeWords {
 i32 VeltoGetMemory(VeltoMemory& memory);
 i32 VeltoSend2();
 
-/// Commands 3 and 8: all words of `frame` for its stream type; the serial becomes -1 when the status is not
-/// 0.
+/// Commands 3 and 8 fill all words of `frame` for its stream type. The serial becomes -1 if the status is
+/// anything but 0.
 i32 VeltoGetFrame3(VeltoFrame& frame);
 i32 VeltoGetFrame8(VeltoFrame& frame);
 /// Command 4: all words of `frame` for its serial and stream type.

@@ -11,7 +11,7 @@
 #include "support/memmap.h"
 #include "support/print.h"
 
-static constexpr char kPrintFile[] = "hi_tools";
+constexpr char kPrintFile[] = "hi_tools";
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "platform/sys.h"
 #include "support/print.h"
 
-static constexpr char kPrintFile[] = "memmap";
+constexpr char kPrintFile[] = "memmap";
 
 namespace {
 
@@ -18,9 +18,9 @@ constexpr u32 kPage = 4096;
 constexpr u64 kAddressEnd = u64{1} << 32;
 
 struct Mapping {
-  u32 phys_base;  ///< start of a page
+  u32 phys_base;  //< start of a page
   u8* virt;
-  u32 length;  ///< bytes, whole pages
+  u32 length;  //< bytes, whole pages
   u32 refcount;
 
   bool holds(u64 phys, u64 size) const { return phys_base <= phys && phys + size <= u64{phys_base} + length; }

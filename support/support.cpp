@@ -14,7 +14,7 @@
 #include "platform/sys.h"
 #include "support/print.h"
 
-static constexpr char kPrintFile[] = "support";
+constexpr char kPrintFile[] = "support";
 
 namespace {
 

@@ -6,7 +6,9 @@
 
 #define SELECTOR(constant) constant, #constant
 
-static const ControlText kControls[] = {
+namespace {
+
+const ControlText kControls[] = {
     {kCameraTerminal, SELECTOR(CT_AE_MODE_CONTROL)},
     {kCameraTerminal, SELECTOR(CT_EXPOSURE_TIME_ABSOLUTE_CONTROL)},
     {kCameraTerminal, SELECTOR(CT_FOCUS_ABSOLUTE_CONTROL)},

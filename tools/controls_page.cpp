@@ -196,7 +196,7 @@ std::string block_cell(const ProbeAnswer& answer) {
 
 constexpr Place kCommit = {kVideoStreamingInterface, 0, VS_COMMIT_CONTROL};
 
-/// The size that a commit of the format and frame index sets.
+// The size that a commit of the format and frame index sets.
 std::string committed_size(ControlProbe& probe, std::vector<u8> block, const sim::HostFormat& format,
                            std::size_t frame) {
   block[2] = static_cast<u8>(format.format);
@@ -205,7 +205,7 @@ std::string committed_size(ControlProbe& probe, std::vector<u8> block, const sim
   return std::to_string(cur_col) + 'x' + std::to_string(cur_line);
 }
 
-/// Every frame size; the block is afterwards as it was before.
+// Every frame size; the block is afterwards as it was before.
 std::string frame_sizes(ControlProbe& probe) {
   const std::vector<u8> block = probe.get(UVC_GET_CUR, kCommit).bytes;
   std::vector<std::string> header = {"frame index"};

@@ -12,7 +12,7 @@
 #include "support/print.h"
 #include "uvc/uvc_state.h"
 
-static constexpr char kPrintFile[] = "uvc_class.c";
+constexpr char kPrintFile[] = "uvc_class.c";
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "uvc/uvc_state.h"
 #include "visca/visca_link.h"
 
-static constexpr char kPrintFile[] = "uvc_class.c";
+constexpr char kPrintFile[] = "uvc_class.c";
 
 namespace {
 

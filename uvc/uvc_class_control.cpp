@@ -8,7 +8,7 @@
 #include "uvc/uvc_state.h"
 #include "uvc/uvc_vendor.h"
 
-static constexpr char kPrintFile[] = "uvc_class.c";
+constexpr char kPrintFile[] = "uvc_class.c";
 
 namespace {
 

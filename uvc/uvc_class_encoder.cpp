@@ -8,7 +8,7 @@
 #include "uvc/uvc_rate_control.h"
 #include "uvc/uvc_state.h"
 
-static constexpr char kPrintFile[] = "uvc_class.c";
+constexpr char kPrintFile[] = "uvc_class.c";
 
 namespace {
 

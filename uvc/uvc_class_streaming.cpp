@@ -10,7 +10,7 @@
 #include "uvc/uvc_class_encoder.h"
 #include "uvc/uvc_state.h"
 
-static constexpr char kPrintFile[] = "uvc_class.c";
+constexpr char kPrintFile[] = "uvc_class.c";
 
 namespace {
 

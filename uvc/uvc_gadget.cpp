@@ -28,7 +28,7 @@
 #include "uvc/uvc_vendor.h"
 #include "vencbuf/vencbuf_get.h"
 
-static constexpr char kPrintFile[] = "uvc_gadget.c";
+constexpr char kPrintFile[] = "uvc_gadget.c";
 
 namespace {
 

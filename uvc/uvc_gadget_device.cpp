@@ -14,7 +14,7 @@
 #include "uvc/uvc_gadget_signals.h"
 #include "uvc/uvc_state.h"
 
-static constexpr char kPrintFile[] = "uvc_gadget.c";
+constexpr char kPrintFile[] = "uvc_gadget.c";
 
 namespace {
 

@@ -24,7 +24,7 @@
 #include "uvc/uvc_state.h"
 #include "vencbuf/vencbuf_get.h"
 
-static constexpr char kPrintFile[] = "uvc_gadget.c";
+constexpr char kPrintFile[] = "uvc_gadget.c";
 
 namespace {
 

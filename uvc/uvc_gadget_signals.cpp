@@ -10,7 +10,7 @@
 #include "support/print.h"
 #include "support/support.h"
 
-static constexpr char kPrintFile[] = "uvc_gadget.c";
+constexpr char kPrintFile[] = "uvc_gadget.c";
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include "uvc/uvc_rate_control.h"
 #include "uvc/uvc_state.h"
 
-static constexpr char kPrintFile[] = "uvc_vendor.c";
+constexpr char kPrintFile[] = "uvc_vendor.c";
 
 namespace {
 

@@ -24,7 +24,7 @@
 #include "platform/sys.h"
 #include "support/print.h"
 
-static constexpr char kPrintFile[] = "vencbuf_get.c";
+constexpr char kPrintFile[] = "vencbuf_get.c";
 
 namespace {
 

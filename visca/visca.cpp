@@ -12,7 +12,7 @@
 #include "platform/sys.h"
 #include "support/print.h"
 
-static constexpr char kPrintFile[] = "visca.c";
+constexpr char kPrintFile[] = "visca.c";
 
 namespace {
 

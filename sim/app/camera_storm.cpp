@@ -24,7 +24,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 struct Kind {
-  const char* name;  ///< of the lives, and of the option for one alone
+  const char* name;  //< of the lives, and of the option for one alone
   StormLife (*plan)(u32 seed, u32 number);
   u32 processes;
 };
@@ -49,10 +49,10 @@ constexpr char kHelp[] =
 struct StormOptions {
   double minutes = 1;
   u32 seed = std::random_device()();
-  std::optional<u32> only[std::size(kKinds)];  ///< this life of the kind alone
+  std::optional<u32> only[std::size(kKinds)];  //< this life of the kind alone
 };
 
-/// Reads the options. False, with the exit status, once help or an error has been printed.
+// Reads the options. False, with the exit status, once help or an error has been printed.
 bool parse(int argc, char** argv, StormOptions& options, int& exit_status) {
   constexpr int kKind = 256;
   std::vector<option> names = {{"seed", required_argument, nullptr, 's'},
@@ -82,7 +82,7 @@ std::string service_program() {
   return std::filesystem::read_symlink("/proc/self/exe").replace_filename("uvc_gadget_sim");
 }
 
-/// What one of the storm's processes does: the lives `first`, `first` + `step` and so on, or one alone.
+// What one of the storm's processes does: the lives `first`, `first` + `step` and so on, or one alone.
 struct Share {
   const Kind& kind;
   u32 first, step;
@@ -104,7 +104,7 @@ bool live(const StormOptions& options, StormTally& tally, const Share& share) {
   return good;
 }
 
-/// A process that carries its share out until the time is over.
+// A process that carries its share out until the time is over.
 pid_t fork_lives(const StormOptions& options, StormTally& tally, const Share& share) {
   std::fflush(stdout);
   const pid_t parent = getpid(), child = fork();
@@ -116,7 +116,7 @@ pid_t fork_lives(const StormOptions& options, StormTally& tally, const Share& sh
   _exit(good ? 0 : 1);
 }
 
-/// Whether the process ended well; one that hangs is killed.
+// Whether the process ended well; one that hangs is killed.
 bool wait_for(pid_t child, Clock::time_point limit) {
   int status;
   while (waitpid(child, &status, WNOHANG) == 0) {

@@ -19,7 +19,7 @@ struct FaultForm {
   const char* shown;
   FaultKind kind;
   const char* meaning;
-  const char* pattern = nullptr;  ///< of the words without "at" and "for"; null: they are as shown
+  const char* pattern = nullptr;  //< of the words without "at" and "for"; null: they are as shown
   bool needs_times = false;
 };
 const FaultForm kForms[] = {
@@ -54,7 +54,7 @@ const FaultForm kForms[] = {
 
 constexpr double kLongestTime = 1e6;
 
-/// Seconds of "1.5s" or "300ms".
+// Seconds of "1.5s" or "300ms".
 std::optional<double> parse_time(std::string_view text) {
   double value = 0;
   const auto [rest, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -65,7 +65,7 @@ std::optional<double> parse_time(std::string_view text) {
   return std::nullopt;
 }
 
-/// Takes `word TIME` out of the words. False when the word is there without a time.
+// Takes `word TIME` out of the words. False when the word is there without a time.
 bool take_time(std::vector<std::string>& words, std::string_view word, std::optional<double>& time,
                std::string& error) {
   const auto found = std::ranges::find(words, word);

@@ -74,7 +74,7 @@ Complaint set_extra_stride(Options& options, std::string_view text) {
 
 struct OptionRow {
   const char* name;
-  const char* argument;  ///< null: takes none
+  const char* argument;  //< null: takes none
   const char* help;
   Complaint (*set)(Options&, std::string_view);
 };
@@ -153,7 +153,7 @@ Complaint check_size(const Options& options) {
   return std::string("camera_sim: ") + format.name + " has no such size; see camera_sim --list";
 }
 
-/// What getopt_long wants to know of the rows; a row's value is its index.
+// What getopt_long wants to know of the rows; a row's value is its index.
 std::vector<option> long_options() {
   std::vector<option> options;
   for (int i = 0; const OptionRow& row : kRows) {

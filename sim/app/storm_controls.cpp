@@ -17,7 +17,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr u16 kValues = 3;  ///< of each image control
+constexpr u16 kValues = 3;  //< of each image control
 
 double seconds_since(Clock::time_point begin) {
   return std::chrono::duration<double>(Clock::now() - begin).count();
@@ -25,7 +25,7 @@ double seconds_since(Clock::time_point begin) {
 
 }  // namespace
 
-/// An image control, and the least of its values.
+// An image control, and the least of its values.
 struct StormControls::Image {
   u8 selector, command;
   u16 least;
@@ -70,7 +70,7 @@ void StormControls::run() {
   }
 }
 
-/// Another value than the last, for a step of less than kValues.
+// Another value than the last, for a step of less than kValues.
 u16 StormControls::next_value(const Image& image, u32 step) const {
   return static_cast<u16>(image.least + (last_[image.index()] - image.least + step) % kValues);
 }
@@ -96,7 +96,7 @@ ControlAnswer StormControls::request(u8 request, u8 entity, u8 selector, std::sp
   tally_.answer.note(answer.waited_ms);
   if (answer.waited_ms > rules_.longest_ms + metronome_.late_ms() - late_ms) {
     char text[96];
-    std::snprintf(text, sizeof text, "%s of selector %u in unit %u was %s %.0f ms", request_name(request),
+    std::snprintf(text, sizeof(text), "%s of selector %u in unit %u was %s %.0f ms", request_name(request),
                   selector, entity, answer.timed_out ? "not answered for" : "answered after",
                   answer.waited_ms);
     log_.fail(text);
@@ -107,10 +107,10 @@ ControlAnswer StormControls::request(u8 request, u8 entity, u8 selector, std::sp
 bool StormControls::set(const Image& image, u16 value) {
   u8 data[2];
   put_le16(data, value);
-  if (request(UVC_SET_CUR, kProcessingUnit, image.selector, data, sizeof data).stalled) return false;
+  if (request(UVC_SET_CUR, kProcessingUnit, image.selector, data, sizeof(data)).stalled) return false;
   last_[image.index()] = value;
   char line[64];
-  std::snprintf(line, sizeof line, "sys 39 81 01 04 %02X 00 00 00 %02X FF", image.command, value);
+  std::snprintf(line, sizeof(line), "sys 39 81 01 04 %02X 00 00 00 %02X FF", image.command, value);
   sent_.push_back(line);
   ++tally_.settings;
   return true;
@@ -130,7 +130,7 @@ void StormControls::judge_reading(const Image& image, u16 value) {
             std::to_string(wanted));
 }
 
-/// Requests of other units that are judged by their time only.
+// Requests of other units that are judged by their time only.
 void StormControls::send_other() {
   const u8 byte = static_cast<u8>(random_());
   const u8 zoom[] = {byte, static_cast<u8>(byte / 4)};
@@ -138,13 +138,13 @@ void StormControls::send_other() {
   const u8 turn[] = {static_cast<u8>(byte % 2), 1, static_cast<u8>(byte / 2 % 2), 1};
   switch (random_() % 6) {
     case 0:
-      request(UVC_SET_CUR, kCameraTerminal, UVC_CT_ZOOM_ABSOLUTE_CONTROL, zoom, sizeof zoom);
+      request(UVC_SET_CUR, kCameraTerminal, UVC_CT_ZOOM_ABSOLUTE_CONTROL, zoom, sizeof(zoom));
       break;
     case 1:
-      request(UVC_SET_CUR, kCameraTerminal, UVC_CT_PANTILT_ABSOLUTE_CONTROL, pan_tilt, sizeof pan_tilt);
+      request(UVC_SET_CUR, kCameraTerminal, UVC_CT_PANTILT_ABSOLUTE_CONTROL, pan_tilt, sizeof(pan_tilt));
       break;
     case 2:
-      request(UVC_SET_CUR, kCameraTerminal, UVC_CT_PANTILT_RELATIVE_CONTROL, turn, sizeof turn);
+      request(UVC_SET_CUR, kCameraTerminal, UVC_CT_PANTILT_RELATIVE_CONTROL, turn, sizeof(turn));
       break;
     case 3:
       request(UVC_SET_CUR, kExtensionUnit, 1, {&byte, 1}, 1);
@@ -153,7 +153,7 @@ void StormControls::send_other() {
       request(UVC_GET_CUR, kExtensionUnit, byte % 29, {}, 22);
       break;
     default:
-      request(UVC_GET_CUR, kCameraTerminal, UVC_CT_ZOOM_ABSOLUTE_CONTROL, {}, sizeof zoom);
+      request(UVC_GET_CUR, kCameraTerminal, UVC_CT_ZOOM_ABSOLUTE_CONTROL, {}, sizeof(zoom));
   }
 }
 
@@ -177,7 +177,7 @@ std::vector<std::string> StormControls::received_settings() {
   for (const std::string& line : lines) {
     for (const Image& image : kImages) {
       char begin[24];
-      std::snprintf(begin, sizeof begin, "sys 39 81 01 04 %02X ", image.command);
+      std::snprintf(begin, sizeof(begin), "sys 39 81 01 04 %02X ", image.command);
       if (line.starts_with(begin)) settings.push_back(line.substr(0, line.find(" ->")));
     }
   }

@@ -15,7 +15,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr double kServiceEnd = 1;  ///< seconds from the signal to the service's end
+constexpr double kServiceEnd = 1;  //< seconds from the signal to the service's end
 constexpr double kServicePatience = 5;
 
 v4l2_event event_of(u32 type) {
@@ -24,18 +24,18 @@ v4l2_event event_of(u32 type) {
   return event;
 }
 
-/// A reading that needs the server.
+// A reading that needs the server.
 v4l2_event reading() {
   const auto setup = class_request(UVC_GET_CUR, kVideoControlInterface, kProcessingUnit,
                                    UVC_PU_BRIGHTNESS_CONTROL, sizeof(u16));
   v4l2_event event = event_of(UVC_EVENT_SETUP);
-  std::memcpy(event.u.data, &setup, sizeof setup);
+  std::memcpy(event.u.data, &setup, sizeof(setup));
   return event;
 }
 
 }  // namespace
 
-/// Brings the service into the state and leaves it there for a while.
+// Brings the service into the state and leaves it there for a while.
 void StormLives::enter(const StormEnd& end) {
   const auto server = [this](ServerFault fault) { camera_.parties.server.set_fault(fault); };
   StreamChoice choice = end.choice;
@@ -91,7 +91,7 @@ void StormLives::end(const StormEnd& end) {
   driver_errors_ = errors.size();
 }
 
-/// No service, no host, all parties well.
+// No service, no host, all parties well.
 void StormLives::clear_up() {
   camera_.node.script("clear");
   camera_.parties.server.set_fault(ServerFault::kNone);

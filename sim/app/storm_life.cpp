@@ -20,21 +20,21 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr double kLongestAnswerMs = 4700;    ///< of the 5000 for which the host waits
-constexpr double kLongestStopMs = 2000;      ///< of the service by a signal
-constexpr double kControlsBack = 5;          ///< seconds from the storm's end until every control obeys
-constexpr auto kPictureBack = 3s;            ///< from the last fault's end to the next picture
-constexpr unsigned long kPicturesMade = 45;  ///< that long at 15 frames a second
+constexpr double kLongestAnswerMs = 4700;    //< of the 5000 for which the host waits
+constexpr double kLongestStopMs = 2000;      //< of the service by a signal
+constexpr double kControlsBack = 5;          //< seconds from the storm's end until every control obeys
+constexpr auto kPictureBack = 3s;            //< from the last fault's end to the next picture
+constexpr unsigned long kPicturesMade = 45;  //< that long at 15 frames a second
 constexpr auto kEncoderPatience = 30s;
-constexpr long kFormerSegments = 1;      ///< stays attached when the server makes its parameters anew
-constexpr long kMostOwnKilobytes = 512;  ///< that the service may have more than before
+constexpr long kFormerSegments = 1;      //< stays attached when the server makes its parameters anew
+constexpr long kMostOwnKilobytes = 512;  //< that the service may have more than before
 
 milliseconds as_milliseconds(double seconds) { return milliseconds(std::lround(seconds * 1000)); }
 double ms_since(Clock::time_point begin) {
   return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
 }
 
-/// Whether a message waits for the service.
+// Whether a message waits for the service.
 bool message_waits(i32 key, i32 process) {
   const int queue = msgget(run_key(key), 0);
   long nothing_but_type;
@@ -47,8 +47,8 @@ double longest_answer_ms(const StormRound& round) {
 
 }  // namespace
 
-/// What carries a round's faults out; the service's own in another thread, so that a stopped service goes on
-/// whatever the other faults wait for.
+// What carries a round's faults out; the service's own in another thread, so that a stopped service goes on
+// whatever the other faults wait for.
 struct StormLives::Weather {
   std::promise<void> over, signals_over;
   Timeline faults, signals;
@@ -88,7 +88,7 @@ bool StormLives::live(const StormLife& life, u32 seed, const std::string& name, 
   return log.failures() == 0;
 }
 
-/// The device on the bus, plugged in.
+// The device on the bus, plugged in.
 bool StormLives::appear() {
   if (!wait(20s, [&] { return camera_.node.wait_for_device(0ms); })) {
     log_->fail("the device did not appear");
@@ -146,7 +146,7 @@ void StormLives::set_rules(const StormRound& round) {
       {.longest_ms = longest_answer_ms(round), .in_range = !round.any(kConfuses), .exact = !server});
 }
 
-/// From the round's first fault to the end of its last.
+// From the round's first fault to the end of its last.
 void StormLives::pass(const StormRound& round) {
   Weather weather;
   const auto begin = Clock::now();
@@ -200,8 +200,8 @@ void StormLives::stop(const StormRound& round) {
              ", repeated " + std::to_string(report.repeated));
 }
 
-/// The next whole picture, in time since the stream's start or since now. A busy machine's encoder gets the
-/// time that it needs for as many pictures.
+// The next whole picture, in time since the stream's start or since now. A busy machine's encoder gets the
+// time that it needs for as many pictures.
 void StormLives::expect_picture(bool from_start) {
   const auto begin = Clock::now();
   const auto made = [this] { return camera_.parties.media.counts().pictures; };
@@ -216,7 +216,7 @@ void StormLives::expect_picture(bool from_start) {
   tally_.picture.note(from_start ? camera_.host.progress().first_picture_ms : ms_since(begin));
 }
 
-/// Calm: every control obeys, everything arrived, and the service has what it had before.
+// Calm: every control obeys, everything arrived, and the service has what it had before.
 void StormLives::expect_order(const StormRound& round) {
   set_rules({});
   const auto seconds = controls_->come_back(kControlsBack);
@@ -230,7 +230,7 @@ void StormLives::expect_order(const StormRound& round) {
   expect_belongings();
 }
 
-/// The streaming loop may need a moment to put down what it holds.
+// The streaming loop may need a moment to put down what it holds.
 void StormLives::expect_belongings() {
   Belongings now = belongings_of(service_->pid());
   if (!belongings_) belongings_ = now;

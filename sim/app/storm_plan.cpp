@@ -51,12 +51,12 @@ static_assert(std::size(kStateNames) == static_cast<std::size_t>(StormState::kCo
 
 constexpr const char* kOutputNames[] = {"logged", "not read", "without a reader", "closed"};
 
-constexpr u32 kWidestVideo = 720;      ///< pixels
-constexpr double kFaultsBegin = 1.5;   ///< seconds within which the faults of a round begin
-constexpr double kLongestState = 0.2;  ///< seconds
-constexpr double kHostPatience = 5;    ///< seconds after which the host gives a request up
+constexpr u32 kWidestVideo = 720;      //< pixels
+constexpr double kFaultsBegin = 1.5;   //< seconds within which the faults of a round begin
+constexpr double kLongestState = 0.2;  //< seconds
+constexpr double kHostPatience = 5;    //< seconds after which the host gives a request up
 
-/// The same numbers everywhere, which the library's distributions do not promise.
+// The same numbers everywhere, which the library's distributions do not promise.
 class Dice {
  public:
   Dice(u32 seed, u32 number) {
@@ -74,8 +74,8 @@ class Dice {
   std::mt19937 random_;
 };
 
-/// Large video pictures are left out: a busy PC takes longer to encode the first ones than the service may
-/// take to bring them.
+// Large video pictures are left out: a busy PC takes longer to encode the first ones than the service may
+// take to bring them.
 StreamChoice any_choice(Dice& dice) {
   const HostFormat& format = dice.one_of(host_formats());
   constexpr u32 kRates[] = {30, 25, 15};
@@ -86,7 +86,7 @@ StreamChoice any_choice(Dice& dice) {
   return choice;
 }
 
-/// Index of a fault that is over before the host gives a request up, or of one that is not.
+// Index of a fault that is over before the host gives a request up, or of one that is not.
 std::size_t any_fault(Dice& dice, bool outlasts_host) {
   for (;;) {
     const std::size_t index = dice.below(std::size(kFaults));
@@ -95,7 +95,7 @@ std::size_t any_fault(Dice& dice, bool outlasts_host) {
   }
 }
 
-/// Its first fault as any_fault() has it, the others short.
+// Its first fault as any_fault() has it, the others short.
 StormRound any_round(Dice& dice, bool outlasts_host) {
   StormRound round{.choice = any_choice(dice), .steps = {}};
   for (u32 left = 1 + dice.below(4); left > 0; --left) {
@@ -112,7 +112,7 @@ StormRound any_round(Dice& dice, bool outlasts_host) {
   return round;
 }
 
-/// Mostly one that can be shown.
+// Mostly one that can be shown.
 ServiceOutput any_output(Dice& dice) {
   const u32 output = dice.below(2 * std::size(kOutputNames));
   return output < std::size(kOutputNames) ? static_cast<ServiceOutput>(output) : ServiceOutput::kLogged;
@@ -141,13 +141,13 @@ const char* name_of(ServiceOutput output) { return kOutputNames[static_cast<u32>
 
 std::string StormFault::name() const {
   char times[32];
-  std::snprintf(times, sizeof times, ", %g-%g s", shortest, longest);
+  std::snprintf(times, sizeof(times), ", %g-%g s", shortest, longest);
   return text + std::string(times);
 }
 
 std::string StormStep::text() const {
   char times[48];
-  std::snprintf(times, sizeof times, " for %.3fs", duration);
+  std::snprintf(times, sizeof(times), " for %.3fs", duration);
   return kFaults[fault].text + std::string(times);
 }
 

@@ -9,15 +9,19 @@
 
 namespace sim {
 
+namespace {
+
+void print_count(const char* kind, const std::string& name, u32 count) {
+  std::printf("%-8s %-30s %6u\n", kind, name.c_str(), count);
+}
+
+}  // namespace
+
 StormTally& make_storm_tally() {
   void* memory = mmap(nullptr, sizeof(StormTally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (memory != MAP_FAILED) return *new (memory) StormTally{};
   std::perror("mmap");
   std::exit(2);
-}
-
-static void print_count(const char* kind, const std::string& name, u32 count) {
-  std::printf("%-8s %-30s %6u\n", kind, name.c_str(), count);
 }
 
 void print_storm_tally(const StormTally& tally) {
@@ -45,7 +49,7 @@ StormLog::StormLog(StormTally& tally, std::string name, bool quiet)
 void StormLog::say(const std::string& text) {
   char time[16];
   const std::chrono::duration<double> since = std::chrono::steady_clock::now() - begin_;
-  std::snprintf(time, sizeof time, " %7.3f  ", since.count());
+  std::snprintf(time, sizeof(time), " %7.3f  ", since.count());
   const std::string line = name_ + time + text + '\n';
   if (quiet_) {
     held_back_ += line;

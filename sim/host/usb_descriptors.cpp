@@ -15,7 +15,7 @@ namespace sim {
 
 namespace {
 
-/// A number of a descriptor, by the prefixes that USB's field names have.
+// A number of a descriptor, by the prefixes that USB's field names have.
 struct Field {
   u32 value;
   u8 bytes;
@@ -33,7 +33,7 @@ void append(Bytes& to, Field field) {
   for (u8 i = 0; i < field.bytes; ++i) to.push_back(static_cast<u8>(field.value >> 8 * i));
 }
 
-/// A descriptor: its length, its type and what follows.
+// A descriptor: its length, its type and what follows.
 Bytes descriptor(u8 type, const Fields& fields) {
   Bytes bytes{0, type};
   for (const Field& field : fields) append(bytes, field);
@@ -48,16 +48,16 @@ Fields operator+(Fields left, const Fields& right) {
 
 constexpr u8 kOutputTerminal = 4;
 constexpr u8 kStreamEndpoint = USB_DIR_IN | 1;
-constexpr u32 kThreeTransactions = 2 << 11;  ///< wMaxPacketSize: a microframe's additional ones
+constexpr u32 kThreeTransactions = 2 << 11;  //< wMaxPacketSize: a microframe's additional ones
 
 constexpr Field kExtensionGuid[] = {dw(0x94201E5A), dw(0x334C6D0B), dw(0xD142778E), dw(0x3AC8096F)};
 
-constexpr u32 kIntervals[] = {166666, 333333, 400000, 666666};  ///< of 100 ns
+constexpr u32 kIntervals[] = {166666, 333333, 400000, 666666};  //< of 100 ns
 constexpr u32 kDefaultInterval = kIntervals[1];
 
 struct Layout {
   StreamFormat format;
-  u8 subtype;  ///< the frames' is the next number
+  u8 subtype;  //< the frames' is the next number
   u32 fourcc;
   u8 first_interval = 0;
 };

@@ -29,7 +29,7 @@ constexpr HostFormat kFormats[] = {
     {StreamFormat::kH265, "H265", kH265Sizes},
 };
 
-/// Where the probe block's fields lie.
+// Where the probe block's fields lie.
 enum ProbeField {
   kHint = 0,
   kFormatIndex = 2,
@@ -39,10 +39,10 @@ enum ProbeField {
   kMaxFrame = 18
 };
 using ProbeBlock = std::array<u8, 26>;
-constexpr u16 kKeepInterval = 1;             ///< hint: the frame interval is to stay
-constexpr u32 kUnitsPerSecond = 10'000'000;  ///< frame intervals count 100 ns
+constexpr u16 kKeepInterval = 1;             //< hint: the frame interval is to stay
+constexpr u32 kUnitsPerSecond = 10'000'000;  //< frame intervals count 100 ns
 
-constexpr std::size_t kMostWaiting = 240;  ///< frames that may wait for their check before taking waits
+constexpr std::size_t kMostWaiting = 240;  //< frames that may wait for their check before taking waits
 
 ProbeBlock probe_block(const StreamChoice& choice) {
   const auto sizes = host_format(choice.format).sizes;
@@ -78,7 +78,7 @@ std::optional<StreamChoice> choice_in(std::span<const u8> block) {
   return StreamChoice{kFormats[format].format, kFormats[format].sizes[frame], kUnitsPerSecond / interval};
 }
 
-/// A running stream: one thread takes frames, another checks them, so that decoding never holds up the bus.
+// A running stream: one thread takes frames, another checks them, so that decoding never holds up the bus.
 class UsbHost::Stream {
  public:
   Stream(NodeHost& node, const std::atomic<bool>& rests, const StreamChoice& choice, bool paced,
@@ -95,7 +95,7 @@ class UsbHost::Stream {
 
   void finish();
   StreamResult result() const;
-  /// The last whole picture once it was made after `time`, CLOCK_MONOTONIC in nanoseconds; else null.
+  // The last whole picture once it was made after `time`, CLOCK_MONOTONIC in nanoseconds; else null.
   AvPtr<AVFrame> picture_after(i64 time, std::chrono::milliseconds limit);
 
  private:
@@ -118,7 +118,7 @@ class UsbHost::Stream {
   mutable std::mutex lock_;
   std::condition_variable changed_;
   std::deque<Frame> waiting_;
-  AvPtr<AVFrame> picture_;  ///< the last whole one
+  AvPtr<AVFrame> picture_;  //< the last whole one
   bool stopping_ = false;
   StreamResult result_;
   Clock::time_point first_, end_;
@@ -140,7 +140,7 @@ void UsbHost::Stream::take() {
   }
 }
 
-/// False when the stream is to end.
+// False when the stream is to end.
 bool UsbHost::Stream::put(Frame frame) {
   std::unique_lock guard(lock_);
   changed_.wait(guard, [&] { return stopping_ || waiting_.size() < kMostWaiting; });
@@ -149,7 +149,7 @@ bool UsbHost::Stream::put(Frame frame) {
   return !stopping_;
 }
 
-/// False once the stream has ended and every frame was checked.
+// False once the stream has ended and every frame was checked.
 bool UsbHost::Stream::next(Frame& frame) {
   std::unique_lock guard(lock_);
   changed_.wait(guard, [&] { return stopping_ || !waiting_.empty(); });

@@ -58,7 +58,7 @@ const i32* video_words(const EncoderSettings& settings) {
   return settings.rc_param + (settings.codec == kCodecH264 ? 1 : 0);
 }
 
-/// Mode 2 has a scale for each frame type; the one for predicted frames serves for all.
+// Mode 2 has a scale for each frame type; the one for predicted frames serves for all.
 RateLimits video_rate_limits(i32 mode, const i32* words) {
   if (mode == 2) return {0, video_scale(words[2]), video_scale(words[2])};
   if (mode == 1) return ordered(bits(words[1]), video_scale(words[2]), video_scale(words[3]));

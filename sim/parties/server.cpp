@@ -23,21 +23,21 @@ namespace sim {
 
 namespace {
 
-constexpr i32 kFirstProcess = 2;  ///< a reply to message type 1 would come back to the server itself
-constexpr i32 kLastProcess = 24;  ///< nobody uses it
+constexpr i32 kFirstProcess = 2;  //< a reply to message type 1 would come back to the server itself
+constexpr i32 kLastProcess = 24;  //< nobody uses it
 constexpr std::chrono::milliseconds kSlowDelay{300};
-constexpr std::chrono::milliseconds kLateness{6000};  ///< longer than any host waits for a class request
+constexpr std::chrono::milliseconds kLateness{6000};  //< longer than any host waits for a class request
 
 bool is_client(i32 process_id) { return process_id >= kFirstProcess && process_id <= kLastProcess; }
 
-/// A shared segment of the camera, attached while the object lives.
+// A shared segment of the camera, attached while the object lives.
 class Segment {
  public:
   explicit Segment(i32 key) : key_(key) { attach(); }
   ~Segment() { shmdt(start_); }
   Segment(const Segment&) = delete;
 
-  /// Another segment in the place of one that was removed. Not while a channel's thread runs.
+  // Another segment in the place of one that was removed. Not while a channel's thread runs.
   void attach_anew() {
     shmdt(start_);
     attach();
@@ -62,11 +62,11 @@ class Segment {
   u8* start_;
 };
 
-/// The parameter segment, filled from construction on.
+// The parameter segment, filled from construction on.
 struct Parameters {
   Parameters(const ServerOptions& options, const PictureSettings& settings) { fill(options, settings); }
   void fill(const ServerOptions& options, const PictureSettings& settings) const;
-  /// The words of the camera-value cache.
+  // The words of the camera-value cache.
   void cache(const PictureSettings& settings) const;
   Segment segment{kFileMsgKey};
 };
@@ -74,13 +74,13 @@ struct Parameters {
 void Parameters::fill(const ServerOptions& options, const PictureSettings& settings) const {
   SysInfo info{};
   const u8 mac[6] = {0x02, 0x16, 0xA5, 0x00, 0x00, 0x01};
-  std::memcpy(info.mac, mac, sizeof mac);
+  std::memcpy(info.mac, mac, sizeof(mac));
   info.web_port = 80;
   info.listen_port = 1935;
   info.usb_port = options.usb_port;
 
   std::memset(segment.at(0), 0, kSysSegmentSize);
-  std::memcpy(segment.at(0), &info, sizeof info);
+  std::memcpy(segment.at(0), &info, sizeof(info));
   cache(settings);
   segment.set_word(kCameraCacheOffset + offsetof(CameraCache, valid),
                    options.cache_valid ? CAMERA_CACHE_VALID : 0);
@@ -94,25 +94,25 @@ void Parameters::cache(const PictureSettings& settings) const {
                                        {3, settings.saturation}, {4, settings.sharpness},
                                        {5, settings.gamma},      {6, settings.auto_white_balance},
                                        {9, settings.power_line}};
-  for (const auto& [word, value] : words) segment.set_word(kCameraCacheOffset + sizeof value * word, value);
+  for (const auto& [word, value] : words) segment.set_word(kCameraCacheOffset + sizeof(value) * word, value);
 }
 
 std::string as_hex(std::span<const u8> bytes) {
   std::string text;
   char byte[4];
   for (const u8 value : bytes) {
-    std::snprintf(byte, sizeof byte, " %02X", value);
+    std::snprintf(byte, sizeof(byte), " %02X", value);
     text += byte;
   }
   return text;
 }
 
-/// A request as its record; nothing when the sender's record has another size.
+// A request as its record; nothing when the sender's record has another size.
 template <class Record, std::size_t kPayload>
 std::optional<Record> as_record(std::span<const u8> payload) {
   if (payload.size() != kPayload) return std::nullopt;
   Record record{};
-  std::memcpy(reinterpret_cast<u8*>(&record) + sizeof record.dest, payload.data(), kPayload);
+  std::memcpy(reinterpret_cast<u8*>(&record) + sizeof(record.dest), payload.data(), kPayload);
   return record;
 }
 
@@ -130,7 +130,7 @@ std::string as_decimal(std::initializer_list<i32> words) {
   return text;
 }
 
-/// A text field: up to its terminator or `most` bytes, whatever the record holds.
+// A text field: up to its terminator or `most` bytes, whatever the record holds.
 std::string quoted(const VeltoMsgBuf& record, i32 offset, i32 most) {
   const char* const start = reinterpret_cast<const char*>(record.payload) + velto_payload_offset(offset);
   std::string text(start, strnlen(start, static_cast<std::size_t>(most)));
@@ -139,7 +139,7 @@ std::string quoted(const VeltoMsgBuf& record, i32 offset, i32 most) {
   return " \"" + text + '"';
 }
 
-/// A line such as "velto 12 O 2": R is a request, O a one-way command; then its words and its text.
+// A line such as "velto 12 O 2": R is a request, O a one-way command; then its words and its text.
 std::string describe(const VeltoCommandRow& row, const VeltoMsgBuf& record) {
   std::string line = "velto" + as_decimal({row.number}) + (row.request ? " R" : " O");
   for (const u8 offset : row.in) line += as_decimal({get_word(record, offset)});
@@ -151,7 +151,7 @@ std::string describe(const VeltoCommandRow& row, const VeltoMsgBuf& record) {
 struct Server::Impl {
   explicit Impl(const ServerOptions& wanted) : options(wanted) {}
 
-  /// How a command of the control channel is carried out and answered; the others are answered with 0.
+  // How a command of the control channel is carried out and answered; the others are answered with 0.
   struct Action {
     i32 command;
     i32 status = 0;
@@ -190,7 +190,7 @@ struct Server::Impl {
   std::atomic<unsigned long> refused = 0;
   std::atomic<ServerFault> fault = ServerFault::kNone;
   std::atomic<std::chrono::milliseconds> lateness = kLateness;
-  SysMsgBuf last_answer{};  ///< this and `random`: only the system-message channel's thread uses them
+  SysMsgBuf last_answer{};  //< this and `random`: only the system-message channel's thread uses them
   std::mt19937 random;
 
   Parameters parameters{options, head.settings()};
@@ -221,7 +221,7 @@ void Server::Impl::note(const std::string& line) {
   received.push_back(line);
 }
 
-/// For requests that make no sense.
+// For requests that make no sense.
 void Server::Impl::refuse(const std::string& line) {
   note(line + " refused");
   ++refused;
@@ -277,7 +277,7 @@ void Server::Impl::get_memory(VeltoMsgBuf& record) {
 
 void Server::Impl::store_encoder_settings(VeltoMsgBuf& record) {
   std::unique_lock guard(lock);
-  std::memcpy(&encoder_settings, record.payload + kVeltoWords, sizeof encoder_settings);
+  std::memcpy(&encoder_settings, record.payload + kVeltoWords, sizeof(encoder_settings));
   const auto message = encoder_settings;
   const auto notify = handler;
   guard.unlock();
@@ -295,7 +295,7 @@ void Server::Impl::get_absolute(VeltoMsgBuf& record) {
   put_word(record, 32, tilt & 0xFFFF);
 }
 
-/// 0 stop, 1 left, 2 right, 3 up, 4 down.
+// 0 stop, 1 left, 2 right, 3 up, 4 down.
 void Server::Impl::start_motion(VeltoMsgBuf& record) {
   constexpr CameraHead::Direction kMotions[] = {{0, 0}, {-1, 0}, {1, 0}, {0, 1}, {0, -1}};
   const auto motion = static_cast<u32>(get_word(record, 24));
@@ -334,7 +334,7 @@ void Server::Impl::garble(SysMsgBuf& record) {
                   [this] { return static_cast<u8>(random()); });
 }
 
-/// Carries out the request in its sender's slot and leaves the reply's body there. The reply's length, or -1.
+// Carries out the request in its sender's slot and leaves the reply's body there. The reply's length, or -1.
 i32 Server::Impl::exchange(const SysMsgBuf& record) {
   const std::string line = "sys" + as_decimal({record.cmd});
   const bool sound = record.cmd == kSysMsgVisca && is_client(record.src) &&

@@ -177,7 +177,7 @@ TEST_F(Elog, LockFollowsItsSwitch) {
 TEST_F(Elog, ThreadsLogWhileFiltersChange) {
   log_module_init(ELOG_LVL_VERBOSE);
   std::jthread changer([](std::stop_token end) {
-    for (u32 n = 0; !end.stop_requested(); n++) {
+    for (u32 n = 0; !end.stop_requested(); ++n) {
       elog_set_filter(static_cast<u8>(n % 6), n % 2 ? "TAG" : "NO_T", n % 3 ? "" : "]");
       elog_set_filter_tag_lvl("NO_TAG", static_cast<u8>(n % 6));
       elog_set_fmt(ELOG_LVL_WARN, n % 256);
@@ -187,18 +187,18 @@ TEST_F(Elog, ThreadsLogWhileFiltersChange) {
   });
   std::atomic<int> logging = 3;
   std::vector<std::jthread> loggers;
-  for (int i = 0; i < 3; i++) {
+  for (int i = 0; i < 3; ++i) {
     loggers.emplace_back([&logging, i] {
       const std::string text(40, static_cast<char>('a' + i));
-      for (int n = 0; n < 2000; n++) log_text(static_cast<u8>(i), "NO_TAG", text.c_str());
-      logging--;
+      for (int n = 0; n < 2000; ++n) log_text(static_cast<u8>(i), "NO_TAG", text.c_str());
+      --logging;
     });
   }
   std::size_t whole = 0;
   for (; logging > 0; std::this_thread::sleep_for(20us)) {
     for (const std::string& text : texts()) {
       EXPECT_THAT(text, MatchesRegex(".*(a{40}|b{40}|c{40})\n"));
-      whole++;
+      ++whole;
     }
   }
   EXPECT_GT(whole + texts().size(), 0u);

@@ -217,7 +217,7 @@ int breaches = 0;
 std::string last_breach;
 
 void note_breach(const char* expression, const char* function, long line) {
-  breaches++;
+  ++breaches;
   last_breach = std::string(expression) + " " + function + " " + std::to_string(line);
 }
 
@@ -231,7 +231,7 @@ TEST_F(Elog, BrokenPreconditionsReachTheHookAndComeBack) {
       {[] { elog_strcpy(0, nullptr, nullptr); }, 2},   {[] { elog_cpyln(nullptr, nullptr, 5); }, 2},
       {[] { elog_memcpy(nullptr, nullptr, 5); }, 2},   {[] { elog_file_write(nullptr, 5); }, 2},
   };
-  for (std::size_t i = 0; i < std::size(calls); i++) {
+  for (std::size_t i = 0; i < std::size(calls); ++i) {
     breaches = 0;
     calls[i].first();
     EXPECT_EQ(breaches, calls[i].second) << "call " << i;

@@ -18,8 +18,8 @@ using testing::HasSubstr;
 template <typename Words>
 std::string text(i32 result, const Words& words) {
   std::string line = std::to_string(result) + ":";
-  i32 copy[sizeof words / sizeof(i32)];
-  std::memcpy(copy, &words, sizeof copy);
+  i32 copy[sizeof(words) / sizeof(i32)];
+  std::memcpy(copy, &words, sizeof(copy));
   for (const i32 word : copy) line += ' ' + std::to_string(word);
   return line;
 }
@@ -106,7 +106,7 @@ const Row kRows[] = {
     {ask<VeltoPtzGetAbsolute>, "4:05010000 8:03000000", "-1: 24 28 32", -1},
 };
 
-/// Those that send a command with one word.
+// Those that send a command with one word.
 struct WordSender {
   i32 (*send)(i32);
   i32 command;
@@ -169,7 +169,7 @@ TEST(VeltoDrvMsg, ConnectsWithIds1To24AndDrainsOldReplies) {
   VeltoPeer peer(kVeltoMsgKey);
   const auto sender_id = [&] { return peer.serve([] { VeltoRequest20(0); }, [](auto&) {}); };
   for (const i32 id : {24, 2}) {
-    for (int i = 0; i < 3; i++) peer.send({id, 1, id, 0, {}});
+    for (int i = 0; i < 3; ++i) peer.send({id, 1, id, 0, {}});
     EXPECT_EQ(VeltoDrvInit(id), 0);
     EXPECT_EQ(peer.waiting(), 0u);
     EXPECT_EQ(sender_id(), id == 24 ? "4:14000000 8:18000000" : "4:14000000 8:02000000");

@@ -49,7 +49,7 @@ class CameraTest : public testing::Test {
     std::fclose(output);
   }
 
-  /// A system server that begins anew.
+  // A system server that begins anew.
   void serve(const sim::ServerOptions& options) {
     server.reset();
     server = std::make_unique<sim::Server>(options);
@@ -352,7 +352,7 @@ TEST_F(CameraTest, LevelFileIsReadAgainOnSigusr1WhichDoesNotDisturbTheStream) {
   start_and_plug_in();
   ASSERT_TRUE(host.start(kMjpeg) && picture_comes());
   run.write_file("/opt/params/print.conf", "uvc_gadget=error\n");
-  for (int i = 0; i < 300; i++) {
+  for (int i = 0; i < 300; ++i) {
     kill(service->pid(), SIGUSR1);
     std::this_thread::sleep_for(1ms);
   }

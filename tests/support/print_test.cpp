@@ -8,7 +8,7 @@
 
 #include "tests/support/support_fixture.h"
 
-static constexpr char kPrintFile[] = "camera.c";
+constexpr char kPrintFile[] = "camera.c";
 
 namespace {
 

@@ -40,7 +40,7 @@ class SupportTest : public testing::Test {
     const int queue = msgget(sim::run_key(kElogQueueKey), 0);
     ElogRecord record;
     std::string log;
-    while (msgrcv(queue, &record, sizeof record.payload, 0, IPC_NOWAIT) >= 0)
+    while (msgrcv(queue, &record, sizeof(record.payload), 0, IPC_NOWAIT) >= 0)
       log.append(record.payload.text, record.payload.length);
     return log;
   }

@@ -24,12 +24,12 @@ constexpr char kTime[] = "\\[[0-9]{10}\\.[0-9]{6}\\]";
 
 class ToolboxTest : public SupportTest {
  protected:
-  /// A tool of the shell that runs `script` instead.
+  // A tool of the shell that runs `script` instead.
   void fake_tool(const std::string& name, const std::string& script) const {
     run_.write_file("/bin/" + name, "#!/bin/sh\n" + script);
     std::filesystem::permissions(run_.path("/bin/" + name), std::filesystem::perms::owner_all);
   }
-  /// From here on no shell command can be started.
+  // From here on no shell command can be started.
   void break_shell() const { std::filesystem::remove(run_.path("/bin/reboot")); }
 };
 
@@ -84,7 +84,7 @@ TEST_F(ToolboxTest, LevelFile) {
 
 TEST_F(ToolboxTest, ProcessName) {
   char name[kProcessNameSize];
-  std::memset(name, '#', sizeof name);
+  std::memset(name, '#', sizeof(name));
   prctl(PR_SET_NAME, "uvc gadget");
   EXPECT_EQ(get_process_name(name), 0);
   EXPECT_STREQ(name, "uvc");

@@ -20,14 +20,14 @@ namespace {
 
 constexpr u8 kCamera = 1, kImage = 2;
 
-/// What the server does with one frame: the bytes that it puts into the slot, and the length that it tells.
+// What the server does with one frame: the bytes that it puts into the slot, and the length that it tells.
 struct Answer {
   std::vector<u8> bytes;
   i32 length = static_cast<i32>(bytes.size());
   std::chrono::milliseconds delay{0};
 };
 
-/// The system server's end of the system-message channel, on a thread of its own.
+// The system server's end of the system-message channel, on a thread of its own.
 class FrameServer {
  public:
   FrameServer() : thread_([this] { run(); }) {}
@@ -37,18 +37,18 @@ class FrameServer {
     shmdt(segment_);
   }
 
-  /// Answers the next frame with this; those without an answer are refused.
+  // Answers the next frame with this; those without an answer are refused.
   void answer(Answer answer) {
     const std::lock_guard lock(mutex_);
     next_ = std::move(answer);
   }
-  /// The frames since the last call, with " | " between them. Sending waits for the answer, so none is
-  /// missing.
+  // The frames since the last call, with " | " between them. Sending waits for the answer, so that none
+  // can be missing.
   std::string frames() {
     const std::lock_guard lock(mutex_);
     return std::exchange(frames_, {});
   }
-  /// Puts an answer into the queue that nobody asked for.
+  // Puts an answer into the queue that nobody asked for.
   void send_stale(i32 length) { peer_.send({kSysMsgProcess, 39, kSysMsgProcess, length, 0}); }
 
  private:
@@ -83,7 +83,7 @@ class FrameServer {
   std::thread thread_;
 };
 
-/// How many bytes a text such as "0f 00" shows.
+// How many bytes a text such as "0f 00" shows.
 u16 bytes_in(std::string_view text) { return static_cast<u16>((text.size() + 1) / 3); }
 
 class CameraControlTest : public UvcTest {
@@ -267,7 +267,7 @@ TEST_F(CameraControlTest, ReadingsComeByInquiryAndStayWithinTheirLimits) {
 TEST_F(CameraControlTest, AValidCacheSparesTheInquiry) {
   CameraCache cache = {};
   camera_cache = &cache;
-  for (u32 i = 0; i < std::size(cache.words); i++) cache.words[i] = 0x70000 + i + 1;
+  for (u32 i = 0; i < std::size(cache.words); ++i) cache.words[i] = 0x70000 + i + 1;
   const struct {
     u8 selector;
     const char* reads;

@@ -46,7 +46,7 @@ TEST_F(UvcTest, KeyFrameIntervalGoesIntoEveryMode) {
   EXPECT_EQ(get_key_frame_interval(), 50);
   set_key_frame_interval(1);
   EXPECT_EQ(sent_settings(), "2 1 1920 1080 30 0 2 2 1 25 25 0 0\n");
-  for (int mode = 0; mode < 4; mode++) {
+  for (int mode = 0; mode < 4; ++mode) {
     EXPECT_EQ(h264_rate_control.param[mode][0], 1);
     EXPECT_EQ(h265_rate_control.param[mode][0], 1);
   }
@@ -61,14 +61,14 @@ TEST_F(UvcTest, RecordIsOfOneCommitWhenTheKeyFrameIntervalChangesMeanwhile) {
   sent_settings();
   std::atomic<int> round = 0, done = 0;
   std::thread main_thread([&] {
-    for (int i = 1; i <= kRounds; i++) {
+    for (int i = 1; i <= kRounds; ++i) {
       while (round < i) continue;
       set_key_frame_interval(i);
       done = i;
     }
   });
   int mixed = 0, outdated = 0;
-  for (int i = 1; i <= kRounds; i++) {
+  for (int i = 1; i <= kRounds; ++i) {
     const auto& commit = commits[i % 2];
     round = i;
     cur_format = commit.format;

@@ -170,7 +170,7 @@ TEST_F(UvcTest, ReplugStopsTheNodeBeforeTheHostSelectsTheStream) {
 TEST_F(UvcTest, NodeThatRefusesToStopIsToldAgainUntilTheHostStarts) {
   std::size_t seen = 0;
   const auto stops = [&] {  // since the last look, 35 turns without an event included
-    for (int i = 0; i < 35; i++) uvc_event_turn(loop);
+    for (int i = 0; i < 35; ++i) uvc_event_turn(loop);
     std::istringstream calls(host.call_log().substr(std::exchange(seen, host.call_log().size())));
     int count = 0;
     for (std::string line; std::getline(calls, line);) count += line.starts_with("STREAMOFF");
@@ -200,7 +200,7 @@ TEST_F(UvcTest, NodeThatRefusesToStopIsToldAgainUntilTheHostStarts) {
 TEST_F(UvcTest, PausesOnceIn2000PollsWhileStreaming) {
   uvc_stream_state.stream_on = 1;
   const auto before = sim::sleep_count().calls;
-  for (int i = 0; i < 2000; i++) uvc_event_turn(loop);
+  for (int i = 0; i < 2000; ++i) uvc_event_turn(loop);
   EXPECT_EQ(sim::sleep_count().calls, before);
   uvc_event_turn(loop);
   EXPECT_EQ(sim::sleep_count().calls, before + 1);
@@ -235,7 +235,7 @@ TEST_F(UvcTest, ASetupThatItsHostGaveUpIsLeftOutOnceANewerOneWaits) {
   ASSERT_EQ(InitSysMsgDrv(kSysMsgProcess), 0);
   const auto answers = [&](std::initializer_list<v4l2_event> events) {
     for (const v4l2_event& event : events) host.raise(event);
-    for (std::size_t i = 0; i <= events.size(); i++) uvc_event_turn(loop);
+    for (std::size_t i = 0; i <= events.size(); ++i) uvc_event_turn(loop);
     std::string values;
     while (const auto response = host.next_response(0ms)) values += std::to_string(response->data[0]) + ' ';
     return values;
@@ -286,7 +286,7 @@ TEST_F(UvcTest, LongAndUnannouncedDataStayInsideTheirRecords) {
 
 class ThreadTest : public UvcTest {
  protected:
-  /// The control thread, on a node that is opened anew and ready for the host.
+  // The control thread, on a node that is opened anew and ready for the host.
   pthread_t start_thread() {
     uvc_device_close();
     EXPECT_EQ(uvc_device_open(), 0);

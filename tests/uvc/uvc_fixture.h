@@ -1,6 +1,6 @@
 // What the tests of the USB side share: a run with the gadget node opened, the host's end of it, and the
-// message queue on which the encoder settings leave. Everything happens turn by turn in the test's own
-// thread.
+// message queue on which the encoder settings leave. Everything happens turn by turn, in the
+// thread of the test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -94,7 +94,7 @@ class UvcTest : public testing::Test {
     while (msgrcv(queue, &message, kVeltoMsgPayload, 0, IPC_NOWAIT) >= 0) {
       EXPECT_EQ(message.cmd, kVeltoEncoderSettings);
       EXPECT_EQ(message.dest, kServerMsgType);
-      for (int i = 0; i < 13; i++) {
+      for (int i = 0; i < 13; ++i) {
         lines += std::to_string(static_cast<i32>(get_le32(message.payload + kVeltoWords + 4 * i)));
         lines += i < 12 ? " " : "\n";
       }

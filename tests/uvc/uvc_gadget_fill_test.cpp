@@ -39,7 +39,7 @@ struct FakeLibrary {
 
 i32 HI_MPI_VPSS_GetChnFrame(i32 group, i32 channel, VpssPicture* picture, i32 timeout_ms) {
   EXPECT_TRUE(group == 0 && channel == 3 && timeout_ms == -1);
-  if (library.get_result == 0) library.taken++;
+  if (library.get_result == 0) ++library.taken;
   *picture = library.picture;
   return library.get_result;
 }
@@ -47,7 +47,7 @@ i32 HI_MPI_VPSS_ReleaseChnFrame(i32, i32, const VpssPicture*) { return library.r
 void* HI_MPI_SYS_Mmap(u32 phys_addr, u32 size) {
   if (library.map_fails) return nullptr;
   EXPECT_LE(u64{phys_addr} + size, library.memory.size());
-  library.mapped++;
+  ++library.mapped;
   return library.memory.data() + phys_addr;
 }
 void* HI_MPI_SYS_MmapCache(u32, u32) { return nullptr; }
@@ -94,7 +94,7 @@ class FillTest : public testing::Test {
   void show(u32 format, u32 width, u32 height, u32 stride, u8 luma = 0x40) {
     const u32 rows = format == kVpssYuv422SemiPlanar ? height : height / 2;
     library.memory.assign(u64{stride} * (height + rows), luma);
-    for (u64 i = u64{stride} * height; i < library.memory.size(); i++) {
+    for (u64 i = u64{stride} * height; i < library.memory.size(); ++i) {
       library.memory[i] = (i - u64{stride} * height) % stride % 2 ? 0x30 : 0x20;
     }
     library.picture = {width, height, format, {0, stride * height}, {stride, stride}, 0};
@@ -227,7 +227,7 @@ TEST_F(FillTest, WaitForAFrameEndsWithTheStreamOrTheService) {
 TEST_F(FillTest, FramesThatNeverFitDoNotHoldUpTheEnd) {
   commit(kFormatMjpeg, 320, 240);
   const std::jthread writer([this](std::stop_token end) {
-    for (u32 seq = 0; !end.stop_requested(); seq++) {
+    for (u32 seq = 0; !end.stop_requested(); ++seq) {
       if (slots[seq % 2].state != kSlotReading) publish(static_cast<int>(seq % 2), seq, 3, 640, 480, 10);
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
       if (seq == 100) uvc_stream_state.exit_flag = 1;

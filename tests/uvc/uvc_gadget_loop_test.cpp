@@ -24,8 +24,8 @@ using testing::Not;
 
 namespace {
 
-// The encoder as the loop sees it: a thread that keeps both slots of the ring ready with frames of the
-// settings.
+// The encoder as the loop sees it: a thread keeps both slots of the ring filled with frames that fit the
+// settings of the stream.
 class LoopTest : public UvcTest {
  protected:
   void SetUp() override {
@@ -35,7 +35,7 @@ class LoopTest : public UvcTest {
     slots = static_cast<EncFrameSlot*>(shmat(shmget(sim::run_key(VENC_RING_KEY), 0, 0), nullptr, 0));
     frame_ready = sem_open(sim::run_semaphore(kFrameReadySemaphore).c_str(), 0);
     writer = std::jthread([this](std::stop_token end) {
-      for (u32 seq = 0; !end.stop_requested(); seq++) {
+      for (u32 seq = 0; !end.stop_requested(); ++seq) {
         publish(slots[seq % 2], seq);
         std::this_thread::sleep_for(std::chrono::microseconds(500));
       }
@@ -63,7 +63,7 @@ class LoopTest : public UvcTest {
     sent_settings();
   }
 
-  /// The loop's first turn, and one with a stream.
+  // The loop's first turn, and one with a stream.
   void start(i32 format) {
     stream_turn(stream);
     commit(format);
@@ -73,11 +73,11 @@ class LoopTest : public UvcTest {
 
   std::string printed_turns(int count) {
     return printed_by([&] {
-      for (int i = 0; i < count; i++) stream_turn(stream);
+      for (int i = 0; i < count; ++i) stream_turn(stream);
     });
   }
 
-  /// Payload sizes that reach the host until none comes for a while.
+  // Payload sizes that reach the host until none comes for a while.
   std::string received() {
     std::string sizes;
     std::vector<u8> frame;
@@ -85,9 +85,9 @@ class LoopTest : public UvcTest {
     return sizes;
   }
 
-  /// What an encoder leaves that posts while nobody takes its frames.
+  // What an encoder leaves that posts while nobody takes its frames.
   void pile_up_posts() {
-    for (int i = 0; i < 1000; i++) sem_post(frame_ready);
+    for (int i = 0; i < 1000; ++i) sem_post(frame_ready);
   }
   int posts() {
     int value = -1;
@@ -173,7 +173,7 @@ TEST_F(LoopTest, HostThatRestartsAtOnceGetsOnlyFramesOfItsNewStream) {
   sim::set_sleep_divisor(1000);
   print_level = 1;
   std::vector<u8> frame;
-  for (int i = 0; i < 200 && !HasFailure(); i++) {
+  for (int i = 0; i < 200 && !HasFailure(); ++i) {
     const bool mjpeg = i % 2;
     commit(mjpeg ? kFormatMjpeg : kFormatH264);
     raise(UVC_EVENT_STREAMON);
@@ -238,7 +238,7 @@ TEST_F(LoopTest, BufferWithoutAMappingIsLeftOutUntilItCanBeMapped) {
   EXPECT_EQ(uvc_buffers[0].start, nullptr);
   EXPECT_NE(uvc_buffers[2].start, nullptr);
   std::string sizes = received();
-  for (int i = 0; i < 5; i++) {
+  for (int i = 0; i < 5; ++i) {
     stream_turn(stream);
     sizes += received();
   }
@@ -280,7 +280,7 @@ TEST_F(LoopTest, PinsAreDrivenThroughTheirRegisters) {
 
 TEST_F(LoopTest, FramesAreToldOnceASecond) {
   const std::string text = printed_by([] {
-    for (int i = 0; i < 1000; i++) second_cnt();
+    for (int i = 0; i < 1000; ++i) second_cnt();
   });
   EXPECT_TRUE(text.starts_with("B 1\n")) << text;
   EXPECT_LE(std::ranges::count(text, 'B'), 2) << "one more when a second ends meanwhile";

@@ -9,8 +9,8 @@
 
 namespace {
 
-// Luma counts from 20, a row of ten; V stands at 100, 102, ... and the U of the pair one above; strides are
-// padded.
+// Luma counts from 20, ten a row; V counts 100, 102, ..., and the U of each pair is one more. The rows are
+// padded to their strides.
 constexpr u8 kLuma[] = {20, 21, 22, 23, 24, 0xAA, 30, 31, 32, 33, 34, 0xAA,
                         40, 41, 42, 43, 44, 0xAA, 50, 51, 52, 53, 54, 0xAA};
 constexpr u8 kChroma[] = {100, 101, 102, 103, 104, 105, 0xBB, 110, 111, 112, 113, 114, 115, 0xBB,
@@ -20,7 +20,7 @@ SemiPlanarPicture picture(u32 width, u32 height, bool chroma_422) {
   return {kLuma, kChroma, 6, 7, width, height, chroma_422};
 }
 
-/// The layouts written out sample by sample; V comes first in the picture's pairs.
+// The layouts written out sample by sample; V comes first in the picture's pairs.
 std::vector<u8> expected(const SemiPlanarPicture& p, u32 layout) {
   const auto chroma = [&](u32 row, u32 x) { return kChroma[row * 7 + x]; };
   const auto beside = [&](u32 row) { return p.chroma_422 ? row : std::min(row / 2, p.height / 2 - 1); };

@@ -28,7 +28,7 @@ std::vector<u8> random_bytes(std::size_t count, u8 low, u8 high) {
   return bytes;
 }
 
-/// A picture in guarded memory: luma 16..235, chroma anything. Planes hold whole rows and not a byte more.
+// A picture in guarded memory: luma 16..235, chroma anything. Planes hold whole rows and not a byte more.
 struct TestPicture {
   explicit TestPicture(const Geometry& g)
       : luma(random_bytes(std::size_t{g.luma_stride} * g.height, 16, 235)),

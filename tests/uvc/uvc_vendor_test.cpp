@@ -27,7 +27,7 @@ class VendorTest : public UvcTest {
     data(bytes);
     EXPECT_EQ(uvc_request_error_code, kNoError);
   }
-  /// Commands and first words since the last call: "12:2 10:2 ".
+  // Commands and first words since the last call: "12:2 10:2 ".
   std::string sent_commands() {
     VeltoMsgBuf message;
     std::string text;
@@ -40,7 +40,7 @@ class VendorTest : public UvcTest {
 
 TEST_F(VendorTest, SelectorsWithoutAMeaningTakeTheirByteAndDoNothing) {
   print_level = 2;
-  for (int selector = 0; selector < 256; selector++) {
+  for (int selector = 0; selector < 256; ++selector) {
     const bool means_something = selector == 1 || selector == 9 || selector == 24 || selector == 25;
     if (means_something) continue;
     SCOPED_TRACE(selector);
@@ -98,7 +98,7 @@ TEST_F(VendorTest, TuningReachesTheEncoderOnlyWhileItStreams) {
       EXPECT_EQ(sent_commands(), told ? "12:2 " : "");
       set(15, {9, static_cast<u8>(format), 9});
       EXPECT_EQ(sent_commands(), told ? "10:2 " : "");
-      for (int mode = 0; mode < 4; mode++) {
+      for (int mode = 0; mode < 4; ++mode) {
         EXPECT_EQ(h264_rate_control.param[mode][0], 100 + format);
         EXPECT_EQ(h265_rate_control.param[mode][0], 100 + format);
       }

@@ -20,7 +20,9 @@ using namespace std::chrono_literals;
 using testing::HasSubstr;
 
 // A clock that is ahead when the reader makes its deadline, and then set back.
-static time_t clock_lead;
+namespace {
+time_t clock_lead;
+}
 extern "C" int __real_gettimeofday(timeval*, void*);
 extern "C" int __wrap_gettimeofday(timeval* now, void* zone) {
   const int result = __real_gettimeofday(now, zone);
@@ -29,7 +31,9 @@ extern "C" int __wrap_gettimeofday(timeval* now, void* zone) {
 }
 
 // A C library that reports a failed query by its return value.
-static int query_result;
+namespace {
+int query_result;
+}
 extern "C" int __real_sem_getvalue(sem_t*, int*);
 extern "C" int __wrap_sem_getvalue(sem_t* semaphore, int* value) {
   return query_result ? query_result : __real_sem_getvalue(semaphore, value);
@@ -113,7 +117,7 @@ TEST_F(RingTest, TakesTheOlderOfTwoReadySlots) {
 
 TEST_F(RingTest, ReleasePostsAtMostOnce) {
   take_all(released);
-  for (int i = 0; i < 3; i++) {
+  for (int i = 0; i < 3; ++i) {
     publish(1, 1);
     vencbuf_release(vencbuf_get(goes_on));
     EXPECT_EQ(value(released), 1);
@@ -127,7 +131,7 @@ TEST_F(RingTest, ReleasePostsAtMostOnce) {
 }
 
 TEST_F(RingTest, DropsOneStalePostPerCall) {
-  for (int i = 0; i < 3; i++) sem_post(ready);
+  for (int i = 0; i < 3; ++i) sem_post(ready);
   const int before = value(ready);
   publish(0, 1);
   vencbuf_release(vencbuf_get(goes_on));
@@ -186,7 +190,7 @@ TEST_F(RingTest, WhatWasOnlyRemovedStaysInUse) {
 }
 
 TEST_F(RingTest, HeapOfPostsGoesAsLongAsFramesAreWanted) {
-  for (int i = 0; i < 1000; i++) sem_post(ready);
+  for (int i = 0; i < 1000; ++i) sem_post(ready);
   vencbuf_clear_all(goes_on);
   EXPECT_EQ(value(ready), 0);
   sem_post(ready);
@@ -203,7 +207,7 @@ TEST_F(RingTest, GivesUpAfter25SlicesWhateverSignalsCome) {
   take_all(ready);
   const auto start = Clock::now();
   static int waits = 0;
-  EXPECT_EQ(vencbuf_get(goes_on, [] { waits++; }), nullptr);
+  EXPECT_EQ(vencbuf_get(goes_on, [] { ++waits; }), nullptr);
   EXPECT_EQ(waits, 25);
   EXPECT_GT(Clock::now() - start, 2400ms);
   EXPECT_LT(Clock::now() - start, 4s);
@@ -218,8 +222,8 @@ TEST_F(RingTest, SlotThatTheWriterTakesBackIsNeverTaken) {
     while (!end.stop_requested()) {
       u32 expected = kSlotReady;
       if (state.compare_exchange_strong(expected, kWriting)) {
-        taken_back++;
-        for (int i = 0; i < 20; i++) collisions += state.load() != kWriting;
+        ++taken_back;
+        for (int i = 0; i < 20; ++i) collisions += state.load() != kWriting;
       }
       if (expected != kSlotReading) state.store(kSlotReady);
       if (value(ready) == 0) sem_post(ready);

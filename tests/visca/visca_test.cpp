@@ -77,7 +77,7 @@ TEST(Ptz, RelaysReachTheServer) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Dis params get failed!\n");
 }
 
-/// A line with the controller's end in the test's hands; `held` is a second descriptor of the service's end.
+// A line with the controller's end in the test's hands; `held` is a second descriptor of the service's end.
 class Uart : public testing::Test {
  protected:
   Uart() {
@@ -94,14 +94,14 @@ class Uart : public testing::Test {
     ioctl(held, FIONREAD, &count);
     return count;
   }
-  /// Puts bytes on the line and waits until they can be read.
+  // Puts bytes on the line and waits until they can be read.
   void deliver(const Bytes& bytes) const {
     const int target = waiting() + static_cast<int>(bytes.size());
     ASSERT_EQ(write(controller, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     while (waiting() < target) usleep(100);
   }
   void discard() const { tcflush(held, TCIFLUSH); }
-  /// The next bytes that the service has sent.
+  // The next bytes that the service has sent.
   Bytes sent(std::size_t count) const {
     Bytes bytes(count);
     for (std::size_t got = 0; got < count;) {
@@ -193,7 +193,7 @@ TEST_F(Uart, WritesWholeFramesOrFails) {
   EXPECT_EQ(refused(7), "uart_write_buf error\n");
 }
 
-/// A read in one turn of the worker, with the signature of uart_read_buf.
+// A read in one turn of the worker, with the signature of uart_read_buf.
 i32 read_by_worker(u8* buffer, i32) {
   UartExchange exchange;
   exchange.read_requested = 1;

@@ -54,7 +54,7 @@ TEST(FaultScript, FormsAreShownAndCompleted) {
   EXPECT_THAT(sim::completions({"fault", "encoder", "slow", ""}), testing::Optional(Contains("by")));
 }
 
-/// How long a request to the system server takes.
+// How long a request to the system server takes.
 Clock::duration time_of_a_request() {
   const auto begin = Clock::now();
   EXPECT_EQ(VeltoRequest20(1), 0);

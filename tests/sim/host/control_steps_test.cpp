@@ -35,7 +35,7 @@ TEST(ControlSteps, AreJudgedByFramesAndBothQuantities) {
   for (const auto& c : cases) EXPECT_EQ(verdict(pan, c.outcome), c.verdict) << measured_text(pan, c.outcome);
 }
 
-/// A camera that takes every frame and shows a still picture passes for none but the pauses.
+// A camera that takes every frame and shows a still picture passes for none but the pauses.
 TEST(ControlSteps, NoneIsRightForACameraThatDoesNotObey) {
   MeasuredPicture still{.width = 320, .height = 164, .luma = {}, .mean_luma = 100, .luma_deviation = 50};
   for (u32 i = 0; i < still.width * still.height; ++i)

@@ -17,8 +17,8 @@ using testing::IsEmpty;
 
 constexpr u32 kFrame = 1280 * 720 * 2;
 
-/// The node as the service sets it up, with three mapped buffers, and none of them queued. Calls give 0 or
-/// errno.
+// The node as the service sets it up, with three mapped buffers, none of them queued. Its calls give 0 or the
+// value of errno.
 class Node : public UvcTest {
  protected:
   void SetUp() override {
@@ -61,7 +61,7 @@ class Node : public UvcTest {
     for (u8 i = 1; i < kUvcRequestDataSize; ++i) response.data[i] = static_cast<u8>(first + i);
     return call(UVCIOC_SEND_RESPONSE, &response);
   }
-  /// Answers events on a thread of its own until the end of the scope.
+  // Answers events on a thread of its own until the end of the scope.
   template <typename Answer>
   static std::jthread answering(Answer answer) {
     return std::jthread([answer](std::stop_token end) {
