@@ -25,13 +25,24 @@ constexpr std::chrono::milliseconds kPrompt{2};
 // How long an answer that may be the request's own is kept in case another one follows.
 constexpr std::chrono::milliseconds kKept{500};
 
+void nothing_is_owed(MsgChannel& channel) {
+  channel.owed = 0;
+  channel.suspected = false;
+}
+
+// One of the owed answers has come. If one of them was only suspected, so is the last that remains.
+void one_has_come(MsgChannel& channel) {
+  if (--channel.owed == 0) return nothing_is_owed(channel);
+  if (channel.suspected && channel.owed == 1) channel.owed_since = {};
+}
+
 // Finds the queue by its key if the known one is gone. A fresh queue holds nothing that was owed.
 bool found_again(MsgChannel& channel) {
   if (errno != EIDRM && errno != EINVAL) return false;
   const i32 queue = sys::msgget(channel.key, 0);
   if (queue < 0 || queue == channel.queue) return false;
   channel.queue = queue;
-  channel.owed = 0;
+  nothing_is_owed(channel);
   return true;
 }
 
@@ -45,7 +56,7 @@ bool throw_away(MsgChannel& channel, int flags) {
   long nothing_but_type;
   CancelPoint here;
   if (msgrcv(channel.queue, &nothing_but_type, 0, channel.process, MSG_NOERROR | flags) < 0) return false;
-  --channel.owed;
+  one_has_come(channel);
   return true;
 }
 
@@ -84,6 +95,13 @@ struct Received {
   bool perhaps_own = false;  // they are the result unless another answer follows
 };
 
+// An answer that has not come for so long was most likely lost, or taken for an earlier one.
+void only_suspect(MsgChannel& channel) {
+  channel.owed = 1;
+  channel.suspected = true;
+  channel.owed_since = {};
+}
+
 bool only_suspected(const MsgChannel& channel) { return channel.owed_since == Clock::time_point{}; }
 
 // Receives until nothing is owed any more. Each round looks at the server's queue before this process's: an
@@ -96,13 +114,13 @@ Received receive_owed(MsgChannel& channel, const Request& request) {
     if (bytes >= 0) {
       const bool own = request.server_was_idle && Clock::now() - request.sent < kPrompt;
       last = {bytes, own, only_suspected(channel)};
-      channel.owed = own ? 0 : channel.owed - 1;
+      own ? nothing_is_owed(channel) : one_has_come(channel);
     } else if (errno == E2BIG) {
       throw_away(channel, IPC_NOWAIT);
     } else if (errno != ENOMSG || uvc_stream_state.exit_flag) {
       return {-1, true};
     } else if (taken) {
-      channel.owed = 0;
+      nothing_is_owed(channel);
     } else if (WaitLimit::over()) {
       return {give_up(channel, request), true};
     } else {
@@ -146,6 +164,7 @@ i32 Msg_Notify(MsgChannel& channel, const void* record, std::size_t size) {
 }
 
 ssize_t Msg_Transact(MsgChannel& channel, void* record, std::size_t size) {
+  if (channel.owed > 0 && Clock::now() >= channel.owed_since + kOwedPatience) only_suspect(channel);
   if (drain(channel, record, size) < 0) return -1;
   const bool server_was_idle = channel.owed > 0 && server_has_taken_all(channel);
   if (Msg_Notify(channel, record, size) < 0) return -1;

@@ -9,13 +9,14 @@
 // A process that has just started has given nothing up, but the one before it may have died in the middle
 // of a transaction, so one answer is owed from the start. Since that is only a suspicion, an answer that
 // would be thrown away for this reason alone is kept, and is used after all if no other answer follows
-// within 500 ms.
+// within 500 ms. The same holds for a debt that is 8 s old: its answer was most likely lost.
 //
 // All functions must be called by a thread that holds the channel's lock, and they keep its WaitLimit.
 #pragma once
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 
 #include "common/bytes.h"
@@ -27,9 +28,14 @@ struct MsgChannel {
   i32 queue = -1;
   /// How many answers still belong to former transactions.
   u32 owed = 1;
-  /// When the last of their requests was sent; 0 stands for the suspicion at the start.
+  /// Whether one of these may not exist.
+  bool suspected = true;
+  /// When the last of their requests was sent; 0 while only the suspected one is left.
   WaitLimit::Clock::time_point owed_since = {};
 };
+
+/// How long an answer may be late.
+constexpr std::chrono::seconds kOwedPatience{8};
 
 /// Throws away those owed answers that have come. Called before a record is filled.
 void Msg_Settle(MsgChannel& channel);

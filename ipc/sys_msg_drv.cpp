@@ -35,9 +35,8 @@ constexpr std::size_t kRecordSize = kMsgTypeSize + kSysMsgPayload;
 
 using Clock = WaitLimit::Clock;
 
-// The slot belongs to the server until it has answered. This is how long a new body waits for an answer that
-// is owed, counted from that answer's request, and how much of its own time it keeps for its own answer.
-constexpr std::chrono::seconds kOwedPatience{8};
+// The slot belongs to the server until it has answered. A new body waits for an answer that is owed, but
+// keeps this much of its own time for its own answer.
 constexpr std::chrono::milliseconds kOwnShare{1500};
 
 struct Driver {

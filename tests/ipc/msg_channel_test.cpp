@@ -51,7 +51,7 @@ TEST_F(MsgChannelTest, AnAnswerBelongsToItsRequestHoweverLateItComes) {
   give_up(1);  // taken and answered before the next is asked
   peer.take();
   answer(1);
-  EXPECT_EQ(ask_while(2, [&] { take_and_answer(); }), 2);
+  EXPECT_EQ(ask_while(2, [&] { usleep(20'000), take_and_answer(); }), 2) << "no more is owed from the start";
 
   give_up(3);  // both are taken only after the second was sent
   EXPECT_EQ(ask_while(4, [&] { usleep(20'000), take_and_answer(), take_and_answer(); }), 4);
@@ -85,6 +85,16 @@ TEST_F(MsgChannelTest, ALostAnswerIsForgottenOnceTheServerTakesTheNextRequest) {
       };
       EXPECT_EQ(ask_while(number, work), number);
     }
+  }
+}
+
+TEST_F(MsgChannelTest, ADebtOf8SecondsIsOnlySuspected) {
+  for (const i32 debts : {1, 2}) {
+    channel.owed = debts;
+    channel.suspected = false;
+    channel.owed_since = WaitLimit::Clock::now() - 8s;
+    EXPECT_EQ(ask_while(1, [&] { usleep(20'000), take_and_answer(); }), 1);
+    EXPECT_EQ(channel.owed, 0u);
   }
 }
 
