@@ -49,7 +49,8 @@ ControlProbe::ControlProbe() : server_(sim::ServerOptions{}) {
   print_level = 1;
   run_.write_file("/opt/base/sys_update", "");
   sys::system("chmod +x /opt/base/sys_update; insmod /opt/vcam/ko/extdrv/g_webcam.ko");
-  require(VeltoDrvInit(kVeltoProcess) == 0 && InitSysMsgDrv(kSysMsgProcess) == 0, "no connection to the system server");
+  require(VeltoDrvInit(kVeltoProcess) == 0 && InitSysMsgDrv(kSysMsgProcess) == 0,
+          "no connection to the system server");
   require(uvc_device_open() == 0, "no gadget node");
   usb_disconnect_word = &disconnect_word_;
   news();

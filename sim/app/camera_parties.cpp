@@ -67,7 +67,8 @@ void Program::take_fault(const std::string& line) {
   }
   const auto set = [this, fault](bool on) {
     if (set_fault(parties_, fault->kind, on)) return;
-    std::fprintf(stderr, "camera_parties: this program plays neither node nor cable: %s\n", fault->text.c_str());
+    std::fprintf(stderr, "camera_parties: this program plays neither node nor cable: %s\n",
+                 fault->text.c_str());
   };
   timeline_.in(fault->at, [set] { set(true); });
   if (fault->duration) timeline_.in(fault->at + *fault->duration, [set] { set(false); });

@@ -104,7 +104,8 @@ void check_version(Session& session) {
 void control_plan(Session& session) {
   UsbHost& host = session.camera().host;
   if (!session.going_on()) return;
-  if (!host.start(kStream)) return session.complain("cannot start the stream to drive the camera: " + host.error());
+  if (!host.start(kStream))
+    return session.complain("cannot start the stream to drive the camera: " + host.error());
   print_row("step", "VISCA that the server received", "expected", "measured", "verdict");
   for (const ControlStep& step : control_steps()) {
     if (!session.going_on()) break;

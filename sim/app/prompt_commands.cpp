@@ -134,8 +134,8 @@ Choices any_file(Words) { return std::nullopt; }
 
 constexpr Command kCommands[] = {
     {"help", "[COMMAND]", "this list, or more about one", 0, 1, help, help_choices},
-    {"controls", "", "every control with its limits, as the camera reports them", 0, 0, list_controls, nullptr,
-     true},
+    {"controls", "", "every control with its limits, as the camera reports them", 0, 0, list_controls,
+     nullptr, true},
     {"get", "NAME... | all", "values of controls", 1, kAnyNumber, get_controls, get_choices, true},
     {"set", "NAME VALUE [NAME VALUE]...", "set controls, one after the other", 2, kAnyNumber, set_controls,
      set_choices, true},
