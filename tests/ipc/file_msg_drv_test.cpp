@@ -109,6 +109,9 @@ TEST_F(FileMsgDrv, SettersWriteTheirFieldAndTellTheServer) {
   const Setter setters[] = {
       {[] { return SetSysWord240(0x12345678); }, "240:78563412", "20:02000000"},
       {[] { return SetSysHalf266(0x1234); }, "266:3412", "20:02000000"},
+      {[] { return SetSysHalf272(0x1234); }, "272:3412", "20:02000000"},
+      {[] { return SetSysHalf274(0x1234); }, "274:3412", "20:02000000"},
+      {[] { return SetSysHalf276(0x1234); }, "276:3412", "20:02000000"},
       {[] { return SetSysByte279(9); }, "279:09", "20:02000000"},
       {[] { return SetSysMac("02:a6:5"); }, "244:02A605000000", "20:02000000"},
       {[] { return SetSysWebPort(8080); }, "264:901F", "20:02000000"},
