@@ -53,7 +53,7 @@ i32 VeltoGetFrame5(VeltoFrame& frame);
 /// Command 9: the same words for its stream type. Returns the serial, or -1 when the status is -1, or -2 when
 /// it is any other but 0.
 i32 VeltoGetFrame9(VeltoFrame& frame);
-/// Command 6, one-way: tells serial and stream type.
+/// Command 6, one-way, sends serial and stream type.
 i32 VeltoSend6(const VeltoFrame& frame);
 /// Command 7: pool offset and size of the data block for the stream type. Returns the size.
 i32 VeltoGetBlock(VeltoFrame& frame);
