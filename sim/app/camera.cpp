@@ -1,5 +1,6 @@
 #include "sim/app/camera.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "sim/app/fault_script.h"
@@ -7,13 +8,48 @@
 
 namespace sim {
 
+namespace {
+
+// What the encoder gets if there is no server that brings it the service's own settings.
+struct SettingsRow {
+  StreamFormat format;
+  EncoderCodec codec;
+  i32 rc_mode;
+  i32 rc_param[5];
+};
+constexpr SettingsRow kSettings[] = {
+    {StreamFormat::kMjpeg, kCodecMjpeg, 1, {16384, 99, 60}},
+    {StreamFormat::kH264, kCodecH264, 0, {1, 60, 8192}},
+    {StreamFormat::kH265, kCodecH265, 0, {60, 8192}},
+    {StreamFormat::kYuy2, kCodecYuy2, 0, {}},
+};
+
+EncoderSettingsMessage settings_for(const StreamChoice& choice) {
+  const SettingsRow& row = *std::ranges::find(kSettings, choice.format, &SettingsRow::format);
+  EncoderSettings settings{choice.size.width, choice.size.height, static_cast<i32>(choice.rate), 0,
+                           row.codec,         row.rc_mode,        {}};
+  std::ranges::copy(row.rc_param, settings.rc_param);
+  return {2, 1, settings};
+}
+
+}  // namespace
+
 Camera::Camera(const Options& options)
-    : parties({.source = options.source, .yuv422 = options.yuv422, .extra_stride = options.extra_stride},
+    : parties({.source = options.source,
+               .yuv422 = options.yuv422,
+               .extra_stride = options.extra_stride,
+               .encodes = options.cast.encoder},
               {.output = options.log_level ? stdout : nullptr,
                .level = options.log_level.value_or(0),
-               .contains = {}}),
-      conversation(node, [this](std::size_t from) { return parties.server.received(from); }),
+               .contains = {}},
+              options.cast),
+      conversation(node, [this](std::size_t from) { return received(parties, from); }),
       host(node, conversation, options.paced) {
+  if (!options.cast.server) {
+    host.on_stream([this](const StreamChoice* choice) {
+      parties.media.apply(choice ? settings_for(*choice) : EncoderSettingsMessage{});
+    });
+  }
   if (!options.print_level.empty()) {
     run.write_file("/opt/params/print.conf", "uvc_gadget=" + options.print_level + '\n');
   }

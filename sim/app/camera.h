@@ -13,7 +13,8 @@ struct Fault;
 struct Options;
 
 struct Camera {
-  /// Faults of the options that hold from the start are set already.
+  /// Faults of the options that hold from the start are set already. Without a server that brings the encoder
+  /// its settings, the encoder follows what the host commits.
   explicit Camera(const Options& options);
 
   Run run;
@@ -23,7 +24,7 @@ struct Camera {
   UsbHost host;
 };
 
-/// Sets the fault, or ends it.
+/// Sets the fault, or ends it. Its party must be played here.
 void set_fault(Camera& camera, const Fault& fault, bool on);
 
 }  // namespace sim

@@ -75,7 +75,7 @@ void Program::take_fault(const std::string& line) {
 }
 
 void Program::write_server_log() {
-  const auto lines = parties_.server.received(server_lines_);
+  const auto lines = parties_.server->received(server_lines_);
   server_lines_ += lines.size();
   for (const std::string& line : lines) std::fprintf(server_log_.get(), "%s\n", line.c_str());
   std::fflush(server_log_.get());

@@ -4,15 +4,35 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <optional>
+#include <thread>
 
 #include "sim/app/control_plan.h"
 #include "sim/app/options.h"
 #include "sim/app/prompt.h"
+#include "sim/app/replay_plan.h"
+#include "sim/app/run_names.h"
 #include "sim/app/session.h"
+#include "sim/app/stream_copy.h"
 #include "sim/app/stream_plan.h"
+#include "sim/media/ring_watcher.h"
 
 namespace sim {
 namespace {
+
+// Waits for the first thing that a party of the user's own creates. Returns false if Ctrl-C comes first.
+bool wait_for(const char* party, bool (*exists)()) {
+  if (exists()) return true;
+  std::printf("waiting for your own %s\n", party);
+  std::fflush(stdout);
+  while (!interrupted && !exists()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  return !interrupted;
+}
+
+bool wait_for_own_parties(const Options& options) {
+  return (options.cast.server || wait_for("server", server_exists)) &&
+         (options.cast.encoder || wait_for("encoder", ring_exists));
+}
 
 int run(const Options& options) {
   std::error_code failure;
@@ -23,17 +43,28 @@ int run(const Options& options) {
     std::perror(log_path.c_str());
     return 2;
   }
+  std::optional<StreamCopy> copy;
+  if (!options.to.empty() && !copy.emplace(options.to).stream()) {
+    std::perror(options.to.c_str());
+    return 2;
+  }
   catch_signals();
-  Session session(options, log.get());
+  Camera camera(options);
+  if (!tell_run_names(options.out + "/run.env") || !wait_for_own_parties(options)) return 2;
+  Session session(options, camera, log.get());
   if (session.wait_for_device()) {
     if (options.prompt) prompt(session);
-    if (options.streams()) stream_plan(session);
+    if (!options.replay.empty()) replay_plan(session);
+    if (options.streams()) stream_plan(session, copy ? &copy->stream() : nullptr);
     if (options.controls()) control_plan(session);
   }
   session.end_service();
   session.print_counts();
+  bool written = true;
+  for (const std::string& path : options.results)
+    written = write_results(path, "camera_sim", session.findings()) && written;
   if (interrupted && !options.stay) return 130;
-  return session.good() ? 0 : 1;
+  return session.good() && written ? 0 : 1;
 }
 
 }  // namespace

@@ -65,9 +65,9 @@ StepOutcome take(Session& session, const ControlStep& step) {
   Camera& camera = session.camera();
   const auto before = camera.host.picture(session.picture_path(step.name + std::string(" before")));
   if (!before) return {.error = "no picture before"};
-  const std::size_t from = camera.parties.server.received().size();
+  const std::size_t from = received(camera.parties).size();
   if (!set_all(session, step)) return {.error = "refused by the camera"};
-  StepOutcome outcome{.frames = visca_frames(camera.parties.server.received(from))};
+  StepOutcome outcome{.frames = visca_frames(received(camera.parties, from))};
   if (!session.wait(kRestLimit, [&] { return !camera.parties.head.moving(); }))
     outcome.error = "still moving";
   const auto after = camera.host.picture(session.picture_path(step.name + std::string(" after")));
@@ -96,7 +96,7 @@ void check_version(Session& session) {
   const std::string version = version_text(answer.data);
   const bool right = version == kBuildVersion;
   print_row("version record", "none", kBuildVersion, version, right ? "right" : "another version");
-  session.judge(right);
+  session.keep({.group = "controls", .name = "version record", .good = right, .verdict = version});
 }
 
 }  // namespace
@@ -112,7 +112,7 @@ void control_plan(Session& session) {
     const StepOutcome outcome = take(session, step);
     const std::string found = verdict(step, outcome);
     print_row(step.name, joined(outcome.frames), expected_text(step), measured_text(step, outcome), found);
-    session.judge(found == "right");
+    session.keep({.group = "controls", .name = step.name, .good = found == "right", .verdict = found});
   }
   if (session.going_on()) check_version(session);
   if (!session.service().running()) host.unplug();  // as the driver does then

@@ -66,6 +66,13 @@ Complaint set_log_level(Options& options, std::string_view text) {
   return found != std::end(kLevels) ? "" : "not one of assert error warn info debug verbose";
 }
 
+Complaint leave_out(Options& options, std::string_view text) {
+  const auto found = std::ranges::find(kParties, text, &PartyName::name);
+  if (found == std::end(kParties)) return "not one of encoder server collector";
+  options.cast.*found->member = false;
+  return "";
+}
+
 Complaint set_extra_stride(Options& options, std::string_view text) {
   const auto bytes = parse_number<u32>(text, 0, 4096);
   options.extra_stride = bytes.value_or(0);
@@ -90,6 +97,14 @@ constexpr OptionRow kRows[] = {
     {"paced", nullptr, "frames take as long as on a high-speed bus",
      [](Options& options, std::string_view) { return options.paced = true, Complaint(); }},
     {"fault", "TEXT", "something goes wrong (see below); may be given several times", add_fault},
+    {"without", "PARTY", "leave out encoder, server or collector: a process of your own takes its place",
+     leave_out},
+    {"to", "FILE", "the received stream as it is (one format); -: standard output",
+     [](Options& options, std::string_view text) { return options.to = text, Complaint(); }},
+    {"replay", "FILE", "repeat the class requests of a capture and compare the answers",
+     [](Options& options, std::string_view text) { return options.replay = text, Complaint(); }},
+    {"results", "FILE", "what was found, as JSON, or if it ends in .xml, as JUnit; may be given twice",
+     [](Options& options, std::string_view text) { return options.results.emplace_back(text), Complaint(); }},
     {"print-level", "LEVEL", "the service's print level: debug, info, warn, error, verbose", set_print_level},
     {"log", "LEVEL", "print what the log collector gets, up to this level", set_log_level},
     {"out", "DIR", "folder for received pictures and the logs of service, server and node (out)",
@@ -153,6 +168,19 @@ Complaint check_size(const Options& options) {
   return std::string("camera_sim: ") + format.name + " has no such size; see camera_sim --list";
 }
 
+// Returns what options ask for that does not go together.
+Complaint check_together(const Options& options) {
+  for (const Fault& fault : options.faults) {
+    if (const char* party = missing_party(options.cast, fault))
+      return "camera_sim: --fault \"" + fault.text + "\": the " + party + " is left out";
+  }
+  if (options.control && !(options.cast.encoder && options.cast.server))
+    return "camera_sim: --control needs the simulator's own encoder and server";
+  if (!options.to.empty() && options.prompt)
+    return "camera_sim: at the prompt, \"stream FORMAT to FILE\" takes the place of --to";
+  return check_size(options);
+}
+
 // What getopt_long wants to know of the rows; a row's value is its index.
 std::vector<option> long_options() {
   std::vector<option> options;
@@ -198,7 +226,7 @@ std::optional<Options> parse_options(int argc, char** argv, int& exit_status) {
     return std::nullopt;
   }
   const Complaint complaint =
-      optind < argc ? std::string("camera_sim: what is \"") + argv[optind] + "\"?" : check_size(options);
+      optind < argc ? std::string("camera_sim: what is \"") + argv[optind] + "\"?" : check_together(options);
   if (complaint.empty()) return options;
   std::fprintf(stderr, "%s\n", complaint.c_str());
   return std::nullopt;

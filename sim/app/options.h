@@ -8,6 +8,7 @@
 
 #include "platform/uvc_formats.h"
 #include "sim/app/fault_script.h"
+#include "sim/app/parties.h"
 
 namespace sim {
 
@@ -22,6 +23,10 @@ struct Options {
   bool yuv422 = false;   ///< VPSS pictures in 4:2:2
   u32 extra_stride = 0;  ///< bytes by which their rows are longer than the picture
   std::vector<Fault> faults;
+  Cast cast;
+  std::string to;                    ///< file for the payloads of the one stream; "-": standard output
+  std::vector<std::string> results;  ///< files for what was found
+  std::string replay;                ///< a capture whose class requests are repeated
   std::string print_level;      ///< of the service; empty: its own
   std::optional<u8> log_level;  ///< the collector prints up to this level
   std::string out = "out";      ///< folder for pictures and logs
@@ -33,10 +38,13 @@ struct Options {
   bool prompt = false;
 
   /// One stream was asked for instead of the plan.
-  bool one_stream() const { return format || size || stay; }
-  /// What is to be done: the first table, the second one.
-  bool streams() const { return !prompt && (one_stream() || !control); }
-  bool controls() const { return !prompt && (control || !one_stream()); }
+  bool one_stream() const { return format || size || stay || !to.empty(); }
+  /// What is to be done: the first table, the second one. The steps of the second need the scene in the
+  /// pictures, hence the simulator's encoder, and show what its server received.
+  bool streams() const { return !prompt && replay.empty() && (one_stream() || !control); }
+  bool controls() const {
+    return !prompt && (control || (!one_stream() && replay.empty() && cast.encoder && cast.server));
+  }
 };
 
 /// "mjpeg", in capitals or not.

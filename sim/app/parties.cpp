@@ -27,21 +27,35 @@ void set_fault(Collector& collector, CollectorFault fault, bool on) {
 
 }  // namespace
 
-Parties::Parties(MediaOptions media_options, const CollectorOptions& collector_options)
-    : media(with_view(std::move(media_options), head)),
-      server({.pool_address = Media::pool_address(), .pool_size = Media::pool_size(), .head = &head}),
-      collector(collector_options) {
-  server.on_encoder_settings([this](const EncoderSettingsMessage& message) { media.apply(message); });
+const char* missing_party(const Cast& cast, const Fault& fault) {
+  if (!cast.server && std::holds_alternative<ServerFault>(fault.kind)) return "server";
+  if (!cast.encoder && std::holds_alternative<EncoderFault>(fault.kind)) return "encoder";
+  if (!cast.collector && std::holds_alternative<CollectorFault>(fault.kind)) return "collector";
+  return nullptr;
+}
+
+Parties::Parties(MediaOptions media_options, const CollectorOptions& collector_options, const Cast& cast)
+    : media(with_view(std::move(media_options), head)) {
+  if (cast.server) {
+    server.emplace(
+        ServerOptions{.pool_address = Media::pool_address(), .pool_size = Media::pool_size(), .head = &head});
+    server->on_encoder_settings([this](const EncoderSettingsMessage& message) { media.apply(message); });
+  }
+  if (cast.collector) collector.emplace(collector_options);
+}
+
+std::vector<std::string> received(const Parties& parties, std::size_t from) {
+  return parties.server ? parties.server->received(from) : std::vector<std::string>();
 }
 
 bool set_fault(Parties& parties, const Fault& fault, bool on) {
   if (const auto* server = std::get_if<ServerFault>(&fault.kind)) {
-    parties.server.set_fault(on ? *server : ServerFault::kNone,
+    parties.server->set_fault(on ? *server : ServerFault::kNone,
                              fault.by ? std::optional(in_milliseconds(*fault.by)) : std::nullopt);
   } else if (const auto* encoder = std::get_if<EncoderFault>(&fault.kind)) {
     parties.media.set_fault(on ? *encoder : EncoderFault::kNone, in_milliseconds(fault.by.value_or(0)));
   } else if (const auto* collector = std::get_if<CollectorFault>(&fault.kind)) {
-    set_fault(parties.collector, *collector, on);
+    set_fault(*parties.collector, *collector, on);
   } else {
     return false;
   }

@@ -31,7 +31,10 @@ void report(Session& session, const LineReader& reader, const Complaint& complai
     return;
   }
   std::fprintf(stderr, "line %u: %s\n", reader.line_number(), complaint.c_str());
-  session.judge(false);
+  session.keep({.group = "prompt",
+                .name = "line " + std::to_string(reader.line_number()),
+                .good = false,
+                .verdict = complaint});
 }
 
 // On a terminal Ctrl-C ends a line or a command, not the session.

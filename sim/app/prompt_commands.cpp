@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "sim/app/fault_script.h"
+#include "sim/app/options.h"
 #include "sim/app/text.h"
 
 namespace sim {
@@ -51,7 +52,10 @@ Complaint clear_faults(Prompt& prompt) {
   const FaultKind kinds[] = {NodeFault{},           ServerFault{},
                              EncoderFault{},        CollectorFault::kQueueFull,
                              CollectorFault::kGone, HostFault::kRests};
-  for (const FaultKind& kind : kinds) set_fault(prompt.session.camera(), {.kind = kind}, false);
+  for (const FaultKind& kind : kinds) {
+    if (const Fault fault{.kind = kind}; !missing_party(prompt.session.options().cast, fault))
+      set_fault(prompt.session.camera(), fault, false);
+  }
   return "";
 }
 
@@ -60,6 +64,8 @@ Complaint fault(Prompt& prompt, Words words) {
   std::string error;
   const auto fault = parse_fault(joined(words), error);
   if (!fault) return error + "; \"help fault\" shows the forms";
+  if (const char* party = missing_party(prompt.session.options().cast, *fault))
+    return std::string("the ") + party + " is left out";
   if (fault->at == 0) set_fault(prompt.session.camera(), *fault, true);
   prompt.session.schedule(*fault);
   return "";
@@ -94,7 +100,7 @@ Complaint look(Prompt& prompt, Words) {
 }
 
 Complaint server(Prompt& prompt, Words) {
-  const auto lines = prompt.session.camera().parties.server.received(prompt.server_lines);
+  const auto lines = received(prompt.session.camera().parties, prompt.server_lines);
   for (const std::string& line : lines) std::printf("%s\n", line.c_str());
   prompt.server_lines += lines.size();
   return "";

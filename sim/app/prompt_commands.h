@@ -1,7 +1,6 @@
 // The commands of the prompt, one row each.
 #pragma once
 
-#include <fstream>
 #include <optional>
 #include <span>
 #include <string>
@@ -9,6 +8,7 @@
 
 #include "sim/app/line_reader.h"
 #include "sim/app/session.h"
+#include "sim/app/stream_copy.h"
 #include "sim/app/text.h"
 
 namespace sim {
@@ -16,8 +16,8 @@ namespace sim {
 /// A stream that runs until a command ends it.
 struct RunningStream {
   StreamChoice choice;
-  unsigned unplugs;    ///< the host's count when it began
-  std::ofstream copy;  ///< open if the payloads are to be written
+  unsigned unplugs;                ///< the host's count when it began
+  std::optional<StreamCopy> copy;  ///< of the payloads, if they are to be written
 };
 
 /// What the commands have in common.

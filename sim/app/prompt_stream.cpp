@@ -49,13 +49,12 @@ Complaint start_stream(Prompt& prompt, const Order& order) {
   if (prompt.stream) return "a stream is running already: " + name_of(prompt.stream->choice);
   UsbHost& host = prompt.session.camera().host;
   if (!host.plugged()) return kUnplugged;
-  prompt.stream = RunningStream{order.choice, host.unplugs(), {}};
-  std::ofstream& copy = prompt.stream->copy;
-  if (!order.file.empty()) copy.open(order.file, std::ios::binary);
+  auto& copy = prompt.stream.emplace(order.choice, host.unplugs()).copy;
+  if (!order.file.empty()) copy.emplace(order.file);
   Complaint complaint;
-  if (!copy) {
+  if (copy && !copy->stream()) {
     complaint = order.file + " cannot be written";
-  } else if (!host.start(order.choice, copy.is_open() ? &copy : nullptr)) {
+  } else if (!host.start(order.choice, copy ? &copy->stream() : nullptr)) {
     complaint = host.error();
   }
   if (!complaint.empty()) prompt.stream.reset();
@@ -73,7 +72,8 @@ void wait_for_stream(Prompt& prompt, double seconds) {
   const std::chrono::duration<double> time(seconds);
   const auto end = Session::Clock::now() + std::chrono::duration_cast<Session::Clock::duration>(time);
   const auto over = [&] {
-    return session.camera().host.unplugs() != prompt.stream->unplugs || Session::Clock::now() >= end;
+    const UsbHost& host = session.camera().host;
+    return host.unplugs() != prompt.stream->unplugs || Session::Clock::now() >= end || !host.progress().copied;
   };
   while (session.going_on() && !over()) {
     session.wait(200ms, over);
@@ -92,11 +92,8 @@ Complaint stop_stream(Prompt& prompt) {
   row.error = prompt.session.service().running() ? host.error() : "the service has ended";
   print_table_head();
   print_row(row);
-  std::ofstream& copy = prompt.stream->copy;
-  if (copy.is_open()) copy.close();
-  const bool written = !copy.fail();
+  prompt.session.keep(finding_of(row));
   prompt.stream.reset();
-  if (!written) return "the file could not be written";
   return is_good(row) ? "" : "the stream was not whole: " + verdict(row);
 }
 

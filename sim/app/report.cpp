@@ -11,7 +11,6 @@ namespace {
 
 constexpr double kLeastShareOfRate = 0.9;
 constexpr char kEraseLine[] = "\r\033[K";
-constexpr char kWhole[] = "whole";
 
 const char* line_start() { return isatty(STDOUT_FILENO) ? kEraseLine : ""; }
 
@@ -33,17 +32,48 @@ std::string defects(const StreamReport& report) {
   return text;
 }
 
-std::string verdict(const ReportRow& row) {
+namespace {
+
+// Returns what is wrong with the stream; empty if nothing is.
+std::string complaint(const ReportRow& row) {
   if (!row.error.empty()) return row.error;
+  if (!row.result.copied) return "the copy was not taken to the end";
   if (row.result.report.frames == 0) return "no picture";
   if (const std::string wrong = defects(row.result.report); !wrong.empty()) return wrong;
-  if (row.result.rate() >= kLeastShareOfRate * row.asked_rate) return kWhole;
+  if (row.result.rate() >= kLeastShareOfRate * row.asked_rate) return "";
   char text[64];
   std::snprintf(text, sizeof(text), "slow: %.1f of %u frames/s", row.result.rate(), row.asked_rate);
   return text;
 }
 
-bool is_good(const ReportRow& row) { return verdict(row) == kWhole; }
+}  // namespace
+
+bool is_good(const ReportRow& row) { return complaint(row).empty(); }
+
+std::string verdict(const ReportRow& row) {
+  if (!is_good(row)) return complaint(row);
+  return row.result.report.counted ? "whole" : "whole, no counter";
+}
+
+Finding finding_of(const ReportRow& row) {
+  const StreamReport& report = row.result.report;
+  return {.group = "streams",
+          .name = row.name,
+          .good = is_good(row),
+          .verdict = verdict(row),
+          .seconds = row.result.seconds,
+          .figures = {{"frames", report.frames},
+                      {"frames/s", row.result.rate()},
+                      {"bytes", report.bytes},
+                      {"latency ms", report.latency_ms},
+                      {"greatest latency ms", report.latency_max_ms},
+                      {"first picture ms", row.result.first_picture_ms},
+                      {"lost", report.lost},
+                      {"torn", report.torn},
+                      {"repeated", report.repeated},
+                      {"stale", report.stale},
+                      {"empty", report.empty}}};
+}
 
 void print_table_head() {
   std::printf("%-22s %6s %8s %11s %15s  %-25s %8s  %s\n", "stream", "frames", "frames/s", "bytes/frame",

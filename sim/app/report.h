@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "sim/app/results.h"
 #include "sim/host/usb_host.h"
 
 namespace sim {
@@ -19,6 +20,7 @@ std::string defects(const StreamReport& report);
 /// Returns "whole", or what is wrong: "torn 2, lost 1", "slow: 21.0 of 30 frames/s".
 std::string verdict(const ReportRow& row);
 bool is_good(const ReportRow& row);
+Finding finding_of(const ReportRow& row);
 
 void print_table_head();
 void print_row(const ReportRow& row);

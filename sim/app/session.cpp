@@ -41,8 +41,8 @@ void catch_signals() {
   signal(SIGPIPE, SIG_IGN);  // a closed standard output must not keep the cleanup from running
 }
 
-Session::Session(const Options& options, std::FILE* service_log)
-    : options_(options), camera_(options), service_(service_program(options), service_log, options.verbose) {
+Session::Session(const Options& options, Camera& camera, std::FILE* service_log)
+    : options_(options), camera_(camera), service_(service_program(options), service_log, options.verbose) {
   for (const Fault& fault : options.faults) schedule(fault);
 }
 
@@ -60,7 +60,7 @@ std::string Session::picture_path(std::string name) const {
 
 void Session::complain(const std::string& what) {
   std::printf("%s\n", what.c_str());
-  good_ = false;
+  keep({.group = "run", .name = "trouble", .good = false, .verdict = what});
 }
 
 bool Session::wait_for_device() {
@@ -74,7 +74,8 @@ bool Session::wait_for_device() {
   if (options_.stay)
     std::printf("attach a debugger with: gdb -p %d; Ctrl-C ends everything\n", service_.pid());
   camera_.host.replug();
-  if (camera_.host.enumerate()) return true;
+  const bool capture_enumerates = !options_.replay.empty();
+  if (capture_enumerates || camera_.host.enumerate()) return true;
   complain("the device is not as expected: " + camera_.host.error());
   return false;
 }
@@ -88,23 +89,32 @@ void Session::end_service() {
   const auto seconds = service_.stop(kServicePatience);
   if (!seconds) return complain("the service did not end within 5 s of SIGTERM and was killed");
   std::printf("service: %s, %.3f s after SIGTERM\n", service_.how_it_ended().c_str(), *seconds);
-  judge(service_.ended_with_success() && *seconds <= kServiceEnd);
+  keep({.group = "run",
+        .name = "service ends",
+        .good = service_.ended_with_success() && *seconds <= kServiceEnd,
+        .verdict = service_.how_it_ended(),
+        .seconds = *seconds});
 }
 
 void Session::print_counts() {
-  const Collector::Counts log = camera_.parties.collector.counts();
-  const Media::Counts media = camera_.parties.media.counts();
-  std::printf(
-      "log: %lu lines, %lu malformed, %lu dropped by the service; server: %zu requests, %lu refused; "
-      "media: %lu pictures, %lu encoded, %lu dropped\n",
-      log.lines, log.malformed, service_.dropped_log_lines(), camera_.parties.server.received().size(),
-      camera_.parties.server.refused(), media.pictures, media.encoded, media.dropped);
-  write_lines(options_.out + "/server.log", camera_.parties.server.received());
+  const Parties& parties = camera_.parties;
+  if (parties.collector) {
+    const Collector::Counts log = parties.collector->counts();
+    std::printf("log: %lu lines, %lu malformed, %lu dropped by the service\n", log.lines, log.malformed,
+                service_.dropped_log_lines());
+  }
+  if (parties.server) {
+    std::printf("server: %zu requests, %lu refused\n", parties.server->received().size(),
+                parties.server->refused());
+  }
+  const Media::Counts media = parties.media.counts();
+  std::printf("media: %lu pictures, %lu encoded, %lu dropped\n", media.pictures, media.encoded, media.dropped);
+  write_lines(options_.out + "/server.log", received(parties));
   const auto exchanges = camera_.conversation.exchanges();
   std::vector<std::string> lines;
   std::ranges::transform(exchanges, std::back_inserter(lines), describe);
   write_lines(options_.out + "/conversation.log", lines);
-  judge(write_pcap(options_.out + "/conversation.pcap", exchanges));
+  if (!write_pcap(options_.out + "/conversation.pcap", exchanges)) complain("the capture is not complete");
   write_lines(options_.out + "/node.log", {camera_.node.call_log()});
   for (const std::string& error : camera_.node.protocol_errors()) complain("gadget driver: " + error);
 }

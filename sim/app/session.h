@@ -4,12 +4,15 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "sim/app/camera.h"
+#include "sim/app/results.h"
 #include "sim/app/service_process.h"
 #include "sim/app/timeline.h"
 
@@ -26,15 +29,16 @@ class Session {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// Starts the service, whose output goes to `service_log`. The options must outlive the session.
-  Session(const Options& options, std::FILE* service_log);
+  /// Starts the service in `camera`, with its output to `service_log`. The arguments must outlive the session.
+  Session(const Options& options, Camera& camera, std::FILE* service_log);
 
   const Options& options() const { return options_; }
   Camera& camera() { return camera_; }
   ServiceProcess& service() { return service_; }
   Timeline& timeline() { return timeline_; }
 
-  /// Waits until the device is on the bus and enumerated. Complains and returns false if that fails.
+  /// Waits until the device is on the bus and enumerated, unless a capture is to be repeated, which does that.
+  /// Complains and returns false if that fails.
   bool wait_for_device();
   /// Returns false if the limit passed, the service ended or Ctrl-C came before the condition held.
   template <class Condition>
@@ -45,10 +49,12 @@ class Session {
   /// 1280x720" becomes replug-mjpeg-1280x720.png.
   std::string picture_path(std::string name) const;
 
-  /// Prints what went wrong; the session then counts as failed.
+  /// Keeps what was found; the session has failed if one of them is not good.
+  void keep(Finding finding) { findings_.push_back(std::move(finding)); }
+  /// Prints what went wrong, and keeps it.
   void complain(const std::string& what);
-  void judge(bool good) { good_ = good_ && good; }
-  bool good() const { return good_; }
+  const std::vector<Finding>& findings() const { return findings_; }
+  bool good() const { return std::ranges::all_of(findings_, &Finding::good); }
 
   /// Sets the fault when its time from now has passed, or never if that time is 0, and ends it
   /// after its duration.
@@ -61,10 +67,10 @@ class Session {
 
  private:
   const Options& options_;
-  Camera camera_;
+  Camera& camera_;
   ServiceProcess service_;
   Timeline timeline_;
-  bool good_ = true;
+  std::vector<Finding> findings_;
 };
 
 template <class Condition>

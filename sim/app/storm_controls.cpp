@@ -43,8 +43,8 @@ StormControls::StormControls(Camera& camera, const Metronome& metronome, StormTa
                              u32 seed)
     : camera_(camera), metronome_(metronome), tally_(tally), log_(log), random_(seed) {
   std::ranges::transform(kImages, last_, &Image::least);
-  heard_ = camera.parties.server.received().size();
-  refused_ = camera.parties.server.refused();
+  heard_ = camera.parties.server->received().size();
+  refused_ = camera.parties.server->refused();
   thread_ = std::thread([this] { run(); });
 }
 
@@ -171,7 +171,7 @@ std::optional<double> StormControls::come_back(double limit) {
 }
 
 std::vector<std::string> StormControls::received_settings() {
-  const auto lines = camera_.parties.server.received(heard_);
+  const auto lines = camera_.parties.server->received(heard_);
   heard_ += lines.size();
   std::vector<std::string> settings;
   for (const std::string& line : lines) {
@@ -199,7 +199,7 @@ void StormControls::judge_settings(bool may_lose) {
   }
   if (!may_lose && expected != sent_.end()) log_.fail("the server did not receive \"" + *expected + '"');
   sent_.clear();
-  const unsigned long before = std::exchange(refused_, camera_.parties.server.refused());
+  const unsigned long before = std::exchange(refused_, camera_.parties.server->refused());
   if (refused_ > before && !may_lose)
     log_.fail("the server refused " + std::to_string(refused_ - before) + " requests");
 }

@@ -37,7 +37,7 @@ v4l2_event reading() {
 
 // Brings the service into the state and leaves it there for a while.
 void StormLives::enter(const StormEnd& end) {
-  const auto server = [this](ServerFault fault) { camera_.parties.server.set_fault(fault); };
+  const auto server = [this](ServerFault fault) { camera_.parties.server->set_fault(fault); };
   StreamChoice choice = end.choice;
   if (end.state == StormState::kWaitsForPicture)
     choice = {StreamFormat::kYuy2, host_format(StreamFormat::kYuy2).sizes[0], end.choice.rate};
@@ -94,7 +94,7 @@ void StormLives::end(const StormEnd& end) {
 // No service, no host, all parties well.
 void StormLives::clear_up() {
   camera_.node.script("clear");
-  camera_.parties.server.set_fault(ServerFault::kNone);
+  camera_.parties.server->set_fault(ServerFault::kNone);
   camera_.parties.media.set_fault(EncoderFault::kNone);
   camera_.host.unplug();
   camera_.host.stop("");

@@ -41,15 +41,15 @@ std::vector<PlannedStream> planned_streams(const Options& options) {
 
 // Runs one stream until its time is over or the cable is pulled.
 ReportRow stream_once(Session& session, const std::string& name, const StreamChoice& choice,
-                      unsigned unplugs) {
+                      unsigned unplugs, std::ostream* copy) {
   UsbHost& host = session.camera().host;
   const Options& options = session.options();
   ReportRow row{name, choice.rate, {}, {}};
-  if (host.start(choice)) {
+  if (host.start(choice, copy)) {
     const auto length = options.stay ? 24h : std::chrono::duration<double>(options.duration);
     const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(length);
     const auto over = [&] { return host.unplugs() != unplugs || Clock::now() >= end; };
-    while (session.going_on() && !over()) {
+    while (session.going_on() && !over() && row.result.copied) {
       session.wait(200ms, over);
       row.result = host.progress();
       print_progress(row);
@@ -73,7 +73,7 @@ bool wait_for_cable(Session& session) {
 }
 
 // Streams once, and again after every unplug.
-void stream(Session& session, const PlannedStream& planned) {
+void stream(Session& session, const PlannedStream& planned, std::ostream* copy) {
   UsbHost& host = session.camera().host;
   const Options& options = session.options();
   const StreamChoice choice{planned.format, planned.size, options.rate};
@@ -83,19 +83,19 @@ void stream(Session& session, const PlannedStream& planned) {
   }
   for (std::string name = name_of(choice);; name = "replug " + name_of(choice)) {
     const unsigned unplugs = host.unplugs();
-    const ReportRow row = stream_once(session, name, choice, unplugs);
+    const ReportRow row = stream_once(session, name, choice, unplugs, copy);
     print_row(row);
-    session.judge(is_good(row));
+    session.keep(finding_of(row));
     if (host.unplugs() == unplugs || !wait_for_cable(session)) return;
   }
 }
 
 }  // namespace
 
-void stream_plan(Session& session) {
+void stream_plan(Session& session, std::ostream* copy) {
   print_table_head();
   for (const PlannedStream& planned : planned_streams(session.options())) {
-    if (session.going_on()) stream(session, planned);
+    if (session.going_on()) stream(session, planned, copy);
   }
 }
 

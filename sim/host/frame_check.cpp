@@ -77,9 +77,10 @@ bool FrameChecker::Impl::decode(std::span<const u8> payload) {
          picture->height == static_cast<int>(height);
 }
 
-// Returns the counter of a payload that is one whole frame of the scene.
+// Returns the counter of a payload that is one whole frame of the scene, or of the user's own encoder.
 std::optional<u32> FrameChecker::Impl::whole_counter(std::span<const u8> payload, u32 checksum) {
   if (!decode(payload)) return std::nullopt;
+  if (!report.counted) return counter_of(checksum, last);
   const LumaView luma{picture->data[0], width, height, static_cast<u32>(picture->linesize[0]),
                       format == StreamFormat::kYuy2 ? 2u : 1u};
   const auto counter = read_counter(luma, Strip::kTop);
@@ -121,6 +122,7 @@ void FrameChecker::Impl::classify(u32 counter, std::size_t size, i64 now) {
 FrameChecker::FrameChecker(StreamFormat format, u32 width, u32 height, i64 start) {
   av_log_set_level(AV_LOG_QUIET);
   impl_ = std::make_unique<Impl>(format, width, height, start ? start : monotonic_ns());
+  impl_->report.counted = format == StreamFormat::kYuy2 || !frames_are_known_by_their_bytes();
 }
 
 FrameChecker::~FrameChecker() = default;
@@ -133,7 +135,8 @@ void FrameChecker::feed(std::span<const u8> payload, i64 arrived) {
     return;
   }
   const u32 checksum = payload_checksum(payload);
-  if (std::exchange(impl_->last_checksum, checksum) == checksum) {
+  const bool again = std::exchange(impl_->last_checksum, checksum) == checksum;
+  if (again && report.counted) {
     ++report.repeated;
   } else if (const auto counter = impl_->whole_counter(payload, checksum)) {
     impl_->classify(*counter, payload.size(), now);

@@ -17,7 +17,8 @@ constexpr std::size_t kEmptyPayload = 2;
 enum class StreamFormat { kMjpeg = 1, kH264 = 2, kYuy2 = 3, kH265 = 4 };
 
 struct StreamReport {
-  unsigned long frames = 0;    ///< whole frames with a readable counter
+  bool counted = true;         ///< false: frames show no counter and are known by their bytes
+  unsigned long frames = 0;    ///< whole frames with a readable counter, or with bytes as they were written
   unsigned long empty = 0;     ///< empty payloads after the first picture
   unsigned long leading = 0;   ///< empty payloads before the first picture: normal at a stream start
   unsigned long lost = 0;      ///< counters skipped

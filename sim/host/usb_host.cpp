@@ -167,6 +167,7 @@ void UsbHost::Stream::check() {
     }
     checker_.feed(frame.data, std::chrono::nanoseconds(frame.arrived.time_since_epoch()).count());
     std::lock_guard guard(lock_);
+    result_.copied = !copy_ || copy_->good();
     result_.report = checker_.report();
     ++result_.payloads;
     picture_.reset(checker_.picture() ? av_frame_clone(checker_.picture()) : nullptr);
@@ -257,6 +258,7 @@ bool UsbHost::negotiate(const StreamChoice& choice) {
 bool UsbHost::start(const StreamChoice& choice, std::ostream* copy) {
   error_.clear();
   if (!negotiate(choice)) return false;
+  on_stream_(&choice);
   const auto begin = Clock::now();
   if (!node_.stream_on()) return fail("no VIDIOC_STREAMON after SET_INTERFACE 1");
   stream_ = std::make_unique<Stream>(node_, rests_, choice, paced_, begin, copy);
@@ -276,6 +278,7 @@ StreamResult UsbHost::stop(const std::string& png_path) {
   if (!stream_) return {};
   error_.clear();
   stream_->finish();
+  on_stream_(nullptr);
   if (plugged_ && !node_.stream_off()) fail("no VIDIOC_STREAMOFF after SET_INTERFACE 0");
   const StreamResult result = stream_->result();
   if (const auto picture = stream_->picture_after(-1, 0ms)) write_png(*picture, png_path);

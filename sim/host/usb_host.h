@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -39,6 +40,7 @@ std::optional<StreamChoice> choice_in(std::span<const u8> block);
 struct StreamResult {
   StreamReport report;
   unsigned long payloads = 0;    ///< everything that was taken
+  bool copied = true;            ///< false: the copy could not be written
   double seconds = 0;            ///< from the first picture's arrival to the end
   double first_picture_ms = -1;  ///< from SET_INTERFACE to its arrival; negative: none came
   double rate() const { return seconds > 0 ? static_cast<double>(report.frames) / seconds : 0; }
@@ -57,6 +59,8 @@ class UsbHost {
   UsbHost(NodeHost& node, Conversation& conversation, bool paced);
   ~UsbHost();
 
+  /// Called with what was committed before each stream, and with null after it. Set before the first stream.
+  void on_stream(std::function<void(const StreamChoice*)> handler) { on_stream_ = std::move(handler); }
   /// What a host asks when the device appears. False with error() when an answer is wrong.
   bool enumerate();
   /// Negotiates and starts a stream. Payloads with data go to `copy` as well, which outlives the stream.
@@ -96,6 +100,7 @@ class UsbHost {
   std::atomic<unsigned> unplugs_ = 0;
   std::atomic<bool> rests_ = false;
   std::string error_;
+  std::function<void(const StreamChoice*)> on_stream_ = [](const StreamChoice*) {};
   std::unique_ptr<Stream> stream_;
 };
 

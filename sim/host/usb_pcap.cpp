@@ -8,8 +8,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <memory>
 
+#include "sim/host/host_controls.h"
 #include "sim/host/usb_descriptors.h"
 
 namespace sim {
@@ -104,7 +106,87 @@ void Capture::add(const Exchange& exchange, const Record& record) {
   pcap_dump(reinterpret_cast<u_char*>(file_.get()), &place, packet.data());
 }
 
+// One record of a capture: its header, and the data behind it.
+struct ReadRecord {
+  pcap_usb_header header;
+  std::vector<u8> data;
+};
+
+// Returns nothing if the packet is shorter than its header says.
+std::optional<ReadRecord> record_in(std::span<const u8> packet, std::size_t header_size) {
+  ReadRecord record;
+  if (packet.size() < header_size) return std::nullopt;
+  std::memcpy(&record.header, packet.data(), sizeof(record.header));
+  const auto data = packet.subspan(header_size);
+  record.data.assign(data.begin(), data.begin() + std::min<std::size_t>(record.header.data_len, data.size()));
+  return record;
+}
+
+double milliseconds(const pcap_usb_header& header) {
+  return static_cast<double>(header.ts_sec) * 1e3 + header.ts_usec / 1e3;
+}
+
+bool is_class_request(const usb_ctrlrequest& setup) {
+  const int type = setup.bRequestType & ~USB_DIR_IN, interface = setup.wIndex & 0xFF;
+  return type == (USB_TYPE_CLASS | USB_RECIP_INTERFACE) && request_name(setup.bRequest) &&
+         interface <= kVideoStreamingInterface;
+}
+
+// Puts submitted and completed records together.
+class Reader {
+ public:
+  void add(const ReadRecord& record);
+  std::vector<Exchange> exchanges() && { return std::move(done_); }
+
+ private:
+  std::map<u64, Exchange> open_;  ///< by the number of the transfer
+  std::vector<Exchange> done_;
+  std::optional<double> first_ms_;
+};
+
+void Reader::add(const ReadRecord& record) {
+  const pcap_usb_header& header = record.header;
+  if (header.transfer_type != URB_CONTROL) return;
+  if (header.event_type == URB_SUBMIT) {
+    Exchange exchange{.at_ms = milliseconds(header), .data = record.data};
+    std::memcpy(&exchange.setup, &header.setup, sizeof(exchange.setup));
+    if (header.setup_flag == 0 && is_class_request(exchange.setup)) open_[header.id] = std::move(exchange);
+    return;
+  }
+  const auto found = open_.find(header.id);
+  if (found == open_.end()) return;
+  Exchange exchange = std::move(found->second);
+  open_.erase(found);
+  if (exchange.setup.bRequestType & USB_DIR_IN) exchange.data = record.data;
+  exchange.stalled = header.status == -EPIPE;
+  exchange.timed_out = header.status && !exchange.stalled;
+  exchange.answer_ms = milliseconds(header) - exchange.at_ms;
+  if (!first_ms_) first_ms_ = exchange.at_ms;
+  exchange.at_ms -= *first_ms_;
+  done_.push_back(std::move(exchange));
+}
+
 }  // namespace
+
+std::optional<std::vector<Exchange>> read_pcap(const std::string& path, std::string& error) {
+  char problem[PCAP_ERRBUF_SIZE] = "";
+  const std::unique_ptr<pcap_t, void (*)(pcap_t*)> capture(pcap_open_offline(path.c_str(), problem), pcap_close);
+  if (!capture) return error = problem, std::nullopt;
+  const int link = pcap_datalink(capture.get());
+  if (link != DLT_USB_LINUX && link != DLT_USB_LINUX_MMAPPED)
+    return error = path + " is no capture of usbmon", std::nullopt;
+  const std::size_t header_size =
+      link == DLT_USB_LINUX ? sizeof(pcap_usb_header) : sizeof(pcap_usb_header_mmapped);
+  Reader reader;
+  pcap_pkthdr* place;
+  const u_char* bytes;
+  int result;
+  while ((result = pcap_next_ex(capture.get(), &place, &bytes)) == 1) {
+    if (const auto record = record_in({bytes, place->caplen}, header_size)) reader.add(*record);
+  }
+  if (result == PCAP_ERROR) return error = pcap_geterr(capture.get()), std::nullopt;
+  return std::move(reader).exchanges();
+}
 
 bool write_pcap(const std::string& path, const std::vector<Exchange>& exchanges) {
   Capture capture(path);

@@ -13,6 +13,7 @@ namespace sim {
 
 void note_scene(u32 counter);
 void note_payload(u32 counter, std::span<const u8> payload);
+void note_checksum(u32 counter, u32 checksum);
 /// From now on, writes a line "COUNTER TIME CHECKSUM" for every noted payload, or none if `log` is null. The
 /// caller keeps the file open.
 void log_made_frames(std::FILE* log);
@@ -26,5 +27,13 @@ i64 scene_time(u32 counter);
 /// the service is expected to make), if it is known and recent.
 std::optional<u32> expected_checksum(u32 counter);
 u32 payload_checksum(std::span<const u8> payload);
+
+/// Encoded frames of the user's own encoder show no counter. They are known by their bytes, and their number
+/// in the ring serves as the counter.
+void know_frames_by_their_bytes(bool on);
+bool frames_are_known_by_their_bytes();
+/// Returns the counter of the first noted frame after `last` that has these bytes, or `last` if that one has
+/// them. Waits up to 100 ms for the frame to be noted. Without `last`, the latest such frame counts.
+std::optional<u32> counter_of(u32 checksum, std::optional<u32> last);
 
 }  // namespace sim

@@ -13,6 +13,7 @@
 #include "sim/media/frame_counter.h"
 #include "sim/media/lent_encoder.h"
 #include "sim/media/made_frames.h"
+#include "sim/media/ring_watcher.h"
 #include "sim/media/ring_writer.h"
 #include "sim/media/scene.h"
 #include "sim/media/vpss_model.h"
@@ -76,7 +77,8 @@ struct Media::Impl {
   bool quit = false;
   unsigned long former_drops = 0;  // of rings that were removed
 
-  std::optional<RingWriter> ring{std::in_place};  // used by the media thread, emptied by any thread
+  std::optional<RingWriter> ring;         // used by the media thread, emptied by any thread
+  std::optional<RingWatcher> watcher;     // of the user's own encoder, in place of the ring's writer
   VpssModel vpss;                                 // the same
 
   // Used by the media thread only.
@@ -93,6 +95,7 @@ struct Media::Impl {
 
 Media::Impl::Impl(const MediaOptions& media_options)
     : options(media_options), vpss(options.yuv422, options.extra_stride) {
+  options.encodes ? (void)ring.emplace() : (void)watcher.emplace();
   if (!options.lent_encoder.empty()) lent_encoder.emplace(options.lent_encoder);
   thread = std::thread([this] { run(); });
 }
@@ -192,7 +195,7 @@ void Media::Impl::make_picture(const EncoderSettings& settings) {
   } else if (vpss.somebody_waits()) {
     // The subsystem runs whatever is encoded: a taker left over from the former stream gets its picture.
     vpss.publish(next_scene(settings));
-  } else if (EncFrameSlot* slot = ring->acquire()) {
+  } else if (EncFrameSlot* slot = ring ? ring->acquire() : nullptr) {
     encode(settings, *slot);
   }
 }

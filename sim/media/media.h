@@ -19,6 +19,7 @@ struct MediaOptions {
   u32 extra_stride = 0;     ///< bytes by which both strides exceed the width; may be odd
   /// Called before every picture, on the media thread. If null, the camera looks straight ahead.
   std::function<CameraView()> view = {};
+  bool encodes = true;  ///< false: the user's own encoder writes the ring, which is only watched
   /// Memory of an encoder that another machine lends; if empty, this one encodes.
   std::string lent_encoder = {};
 };

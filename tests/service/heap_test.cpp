@@ -36,7 +36,7 @@ TEST(Heap, RestsThroughEveryFormat) {
   ASSERT_TRUE(camera.host.enumerate()) << camera.host.error();
   // The node is there before the start-up has ended; the streaming loop's first turn sends encoder settings.
   const auto in_its_loop = [&] {
-    const auto lines = camera.parties.server.received();
+    const auto lines = camera.parties.server->received();
     return std::ranges::any_of(lines, [](const std::string& line) { return line.starts_with("velto 10 "); });
   };
   for (int i = 0; i < 2000 && !in_its_loop(); ++i) std::this_thread::sleep_for(5ms);
