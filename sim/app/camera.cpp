@@ -1,6 +1,8 @@
 #include "sim/app/camera.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cstdio>
 
 #include "sim/app/fault_script.h"
@@ -26,10 +28,17 @@ constexpr SettingsRow kSettings[] = {
 
 EncoderSettingsMessage settings_for(const StreamChoice& choice) {
   const SettingsRow& row = *std::ranges::find(kSettings, choice.format, &SettingsRow::format);
-  EncoderSettings settings{choice.size.width, choice.size.height, static_cast<i32>(choice.rate), 0,
-                           row.codec,         row.rc_mode,        {}};
+  EncoderSettings settings{
+      choice.size.width, choice.size.height, static_cast<i32>(choice.rate), 0, row.codec, row.rc_mode, {}};
   std::ranges::copy(row.rc_param, settings.rc_param);
   return {2, 1, settings};
+}
+
+// Such as "10 2 1 1280 720 30 ...".
+void write_line(std::ostream& file, const EncoderSettingsMessage& message) {
+  file << i32{kVeltoEncoderSettings};
+  for (const i32 word : std::bit_cast<std::array<i32, 13>>(message)) file << ' ' << word;
+  file << std::endl;
 }
 
 }  // namespace
@@ -45,6 +54,13 @@ Camera::Camera(const Options& options)
               options.cast),
       conversation(node, [this](std::size_t from) { return received(parties, from); }),
       host(node, conversation, options.paced) {
+  if (!options.cast.encoder && parties.server) {
+    encoder_settings.open(options.out + "/encoder.settings");
+    parties.server->on_encoder_settings([this](const EncoderSettingsMessage& message) {
+      write_line(encoder_settings, message);
+      parties.media.apply(message);
+    });
+  }
   if (!options.cast.server) {
     host.on_stream([this](const StreamChoice* choice) {
       parties.media.apply(choice ? settings_for(*choice) : EncoderSettingsMessage{});

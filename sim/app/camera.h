@@ -1,6 +1,8 @@
 // The simulated camera around a service: everything but the service itself.
 #pragma once
 
+#include <fstream>
+
 #include "sim/app/parties.h"
 #include "sim/host/conversation.h"
 #include "sim/host/usb_host.h"
@@ -14,7 +16,8 @@ struct Options;
 
 struct Camera {
   /// Faults of the options that hold from the start are set already. Without a server that brings the encoder
-  /// its settings, the encoder follows what the host commits.
+  /// its settings, the encoder follows what the host commits. An encoder of the user's own finds the words of
+  /// each command 10 as a line in the file encoder.settings of the options' folder.
   explicit Camera(const Options& options);
 
   Run run;
@@ -22,6 +25,7 @@ struct Camera {
   NodeHost node;
   Conversation conversation;
   UsbHost host;
+  std::ofstream encoder_settings;
 };
 
 /// Sets the fault, or ends it. Its party must be played here.

@@ -27,10 +27,10 @@ struct Options {
   std::string to;                    ///< file for the payloads of the one stream; "-": standard output
   std::vector<std::string> results;  ///< files for what was found
   std::string replay;                ///< a capture whose class requests are repeated
-  std::string print_level;      ///< of the service; empty: its own
-  std::optional<u8> log_level;  ///< the collector prints up to this level
-  std::string out = "out";      ///< folder for pictures and logs
-  std::string service;          ///< empty: uvc_gadget_sim beside this program
+  std::string print_level;           ///< of the service; empty: its own
+  std::optional<u8> log_level;       ///< the collector prints up to this level
+  std::string out = "out";           ///< folder for pictures and logs
+  std::string service;               ///< empty: uvc_gadget_sim beside this program
   bool paced = false;
   bool verbose = false;
   bool stay = false;

@@ -51,7 +51,7 @@ std::vector<std::string> received(const Parties& parties, std::size_t from) {
 bool set_fault(Parties& parties, const Fault& fault, bool on) {
   if (const auto* server = std::get_if<ServerFault>(&fault.kind)) {
     parties.server->set_fault(on ? *server : ServerFault::kNone,
-                             fault.by ? std::optional(in_milliseconds(*fault.by)) : std::nullopt);
+                              fault.by ? std::optional(in_milliseconds(*fault.by)) : std::nullopt);
   } else if (const auto* encoder = std::get_if<EncoderFault>(&fault.kind)) {
     parties.media.set_fault(on ? *encoder : EncoderFault::kNone, in_milliseconds(fault.by.value_or(0)));
   } else if (const auto* collector = std::get_if<CollectorFault>(&fault.kind)) {

@@ -73,7 +73,8 @@ void wait_for_stream(Prompt& prompt, double seconds) {
   const auto end = Session::Clock::now() + std::chrono::duration_cast<Session::Clock::duration>(time);
   const auto over = [&] {
     const UsbHost& host = session.camera().host;
-    return host.unplugs() != prompt.stream->unplugs || Session::Clock::now() >= end || !host.progress().copied;
+    return host.unplugs() != prompt.stream->unplugs || Session::Clock::now() >= end ||
+           !host.progress().copied;
   };
   while (session.going_on() && !over()) {
     session.wait(200ms, over);

@@ -33,7 +33,7 @@ void pause_between(const Exchange& before, const Exchange& next) {
 
 void replay_plan(Session& session) {
   std::string error;
-  const auto recorded = read_pcap(session.options().replay, error);
+  const auto recorded = read_recording(session.options().replay, error);
   if (!recorded) return session.complain("no replay: " + error);
   std::size_t same = 0, sent = 0;
   for (; sent < recorded->size() && session.going_on(); ++sent) {

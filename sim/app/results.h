@@ -16,8 +16,8 @@ struct Finding {
   std::vector<std::pair<std::string, double>> figures{};
 };
 
-/// Writes JUnit XML if the file's name ends in ".xml", and JSON otherwise. Prints an error and returns false if
-/// the file cannot be written. `run` names what was run, such as "camera_sim".
+/// Writes JUnit XML if the file's name ends in ".xml", and JSON otherwise. Prints an error and returns false
+/// if the file cannot be written. `run` names what was run, such as "camera_sim".
 bool write_results(const std::string& path, const std::string& run, const std::vector<Finding>& findings);
 
 }  // namespace sim

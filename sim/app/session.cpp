@@ -108,7 +108,8 @@ void Session::print_counts() {
                 parties.server->refused());
   }
   const Media::Counts media = parties.media.counts();
-  std::printf("media: %lu pictures, %lu encoded, %lu dropped\n", media.pictures, media.encoded, media.dropped);
+  std::printf("media: %lu pictures, %lu encoded, %lu dropped\n", media.pictures, media.encoded,
+              media.dropped);
   write_lines(options_.out + "/server.log", received(parties));
   const auto exchanges = camera_.conversation.exchanges();
   std::vector<std::string> lines;

@@ -40,8 +40,8 @@ std::vector<PlannedStream> planned_streams(const Options& options) {
 }
 
 // Runs one stream until its time is over or the cable is pulled.
-ReportRow stream_once(Session& session, const std::string& name, const StreamChoice& choice,
-                      unsigned unplugs, std::ostream* copy) {
+ReportRow stream_once(Session& session, const std::string& name, const StreamChoice& choice, unsigned unplugs,
+                      std::ostream* copy) {
   UsbHost& host = session.camera().host;
   const Options& options = session.options();
   ReportRow row{name, choice.rate, {}, {}};

@@ -8,8 +8,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <memory>
+#include <sstream>
 
 #include "sim/host/host_controls.h"
 #include "sim/host/usb_descriptors.h"
@@ -54,6 +56,8 @@ struct Record {
   std::span<const u8> data;  // transferred with this record
 };
 
+using Pcap = std::unique_ptr<pcap_t, void (*)(pcap_t*)>;
+
 class Capture {
  public:
   explicit Capture(const std::string& path)
@@ -75,7 +79,7 @@ class Capture {
  private:
   void add(const Exchange& exchange, const Record& record);
 
-  const std::unique_ptr<pcap_t, void (*)(pcap_t*)> pcap_;
+  const Pcap pcap_;
   const std::unique_ptr<pcap_dumper_t, void (*)(pcap_dumper_t*)> file_;
   u64 transfer_ = 0;
 };
@@ -122,6 +126,49 @@ std::optional<ReadRecord> record_in(std::span<const u8> packet, std::size_t head
   return record;
 }
 
+// Returns the bytes of words such as "01000401 15160500".
+std::vector<u8> bytes_in(std::istream& words) {
+  std::vector<u8> bytes;
+  for (std::string word; words >> word;) {
+    for (std::size_t i = 0; i + 1 < word.size(); i += 2)
+      bytes.push_back(static_cast<u8>(std::stoul(word.substr(i, 2), nullptr, 16)));
+  }
+  return bytes;
+}
+
+// Returns the record of a line of usbmon's text about a control transfer, such as "ffff9a3c 1234567 S
+// Ci:1:002:0 s a1 87 0100 0001 001a 26 <" or "ffff9a3c 1234890 C Ci:1:002:0 0 26 = 01000401 15160500 ...".
+std::optional<ReadRecord> record_in(const std::string& line) {
+  std::istringstream words(line);
+  ReadRecord record{};
+  pcap_usb_header& header = record.header;
+  u64 microseconds;
+  char event, data_mark;
+  std::string endpoint;
+  words >> std::hex >> header.id >> std::dec >> microseconds >> event >> endpoint;
+  if (!words || !endpoint.starts_with('C')) return std::nullopt;
+  header.event_type = static_cast<u8>(event);
+  header.transfer_type = URB_CONTROL;
+  header.ts_sec = static_cast<i64>(microseconds / 1'000'000);
+  header.ts_usec = static_cast<i32>(microseconds % 1'000'000);
+  if (event == URB_SUBMIT) {
+    int type, request, value, index, length;
+    if (!(words >> event >> std::hex >> type >> request >> value >> index >> length >> std::dec))
+      return std::nullopt;
+    const usb_ctrlrequest setup{.bRequestType = static_cast<u8>(type),
+                                .bRequest = static_cast<u8>(request),
+                                .wValue = static_cast<u16>(value),
+                                .wIndex = static_cast<u16>(index),
+                                .wLength = static_cast<u16>(length)};
+    std::memcpy(&header.setup, &setup, sizeof(setup));
+  } else if (!(words >> header.status)) {
+    return std::nullopt;
+  }
+  words >> header.urb_len;
+  if (words >> data_mark && data_mark == '=') record.data = bytes_in(words);
+  return record;
+}
+
 double milliseconds(const pcap_usb_header& header) {
   return static_cast<double>(header.ts_sec) * 1e3 + header.ts_usec / 1e3;
 }
@@ -147,16 +194,19 @@ class Reader {
 void Reader::add(const ReadRecord& record) {
   const pcap_usb_header& header = record.header;
   if (header.transfer_type != URB_CONTROL) return;
+  const bool cut = !record.data.empty() && record.data.size() < header.urb_len;
   if (header.event_type == URB_SUBMIT) {
     Exchange exchange{.at_ms = milliseconds(header), .data = record.data};
     std::memcpy(&exchange.setup, &header.setup, sizeof(exchange.setup));
-    if (header.setup_flag == 0 && is_class_request(exchange.setup)) open_[header.id] = std::move(exchange);
+    if (header.setup_flag == 0 && !cut && is_class_request(exchange.setup))
+      open_[header.id] = std::move(exchange);
     return;
   }
   const auto found = open_.find(header.id);
   if (found == open_.end()) return;
   Exchange exchange = std::move(found->second);
   open_.erase(found);
+  if (cut) return;
   if (exchange.setup.bRequestType & USB_DIR_IN) exchange.data = record.data;
   exchange.stalled = header.status == -EPIPE;
   exchange.timed_out = header.status && !exchange.stalled;
@@ -166,25 +216,40 @@ void Reader::add(const ReadRecord& record) {
   done_.push_back(std::move(exchange));
 }
 
-}  // namespace
-
-std::optional<std::vector<Exchange>> read_pcap(const std::string& path, std::string& error) {
-  char problem[PCAP_ERRBUF_SIZE] = "";
-  const std::unique_ptr<pcap_t, void (*)(pcap_t*)> capture(pcap_open_offline(path.c_str(), problem), pcap_close);
-  if (!capture) return error = problem, std::nullopt;
-  const int link = pcap_datalink(capture.get());
-  if (link != DLT_USB_LINUX && link != DLT_USB_LINUX_MMAPPED)
-    return error = path + " is no capture of usbmon", std::nullopt;
-  const std::size_t header_size =
+// Feeds the reader. Returns false if the file is damaged, or no recording of usbmon.
+bool read_packets(pcap_t& capture, Reader& reader) {
+  const int link = pcap_datalink(&capture);
+  if (link != DLT_USB_LINUX && link != DLT_USB_LINUX_MMAPPED) {
+    std::snprintf(pcap_geterr(&capture), PCAP_ERRBUF_SIZE, "recorded on something else than usbmon");
+    return false;
+  }
+  const std::size_t header =
       link == DLT_USB_LINUX ? sizeof(pcap_usb_header) : sizeof(pcap_usb_header_mmapped);
-  Reader reader;
   pcap_pkthdr* place;
   const u_char* bytes;
   int result;
-  while ((result = pcap_next_ex(capture.get(), &place, &bytes)) == 1) {
-    if (const auto record = record_in({bytes, place->caplen}, header_size)) reader.add(*record);
+  while ((result = pcap_next_ex(&capture, &place, &bytes)) == 1) {
+    if (const auto record = record_in({bytes, place->caplen}, header)) reader.add(*record);
   }
-  if (result == PCAP_ERROR) return error = pcap_geterr(capture.get()), std::nullopt;
+  return result == PCAP_ERROR_BREAK;
+}
+
+}  // namespace
+
+std::optional<std::vector<Exchange>> read_recording(const std::string& path, std::string& error) {
+  Reader reader;
+  std::ifstream text(path);
+  std::string line;
+  if (std::getline(text, line) && record_in(line)) {
+    do {
+      if (const auto record = record_in(line)) reader.add(*record);
+    } while (std::getline(text, line));
+    return std::move(reader).exchanges();
+  }
+  char problem[PCAP_ERRBUF_SIZE] = "";
+  const Pcap capture(pcap_open_offline(path.c_str(), problem), pcap_close);
+  if (!capture) return error = problem, std::nullopt;
+  if (!read_packets(*capture, reader)) return error = path + ": " + pcap_geterr(capture.get()), std::nullopt;
   return std::move(reader).exchanges();
 }
 

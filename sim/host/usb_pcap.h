@@ -18,10 +18,10 @@ namespace sim {
 /// Prints an error and returns false if the file cannot be written.
 bool write_pcap(const std::string& path, const std::vector<Exchange>& exchanges);
 
-/// Returns the class requests to a camera's two interfaces, in the order in which they were sent, with their
-/// answers; at_ms counts from the first. Other traffic is left out, and so are requests whose answer is not in
-/// the capture. The link type is that of usbmon, with or without mapped memory. Returns nothing, with a line in
-/// `error`, if the file cannot be read.
-std::optional<std::vector<Exchange>> read_pcap(const std::string& path, std::string& error);
+/// Reads what usbmon recorded: a capture file, or its text ("cat /sys/kernel/debug/usb/usbmon/0u"). Returns
+/// the class requests to a camera's two interfaces in the order in which they were answered; at_ms counts
+/// from the first. Left out are other traffic, requests without an answer, and in the text, requests with
+/// more than the 32 bytes that it shows. Returns nothing, with a line in `error`, if the file cannot be read.
+std::optional<std::vector<Exchange>> read_recording(const std::string& path, std::string& error);
 
 }  // namespace sim

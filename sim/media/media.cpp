@@ -77,9 +77,9 @@ struct Media::Impl {
   bool quit = false;
   unsigned long former_drops = 0;  // of rings that were removed
 
-  std::optional<RingWriter> ring;         // used by the media thread, emptied by any thread
-  std::optional<RingWatcher> watcher;     // of the user's own encoder, in place of the ring's writer
-  VpssModel vpss;                                 // the same
+  std::optional<RingWriter> ring;      // used by the media thread, emptied by any thread
+  std::optional<RingWatcher> watcher;  // of the user's own encoder, in place of the ring's writer
+  VpssModel vpss;                      // the same
 
   // Used by the media thread only.
   Encoder encoder;
