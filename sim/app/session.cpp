@@ -95,8 +95,8 @@ void Session::print_counts() {
   const Collector::Counts log = camera_.parties.collector.counts();
   const Media::Counts media = camera_.parties.media.counts();
   std::printf(
-      "log: %lu lines, %lu malformed, %lu dropped by the service; server: %zu requests, %lu refused; "
-      "media: %lu pictures, %lu encoded, %lu dropped\n",
+      "log: %lu lines, %lu malformed, %lu dropped by the service\n"
+      "server: %zu requests, %lu refused; media: %lu pictures, %lu encoded, %lu dropped\n",
       log.lines, log.malformed, service_.dropped_log_lines(), camera_.parties.server.received().size(),
       camera_.parties.server.refused(), media.pictures, media.encoded, media.dropped);
   write_lines(options_.out + "/server.log", camera_.parties.server.received());
