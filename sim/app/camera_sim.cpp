@@ -1,7 +1,12 @@
 // camera_sim: runs the camera service as a child process among a simulated camera and a USB host,
 // streams from it and drives it, and judges whether the pictures arrive whole and in time and whether
 // the camera obeys.
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -34,9 +39,24 @@ bool wait_for_own_parties(const Options& options) {
          (options.cast.encoder || wait_for("encoder", ring_exists));
 }
 
-int run(const Options& options) {
+// Makes the folder and keeps other runs out of it until this process ends. False after an error.
+bool take_folder(const std::string& path) {
   std::error_code failure;
-  std::filesystem::create_directories(options.out, failure);
+  std::filesystem::create_directories(path, failure);
+  const int folder = failure ? -1 : open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folder < 0) {
+    const std::string reason = failure ? failure.message() : std::strerror(errno);
+    std::fprintf(stderr, "camera_sim: folder \"%s\" cannot be made: %s\n", path.c_str(), reason.c_str());
+    return false;
+  }
+  if (flock(folder, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return true;
+  std::fprintf(stderr, "camera_sim: another run is writing to \"%s\"; choose a folder with --out\n",
+               path.c_str());
+  return false;
+}
+
+int run(const Options& options) {
+  if (!take_folder(options.out)) return 2;
   const std::string log_path = options.out + "/service.log";
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> log(std::fopen(log_path.c_str(), "w"), std::fclose);
   if (!log) {

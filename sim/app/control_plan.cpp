@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "sim/app/report.h"
+#include "sim/app/table.h"
 #include "sim/host/control_steps.h"
 #include "sim/host/host_controls.h"
 
@@ -25,12 +26,13 @@ constexpr auto kTurning = 50ms;   // between the two settings of a step
 constexpr u8 kVersionSelector = 9;
 constexpr char kBuildVersion[] = "2.1.3 of 2025-06-04, thrice";
 
-void print_row(const std::string& step, const std::string& frames, const std::string& expected,
-               const std::string& measured, const std::string& verdict) {
-  std::printf("%-15s %-54s %-42s %-26s %s\n", step.c_str(), frames.c_str(), expected.c_str(),
-              measured.c_str(), verdict.c_str());
-  std::fflush(stdout);
-}
+constexpr Column kColumns[] = {
+    {"step", 13, 15},
+    {"VISCA that the server received", 26, 54, CellKind::kList},
+    {"expected", 19, 42, CellKind::kList},
+    {"measured", 12, 26, CellKind::kList},
+    {"judged", 6, 80},
+};
 
 std::string joined(const std::vector<std::string>& parts) {
   std::string text;
@@ -95,7 +97,8 @@ void check_version(Session& session) {
   const auto answer = get_control(host, kExtensionUnit, kVersionSelector, UVC_GET_CUR, size);
   const std::string version = version_text(answer.data);
   const bool right = version == kBuildVersion;
-  print_row("version record", "none", kBuildVersion, version, right ? "right" : "another version");
+  print_table_row(kColumns,
+                  {"version record", "none", kBuildVersion, version, right ? "right" : "another version"});
   session.keep({.group = "controls", .name = "version record", .good = right, .verdict = version});
 }
 
@@ -106,12 +109,13 @@ void control_plan(Session& session) {
   if (!session.going_on()) return;
   if (!host.start(kStream))
     return session.complain("cannot start the stream to drive the camera: " + host.error());
-  print_row("step", "VISCA that the server received", "expected", "measured", "verdict");
+  print_table_titles(kColumns);
   for (const ControlStep& step : control_steps()) {
     if (!session.going_on()) break;
     const StepOutcome outcome = take(session, step);
     const std::string found = verdict(step, outcome);
-    print_row(step.name, joined(outcome.frames), expected_text(step), measured_text(step, outcome), found);
+    print_table_row(kColumns, {step.name, joined(outcome.frames), expected_text(step),
+                               measured_text(step, outcome), found});
     session.keep({.group = "controls", .name = step.name, .good = found == "right", .verdict = found});
   }
   if (session.going_on()) check_version(session);

@@ -47,7 +47,7 @@ const FaultForm kForms[] = {
     {"encoder wrong-size", EncoderFault::kWrongSize, "its frames have another size"},
     {"encoder posts", EncoderFault::kPosts, "it announces frames that it does not make"},
     {"encoder gone", EncoderFault::kGone, "it has ended; ring and semaphores go too"},
-    {"log queue full", CollectorFault::kQueueFull, "the log collector is paused and its queue is full"},
+    {"log queue full", CollectorFault::kQueueFull, "the log collector pauses with its queue full"},
     {"collector gone", CollectorFault::kGone, "it has ended; its queue goes too"},
     {"host rests", HostFault::kRests, "the USB host takes no frames"},
 };

@@ -4,11 +4,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 
+#include "sim/app/table.h"
 #include "sim/app/text.h"
 #include "sim/host/usb_host.h"
+#include "sim/media/source.h"
 
 namespace sim {
 
@@ -41,7 +45,8 @@ Complaint set_duration(Options& options, std::string_view text) {
 
 Complaint set_source(Options& options, std::string_view text) {
   options.source = text;
-  return access(options.source.c_str(), R_OK) == 0 ? "" : "cannot be read";
+  if (access(options.source.c_str(), R_OK) != 0) return std::strerror(errno);
+  return Source::open(options.source) ? "" : "not a picture or video that can be read";
 }
 
 Complaint add_fault(Options& options, std::string_view text) {
@@ -107,7 +112,7 @@ constexpr OptionRow kRows[] = {
      [](Options& options, std::string_view text) { return options.results.emplace_back(text), Complaint(); }},
     {"print-level", "LEVEL", "the service's print level: debug, info, warn, error, verbose", set_print_level},
     {"log", "LEVEL", "print what the log collector gets, up to this level", set_log_level},
-    {"out", "DIR", "folder for received pictures and the logs of service, server and node (out)",
+    {"out", "DIR", "folder for received pictures and the logs (out); one run at a time uses it",
      [](Options& options, std::string_view text) { return options.out = text, Complaint(); }},
     {"service", "PATH", "the service program (uvc_gadget_sim beside this program)",
      [](Options& options, std::string_view text) { return options.service = text, Complaint(); }},
@@ -126,30 +131,29 @@ constexpr OptionRow kRows[] = {
 void print_help() {
   std::puts(
       "Usage: camera_sim [OPTION]...\n"
-      "Runs the camera service against a simulated camera and USB host, and says whether the pictures "
-      "arrive.\n"
-      "Without --format or --size it streams six formats and sizes and unplugs the cable once; then it "
-      "drives\n"
-      "the camera and measures in the pictures whether it obeys.\n");
+      "Runs the camera service against a simulated camera and USB host, and says\n"
+      "whether the pictures arrive. Without --format or --size it streams six formats\n"
+      "and sizes and unplugs the cable once; then it drives the camera and measures in\n"
+      "the pictures whether it obeys.\n");
+  constexpr Column kColumns[] = {{"option", 23, 23}, {"what it does", 56, 80}};
   for (const OptionRow& row : kRows) {
-    const std::string left =
-        std::string("--") + row.name + (row.argument ? std::string(" ") + row.argument : "");
-    std::printf("  %-22s%s\n", left.c_str(), row.help);
+    const std::string argument = row.argument ? std::string(" ") + row.argument : "";
+    print_table_row(kColumns, {"  --" + std::string(row.name) + argument, row.help});
   }
   std::printf(
-      "\nFaults, each with \"at TIME\" (after the service's start; without: before it) and \"for TIME\"\n"
-      "(without: to the end):\n%s"
+      "\nFaults, each with \"at TIME\" (after the service's start; without: before it) and\n"
+      "\"for TIME\" (without: to the end):\n%s"
       "\nExamples:\n"
       "  camera_sim\n"
       "  camera_sim --format h264 --size 1920x1080 --rate 25 --duration 10\n"
       "  camera_sim --format yuy2 --size 640x480 --paced --yuv422 --extra-stride 3\n"
-      "  camera_sim --format mjpeg --fault \"at 2s unplug for 0.5s\" --fault \"server slow\"\n"
+      "  camera_sim --fault \"at 2s unplug for 0.5s\" --fault \"server slow\"\n"
       "  camera_sim --stay --print-level debug --verbose\n"
       "  echo \"set brightness 12\" | camera_sim --prompt\n"
-      "\nExit status: 0 when every stream was whole and at 90 %% of its rate or more, each unplugged stream "
-      "came\n"
-      "back, the camera obeyed in every step, and the service ended with 0 within 1 s of SIGTERM; 1 when "
-      "not; 2 for a wrong option.\n",
+      "\nExit status: 0 when every stream was whole and at 90 %% of its rate or more, each\n"
+      "unplugged stream came back, the camera obeyed in every step, and the service\n"
+      "ended with 0 within 1 s of SIGTERM; 1 when not; 2 for a wrong option, or for a\n"
+      "folder that cannot be made or is in use.\n",
       fault_forms("  ").c_str());
 }
 

@@ -7,6 +7,7 @@
 
 #include "sim/app/fault_script.h"
 #include "sim/app/options.h"
+#include "sim/app/table.h"
 #include "sim/app/text.h"
 
 namespace sim {
@@ -17,10 +18,12 @@ constexpr std::size_t kAnyNumber = 1000;
 constexpr u32 kLogLines = 10;
 constexpr double kLongestWait = 3600;
 
+constexpr Column kHelpColumns[] = {{"command", 32, 58}, {"what it does", 40, 80}};
+
 Complaint help(Prompt&, Words words) {
   for (const Command& command : commands()) {
     if (words.empty() || words[0] == command.name)
-      std::printf("%-56s %s\n", usage(command).c_str(), command.help);
+      print_table_row(kHelpColumns, {usage(command), command.help});
   }
   if (words.empty()) return "";
   if (words[0] == "fault") std::printf("%s", fault_forms("  ").c_str());

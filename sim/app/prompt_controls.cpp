@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "sim/app/prompt_commands.h"
+#include "sim/app/table.h"
 #include "sim/app/text.h"
 #include "sim/host/host_controls.h"
 
@@ -43,13 +44,24 @@ std::optional<i32> value_for(const HostControl& control, const std::string& text
   return value ? std::optional(static_cast<i32>(*value)) : std::nullopt;
 }
 
+// The camera stalls no request. What it does not give is left over from the request before, so this asks
+// twice, after two requests that fill its answer buffer with different bytes.
+std::optional<i32> get_limit(Conversation& host, const HostControl& control, u8 request) {
+  const HostControl& filler = *find_host_control("pan_absolute");
+  get_control(host, filler, UVC_GET_MIN);
+  const auto once = get_control(host, control, request);
+  get_control(host, filler, UVC_GET_DEF);
+  const auto again = get_control(host, control, request);
+  return once == again ? once : std::nullopt;
+}
+
 // The camera does not report that it refused a value, so this reads it back.
 Complaint check_taken(Prompt& prompt, const HostControl& control, i32 value) {
   Conversation& host = conversation(prompt);
   const auto now = get_control(host, control, UVC_GET_CUR);
   if (!now) return "the camera does not answer";
   if (*now == value) return "";
-  const auto least = get_control(host, control, UVC_GET_MIN), most = get_control(host, control, UVC_GET_MAX);
+  const auto least = get_limit(host, control, UVC_GET_MIN), most = get_limit(host, control, UVC_GET_MAX);
   if (least && most && (value < *least || value > *most)) {
     return std::to_string(value) + " is outside " + std::to_string(*least) + " to " + std::to_string(*most) +
            "; it reads " + std::to_string(*now);
@@ -82,8 +94,13 @@ std::optional<std::vector<u8>> bytes_of(Words words) {
 Complaint set_extension(Prompt& prompt, u8 selector, Words words) {
   const auto bytes = bytes_of(words);
   if (!bytes || bytes->empty()) return "expected 1 to 64 bytes in hex, such as 0A FF";
+  const Run& run = prompt.session.camera().run;
+  const std::size_t commands_before = run.shell_log().size();
   const bool stalled = set_control(conversation(prompt), kExtensionUnit, selector, *bytes).stalled;
   show_last_exchange(prompt);
+  if (const auto asked = words_of(run.shell_log().substr(commands_before)); !asked.empty())
+    std::printf("the service asked its shell for: %s (nothing of this PC is touched)\n",
+                joined(asked).c_str());
   return stalled ? "the camera refuses it" : "";
 }
 
@@ -116,17 +133,26 @@ std::vector<std::string> control_names() {
 }  // namespace
 
 Complaint list_controls(Prompt& prompt, Words) {
-  constexpr u8 kColumns[] = {UVC_GET_MIN, UVC_GET_MAX, UVC_GET_RES, UVC_GET_DEF, UVC_GET_CUR};
-  std::printf("%-30s %-4s %9s %9s %9s %9s %9s\n", "control", "unit", "min", "max", "step", "default",
-              "value");
+  constexpr Column kColumns[] = {
+      {"control", 28, 30},
+      {"unit", 4, 4},
+      {"min", 8, 9, CellKind::kNumber},
+      {"max", 8, 9, CellKind::kNumber},
+      {"step", 8, 9, CellKind::kNumber},
+      {"default", 8, 9, CellKind::kNumber},
+      {"value", 8, 9, CellKind::kNumber},
+  };
+  Conversation& host = conversation(prompt);
+  constexpr u8 kLimits[] = {UVC_GET_MIN, UVC_GET_MAX, UVC_GET_RES, UVC_GET_DEF};
+  const auto text = [](std::optional<i32> value) { return value ? std::to_string(*value) : "-"; };
+  print_table_titles(kColumns);
   for (const HostControl& control : host_controls()) {
-    std::printf("%-30s %-4s", control.name, control.entity == kCameraTerminal ? "CT" : "PU");
-    for (const u8 request : kColumns) {
-      const auto value = get_control(conversation(prompt), control, request);
-      std::printf(" %9s", value ? std::to_string(*value).c_str() : "-");
-    }
-    std::puts("");
+    std::vector<std::string> cells{control.name, control.entity == kCameraTerminal ? "CT" : "PU"};
+    for (const u8 request : kLimits) cells.push_back(text(get_limit(host, control, request)));
+    cells.push_back(text(get_control(host, control, UVC_GET_CUR)));
+    print_table_row(kColumns, cells);
   }
+  std::puts("\"-\": the camera does not give it, and answers what its answer buffer happens to hold");
   return "";
 }
 

@@ -2,17 +2,48 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+#include "sim/app/table.h"
 
 namespace sim {
 
 namespace {
 
 constexpr double kLeastShareOfRate = 0.9;
+constexpr double kBusyLoad = 1;  // processes that run or wait to run, for each processor
 constexpr char kEraseLine[] = "\r\033[K";
 
+constexpr Column kColumns[] = {
+    {"stream", 15, 22},
+    {"frames", 6, 6, CellKind::kNumber},
+    {"frames/s", 8, 8, CellKind::kNumber},
+    {"bytes/frame", 11, 11, CellKind::kNumber},
+    {"latency ms", 13, 15, CellKind::kNumber},
+    {"first ms", 8, 8, CellKind::kNumber},
+    {"verdict", 13, 80, CellKind::kList},
+};
+
 const char* line_start() { return isatty(STDOUT_FILENO) ? kEraseLine : ""; }
+
+std::string tenths(double value) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%.1f", value);
+  return text;
+}
+
+// Says so if the PC is too busy for the simulator's encoder.
+void print_load() {
+  double load = 0;
+  const unsigned processors = std::max(1u, std::thread::hardware_concurrency());
+  if (getloadavg(&load, 1) != 1 || load <= kBusyLoad * processors) return;
+  std::printf("This PC is busy (load %.1f, %u processors), which is probably why frames are slow.\n", load,
+              processors);
+}
 
 }  // namespace
 
@@ -76,21 +107,19 @@ Finding finding_of(const ReportRow& row) {
 }
 
 void print_table_head() {
-  std::printf("%-22s %6s %8s %11s %15s  %-25s %8s  %s\n", "stream", "frames", "frames/s", "bytes/frame",
-              "latency ms", "lost torn rep stale empty", "first ms", "verdict");
-  std::fflush(stdout);
+  std::fputs(line_start(), stdout);
+  print_table_titles(kColumns);
 }
 
 void print_row(const ReportRow& row) {
   const StreamReport& report = row.result.report;
-  const unsigned long bytes = report.frames ? report.bytes / report.frames : 0;
   const double first = row.result.first_picture_ms;
-  const std::string first_ms = first < 0 ? "-" : std::to_string(std::lround(first));
-  std::printf("%s%-22s %6lu %8.1f %11lu %7.1f/%7.1f  %4lu %4lu %3lu %5lu %5lu %8s  %s\n", line_start(),
-              row.name.c_str(), report.frames, row.result.rate(), bytes, report.latency_ms,
-              report.latency_max_ms, report.lost, report.torn, report.repeated, report.stale, report.empty,
-              first_ms.c_str(), verdict(row).c_str());
-  std::fflush(stdout);
+  std::fputs(line_start(), stdout);
+  print_table_row(kColumns, {row.name, std::to_string(report.frames), tenths(row.result.rate()),
+                             std::to_string(report.frames ? report.bytes / report.frames : 0),
+                             tenths(report.latency_ms) + '/' + tenths(report.latency_max_ms),
+                             first < 0 ? "-" : std::to_string(std::lround(first)), verdict(row)});
+  if (verdict(row).starts_with("slow")) print_load();
 }
 
 void print_progress(const ReportRow& row) {

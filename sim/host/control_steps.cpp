@@ -100,7 +100,7 @@ std::string texts(const ControlStep& step, ValueText value_text) {
   std::string text;
   for (std::size_t i = 0; i < step.limits.size(); ++i) {
     const Measure::Quantity& quantity = step.measure->quantities[i];
-    if (quantity.name) text += (i ? "  " : "") + std::string(quantity.name) + ' ' + value_text(quantity, i);
+    if (quantity.name) text += (i ? ", " : "") + std::string(quantity.name) + ' ' + value_text(quantity, i);
   }
   return text;
 }

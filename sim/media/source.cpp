@@ -1,14 +1,19 @@
 #include "sim/media/source.h"
 
-#include <cstdio>
+#include <string_view>
+#include <utility>
 
 namespace sim {
 
+namespace {
+
+constexpr std::string_view kTextFormat = "tty";  // libavformat draws any text as a terminal would
+
+}  // namespace
+
 std::unique_ptr<Source> Source::open(const std::string& path) {
   auto source = std::make_unique<Source>();
-  if (source->open_file(path)) return source;
-  std::fprintf(stderr, "no picture can be read from %s\n", path.c_str());
-  return nullptr;
+  return source->open_file(path) ? std::move(source) : nullptr;
 }
 
 bool Source::open_file(const std::string& path) {
@@ -16,6 +21,7 @@ bool Source::open_file(const std::string& path) {
   if (avformat_open_input(&file, path.c_str(), nullptr, nullptr) < 0) return false;
   file_.reset(file);
   const AVCodec* codec = nullptr;
+  if (file->iformat->name == kTextFormat) return false;
   if (avformat_find_stream_info(file, nullptr) < 0) return false;
   stream_ = av_find_best_stream(file, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
   if (stream_ < 0) return false;

@@ -10,7 +10,7 @@ namespace sim {
 
 class Source {
  public:
-  /// Prints an error and returns null if libavformat finds no picture in the file.
+  /// Returns null if libavformat finds no picture in the file.
   static std::unique_ptr<Source> open(const std::string& path);
 
   /// Scales the next picture into `picture`, whose size and format it keeps. A video starts again at its end.

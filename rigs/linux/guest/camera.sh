@@ -1,5 +1,5 @@
 # Sourced by every part: the camera around the service, the service itself, and a row of the table for every check.
-# Needs $build and $bed, the project's folders as the guest sees them.
+# Needs $build and $bed, the project's folders as the guest sees them, and $patience, the factor for every limit.
 out=/out
 
 now() {
@@ -22,9 +22,9 @@ check() {
 row() { printf '%s\t%.1f\t%s\t%s\n' "$1" "$(bc_minus "$(now)" "$2")" "$3" "$4" >>$out/rows; }
 bc_minus() { awk "BEGIN { print $1 - $2 }"; }
 
-# wait_until SECONDS COMMAND...
+# wait_until SECONDS COMMAND...: on an idle PC.
 wait_until() {
-  local end=$((SECONDS + $1))
+  local end=$((SECONDS + $1 * patience))
   shift
   until "$@" >/dev/null 2>&1; do
     [ $SECONDS -lt $end ] || { echo "not within the limit: $*"; return 1; }
@@ -64,7 +64,7 @@ start_parties() {
   [ -p /tmp/faults ] || mkfifo /tmp/faults
   "$build/camera_parties" $logs "$(lent_encoder)" <>/tmp/faults 2>>$out/errors.txt &
   parties=$!
-  wait_until 10 test -e $logs/ready
+  wait_until 10 test -e $logs/ready || { echo "the parties around the service did not start"; return 1; }
 }
 stop_parties() { kill "-$1" "$parties" && { wait "$parties" || true; }; }
 fault() { echo "$*" >/tmp/faults; }
@@ -72,7 +72,7 @@ fault() { echo "$*" >/tmp/faults; }
 start_service() {
   "$build/uvc_gadget" >>$out/service.txt 2>&1 &
   service=$!
-  wait_until 20 node_answers
+  wait_until 20 node_answers || { echo "no camera on the bus; the service: $(tail -n 1 $out/service.txt)"; return 1; }
 }
 # Prints the service's exit status and how long it took to end.
 end_service() {
@@ -83,11 +83,19 @@ end_service() {
   echo "exit status $status after $(bc_minus "$(now)" "$begin") s"
   return $status
 }
-start_camera() {
+camera_starts() {
   mkdir -p /opt/params /opt/base /opt/vcam/www/config
   # The driver then passes on torn frames, so that a missing number means a slow client.
   echo 1 >/sys/module/uvcvideo/parameters/nodrop
   start_parties && start_service
+}
+# Without a camera, nothing else can be judged.
+start_camera() {
+  local begin
+  begin=$(now)
+  camera_starts >/tmp/said 2>&1 && return
+  row "camera starts" "$begin" FAILED "$(tail -n 1 /tmp/said)"
+  exit 1
 }
 
 # The port's power on the emulated hub serves as the cable.
@@ -99,7 +107,7 @@ replug() { cable 0 && wait_until 20 node_answers; }
 # Takes three more than FRAMES, because the first payloads of a stream are empty. The host has priority, as if it were a
 # machine of its own.
 capture() {
-  timeout 120 nice -n -15 v4l2-ctl -d "$(node)" --verbose --set-fmt-video="width=${2%x*},height=${2#*x},pixelformat=$1" \
+  timeout $((120 * patience)) nice -n -15 v4l2-ctl -d "$(node)" --verbose --set-fmt-video="width=${2%x*},height=${2#*x},pixelformat=$1" \
     --stream-mmap=24 --stream-count=$(($3 + 3)) --stream-to-hdr="$4" >"$5" 2>&1
 }
 

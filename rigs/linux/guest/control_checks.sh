@@ -126,7 +126,7 @@ unit_obeys() {
 }
 
 take_picture() {
-  timeout 30 v4l2-ctl -d "$(node)" --set-fmt-video=width=1280,height=720,pixelformat=MJPG --stream-mmap \
+  timeout $((30 * patience)) v4l2-ctl -d "$(node)" --set-fmt-video=width=1280,height=720,pixelformat=MJPG --stream-mmap \
     --stream-skip=6 --stream-count=1 --stream-to="$1" >/tmp/picture.txt 2>&1
 }
 step_seen() { take_picture /tmp/after.jpg && "$build/picture_step" "$1" /tmp/before.jpg /tmp/after.jpg >/tmp/measured; }

@@ -1,7 +1,9 @@
 // camera_sim at its prompt, which a script on standard input may take the place of.
 #include "sim/app/prompt.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,10 +37,10 @@ class PromptTest : public testing::Test {
   ~PromptTest() override { fs::remove_all(folder); }
 
   // The exit status; what was printed is in `output`.
-  int run(const std::string& script) {
+  int run(const std::string& script, const std::string& options = "--prompt") {
     std::ofstream(folder / "script") << script;
     const std::string command =
-        "cd " + folder.string() + " && " + program() + " --prompt <script >output 2>&1";
+        "cd " + folder.string() + " && " + program() + ' ' + options + " <script >output 2>&1";
     const int status = std::system(command.c_str());
     output = contents(folder / "output");
     return WEXITSTATUS(status);
@@ -55,6 +57,7 @@ TEST_F(PromptTest, ScriptDrivesTheCamera) {
                 "get brightness\n"
                 "controls\n"
                 "xu 9 len\n"
+                "xu 24 set 01\n"
                 "raw 0xA1 0x87 0x0200 0x0200 2\n"
                 "wait 0.5\n"
                 "look\n"
@@ -70,6 +73,9 @@ TEST_F(PromptTest, ScriptDrivesTheCamera) {
   EXPECT_THAT(output, HasSubstr("\nbrightness = 12\n"));
   EXPECT_THAT(output, ContainsRegex("\nbrightness +PU +0 +15 +1 +8 +12\n"));
   EXPECT_THAT(output, ContainsRegex("\npan_absolute +CT +-612000 +612000 +3600 "));
+  EXPECT_THAT(output, ContainsRegex("\nwhite_balance_automatic +PU +- +- +- +1 +1\n"))
+      << "limits that the camera does not give";
+  EXPECT_THAT(output, HasSubstr("asked its shell for: reboot "));
   EXPECT_THAT(output, HasSubstr("[16 00]")) << "the length of the extension unit's selector 9";
   EXPECT_THAT(output, ContainsRegex("GET_DEF +brightness = 8 "));
   EXPECT_THAT(output, HasSubstr("pan 10.0 tilt 0.0"));
@@ -103,6 +109,25 @@ TEST_F(PromptTest, ScriptGoesOnAfterCommandsThatFail) {
       "\ncontrast = 8\n",
   };
   for (const char* complaint : complaints) EXPECT_THAT(output, HasSubstr(complaint));
+}
+
+// A wrong file or folder ends it before anything starts.
+TEST_F(PromptTest, FilesAreTriedFirst) {
+  EXPECT_EQ(run("", "--prompt --source script.txt"), 2);
+  EXPECT_THAT(output, HasSubstr("--source \"script.txt\": No such file or directory\n"));
+  std::ofstream(folder / "notes.txt") << "No picture.\n";
+  EXPECT_EQ(run("", "--prompt --source notes.txt"), 2);
+  EXPECT_THAT(output, HasSubstr("--source \"notes.txt\": not a picture"));
+  EXPECT_EQ(run("", "--prompt --out notes.txt/out"), 2);
+  EXPECT_THAT(output, HasSubstr("\"notes.txt/out\" cannot be made: Not a directory\n"));
+}
+
+TEST_F(PromptTest, RunsDoNotShareAFolder) {
+  const int other = open(folder.c_str(), O_RDONLY | O_DIRECTORY);
+  ASSERT_EQ(flock(other, LOCK_EX), 0);
+  EXPECT_EQ(run("", "--prompt --out ."), 2);
+  EXPECT_THAT(output, HasSubstr("another run is writing to \".\""));
+  close(other);
 }
 
 }  // namespace
