@@ -68,7 +68,7 @@ namespace {
 // Returns what is wrong with the stream; empty if nothing is.
 std::string complaint(const ReportRow& row) {
   if (!row.error.empty()) return row.error;
-  if (!row.result.copied) return "the copy was not taken to the end";
+  if (!row.result.copied) return "copy cut short";
   if (row.result.report.frames == 0) return "no picture";
   if (const std::string wrong = defects(row.result.report); !wrong.empty()) return wrong;
   if (row.result.rate() >= kLeastShareOfRate * row.asked_rate) return "";

@@ -29,8 +29,7 @@ class Session {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// Starts the service in `camera`, with its output to `service_log`. The arguments must outlive the
-  /// session.
+  /// Starts the service in `camera`; its output goes to `service_log`. All three must outlive the session.
   Session(const Options& options, Camera& camera, std::FILE* service_log);
 
   const Options& options() const { return options_; }
@@ -38,8 +37,8 @@ class Session {
   ServiceProcess& service() { return service_; }
   Timeline& timeline() { return timeline_; }
 
-  /// Waits until the device is on the bus and enumerated, unless a capture is to be repeated, which does
-  /// that. Complains and returns false if that fails.
+  /// Waits until the device is on the bus, and enumerates it, unless a recorded host is to do that. Complains
+  /// and returns false if that fails.
   bool wait_for_device();
   /// Returns false if the limit passed, the service ended or Ctrl-C came before the condition held.
   template <class Condition>

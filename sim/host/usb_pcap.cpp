@@ -186,7 +186,7 @@ class Reader {
   std::vector<Exchange> exchanges() && { return std::move(done_); }
 
  private:
-  std::map<u64, Exchange> open_;  ///< by the number of the transfer
+  std::map<u64, Exchange> open_;  // by the number of the transfer
   std::vector<Exchange> done_;
   std::optional<double> first_ms_;
 };

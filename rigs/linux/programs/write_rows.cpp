@@ -1,5 +1,5 @@
-// write_rows: turns the rows of ./dev bed on standard input (part, name, seconds, verdict and detail, with tabs
-// between them) into a file of results.
+// write_rows: turns the rows of ./dev bed on standard input (part, name, seconds, verdict and detail, with
+// tabs between them) into a file of results.
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
