@@ -1,4 +1,4 @@
-// The logger's port to the machine: its lock, its time, process and thread texts, and its three sinks:
+// The logger's port to the machine: its lock, its time, process and thread texts, and its sinks:
 // console, file, and the queue of the log collector. Everything but the lock and the console switch is called
 // under the lock. A line that a sink cannot take is lost; no call waits, and no line is kept for later.
 #pragma once

@@ -79,7 +79,7 @@ i32 VeltoSend25(i32 value, const char* text);
 i32 VeltoSend26(i32 value);
 i32 VeltoSend27(i32 value);
 
-/// Commands 256 to 261, pan and tilt.
+/// Commands from 256 on, pan and tilt.
 i32 VeltoPtzMode(i32 code);
 i32 VeltoSend256(i32 value);  ///< the same command as VeltoPtzMode
 i32 VeltoPtzNotify(i32 value);

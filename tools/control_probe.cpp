@@ -33,6 +33,8 @@ std::vector<u8> written(const Bytes& first, const Bytes& second) {
 
 // Returns a line of the server's record in the page's words, without the reply.
 std::string in_words(const std::string& line) {
+  require(line.find(" -> 90 60 ") == std::string::npos,
+          "sim/parties/visca_device.cpp does not understand a frame that a control sends");
   const std::string request = line.substr(0, line.find(" -> "));
   static const std::string kVisca = "sys 39 ", kCommand = "velto ";
   if (request.starts_with(kVisca)) return '`' + request.substr(kVisca.size()) + '`';

@@ -37,6 +37,11 @@ namespace {
 
 void print(const std::string& text) { std::fputs(text.c_str(), stdout); }
 
+[[noreturn]] void require_text(const std::string& what) {
+  std::fprintf(stderr, "controls_page: add %s of tools/control_texts.cpp\n", what.c_str());
+  std::exit(1);
+}
+
 // A control of the camera terminal or the processing unit, with its data from the tables and texts.
 struct Shown {
   Place place;
@@ -52,9 +57,8 @@ Shown shown(ControlProbe& probe, const Unit& unit, const Control& row) {
     return candidate.entity == entity && candidate.selector == row.selector;
   });
   if (text == control_texts().end()) {
-    std::fprintf(stderr, "controls_page: add selector %d of entity %d to tools/control_texts.cpp\n",
-                 row.selector, entity);
-    std::exit(1);
+    require_text("selector " + std::to_string(row.selector) + " of entity " + std::to_string(entity) +
+                 " to kControls");
   }
   Shown control = {{unit.interface, entity, row.selector}, row, *text, {}, 0};
   for (const sim::HostControl& value : sim::host_controls())
@@ -101,6 +105,7 @@ std::string linux_range(ControlProbe& probe, const Shown& control, const sim::Ho
     const auto number = sim::value_in(value, request, probe.get(request, control.place).bytes);
     return number ? std::to_string(*number) : "-";
   };
+  if (limit(UVC_GET_MIN) == "-") require_text(std::string(value.name) + ", which has no range, to kLinux");
   return "(int) " + limit(UVC_GET_MIN) + ".." + limit(UVC_GET_MAX) + ", step " + limit(UVC_GET_RES) +
          ", default " + limit(UVC_GET_DEF);
 }

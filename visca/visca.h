@@ -5,7 +5,7 @@
 
 #include "common/word.h"
 
-/// The relays, commands 256 to 261 of the control-message channel (ipc/VeltoDrvMsg.h). Those with no result
+/// The relays, commands from 256 on of the control-message channel (ipc/VeltoDrvMsg.h). Those with no result
 /// of their own return what the sender returned.
 i32 ptz_notify(i32 value);
 i32 ptz_mode(i32 code);              ///< sends 2 for code 1, 1 for code 0xFF, else 0

@@ -200,8 +200,8 @@ TEST_F(CameraControlTest, SettingsBecomeFrames) {
 }
 
 TEST_F(CameraControlTest, RefusesWhatLiesBeyondTheLimitsOfTheImage) {
-  for (u8 selector = PU_BACKLIGHT_COMPENSATION_CONTROL; selector <= PU_DIGITAL_MULTIPLIER_CONTROL;
-       selector++) {
+  for (const Control& row : uvc_processing_unit.controls) {
+    const u8 selector = row.selector;
     SCOPED_TRACE(int(selector));
     const u16 length = selector == PU_WHITE_BALANCE_COMPONENT_CONTROL ? 4 : 2;
     const auto try_value = [&](u32 value) {

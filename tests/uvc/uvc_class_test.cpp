@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "ipc/sys_msg_drv.h"
+#include "platform/uvc_formats.h"
 #include "support/print.h"
 #include "tests/printed_by.h"
 #include "tests/uvc/uvc_fixture.h"
@@ -22,6 +23,7 @@ namespace {
 
 constexpr char kInitialBlock[] =
     "09 00 01 01 16 15 05 00 00 00 00 00 00 00 00 00 00 00 00 00 40 00 00 04 00 00";
+constexpr u8 kPastYuy2 = std::size(kYuy2Sizes) + 1;  // the first frame index that YUY2 does not have
 
 struct Question {
   const char* name;
@@ -62,7 +64,7 @@ TEST_F(UvcTest, ProbeKeepsTheDevicesOwnFields) {
             "ee ee 03 02 15 16 05 00 ee ee ee ee 00 00 ee ee ee ee 00 60 09 00 00 04 00 00");
   EXPECT_EQ(cur_format, kFormatMjpeg);
   EXPECT_EQ(sent_settings(), "");
-  set_streaming(VS_PROBE_CONTROL, block(kFormatYuy2, 3, 333333));
+  set_streaming(VS_PROBE_CONTROL, block(kFormatYuy2, kPastYuy2, 333333));
   const auto beyond = get_streaming(UVC_GET_CUR, VS_PROBE_CONTROL, 26);
   EXPECT_EQ(get_le32(&beyond[18]), 0u);
   for (const u8 limit : {UVC_GET_MIN, UVC_GET_MAX})
@@ -76,10 +78,12 @@ struct Commit {
   u32 interval;
   i32 columns, lines, rate;
   u32 max_frame_size;
-  const char* settings;
+  std::string settings;
 };
 
 TEST_F(UvcTest, CommitSetsTheStreamAndTellsTheEncoder) {
+  const auto [width, height] = *std::rbegin(kMjpegSizes);
+  const std::string last_mjpeg = std::to_string(width) + ' ' + std::to_string(height);
   const Commit commits[] = {
       {"YUY2", 3, 2, 333333, 640, 480, 30, 614400, "2 1 640 480 30 0 3 1 40960 99 60 0 0\n"},
       {"MJPEG", 1, 2, 666666, 1280, 720, 15, 921600, "2 1 1280 720 15 0 1 0 32768 99 60 0 0\n"},
@@ -87,10 +91,10 @@ TEST_F(UvcTest, CommitSetsTheStreamAndTellsTheEncoder) {
       {"H.265", 4, 6, 400000, 1600, 1200, 25, 1920000, "2 1 1600 1200 25 0 2 0 60 12288 12288 0 0\n"},
       {"unknown format keeps the size", 5, 1, 333333, 1600, 1200, 30, 0, ""},
       {"interval 0", 4, 1, 0, 1920, 1080, 0, 2073600, "2 1 1920 1080 0 0 2 0 60 12288 12288 0 0\n"},
-      {"index 0 reads the entry before", 2, 0, 333333, 352, 288, 30, 101376,
-       "2 1 352 288 30 0 0 0 1 60 12288 0 0\n"},
+      {"index 0 reads the entry before", 2, 0, 333333, width, height, 30, u32{width} * height,
+       "2 1 " + last_mjpeg + " 30 0 0 0 1 60 12288 0 0\n"},
       {"index 0 of the first table", 1, 0, 333333, 0, 0, 30, 0, "2 1 0 0 30 0 1 0 32768 60 12288 0 0\n"},
-      {"index past a table reads the next", 3, 3, 333333, 1920, 1080, 30, 0,
+      {"index past a table reads the next", 3, kPastYuy2, 333333, 1920, 1080, 30, 0,
        "2 1 1920 1080 30 0 3 0 32768 60 12288 0 0\n"},
       {"index past all tables", 4, 255, 333333, 0, 0, 30, 0, "2 1 0 0 30 0 2 0 60 12288 12288 0 0\n"},
   };

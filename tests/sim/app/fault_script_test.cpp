@@ -9,6 +9,7 @@
 #include "ipc/msg_records.h"
 #include "sim/app/parties.h"
 #include "sim/app/prompt.h"
+#include "sim/app/storm_plan.h"
 #include "sim/media/encoder_fault.h"
 #include "sim/parties/server_fault.h"
 #include "sim/seam/run.h"
@@ -52,6 +53,13 @@ TEST(FaultScript, FormsAreShownAndCompleted) {
   EXPECT_THAT(sim::fault_forms("  "), HasSubstr("\n  encoder slow by TIME "));
   EXPECT_THAT(sim::completions({"fault", "encoder", ""}), testing::Optional(Contains("slow")));
   EXPECT_THAT(sim::completions({"fault", "encoder", "slow", ""}), testing::Optional(Contains("by")));
+}
+
+TEST(FaultScript, KnowsEveryFaultOfTheStorm) {
+  for (const sim::StormFault& fault : sim::storm_faults()) {
+    if (fault.party == sim::StormParty::kService) continue;  // the storm's own
+    understood((std::string("at 1s ") + fault.text + " for 1s").c_str());
+  }
 }
 
 // How long a request to the system server takes.
