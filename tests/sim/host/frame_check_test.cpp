@@ -4,12 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <thread>
 
 #include "sim/host/usb_host.h"
 #include "sim/media/encoder.h"
 #include "sim/media/frame_counter.h"
+#include "sim/media/ring_watcher.h"
+#include "sim/media/ring_writer.h"
 #include "sim/media/scene.h"
 #include "sim/media/vpss_model.h"
+#include "sim/seam/run.h"
 
 namespace sim {
 namespace {
@@ -128,6 +132,28 @@ TEST(Checker, ReportsEveryKindOfDamage) {
     other_size.feed(all[0]);
     EXPECT_EQ(text(other_size.report()), "torn=1");
   }
+}
+
+// An encoder of the user's own need not show a counter; a picture that stands still is the same bytes again.
+TEST(Checker, KnowsFramesOfAnotherEncoderByTheirBytes) {
+  const sim::Run run;
+  RingWriter writer;
+  const RingWatcher watcher;
+  const std::vector<Bytes> all = payloads(kCodecMjpeg);
+  const auto report = [&](const char* written, const char* fed) {  // '-': nothing at that time
+    FrameChecker checker(StreamFormat::kMjpeg, 320, 240);
+    for (; *written; ++written, ++fed) {
+      if (EncFrameSlot* slot = *written == '-' ? nullptr : writer.acquire())
+        writer.publish(*slot, {kJpegFrameType, all[*written - '0']}, 320, 240);
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      if (*fed != '-') checker.feed(all[*fed - '0']);
+    }
+    return text(checker.report());
+  };
+  EXPECT_EQ(report("4444", "4444"), "frames=4");
+  EXPECT_EQ(report("0123", "0--3"), "frames=2 lost=2");
+  EXPECT_EQ(report("01--", "0189"), "frames=2 torn=2") << "never written";
+  EXPECT_EQ(report("01-2", "0112"), "frames=3 repeated=1");
 }
 
 }  // namespace
