@@ -1,4 +1,5 @@
-// The units of the video-control interface: their numbers, and what the camera's descriptors announce for each. It is plain C as well, since the kernel module of rigs/linux reads it.
+// The units of the video-control interface: their numbers, and what the camera's descriptors announce for
+// each. It is plain C as well, since the kernel module of rigs/linux reads it.
 #pragma once
 
 /// Entity numbers.

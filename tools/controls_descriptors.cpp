@@ -14,8 +14,7 @@ namespace {
 constexpr u8 kInterface = 4, kClassInterface = 0x24;  // types of descriptors
 constexpr u8 kVideoStreaming = 2;                     // subclass of an interface
 
-// What a descriptor of the video-control interface is, by its subtype, and where its fields are; 0: it has
-// none.
+// What a descriptor of the video-control interface is, by its subtype, and where it has its fields, if any.
 struct EntityRow {
   u8 subtype;
   const char* name;
