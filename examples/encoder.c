@@ -1,6 +1,6 @@
-// An encoder, written from docs/wire-formats.md alone. Instead of encoding it plays frames from files, over
-// and over: one frame a file, all of one size. It obeys the settings that a system server hands on as lines
-// of numbers on standard input, "10 2 1 640 480 30 ...", and without such a line it just plays.
+// An encoder that needs no more than docs/wire-formats.md. Instead of encoding it plays frames from files,
+// over and over: one frame a file, all of one size. It obeys the settings that a system server hands on as
+// lines of numbers on standard input, "10 2 1 640 480 30 ...", and without such a line it just plays.
 #include <fcntl.h>
 #include <getopt.h>
 #include <poll.h>

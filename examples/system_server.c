@@ -1,7 +1,6 @@
-// A system server, written from docs/wire-formats.md alone: it keeps the parameter record, hands out the
+// A system server that needs no more than docs/wire-formats.md: it keeps the parameter record, hands out the
 // memory pool and plays the camera head, which remembers what it was told. Every command 10 and 12 goes to
-// standard output as a line of numbers, for an encoder to read: system_server | encoder WIDTHxHEIGHT
-// PICTURE...
+// standard output as a line of numbers, for an encoder to read: system_server | encoder 640x480 *.jpg
 #include <errno.h>
 #include <pthread.h>
 #include <stdint.h>
