@@ -1,5 +1,5 @@
-// The units of the video-control interface: their numbers, and the controls that the camera's descriptors
-// announce for each. It is plain C as well, since the kernel module of rigs/linux reads it.
+// The units of the video-control interface: their numbers, and what the camera's descriptors announce for
+// each. It is plain C as well, since the kernel module of rigs/linux reads it.
 #pragma once
 
 /// Entity numbers.
@@ -18,3 +18,7 @@ enum {
 };
 /// Bytes of the processing unit's bmControls: hosts that know UVC 1.0 expect 2 as long as these are enough.
 enum { kProcessingUnitBitsSize = kProcessingUnitBits > 0xFFFF ? 3 : 2 };
+
+/// guidExtensionCode, as the extension unit's descriptor carries it.
+const unsigned char kExtensionUnitGuid[16] = {0x5A, 0x1E, 0x20, 0x94, 0x0B, 0x6D, 0x4C, 0x33,
+                                              0x8E, 0x77, 0x42, 0xD1, 0x6F, 0x09, 0xC8, 0x3A};

@@ -9,31 +9,38 @@
 namespace {
 
 const ControlText kControls[] = {
-    {kCameraTerminal, SELECTOR(CT_AE_MODE_CONTROL)},
-    {kCameraTerminal, SELECTOR(CT_EXPOSURE_TIME_ABSOLUTE_CONTROL)},
-    {kCameraTerminal, SELECTOR(CT_FOCUS_ABSOLUTE_CONTROL)},
-    {kCameraTerminal, SELECTOR(CT_FOCUS_RELATIVE_CONTROL), {{1, 1}}},
-    {kCameraTerminal, SELECTOR(CT_ZOOM_ABSOLUTE_CONTROL)},
-    {kCameraTerminal, SELECTOR(CT_ZOOM_RELATIVE_CONTROL), {{1, 0, 4}, {255, 0, 4}, {0, 0, 0}}},
-    {kCameraTerminal, SELECTOR(CT_PANTILT_ABSOLUTE_CONTROL)},
+    {kCameraTerminal, SELECTOR(CT_AE_MODE_CONTROL), "0 manual, 1 automatic"},
+    {kCameraTerminal, SELECTOR(CT_EXPOSURE_TIME_ABSOLUTE_CONTROL), "0.1 ms"},
+    {kCameraTerminal, SELECTOR(CT_FOCUS_ABSOLUTE_CONTROL), "mm"},
+    {kCameraTerminal, SELECTOR(CT_FOCUS_RELATIVE_CONTROL), "-", {{1, 1}}},
+    {kCameraTerminal, SELECTOR(CT_ZOOM_ABSOLUTE_CONTROL), "lens steps: 0 wide, 16384 tele"},
+    {kCameraTerminal,
+     SELECTOR(CT_ZOOM_RELATIVE_CONTROL),
+     "1 tele, 255 wide, 0 stop; digital zoom; speed",
+     {{1, 0, 4}, {255, 0, 4}, {0, 0, 0}}},
+    {kCameraTerminal, SELECTOR(CT_PANTILT_ABSOLUTE_CONTROL), "arc seconds: pan, tilt"},
     {kCameraTerminal,
      SELECTOR(CT_PANTILT_RELATIVE_CONTROL),
+     "1 right, 255 left, 0 stop; speed; 1 up, 255 down, 0 stop; speed",
      {{1, 1, 0, 1}, {255, 7, 0, 1}, {0, 1, 1, 1}, {0, 1, 255, 7}, {1, 7, 1, 7}, {0, 1, 0, 1}}},
-    {kCameraTerminal, SELECTOR(CT_ROLL_ABSOLUTE_CONTROL), {{0, 0}, {1, 0}, {4, 0}, {5, 0}}},
-    {kProcessingUnit, SELECTOR(PU_BACKLIGHT_COMPENSATION_CONTROL)},
-    {kProcessingUnit, SELECTOR(PU_BRIGHTNESS_CONTROL)},
-    {kProcessingUnit, SELECTOR(PU_CONTRAST_CONTROL)},
-    {kProcessingUnit, SELECTOR(PU_GAIN_CONTROL)},
-    {kProcessingUnit, SELECTOR(PU_POWER_LINE_FREQUENCY_CONTROL)},
-    {kProcessingUnit, SELECTOR(PU_HUE_CONTROL)},
-    {kProcessingUnit, SELECTOR(PU_SATURATION_CONTROL)},
-    {kProcessingUnit, SELECTOR(PU_SHARPNESS_CONTROL)},
-    {kProcessingUnit, SELECTOR(PU_GAMMA_CONTROL)},
-    {kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_TEMPERATURE_CONTROL)},
-    {kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_TEMPERATURE_AUTO_CONTROL), {{0}, {1}}},
-    {kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_COMPONENT_CONTROL)},
-    {kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_COMPONENT_AUTO_CONTROL), {{0}, {1}}},
-    {kProcessingUnit, SELECTOR(PU_DIGITAL_MULTIPLIER_CONTROL)},
+    {kCameraTerminal,
+     SELECTOR(CT_ROLL_ABSOLUTE_CONTROL),
+     "picture mode, 1 to 4",
+     {{0, 0}, {1, 0}, {4, 0}, {5, 0}}},
+    {kProcessingUnit, SELECTOR(PU_BACKLIGHT_COMPENSATION_CONTROL), "0 off, 1 on"},
+    {kProcessingUnit, SELECTOR(PU_BRIGHTNESS_CONTROL), "steps"},
+    {kProcessingUnit, SELECTOR(PU_CONTRAST_CONTROL), "steps"},
+    {kProcessingUnit, SELECTOR(PU_GAIN_CONTROL), "steps"},
+    {kProcessingUnit, SELECTOR(PU_POWER_LINE_FREQUENCY_CONTROL), "0 off, 1 50 Hz, 2 60 Hz"},
+    {kProcessingUnit, SELECTOR(PU_HUE_CONTROL), "0.01 degree"},
+    {kProcessingUnit, SELECTOR(PU_SATURATION_CONTROL), "steps"},
+    {kProcessingUnit, SELECTOR(PU_SHARPNESS_CONTROL), "steps"},
+    {kProcessingUnit, SELECTOR(PU_GAMMA_CONTROL), "number of a curve"},
+    {kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_TEMPERATURE_CONTROL), "kelvin"},
+    {kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_TEMPERATURE_AUTO_CONTROL), "0 off, 1 on", {{0}, {1}}},
+    {kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_COMPONENT_CONTROL), "steps: blue, red"},
+    {kProcessingUnit, SELECTOR(PU_WHITE_BALANCE_COMPONENT_AUTO_CONTROL), "0 off, 1 on", {{0}, {1}}},
+    {kProcessingUnit, SELECTOR(PU_DIGITAL_MULTIPLIER_CONTROL), "steps"},
 };
 
 constexpr LinuxText kLinux[] = {
@@ -127,6 +134,17 @@ Every class request that the camera answers. A program of the build writes this 
   (see [wire-formats.md](wire-formats.md)). "Nothing" stays in the service. A refused value changes nothing.
 - GET_LEN of a selector that is not listed is 2 in entities 1 and 2, and 1 in entity 3.
 - "Linux shows" is what `v4l2-ctl --list-ctrls-menus` prints on a Linux 6.12 host with its own driver.
+- The unit "steps" has no physical meaning. Where a value never reaches the camera, the unit is the standard's.
+)";
+
+const char kDescriptorsText[] = R"(
+## Descriptors
+
+A host finds the controls through descriptors, and these belong to the gadget's kernel module, not to the service: with
+another module another GUID, other bits and other frame sizes may be announced, while the service answers as below. The
+simulated camera and the module of `rigs/linux/kernel/` announce this (UVC 1.0, one video control and one video streaming
+interface):
+
 )";
 
 const char kVendorText[] = R"(
@@ -173,6 +191,43 @@ commit another.
 
 )";
 
+const char kStreamStartText[] = R"(
+### The start of a stream
+
+Every stream but the first after a replug begins with **three payloads of 2 zero bytes**: what the service queued when the
+last stream ended. The same payload comes for every 2.5 s in which the encoder is silent. No frame is so small, so a host
+drops **every payload of 2 bytes or fewer**, rather than always the first three:
+
+- uvcvideo hands them to an MJPEG, H.264 or H.265 program as frames (`bytesused` is 2); of YUY2 it drops them, so that the
+  first frame has sequence number 3.
+- In an H.264 or H.265 byte stream they do no harm, since zeros may stand before a start code. A JPEG decoder reports an
+  error for each.
+- The first frame after them is a key frame.
+)";
+
+const char kHostLinesText[] = R"(
+## To copy and paste
+
+Each line records about 30 frames of 640x480 into a file. `./dev bed` runs every one of them and decodes the file.
+`/dev/video0` is the camera's first node on the host (`v4l2-ctl --list-devices`); ffmpeg 5.1 cannot ask for H.265 itself.
+)";
+
+const char kRefusedText[] = R"(
+## What Linux refuses
+
+Linux's driver refuses some settings by itself, and the camera never hears of them. `./dev bed` tries these lines:
+
+| after                       | this setting                     | fails with        |
+|-----------------------------|----------------------------------|-------------------|
+| `white_balance_automatic=1` | `white_balance_temperature=5000` | Permission denied |
+| `white_balance_automatic=1` | `blue_balance=100`               | Permission denied |
+| -                           | `auto_exposure=0`                | Invalid argument  |
+| -                           | `auto_exposure=3`                | Invalid argument  |
+
+So set `white_balance_automatic` to 0 first. A second program that wants to stream is refused as well (Device or resource
+busy), while it may read and set controls; a class request that the camera does not answer fails after 5 s.
+)";
+
 const char kFrameSizesText[] = R"(
 The frame sizes, by `bFrameIndex` and, with its name, `bFormatIndex`:
 
@@ -209,6 +264,9 @@ Hosts see these, and other programs of the camera rely on them, so they stay. Ea
 - **The camera terminal's ranges are reported, not enforced**: zoom 65535 and a position of 30 turns are sent unchanged, and
   a position that does not fit the head's 16-bit steps of 270 arc seconds wraps. Clamp in the host, as Linux does.
 - **Position**: GET_CUR returns the last absolute position that was set, not where the head is. After relative motion it is stale.
+- **A moving head goes on after the cable is pulled.** Relative pan, tilt and zoom run until a request with direction 0, or to
+  the end of the range; when the host goes, the service sends nothing to the head. Send the stop before you close the
+  device; after a sudden end, it is the first thing to send to a camera that comes back.
 - **Pan and tilt speeds** run from 1 to 7 with default 1, while direction 0 in every limit means "stand still": setting the
   default stops the head. The speeds are ignored. When both directions are set, only pan moves. Linux shows -1..7: its lower
   end is the negated minimum, so -1 is the only value for left and down.

@@ -10,6 +10,7 @@
 struct ControlText {
   u8 entity, selector;
   const char* name;                            ///< from the UVC standard
+  const char* unit;                            ///< of its numbers, or what they mean
   std::vector<std::vector<u8>> examples = {};  ///< for SET_CUR; if empty, the ends of the range, and beyond
 };
 std::span<const ControlText> control_texts();
@@ -53,9 +54,13 @@ struct RefusedBlock {
 std::span<const RefusedBlock> refused_blocks();
 
 extern const char kIntroduction[];
+extern const char kDescriptorsText[];
 extern const char kVendorText[];
 extern const char kRateControlText[];
 extern const char kVersionText[];
 extern const char kStreamingText[];
 extern const char kFrameSizesText[];
+extern const char kStreamStartText[];
+extern const char kHostLinesText[];
+extern const char kRefusedText[];
 extern const char kOddities[];

@@ -1,9 +1,10 @@
 // Writes docs/controls.md to standard output. It asks the service's own handlers, so the page shows what
-// a host gets.
+// a host gets. Its argument is the file of the lines to copy and paste.
 #include "tools/controls_page.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 
 #include "sim/host/host_controls.h"
 #include "sim/host/usb_host.h"
@@ -97,6 +98,7 @@ std::vector<std::string> range_row(ControlProbe& probe, const Shown& control) {
       value_cell(probe, control, UVC_GET_MAX),
       value_cell(probe, control, UVC_GET_RES),
       value_cell(probe, control, UVC_GET_DEF),
+      control.text.unit,
   };
 }
 
@@ -170,7 +172,7 @@ void add_settings(ControlProbe& probe, const Shown& control, MarkdownTable& tabl
 
 void print_camera_unit(ControlProbe& probe, const Unit& unit) {
   MarkdownTable ranges(
-      {"selector", "control", "length", "info", "minimum", "maximum", "resolution", "default"});
+      {"selector", "control", "length", "info", "minimum", "maximum", "resolution", "default", "unit"});
   MarkdownTable readings({"control", "GET_CUR answers", "Linux shows"});
   MarkdownTable settings({"control", "value", "data", "SET_CUR sends"});
   for (const Control& row : unit.controls) {
@@ -253,14 +255,25 @@ void print_streaming_interface(ControlProbe& probe) {
   blocks.add({"SET_CUR of commit: H.264, frame 2", hex(wanted)});
   blocks.add({"which sends", joined(effect.sent, ", ")});
   blocks.add({"GET_CUR, GET_RES and GET_DEF then", hex(probe.get(UVC_GET_CUR, probe_control).bytes)});
-  print(kStreamingText + table.text() + '\n' + blocks.text() + kFrameSizesText + sizes);
+  print(kStreamingText + table.text() + '\n' + blocks.text() + kFrameSizesText + sizes + kStreamStartText);
+}
+
+// The file's lines are commands, under titles that begin with "# ".
+bool print_host_lines(const char* path) {
+  print(kHostLinesText);
+  std::ifstream file(path);
+  std::string line;
+  while (std::getline(file, line))
+    print(line.starts_with("# ") ? "\n##" + line + "\n\n" : "    " + line + '\n');
+  return file.eof();
 }
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
   ControlProbe probe;
   print(kIntroduction);
+  print_descriptors();
   const std::span<const Unit* const> units = uvc_units();
   print("\n## Camera terminal (entity 1)\n\n");
   print_camera_unit(probe, *units[0]);
@@ -268,5 +281,9 @@ int main() {
   print_camera_unit(probe, *units[1]);
   print_streaming_interface(probe);
   print_extension_unit(probe);
+  const bool read = argc == 2 && print_host_lines(argv[1]);
+  print(kRefusedText);
   print(kOddities);
+  if (!read) std::fputs("Usage: controls_page LINES\n", stderr);
+  return read ? 0 : 1;
 }

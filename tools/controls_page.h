@@ -3,6 +3,7 @@
 
 #include "tools/control_probe.h"
 
+void print_descriptors();
 void print_extension_unit(ControlProbe& probe);
 
 /// Joins the parts with a separator.

@@ -50,8 +50,6 @@ constexpr u8 kOutputTerminal = 4;
 constexpr u8 kStreamEndpoint = USB_DIR_IN | 1;
 constexpr u32 kThreeTransactions = 2 << 11;  //< wMaxPacketSize: a microframe's additional ones
 
-constexpr Field kExtensionGuid[] = {dw(0x94201E5A), dw(0x334C6D0B), dw(0xD142778E), dw(0x3AC8096F)};
-
 constexpr u32 kIntervals[] = {166666, 333333, 400000, 666666};  //< of 100 ns
 constexpr u32 kDefaultInterval = kIntervals[1];
 
@@ -106,11 +104,11 @@ Bytes units() {
                                                  b(kProcessingUnitBitsSize),
                                                  {kProcessingUnitBits, kProcessingUnitBitsSize},
                                                  b(0)}));
-  const Fields extension = {b(UVC_VC_EXTENSION_UNIT), b(kExtensionUnit)};
+  Fields extension = {b(UVC_VC_EXTENSION_UNIT), b(kExtensionUnit)};
+  for (const u8 byte : kExtensionUnitGuid) extension.push_back(b(byte));
   append(bytes, descriptor(USB_DT_CS_INTERFACE,
-                           extension + Fields(std::begin(kExtensionGuid), std::end(kExtensionGuid)) +
-                               Fields{b(static_cast<u32>(std::popcount(u32{kExtensionUnitBits}))), b(1),
-                                      b(kProcessingUnit), b(4), dw(kExtensionUnitBits), b(0)}));
+                           extension + Fields{b(static_cast<u32>(std::popcount(u32{kExtensionUnitBits}))),
+                                              b(1), b(kProcessingUnit), b(4), dw(kExtensionUnitBits), b(0)}));
   append(bytes, descriptor(USB_DT_CS_INTERFACE, {b(UVC_VC_OUTPUT_TERMINAL), b(kOutputTerminal),
                                                  w(UVC_TT_STREAMING), b(0), b(kExtensionUnit), b(0)}));
   return bytes;

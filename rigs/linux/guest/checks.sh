@@ -19,6 +19,17 @@ whole() {
 }
 judge() { "$build/capture_check" "$@" /tmp/capture /tmp/capture.txt $logs/made.log /tmp/capture.raw; }
 
+# line_works LINE: a line of docs/host-lines.txt, run as it is but for the node; the file that it names last is decoded.
+line_works() {
+  local file=/tmp/lines/${1##*[ =]} options=() frames
+  rm -rf /tmp/lines && mkdir /tmp/lines
+  (cd /tmp/lines && timeout 120 bash -o pipefail -c "${1//\/dev\/video0/$(node)}" </dev/null) || return
+  [[ $file != *.yuv ]] || options=(-f rawvideo -pix_fmt yuyv422 -video_size 640x480)
+  frames=$(ffmpeg -nostdin -v error -xerror "${options[@]}" -i "$file" -f framecrc - | grep -vc '^#')
+  echo "$frames frames decoded from ${file##*/}"
+  [ "$frames" -ge 25 ]
+}
+
 # A host program that streams until it is stopped or the device goes.
 begin_stream() {
   v4l2-ctl -d "$(node)" --verbose --set-fmt-video="width=${2%x*},height=${2#*x},pixelformat=$1" \
@@ -105,4 +116,21 @@ runtime_suspended() { [ "$(<"/sys/bus/usb/devices/1-1/power/runtime_status")" = 
 host_suspends_device() {
   wait_until 15 runtime_suspended || return
   whole MJPG 1280x720 8 && echo "suspended when idle; the next stream is whole"
+}
+
+# Every frame must be one of the encoder's files.
+examples_stream() {
+  local sums frame frames=0
+  sums=$(md5sum /tmp/pictures/*.jpg)
+  v4l2-ctl -d "$(node)" --set-fmt-video=width=640,height=480,pixelformat=MJPG --stream-mmap --stream-skip=3 \
+    --stream-count=60 --stream-to=/tmp/examples.mjpeg || return
+  for frame in $(ffmpeg -nostdin -v error -f mjpeg -i /tmp/examples.mjpeg -c copy -f framemd5 - | sed -n 's/^0,.*, //p'); do
+    [[ $sums == *$frame* ]] || { echo "frame $frames is none of the pictures"; return 1; }
+    frames=$((frames + 1))
+  done
+  echo "$frames frames, each a file of the encoder's"
+  [ $frames = 60 ]
+}
+examples_obey() {
+  v4l2-ctl -d "$(node)" --set-ctrl=brightness=12 && bind_anew && read_controls brightness | tee /tmp/read && grep -q ': 12' /tmp/read
 }

@@ -57,6 +57,20 @@ limits_and_defaults() {
   [ $count -gt 0 ] && echo "$count settings read back, each with its frames"
 }
 
+refused_by_linux() {
+  local after setting error count=0
+  while IFS=$'\t' read -r after setting error; do
+    [ "$after" = - ] || set_controls "$after" || return
+    if v4l2-ctl -d "$(node)" --set-ctrl="$setting" >/tmp/refused 2>&1; then
+      echo "$setting was taken"
+      return 1
+    fi
+    grep -q "$error" /tmp/refused || { echo "$setting: $(tail -n 1 /tmp/refused), not $error"; return 1; }
+    count=$((count + 1))
+  done < <(documented refused)
+  [ $count -gt 0 ] && echo "$count settings"
+}
+
 # A driver that is bound again asks the camera again: some controls keep nothing. The head may still be moving.
 bind_anew() {
   local driver=/sys/bus/usb/drivers/uvcvideo

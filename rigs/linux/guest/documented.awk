@@ -1,6 +1,7 @@
 # What docs/controls.md says about the controls that Linux can reach, one line each, with tabs between its parts:
 #   shows NAME RANGE READS                  a control as Linux lists it, and what its GET_CUR answers
 #   set NAME=VALUE[,NAME=VALUE] EFFECT      what setting it makes the server receive
+#   refused AFTER SETTING ERROR             a setting that Linux refuses, after another one or "-"
 #   unit SELECTORS LENGTH MIN MAX RES DEF   of the extension unit
 #   record BYTES                            the build's version record
 BEGIN { FS = " *[|] *"; OFS = "\t" }
@@ -40,6 +41,11 @@ $2 in names && NF == 6 {
   }
   gsub(/`|nothing|refused.*/, "", $5)
   print "set", settings, $5
+}
+
+section ~ /refuses/ && $3 ~ /=/ {
+  gsub(/`/, "")
+  print "refused", $2, $3, $4
 }
 
 section ~ /Extension/ && $5 ~ /status/ { print "unit", $2, $4, $6, $7, $8, $9 }

@@ -20,9 +20,6 @@ USB_GADGET_COMPOSITE_OPTIONS();
 
 #define STREAMING_MAXPACKET 3072	/* bytes per microframe */
 
-#define XU_GUID 0x5a, 0x1e, 0x20, 0x94, 0x0b, 0x6d, 0x4c, 0x33, \
-		0x8e, 0x77, 0x42, 0xd1, 0x6f, 0x09, 0xc8, 0x3a
-
 #define OUTPUT_TERMINAL 4
 
 /* of the driver's list only, so that S_FMT grants it for YUY2 */
@@ -69,7 +66,6 @@ static u8 *put(const struct uvc_descriptor_header **list, u8 len, u8 subtype)
 
 static void build_control(void)
 {
-	static const u8 guid[16] = { XU_GUID };
 	u8 *d;
 
 	d = put(vc, 13, UVC_VC_HEADER);		/* totals filled by usb_f_uvc */
@@ -91,7 +87,7 @@ static void build_control(void)
 
 	d = put(vc, 29, UVC_VC_EXTENSION_UNIT);
 	d[3] = kExtensionUnit;
-	memcpy(d + 4, guid, 16);
+	memcpy(d + 4, kExtensionUnitGuid, 16);
 	d[20] = hweight32(kExtensionUnitBits);
 	d[21] = 1;
 	d[22] = kProcessingUnit;
