@@ -20,6 +20,7 @@
 #include <ctime>
 
 #include "sim/seam/node_state.h"
+#include "sim/seam/wait_on.h"
 
 namespace sim {
 namespace {
@@ -298,6 +299,20 @@ int node_mmap(int, size_t length, int protection, int flags, off_t offset) {
   if (!error && !valid) error = EINVAL;
   record_call(state, {CallKind::kMmap, {start, static_cast<u32>(length)}, error});
   return result_of(error);
+}
+
+int node_poll(int number, pollfd& file, int timeout_ms) {
+  NodeState& state = node_state();
+  NodeOpen& open = state.opens[number];
+  open.serving = false;
+  {
+    const NodeLock lock(state.mutex);
+    if (next_fault(state, CallKind::kPoll)) return file.revents = POLLERR, 1;
+  }
+  const i64 deadline = monotonic_ns() + timeout_ms * kMillisecond;
+  const bool has_event = wait_on(open.event, deadline, [&] { return open.waiting > 0; });
+  file.revents = has_event ? POLLPRI : 0;
+  return has_event;
 }
 
 bool node_has_no_event(int number) {

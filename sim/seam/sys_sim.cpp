@@ -164,6 +164,12 @@ int ioctl(int fd, unsigned long request, void* argument) {
   return ::ioctl(fd, request, argument);
 }
 
+int poll(pollfd* files, nfds_t count, int timeout_ms) {
+  if (auto* node = sim::device_entry(files->fd, Device::kNode))
+    return sim::node_poll(node->node_open, *files, timeout_ms);
+  return ::poll(files, count, timeout_ms);
+}
+
 void* mmap(void* address, size_t length, int protection, int flags, int fd, off_t offset) {
   if (auto* node = sim::device_entry(fd, Device::kNode))
     if (sim::node_mmap(node->node_open, length, protection, flags, offset) < 0) return MAP_FAILED;
