@@ -32,9 +32,7 @@ void wait_for_event(i32 node) {
   if (result < 0 || request.revents & ~POLLPRI) sys::usleep(kPause);
 }
 
-void rest() {
-  in_kernel ? sem_wait(&wake.semaphore) : sys::usleep(kIdlePause);
-}
+void rest() { in_kernel ? sem_wait(&wake.semaphore) : sys::usleep(kIdlePause); }
 
 void wake_main_thread() {
   int posted;

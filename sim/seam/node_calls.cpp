@@ -310,9 +310,10 @@ int node_poll(int number, pollfd& file, int timeout_ms) {
     if (next_fault(state, CallKind::kPoll)) return file.revents = POLLERR, 1;
   }
   const i64 deadline = monotonic_ns() + timeout_ms * kMillisecond;
-  const bool has_event = wait_on(open.event, deadline, [&] { return open.waiting > 0; });
-  file.revents = has_event ? POLLPRI : 0;
-  return has_event;
+  for (i64 now; open.waiting == 0 && (now = monotonic_ns()) < deadline;)
+    wait_for_post(open.event, deadline - now);
+  file.revents = open.waiting > 0 ? POLLPRI : 0;
+  return open.waiting > 0;
 }
 
 bool node_has_no_event(int number) {
