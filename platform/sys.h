@@ -4,6 +4,7 @@
 // of the call.
 #pragma once
 
+#include <poll.h>
 #include <semaphore.h>
 #include <sys/types.h>
 
@@ -15,6 +16,8 @@ namespace sys {
 int open(const char* path, int flags, mode_t mode = 0);
 int close(int fd);
 int ioctl(int fd, unsigned long request, void* argument);
+/// Cancellation point, like the call itself. The service asks for POLLPRI, the node's events.
+int poll(pollfd* files, nfds_t count, int timeout_ms);
 void* mmap(void* address, size_t length, int protection, int flags, int fd, off_t offset);
 int munmap(void* address, size_t length);
 ssize_t read(int fd, void* buffer, size_t length);

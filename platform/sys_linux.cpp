@@ -16,6 +16,7 @@ namespace sys {
 int open(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
 int close(int fd) { return ::close(fd); }
 int ioctl(int fd, unsigned long request, void* argument) { return ::ioctl(fd, request, argument); }
+int poll(pollfd* files, nfds_t count, int timeout_ms) { return ::poll(files, count, timeout_ms); }
 void* mmap(void* address, size_t length, int protection, int flags, int fd, off_t offset) {
   return ::mmap(address, length, protection, flags, fd, offset);
 }

@@ -1,19 +1,21 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
+#include <string_view>
 
 #include "platform/output.h"
 #include "uvc/uvc_gadget.h"
+#include "uvc/uvc_waiting.h"
 
 namespace {
 
 constexpr char kHelp[] =
-    "Usage: uvc_gadget\n"
+    "Usage: uvc_gadget [--wait-in-kernel]\n"
     "Runs the camera's USB Video Class service on /dev/video0 until SIGTERM or SIGINT.\n"
     "\n"
-    "  --help     print this text\n"
-    "  --version  print the version\n"
+    "  --wait-in-kernel  sleep until the driver has an event instead of polling: less processor time\n"
+    "  --help            print this text\n"
+    "  --version         print the version\n"
     "\n"
     "Other words are reported and ignored.\n"
     "The print level is read from /opt/params/print.conf (a line such as uvc_gadget=debug) at start and on\n"
@@ -23,10 +25,16 @@ constexpr char kHelp[] =
 
 int main(int argc, char** argv) {
   output_init();
-  if (argc <= 1) return uvc_gadget_main(argc, argv);
-  if (std::strcmp(argv[1], "--help") == 0) return std::fputs(kHelp, stdout) < 0;
-  if (std::strcmp(argv[1], "--version") == 0) return std::puts("uvc_gadget " UVC_GADGET_VERSION) < 0;
-  output_format(STDERR_FILENO, "uvc_gadget: unknown option %s is ignored; --help tells those there are\n",
-                argv[1]);
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view word = argv[i];
+    if (word == "--help") return std::fputs(kHelp, stdout) < 0;
+    if (word == "--version") return std::puts("uvc_gadget " UVC_GADGET_VERSION) < 0;
+    if (word == "--wait-in-kernel") {
+      wait_in_kernel();
+    } else {
+      output_format(STDERR_FILENO, "uvc_gadget: unknown option %s is ignored; --help tells those there are\n",
+                    argv[i]);
+    }
+  }
   return uvc_gadget_main(argc, argv);
 }

@@ -11,6 +11,7 @@
 #include "platform/sys.h"
 #include "support/print.h"
 #include "uvc/uvc_state.h"
+#include "uvc/uvc_waiting.h"
 
 constexpr char kPrintFile[] = "uvc_class.c";
 
@@ -32,7 +33,13 @@ i32 buffer_type_ioctl(const UvcEventLoop& loop, unsigned long request) {
   return sys::ioctl(*loop.device, request, &type);
 }
 
+// Returns true if a turn without an event, or with one that was taken already, has something to do soon.
+bool has_own_work(const UvcEventLoop& loop) {
+  return loop.put_off || loop.looked_ahead || loop.stop_again_in > 0;
+}
+
 void pause_between_polls(UvcEventLoop& loop) {
+  if (waits_in_kernel() && !has_own_work(loop)) return wait_for_event(*loop.device);
   if (uvc_stream_state.stream_on && loop.polls < kPollsBetweenPauses) {
     ++loop.polls;
     return;
@@ -198,6 +205,7 @@ void serve(UvcEventLoop& loop, const v4l2_event& event) {
       on_connect, on_disconnect, on_stream_on, on_stream_off, on_setup, on_data};
   const u32 at = event.type - UVC_EVENT_CONNECT;
   if (at < std::size(kEventHandlers)) kEventHandlers[at](loop, event);
+  wake_main_thread();
 }
 
 }  // namespace

@@ -26,8 +26,8 @@ void* uvc_class_procesing(void* device);
 /// and returns -1.
 i32 uvc_event_subscribe(UvcEventLoop& loop);
 
-/// One turn: pauses as the stream state demands, then takes and serves one event, if there is one. The answer
-/// to a SETUP leaves within 4.5 s of its event, whatever the system server does. Hosts give up after 5 s: a
-/// SETUP that is older is answered only when no newer one waits, since answers carry no tag and the driver
-/// would send this one as the newer one's.
+/// One turn: waits for the driver, or pauses as the stream state demands (uvc_waiting.h), then takes and
+/// serves one event, if there is one. The answer to a SETUP leaves within 4.5 s of its event, whatever the
+/// system server does. Hosts give up after 5 s: a SETUP that is older is answered only when no newer one
+/// waits, since answers carry no tag and the driver would send this one as the newer one's.
 void uvc_event_turn(UvcEventLoop& loop);

@@ -22,13 +22,13 @@
 #include "uvc/uvc_gadget_signals.h"
 #include "uvc/uvc_gadget_stream.h"
 #include "uvc/uvc_state.h"
+#include "uvc/uvc_waiting.h"
 #include "vencbuf/vencbuf_get.h"
 
 constexpr char kPrintFile[] = "uvc_gadget.c";
 
 namespace {
 
-constexpr useconds_t kIdlePause = 10'000;
 constexpr useconds_t kDequeuePause = 20'000;
 constexpr u32 kDequeueFailures = 100;
 // H.264 and H.265 run with key frames only until this frame of a stream.
@@ -121,7 +121,7 @@ void feed_all_buffers(StreamLoop& loop) {
 void idle(StreamLoop& loop) {
   if (uvc_stream_state.exit_flag) return;  // the shutdown announces the end to the server
   if (!loop.stopped) stop_stream(loop);
-  sys::usleep(kIdlePause);
+  rest();
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ struct StreamLoop {
   i32 saved_gop = 30;          ///< the key-frame interval that is restored after these
 };
 
-/// One turn: starts, feeds or ends a stream, or sleeps 10 ms. A streaming turn is paced by the dequeue and
-/// the frame sources alone. The first turn feeds a stream that already runs; when none runs, it runs the
-/// end-of-stream steps although no stream has ended.
+/// One turn: starts, feeds or ends a stream, or rests (uvc_waiting.h). A streaming turn is paced by the
+/// dequeue and the frame sources alone. The first turn feeds a stream that already runs; when none runs, it
+/// runs the end-of-stream steps although no stream has ended.
 void stream_turn(StreamLoop& loop);

@@ -9,6 +9,7 @@
 #include "common/stream_state.h"
 #include "support/print.h"
 #include "support/support.h"
+#include "uvc/uvc_waiting.h"
 
 constexpr char kPrintFile[] = "uvc_gadget.c";
 
@@ -23,7 +24,9 @@ constexpr itimerval kEndLimit = {.it_interval = {}, .it_value = {.tv_sec = 0, .t
 void end_at_once(int) { _exit(0); }
 
 void request_reload(int signal) {
-  if (signal == SIGUSR1) reload_requested = 1;
+  if (signal != SIGUSR1) return;
+  reload_requested = 1;
+  wake_main_thread();
 }
 
 }  // namespace
@@ -32,6 +35,7 @@ void exitfunction(int) {
   static std::atomic_flag limited;  // a second signal does not postpone the end
   exit_requested = 1;
   uvc_stream_state.exit_flag = 1;
+  wake_main_thread();
   if (!limited.test_and_set()) setitimer(ITIMER_REAL, &kEndLimit, nullptr);
 }
 

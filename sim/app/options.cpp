@@ -116,6 +116,8 @@ constexpr OptionRow kRows[] = {
      [](Options& options, std::string_view text) { return options.out = text, Complaint(); }},
     {"service", "PATH", "the service program (uvc_gadget_sim beside this program)",
      [](Options& options, std::string_view text) { return options.service = text, Complaint(); }},
+    {"wait-in-kernel", nullptr, "start the service so that it sleeps until there is something to do",
+     [](Options& options, std::string_view) { return options.wait_in_kernel = true, Complaint(); }},
     {"verbose", nullptr, "show the service's own output as well",
      [](Options& options, std::string_view) { return options.verbose = true, Complaint(); }},
     {"stay", nullptr, "stream one format until Ctrl-C, for a debugger",

@@ -31,6 +31,7 @@ struct Options {
   std::optional<u8> log_level;       ///< the collector prints up to this level
   std::string out = "out";           ///< folder for pictures and logs
   std::string service;               ///< empty: uvc_gadget_sim beside this program
+  bool wait_in_kernel = false;       ///< the service is started so
   bool paced = false;
   bool verbose = false;
   bool stay = false;

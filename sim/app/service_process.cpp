@@ -26,7 +26,7 @@ constexpr char kDropNotice[] = "msg buffer overflow.";
 }
 
 // Does not return: the child becomes the program.
-[[noreturn]] void become(const char* program, int output, int error, bool closed) {
+[[noreturn]] void become(char* const* command, int output, int error, bool closed) {
   setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   signal(SIGPIPE, SIG_DFL);  // whatever the caller has set
@@ -35,20 +35,23 @@ constexpr char kDropNotice[] = "msg buffer overflow.";
   dup2(output, STDOUT_FILENO);
   dup2(error, STDERR_FILENO);
   for (int fd = 0; closed && fd <= STDERR_FILENO; ++fd) close(fd);
-  execl(program, program, static_cast<char*>(nullptr));
-  perror(program);
+  execv(command[0], command);
+  perror(command[0]);
   _exit(127);
 }
 
 }  // namespace
 
-ServiceProcess::ServiceProcess(const std::string& program, std::FILE* log, bool echo, ServiceOutput how)
+ServiceProcess::ServiceProcess(std::vector<std::string> command, std::FILE* log, bool echo, ServiceOutput how)
     : echo_(echo), log_(log) {
+  std::vector<char*> words;
+  for (std::string& word : command) words.push_back(word.data());
+  words.push_back(nullptr);
   int output[2], error[2];
   if (pipe2(output, O_CLOEXEC) < 0 || pipe2(error, O_CLOEXEC) < 0) end_program("pipe");
   pid_ = fork();
   if (pid_ < 0) end_program("fork");
-  if (pid_ == 0) become(program.c_str(), output[1], error[1], how == ServiceOutput::kClosed);
+  if (pid_ == 0) become(words.data(), output[1], error[1], how == ServiceOutput::kClosed);
   setpgid(pid_, pid_);  // both sides do this, because either may run first
   close(output[1]);
   close(error[1]);

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace sim {
 
@@ -25,10 +26,10 @@ enum class ServiceOutput {
 
 class ServiceProcess {
  public:
-  /// Starts `program`. Its standard output and error are written to `log` (which the caller owns) and, if
-  /// `echo` is set, to standard error. It gets a process group of its own, so that Ctrl-C reaches the caller
-  /// only, and dies with the caller.
-  ServiceProcess(const std::string& program, std::FILE* log, bool echo,
+  /// Starts the command, a program and its arguments. Its standard output and error are written to `log`
+  /// (which the caller owns) and, if `echo` is set, to standard error. It gets a process group of its own, so
+  /// that Ctrl-C reaches the caller only, and dies with the caller.
+  ServiceProcess(std::vector<std::string> command, std::FILE* log, bool echo,
                  ServiceOutput output = ServiceOutput::kLogged);
   ~ServiceProcess();  ///< kills it if it still runs
   ServiceProcess(const ServiceProcess&) = delete;

@@ -20,9 +20,11 @@ constexpr double kServiceEnd = 1;       // seconds from SIGTERM to the service's
 constexpr double kServicePatience = 5;  // seconds until it is killed
 constexpr auto kDeviceLimit = 15s;      // from the service's start to the device on the bus
 
-std::string service_program(const Options& options) {
-  if (!options.service.empty()) return options.service;
-  return std::filesystem::read_symlink("/proc/self/exe").replace_filename("uvc_gadget_sim");
+std::vector<std::string> service_command(const Options& options) {
+  const auto beside = std::filesystem::read_symlink("/proc/self/exe").replace_filename("uvc_gadget_sim");
+  std::vector<std::string> command{options.service.empty() ? beside.string() : options.service};
+  if (options.wait_in_kernel) command.emplace_back("--wait-in-kernel");
+  return command;
 }
 
 void write_lines(const std::string& path, const std::vector<std::string>& lines) {
@@ -42,7 +44,7 @@ void catch_signals() {
 }
 
 Session::Session(const Options& options, Camera& camera, std::FILE* service_log)
-    : options_(options), camera_(camera), service_(service_program(options), service_log, options.verbose) {
+    : options_(options), camera_(camera), service_(service_command(options), service_log, options.verbose) {
   for (const Fault& fault : options.faults) schedule(fault);
 }
 

@@ -73,7 +73,9 @@ bool StormLives::live(const StormLife& life, u32 seed, const std::string& name, 
   const double late_ms = metronome_.late_ms();
   std::filesystem::remove(camera_.run.path(kShellLog));
   log.step(std::string("starts, its output ") + name_of(life.output));
-  service_.emplace(program_, output_.get(), false, life.output);
+  std::vector<std::string> command{program_};
+  if (life.waits_in_kernel) command.emplace_back("--wait-in-kernel");
+  service_.emplace(std::move(command), output_.get(), false, life.output);
   if (!life.rounds.empty()) be_stormy(life, seed);
   if (!service_->running()) {
     log.fail("the service ended early: " + service_->how_it_ended());

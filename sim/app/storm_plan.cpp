@@ -124,8 +124,8 @@ StormEnd any_end(Dice& dice) {
   return {state, choice, dice.below(2) ? SIGTERM : SIGINT, dice.between(0, kLongestState)};
 }
 
-StormLife any_life(Dice dice, u32 most_rounds, bool outlasts_host) {
-  StormLife life{.output = any_output(dice), .rounds = {}, .end = {}};
+StormLife any_life(Dice dice, u32 number, u32 most_rounds, bool outlasts_host) {
+  StormLife life{.waits_in_kernel = number % 2 == 1, .output = any_output(dice), .rounds = {}, .end = {}};
   for (u32 left = most_rounds ? 1 + dice.below(most_rounds) : 0; left > 0; --left)
     life.rounds.push_back(any_round(dice, outlasts_host));
   life.end = any_end(dice);
@@ -168,8 +168,8 @@ bool StormRound::has(const char* text) const {
       steps, [&](const StormStep& step) { return std::string_view(kFaults[step.fault].text) == text; });
 }
 
-StormLife plan_storm_life(u32 seed, u32 number) { return any_life({seed, number}, 4, false); }
-StormLife plan_long_life(u32 seed, u32 number) { return any_life({seed, ~number}, 4, true); }
-StormLife plan_short_life(u32 seed, u32 number) { return any_life({~seed, number}, 0, false); }
+StormLife plan_storm_life(u32 seed, u32 number) { return any_life({seed, number}, number, 4, false); }
+StormLife plan_long_life(u32 seed, u32 number) { return any_life({seed, ~number}, number, 4, true); }
+StormLife plan_short_life(u32 seed, u32 number) { return any_life({~seed, number}, number, 0, false); }
 
 }  // namespace sim

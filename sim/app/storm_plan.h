@@ -74,6 +74,7 @@ struct StormEnd {
 };
 
 struct StormLife {
+  bool waits_in_kernel;  ///< the service is started so; every other life
   ServiceOutput output;
   std::vector<StormRound> rounds;
   StormEnd end;

@@ -20,6 +20,7 @@
 #include <ctime>
 
 #include "sim/seam/node_state.h"
+#include "sim/seam/wait_on.h"
 
 namespace sim {
 namespace {
@@ -298,6 +299,21 @@ int node_mmap(int, size_t length, int protection, int flags, off_t offset) {
   if (!error && !valid) error = EINVAL;
   record_call(state, {CallKind::kMmap, {start, static_cast<u32>(length)}, error});
   return result_of(error);
+}
+
+int node_poll(int number, pollfd& file, int timeout_ms) {
+  NodeState& state = node_state();
+  NodeOpen& open = state.opens[number];
+  open.serving = false;
+  {
+    const NodeLock lock(state.mutex);
+    if (next_fault(state, CallKind::kPoll)) return file.revents = POLLERR, 1;
+  }
+  const i64 deadline = monotonic_ns() + timeout_ms * kMillisecond;
+  for (i64 now; open.waiting == 0 && (now = monotonic_ns()) < deadline;)
+    wait_for_post(open.event, deadline - now);
+  file.revents = open.waiting > 0 ? POLLPRI : 0;
+  return open.waiting > 0;
 }
 
 bool node_has_no_event(int number) {

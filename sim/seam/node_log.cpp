@@ -15,7 +15,7 @@ struct KindText {
   const char* name;
   const char* words[2] = {};
 };
-constexpr std::array<KindText, 23> kKinds{{
+constexpr std::array<KindText, 24> kKinds{{
     {"OPEN"},
     {"CLOSE"},
     {"QUERYCAP"},
@@ -30,6 +30,7 @@ constexpr std::array<KindText, 23> kKinds{{
     {"STREAMOFF"},
     {"SUBSCRIBE", {"event"}},
     {"DQEVENT", {"event"}},
+    {"POLL"},
     {"SEND_RESPONSE", {"length"}},
     {"PRIVATE"},
     {"UNKNOWN", {"request"}},

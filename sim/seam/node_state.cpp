@@ -16,6 +16,7 @@
 #include <string>
 
 #include "sim/seam/run.h"
+#include "sim/seam/wait_on.h"
 
 namespace sim {
 namespace {
@@ -64,6 +65,7 @@ void add_event(NodeOpen& open, v4l2_event event) {
   }
   *end++ = event;
   open.waiting = static_cast<u32>(end - open.events);
+  wake(open.event);
 }
 
 }  // namespace
@@ -76,6 +78,7 @@ void create_node_state() {
   auto* state = new (map_state(O_CREAT | O_EXCL)) NodeState{};
   make_mutex(state->mutex);
   make_mutex(state->control_pipe);
+  for (NodeOpen& open : state->opens) sem_init(&open.event, 1, 0);
   state->format = yuyv_format(320, 240);
   state->grant = kMaxBuffers;
   mapped = state;

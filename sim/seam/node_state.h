@@ -6,6 +6,7 @@
 #include <linux/usb/ch9.h>
 #include <linux/videodev2.h>
 #include <pthread.h>
+#include <semaphore.h>
 
 #include <array>
 #include <atomic>
@@ -38,6 +39,7 @@ enum class CallKind : u32 {
   kStreamOff,
   kSubscribe,
   kDequeueEvent,
+  kPoll,
   kSendResponse,
   kPrivate,
   kUnknown,
@@ -82,7 +84,8 @@ struct NodeOpen {
   bool subscribed[kEventTypes];
   u32 sequence;
   std::atomic<u32> waiting;   ///< events in the queue; written under the mutex, read without it
-  std::atomic<bool> serving;  ///< true from a VIDIOC_DQEVENT that took an event to the next VIDIOC_DQEVENT
+  std::atomic<bool> serving;  ///< true from a VIDIOC_DQEVENT that took an event to the next one, or to a poll
+  sem_t event;                ///< posted for a new event
   v4l2_event events[kEventTypes * kEventsPerType];  ///< oldest first
 };
 

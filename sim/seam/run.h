@@ -71,6 +71,9 @@ struct SleepCount {
 };
 SleepCount sleep_count();
 
+/// From now on, a look for an event that finds none costs a system call, as on the camera.
+void make_empty_polls_calls();
+
 /// Returns a register of a device on a simulated I2C bus of this process. Registers are 0 at the start.
 u16 i2c_register(u32 bus, u32 device, u16 address);
 void set_i2c_register(u32 bus, u32 device, u16 address, u16 value);

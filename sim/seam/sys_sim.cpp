@@ -50,6 +50,7 @@ struct Descriptor {
 Descriptor descriptors[1024];
 
 std::atomic<unsigned> sleep_divisor{1};
+std::atomic<bool> empty_polls_are_calls{false};
 std::atomic<unsigned long> sleep_calls{0};
 std::atomic<unsigned long> sleep_microseconds{0};
 
@@ -128,6 +129,7 @@ bool may_run(const char* command) {
 }  // namespace
 
 void set_sleep_divisor(unsigned divisor) { sleep_divisor = divisor; }
+void make_empty_polls_calls() { empty_polls_are_calls = true; }
 SleepCount sleep_count() { return {sleep_calls, sleep_microseconds}; }
 
 }  // namespace sim
@@ -155,6 +157,7 @@ int close(int fd) {
 int ioctl(int fd, unsigned long request, void* argument) {
   if (auto* known = sim::entry(fd); known && known->device == Device::kNode) {
     if (request == VIDIOC_DQEVENT && sim::node_has_no_event(known->node_open)) {
+      if (sim::empty_polls_are_calls) ::ioctl(fd, request, argument);  // a file of the PC refuses it
       errno = ENOENT;
       return -1;
     }
@@ -162,6 +165,12 @@ int ioctl(int fd, unsigned long request, void* argument) {
   }
   if (auto* i2c = sim::device_entry(fd, Device::kI2c)) return sim::i2c_ioctl(i2c->i2c, request, argument);
   return ::ioctl(fd, request, argument);
+}
+
+int poll(pollfd* files, nfds_t count, int timeout_ms) {
+  if (auto* node = sim::device_entry(files->fd, Device::kNode))
+    return sim::node_poll(node->node_open, *files, timeout_ms);
+  return ::poll(files, count, timeout_ms);
 }
 
 void* mmap(void* address, size_t length, int protection, int flags, int fd, off_t offset) {

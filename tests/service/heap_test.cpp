@@ -29,7 +29,7 @@ TEST(Heap, RestsThroughEveryFormat) {
   setenv("HEAP_COUNT",
          ("/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(fileno(count_file))).c_str(), 1);
   setenv("LD_PRELOAD", (folder / "libheap_counter.so").c_str(), 1);
-  sim::ServiceProcess service(folder / "uvc_gadget_sim", output, false);
+  sim::ServiceProcess service({folder / "uvc_gadget_sim"}, output, false);
   unsetenv("LD_PRELOAD");
   ASSERT_TRUE(camera.node.wait_for_device(20s)) << service.last_lines();
   camera.host.replug();

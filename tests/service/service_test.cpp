@@ -1,6 +1,8 @@
 // The whole service as a process of its own, between a simulated camera and a USB host.
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <sys/msg.h>
 #include <sys/shm.h>
 #include <unistd.h>
@@ -61,7 +63,9 @@ class CameraTest : public testing::Test {
   }
 
   void start(sim::ServiceOutput how = sim::ServiceOutput::kLogged) {
-    service = std::make_unique<sim::ServiceProcess>(service_program(), output, false, how);
+    std::vector<std::string> command{service_program()};
+    if (wait_in_kernel) command.push_back("--wait-in-kernel");
+    service = std::make_unique<sim::ServiceProcess>(command, output, false, how);
   }
 
   void start_and_plug_in(sim::ServiceOutput how = sim::ServiceOutput::kLogged) {
@@ -143,6 +147,7 @@ class CameraTest : public testing::Test {
   sim::UsbHost host{node, conversation, false};
   std::FILE* output = std::tmpfile();
   std::unique_ptr<sim::ServiceProcess> service;
+  bool wait_in_kernel = false;
 };
 
 TEST_F(CameraTest, StartsInOrderStreamsEveryFormatAndEnds) {
@@ -371,6 +376,33 @@ TEST_F(CameraTest, LevelFileIsReadAgainOnSigusr1WhichDoesNotDisturbTheStream) {
     return calls.find("event=CONNECT", calls.rfind("event=DISCONNECT")) != std::string::npos;
   }));
   EXPECT_EQ(service->last_lines(), before) << "level error prints nothing";
+  expect_clean_end();
+}
+
+TEST_F(CameraTest, WaitsInTheKernelAndServesAlike) {
+  wait_in_kernel = true;
+  start_and_plug_in();
+  const auto sleeps = [this] {
+    long count = 0;
+    for (const auto& task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(service->pid()) + "/task")) {
+      constexpr std::string_view kSleeps = "voluntary_ctxt_switches:";
+      std::ifstream status(task.path() / "status");
+      for (std::string line; std::getline(status, line);)
+        if (line.starts_with(kSleeps)) count += std::atol(line.c_str() + kSleeps.size());
+    }
+    return count;
+  };
+  const long before = sleeps();
+  std::this_thread::sleep_for(1s);
+  EXPECT_LT(sleeps() - before, 30) << "idle; about 1000 otherwise";
+  for (const sim::StreamChoice& choice : {kMjpeg, kYuy2, kMjpeg}) EXPECT_EQ(stream(choice, 10), "");
+  run.write_file("/opt/params/print.conf", "uvc_gadget=info\n");
+  pollfd opened = {.fd = inotify_init1(IN_CLOEXEC), .events = POLLIN, .revents = 0};
+  inotify_add_watch(opened.fd, run.path("/opt/params/print.conf").c_str(), IN_OPEN);
+  kill(service->pid(), SIGUSR1);
+  EXPECT_EQ(poll(&opened, 1, 200), 1) << "an idle service reads the level file at once";
+  close(opened.fd);
   expect_clean_end();
 }
 

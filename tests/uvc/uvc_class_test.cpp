@@ -15,6 +15,7 @@
 #include "tests/printed_by.h"
 #include "tests/uvc/uvc_fixture.h"
 #include "uvc/uvc_class_streaming.h"
+#include "uvc/uvc_waiting.h"
 
 using testing::HasSubstr;
 using namespace std::chrono_literals;
@@ -220,6 +221,44 @@ v4l2_event old_setup(u8 request, std::chrono::milliseconds age) {
   event.timestamp.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(stamp).count();
   event.timestamp.tv_nsec = static_cast<long>((stamp % 1s).count());
   return event;
+}
+
+class UvcInKernelTest : public UvcTest {
+ protected:
+  UvcInKernelTest() { wait_in_kernel(); }
+};
+
+TEST_F(UvcInKernelTest, SleepsUntilAnEventComes) {
+  uvc_stream_state.stream_on = 1;
+  const auto before = sim::sleep_count().calls;
+  std::thread later([this] {
+    std::this_thread::sleep_for(200ms);
+    host.raise(old_setup(UVC_GET_MAX, 0ms));
+  });
+  const auto start = std::chrono::steady_clock::now();
+  uvc_event_turn(loop);
+  EXPECT_GT(std::chrono::steady_clock::now() - start, 150ms);
+  EXPECT_TRUE(host.next_response(100ms));
+  EXPECT_EQ(sim::sleep_count().calls, before);
+  later.join();
+}
+
+TEST_F(UvcInKernelTest, PausesWhereThePollReportsAnError) {
+  ASSERT_TRUE(host.script("fail POLL 1-1000"));
+  const auto before = sim::sleep_count().calls;
+  for (int i = 0; i < 20; ++i) uvc_event_turn(loop);
+  EXPECT_EQ(sim::sleep_count().calls, before + 20);
+  EXPECT_EQ(hex(setup(UVC_GET_LEN, 3, 0, 1, 2)), "0b 00") << "the events come all the same";
+}
+
+// Without an event to wait for: an answer that was put off, and a node that is to be stopped again.
+TEST_F(UvcInKernelTest, DoesNotSleepOverItsOwnWork) {
+  ASSERT_TRUE(host.script("fail STREAMOFF 1"));
+  raise(UVC_EVENT_STREAMOFF);
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 10; ++i) uvc_event_turn(loop);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+  EXPECT_EQ(loop.stop_again_in, 0u) << "the second attempt succeeded";
 }
 
 TEST_F(UvcTest, AnswersWithinTheTimeThatItsEventLeaves) {

@@ -70,7 +70,7 @@ stop_parties() { kill "-$1" "$parties" && { wait "$parties" || true; }; }
 fault() { echo "$*" >/tmp/faults; }
 
 start_service() {
-  "$build/uvc_gadget" >>$out/service.txt 2>&1 &
+  "$build/uvc_gadget" "${service_options[@]}" >>$out/service.txt 2>&1 &
   service=$!
   wait_until 20 node_answers || { echo "no camera on the bus; the service: $(tail -n 1 $out/service.txt)"; return 1; }
 }

@@ -67,6 +67,22 @@ replugs() {
   echo "$count times, the next stream whole each time"
 }
 
+# The service is started anew, so that it sleeps until there is something to do.
+waits_in_kernel() {
+  local before
+  end_service || return
+  service_options=(--wait-in-kernel)
+  start_service || return
+  sleep 1
+  before=$(ticks)
+  sleep 5
+  echo "$(($(ticks) - before)) hundredths of a second of processor time in 5 s idle" | tee /tmp/ticks
+  [ $(($(ticks) - before)) -le 5 ] || return
+  whole MJPG 640x480 30 && v4l2-ctl -d "$(node)" --set-ctrl=brightness=3 --get-ctrl=brightness | grep -x 'brightness: 3' &&
+    cat /tmp/ticks
+}
+ticks() { awk '{ print $14 + $15 }' "/proc/$service/stat"; }
+
 stop_while_streaming() {
   begin_stream MJPG 1280x720 || return
   end_service TERM || return
