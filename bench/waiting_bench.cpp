@@ -1,6 +1,6 @@
-// The two ways in which the control thread waits, side by side: how late a class request is answered, alone and
-// while the main thread copies frames on the same core, and what waiting costs. A poll that finds no event is a
-// system call here, as on the camera.
+// The two ways in which the control thread waits, side by side: how late a class request is answered, alone
+// and while the main thread copies frames on the same core, and what waiting costs. A poll that finds no
+// event is a system call here, as on the camera.
 #include <pthread.h>
 #include <sched.h>
 #include <time.h>
@@ -153,8 +153,9 @@ int main() {
   sys::system("insmod /opt/vcam/ko/extdrv/g_webcam.ko");
   VeltoDrvInit(kVeltoProcess);
   stay_on(pthread_self(), kHostCore);
-  std::puts("control thread        answer alone  beside main loop  processor     wake-ups\n"
-            "waiting    state      p50 us p99 us    p50 us   p99 us         %   per second");
+  std::puts(
+      "control thread        answer alone  beside main loop  processor     wake-ups\n"
+      "waiting    state      p50 us p99 us    p50 us   p99 us         %   per second");
   for (const bool streaming : {false, true}) measure("polls", streaming);
   wait_in_kernel();
   for (const bool streaming : {false, true}) measure("in kernel", streaming);

@@ -103,7 +103,8 @@ Finding finding_of(const ReportRow& row) {
                       {"torn", report.torn},
                       {"repeated", report.repeated},
                       {"stale", report.stale},
-                      {"empty", report.empty}}};
+                      {"empty", report.empty},
+                      {"unseen", report.unseen}}};
 }
 
 void print_table_head() {

@@ -32,6 +32,7 @@ AVCodecID codec_id(StreamFormat format) {
 struct FrameChecker::Impl {
   Impl(StreamFormat stream_format, u32 stream_width, u32 stream_height, i64 stream_start);
   bool decode(std::span<const u8> payload);
+  std::optional<u32> counter_in_ring(u32 checksum);
   std::optional<u32> whole_counter(std::span<const u8> payload, u32 checksum);
   void classify(u32 counter, std::size_t size, i64 now);
   void note_latency(u32 counter, i64 now);
@@ -77,10 +78,19 @@ bool FrameChecker::Impl::decode(std::span<const u8> payload) {
          picture->height == static_cast<int>(height);
 }
 
-// Returns the counter of a payload that is one whole frame of the scene, or of the user's own encoder.
+// The number of the frame in the ring. A decodable frame that nobody saw there is taken for whole.
+std::optional<u32> FrameChecker::Impl::counter_in_ring(u32 checksum) {
+  const auto counter = counter_of(checksum, last);
+  if (counter || !last) return counter;
+  const auto unseen = counter_of_unseen(*last);
+  report.unseen += unseen.has_value();
+  return unseen;
+}
+
+// Returns the counter of a payload that is one whole frame, of the scene or of an encoder of the user's own.
 std::optional<u32> FrameChecker::Impl::whole_counter(std::span<const u8> payload, u32 checksum) {
   if (!decode(payload)) return std::nullopt;
-  if (!report.counted) return counter_of(checksum, last);
+  if (!report.counted) return counter_in_ring(checksum);
   const LumaView luma{picture->data[0], width, height, static_cast<u32>(picture->linesize[0]),
                       format == StreamFormat::kYuy2 ? 2u : 1u};
   const auto counter = read_counter(luma, Strip::kTop);
@@ -93,7 +103,7 @@ std::optional<u32> FrameChecker::Impl::whole_counter(std::span<const u8> payload
 void FrameChecker::Impl::note_latency(u32 counter, i64 now) {
   const i64 made = scene_time(counter);
   if (made == 0) return;
-  const double latency_ms = static_cast<double>(now - made) / kMillisecond;
+  const double latency_ms = static_cast<double>(std::max(now - made, i64{0})) / kMillisecond;
   latency_sum_ms += latency_ms;
   report.latency_ms = latency_sum_ms / static_cast<double>(++timed);
   report.latency_max_ms = std::max(report.latency_max_ms, latency_ms);

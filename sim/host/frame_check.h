@@ -18,6 +18,7 @@ enum class StreamFormat { kMjpeg = 1, kH264 = 2, kYuy2 = 3, kH265 = 4 };
 
 struct StreamReport {
   bool counted = true;         ///< false: frames show no counter and are known by their bytes
+  unsigned long unseen = 0;    ///< of those, frames that nobody saw in the ring, so with unknown bytes
   unsigned long frames = 0;    ///< whole frames with a readable counter, or with bytes as they were written
   unsigned long empty = 0;     ///< empty payloads after the first picture
   unsigned long leading = 0;   ///< empty payloads before the first picture: normal at a stream start

@@ -110,6 +110,17 @@ std::optional<u32> counter_of(u32 checksum, std::optional<u32> last) {
   return last && expected_checksum(*last) == checksum ? last : std::nullopt;
 }
 
+std::optional<u32> counter_of_unseen(u32 last) {
+  u32 end;
+  {
+    const std::lock_guard lock(made_mutex);
+    end = newest;
+  }
+  for (u32 counter = last + 1; static_cast<i32>(end - counter) > 0; ++counter)
+    if (!expected_checksum(counter)) return counter;
+  return std::nullopt;
+}
+
 u32 payload_checksum(std::span<const u8> payload) {
   return av_crc(av_crc_get_table(AV_CRC_32_IEEE_LE), 0, payload.data(), payload.size());
 }

@@ -35,5 +35,7 @@ bool frames_are_known_by_their_bytes();
 /// Returns the counter of the first noted frame after `last` that has these bytes, or `last` if that one has
 /// them. Waits up to 100 ms for the frame to be noted. Without `last`, the latest such frame counts.
 std::optional<u32> counter_of(u32 checksum, std::optional<u32> last);
+/// Returns the counter of the first frame after `last` that was never noted although a later one was.
+std::optional<u32> counter_of_unseen(u32 last);
 
 }  // namespace sim

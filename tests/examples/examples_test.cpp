@@ -61,7 +61,8 @@ struct ExamplesTest : testing::Test {
 
   void start_neighbours() {
     neighbours.reset();
-    neighbours = std::make_unique<sim::ServiceProcess>(run.path("/bin/neighbours"), output, false);
+    neighbours = std::make_unique<sim::ServiceProcess>(std::vector<std::string>{run.path("/bin/neighbours")},
+                                                       output, false);
   }
 
   template <class Condition>
@@ -106,7 +107,8 @@ struct ExamplesTest : testing::Test {
 };
 
 TEST_F(ExamplesTest, AreAWholeCameraForAServiceThatWasThereFirst) {
-  service = std::make_unique<sim::ServiceProcess>(program("uvc_gadget_sim"), output, false);
+  service = std::make_unique<sim::ServiceProcess>(std::vector<std::string>{program("uvc_gadget_sim")}, output,
+                                                  false);
   std::this_thread::sleep_for(200ms);
   start_neighbours();
   ASSERT_TRUE(node.wait_for_device(20s)) << service->last_lines();

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <optional>
 #include <thread>
 
 #include "sim/host/usb_host.h"
 #include "sim/media/encoder.h"
 #include "sim/media/frame_counter.h"
+#include "sim/media/made_frames.h"
 #include "sim/media/ring_watcher.h"
 #include "sim/media/ring_writer.h"
 #include "sim/media/scene.h"
@@ -46,7 +48,8 @@ std::string text(const StreamReport& r) {
                              {"lost", r.lost},
                              {"torn", r.torn},
                              {"repeated", r.repeated},
-                             {"stale", r.stale}}) {
+                             {"stale", r.stale},
+                             {"unseen", r.unseen}}) {
     if (value) line += std::string(line.empty() ? "" : " ") + name + "=" + std::to_string(value);
   }
   return line;
@@ -138,7 +141,7 @@ TEST(Checker, ReportsEveryKindOfDamage) {
 TEST(Checker, KnowsFramesOfAnotherEncoderByTheirBytes) {
   const sim::Run run;
   RingWriter writer;
-  const RingWatcher watcher;
+  std::optional<RingWatcher> watcher(std::in_place);
   const std::vector<Bytes> all = payloads(kCodecMjpeg);
   const auto report = [&](const char* written, const char* fed) {  // '-': nothing at that time
     FrameChecker checker(StreamFormat::kMjpeg, 320, 240);
@@ -154,6 +157,16 @@ TEST(Checker, KnowsFramesOfAnotherEncoderByTheirBytes) {
   EXPECT_EQ(report("0123", "0--3"), "frames=2 lost=2");
   EXPECT_EQ(report("01--", "0189"), "frames=2 torn=2") << "never written";
   EXPECT_EQ(report("01-2", "0112"), "frames=3 repeated=1");
+  watcher.reset();
+  know_frames_by_their_bytes(true);
+  FrameChecker checker(StreamFormat::kMjpeg, 320, 240);
+  for (const u32 number : {0, 2}) {  // a watcher that runs late misses the frame between them
+    note_scene(0x50000000 + number);
+    note_payload(0x50000000 + number, all[number]);
+    checker.feed(all[number / 2]);
+  }
+  checker.feed(all[2]);
+  EXPECT_EQ(text(checker.report()), "frames=3 unseen=1");
 }
 
 }  // namespace
