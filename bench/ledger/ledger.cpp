@@ -1,12 +1,13 @@
 // Does each operation of the ledger some hundred times, so that its instructions can be counted:
 // tools/ledger runs this under Callgrind, rigs/board/count on the emulated board. Prints how the program was
 // made and how often it does each; then each row's name, how many parts it has, and the median of the
-// operation's times in nanoseconds, which mean something only where the clock counts instructions. The first row does nothing: the price of
-// the counting itself.
+// operation's times in nanoseconds, which mean something only where the clock counts instructions. The first
+// row does nothing: the price of the counting itself.
 #include <fcntl.h>
 #ifndef __UCLIBC__
 #include <gnu/libc-version.h>
 #endif
+#include <sys/ioctl.h>
 #include <sys/msg.h>
 #include <sys/shm.h>
 #include <time.h>
@@ -58,6 +59,8 @@ v4l2_event data_event(const UvcRequestData& data) {
 
 void nothing() {}
 
+void system_call() { ioctl(uvc_video_fd, VIDIOC_DQEVENT, nullptr); }
+
 // The control thread.
 
 void one_turn() { uvc_event_turn(loop); }
@@ -105,7 +108,8 @@ void start_with_empty_queues() { empty_queues(); }
 void log_below_level() { elog_output(ELOG_LVL_DEBUG, "NO_TAG", kFile, kFunction, 123, "frame %d\n", 17); }
 void log_plain() { elog_output(ELOG_LVL_INFO, "NO_TAG", kFile, kFunction, 123, "stream is on\n"); }
 void log_values() {
-  elog_output(ELOG_LVL_INFO, "NO_TAG", kFile, kFunction, 123, "frame %d: %s has %u bytes\n", 17, "slot", 123456u);
+  elog_output(ELOG_LVL_INFO, "NO_TAG", kFile, kFunction, 123, "frame %d: %s has %u bytes\n", 17, "slot",
+              123456u);
 }
 bool no_message() { return empty_queues() == 0; }
 
@@ -160,6 +164,7 @@ struct Row {
 
 constexpr Row kRows[] = {
     {"nothing", nothing, nothing},
+    {"system call that is refused at once", nothing, system_call},
     {"control turn, idle", be_idle, one_turn},
     {"control turn, streaming", be_streaming, one_turn},
     {"GET answered from a table", ask_for_brightness_limit, one_turn, limit_was_answered},

@@ -7,7 +7,6 @@
 #include <sys/types.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
 #include <ctime>
 #include <iterator>
@@ -56,11 +55,7 @@ int __real_msgget(key_t key, int flags);
 int __real_shmget(key_t key, size_t size, int flags);
 
 // /dev/null knows none of the requests: the system call is real, but has no driver behind it.
-int __wrap_ioctl(int fd, unsigned long request, ...) {
-  va_list arguments;
-  va_start(arguments, request);
-  void* argument = va_arg(arguments, void*);
-  va_end(arguments);
+int __wrap_ioctl(int fd, unsigned long request, void* argument) {
   __real_ioctl(fd, request, argument);
   if (request == VIDIOC_DQEVENT) return next_event(*static_cast<v4l2_event*>(argument));
   answers += request == UVCIOC_SEND_RESPONSE;
