@@ -21,6 +21,7 @@ set(CMAKE_SYSROOT ${UCLIBC_SYSROOT})
 
 string(CONCAT board_flags "-muclibc -specs=${arm_tools}/uclibc.specs -mcpu=cortex-a7 -mfpu=neon-vfpv4 "
   "-mfloat-abi=${ARM_FLOAT_ABI} -D_FILE_OFFSET_BITS=64 -ffunction-sections -fdata-sections")
+string(APPEND board_flags " -fno-pie")  # a static program is not moved, whatever the compiler's default
 set(CMAKE_C_FLAGS_INIT "${board_flags}")
 set(CMAKE_CXX_FLAGS_INIT "${board_flags}")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -Wl,--gc-sections")

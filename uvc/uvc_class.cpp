@@ -232,7 +232,7 @@ i32 uvc_event_subscribe(UvcEventLoop& loop) {
 
 void uvc_event_turn(UvcEventLoop& loop) {
   pause_between_polls(loop);
-  v4l2_event event = {};
+  v4l2_event event;
   if (!take_event(loop, event)) return on_no_event(loop);
   serve(loop, event);
 }

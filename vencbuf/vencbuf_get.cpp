@@ -167,9 +167,7 @@ i32 vencbuf_get_init() {
   return 0;
 }
 
-void vencbuf_clear() {
-  if (pending_posts(frame_ready).value_or(0) != 0) sem_trywait(frame_ready);
-}
+void vencbuf_clear() { sem_trywait(frame_ready); }
 
 void vencbuf_clear_all(bool (*goes_on)()) {
   for (int posts = pending_posts(frame_ready).value_or(0); posts > 0 && goes_on(); --posts) {
