@@ -17,8 +17,6 @@ constexpr char kPrintFile[] = "uvc_class.c";
 
 namespace {
 
-// While streaming; an idle thread pauses before every poll.
-constexpr u32 kPollsBetweenPauses = 2000;
 constexpr useconds_t kPause = 1000;
 constexpr u32 kTurnsToStopAgain = 10;
 
@@ -38,12 +36,14 @@ bool has_own_work(const UvcEventLoop& loop) {
   return loop.put_off || loop.looked_ahead || loop.stop_again_in > 0;
 }
 
+bool waits_in_kernel(const UvcEventLoop& loop) { return loop.polls_between_pauses == 0; }
+
 void pause_between_polls(UvcEventLoop& loop) {
-  if (waits_in_kernel() && !has_own_work(loop)) return wait_for_event(*loop.device);
-  if (uvc_stream_state.stream_on && loop.polls < kPollsBetweenPauses) {
+  if (uvc_stream_state.stream_on && loop.polls < loop.polls_between_pauses) {
     ++loop.polls;
     return;
   }
+  if (waits_in_kernel(loop) && !has_own_work(loop)) return wait_for_event(*loop.device);
   if (uvc_stream_state.stream_on) loop.polls = 0;
   CancelPoint cancel_point;
   sys::usleep(kPause);
@@ -205,7 +205,7 @@ void serve(UvcEventLoop& loop, const v4l2_event& event) {
       on_connect, on_disconnect, on_stream_on, on_stream_off, on_setup, on_data};
   const u32 at = event.type - UVC_EVENT_CONNECT;
   if (at < std::size(kEventHandlers)) kEventHandlers[at](loop, event);
-  wake_main_thread();
+  if (waits_in_kernel(loop)) wake_main_thread();
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "common/word.h"
 #include "uvc/uvc_class_control.h"
+#include "uvc/uvc_waiting.h"
 
 /// What the control thread keeps from one turn to the next.
 struct UvcEventLoop {
@@ -12,6 +13,7 @@ struct UvcEventLoop {
   bool put_off = false;       ///< that SETUP has not been answered: the host may have given up on it
   bool looked_ahead = false;  ///< `next` was taken from the driver, but has not been served
   v4l2_event next = {};
+  u32 polls_between_pauses = ::polls_between_pauses();
   u32 polls = 0;                ///< since the last pause, while streaming
   bool left_streaming = false;  ///< the stream is over, but the node has not been stopped
   u32 stop_again_in = 0;        ///< turns without an event until it is stopped again; 0: never

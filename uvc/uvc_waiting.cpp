@@ -9,6 +9,7 @@
 namespace {
 
 constexpr int kLongestWaitMs = 1000;
+constexpr u32 kPollsBetweenPauses = 2000;
 constexpr useconds_t kPause = 1000;
 constexpr useconds_t kIdlePause = 10'000;
 
@@ -23,7 +24,7 @@ struct Wake {
 }  // namespace
 
 void wait_in_kernel() { in_kernel = true; }
-bool waits_in_kernel() { return in_kernel; }
+u32 polls_between_pauses() { return in_kernel ? 0 : kPollsBetweenPauses; }
 
 void wait_for_event(i32 node) {
   pollfd request = {.fd = node, .events = POLLPRI, .revents = 0};

@@ -6,7 +6,8 @@
 
 /// Chooses waiting in the kernel. Call it before the control thread starts.
 void wait_in_kernel();
-bool waits_in_kernel();
+/// While streaming, the polls between two pauses; 0 where waiting is in the kernel.
+u32 polls_between_pauses();
 
 /// Control thread, waiting in the kernel: sleeps until the node has an event, for a second at most. Where the
 /// driver's poll reports an error instead, as that of older kernels does while nothing is queued, sleeps 1
