@@ -73,7 +73,7 @@ int run(const Options& options) {
   if (!tell_run_names(options.out + "/run.env") || !wait_for_own_parties(options)) return 2;
   Session session(options, camera, log.get());
   if (session.wait_for_device()) {
-    if (options.prompt) prompt(session);
+    if (options.prompt) prompt(session, copy ? &copy->stream() : nullptr);
     if (!options.replay.empty()) replay_plan(session);
     if (options.streams()) stream_plan(session, copy ? &copy->stream() : nullptr);
     if (options.controls()) control_plan(session);

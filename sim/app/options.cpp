@@ -104,7 +104,8 @@ constexpr OptionRow kRows[] = {
     {"fault", "TEXT", "something goes wrong (see below); may be given several times", add_fault},
     {"without", "PARTY", "leave out encoder, server or collector: a process of your own takes its place",
      leave_out},
-    {"to", "FILE", "the received stream as it is (one format); -: standard output",
+    {"to", "FILE",
+     "the received stream as it is (one format); -: standard output, whose text goes to standard error",
      [](Options& options, std::string_view text) { return options.to = text, Complaint(); }},
     {"replay", "FILE", "repeat the class requests of a capture and compare the answers",
      [](Options& options, std::string_view text) { return options.replay = text, Complaint(); }},
@@ -182,8 +183,8 @@ Complaint check_together(const Options& options) {
   }
   if (options.control && !(options.cast.encoder && options.cast.server))
     return "camera_sim: --control needs the simulator's own encoder and server";
-  if (!options.to.empty() && options.prompt)
-    return "camera_sim: at the prompt, \"stream FORMAT to FILE\" takes the place of --to";
+  if (!options.to.empty() && options.to != "-" && options.prompt)
+    return "camera_sim: at the prompt, \"stream FORMAT to FILE\" takes the place of --to FILE";
   return check_size(options);
 }
 

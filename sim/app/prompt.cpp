@@ -58,10 +58,10 @@ Choices completions(const std::vector<std::string>& words) {
   return names;
 }
 
-void prompt(Session& session) {
+void prompt(Session& session, std::ostream* standard_output) {
   LineReader reader("camera_sim", completions);
   if (reader.on_terminal()) std::puts("\"help\" lists the commands, Tab completes; \"quit\" or Ctrl-D ends.");
-  Prompt prompt{session};
+  Prompt prompt{.session = session, .standard_output = standard_output};
   while (!prompt.over && !ends_session(reader)) {
     const auto line = reader.next();
     if (!line) break;

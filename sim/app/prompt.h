@@ -8,7 +8,8 @@ namespace sim {
 
 /// Carries out the commands from standard input until "quit" or its end. Input that is not a terminal is a
 /// script: it goes on after a command that failed, but the session then counts as failed.
-void prompt(Session& session);
+/// "stream ... to -" goes to `standard_output`, unless that is null; then to the real one, amid the text.
+void prompt(Session& session, std::ostream* standard_output);
 
 /// Returns what the last word of a command line, which may be incomplete or empty, can become.
 Choices completions(const std::vector<std::string>& words);

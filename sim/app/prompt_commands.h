@@ -23,6 +23,7 @@ struct RunningStream {
 /// What the commands have in common.
 struct Prompt {
   Session& session;
+  std::ostream* standard_output = nullptr;  ///< free of text; null: none was asked for
   std::optional<RunningStream> stream{};
   std::size_t server_lines = 0;  ///< lines of the server that were already shown
   bool over = false;

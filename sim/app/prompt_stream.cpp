@@ -50,11 +50,12 @@ Complaint start_stream(Prompt& prompt, const Order& order) {
   UsbHost& host = prompt.session.camera().host;
   if (!host.plugged()) return kUnplugged;
   auto& copy = prompt.stream.emplace(order.choice, host.unplugs()).copy;
-  if (!order.file.empty()) copy.emplace(order.file);
+  std::ostream* const free_output = order.file == "-" ? prompt.standard_output : nullptr;
+  if (!order.file.empty() && !free_output) copy.emplace(order.file);
   Complaint complaint;
   if (copy && !copy->stream()) {
     complaint = order.file + " cannot be written";
-  } else if (!host.start(order.choice, copy ? &copy->stream() : nullptr)) {
+  } else if (!host.start(order.choice, copy ? &copy->stream() : free_output)) {
     complaint = host.error();
   }
   if (!complaint.empty()) prompt.stream.reset();

@@ -47,6 +47,9 @@ TEST_F(CameraSimTest, StandardOutputHasNothingButTheStream) {
   EXPECT_THAT(file("said"), HasSubstr("whole"));
   EXPECT_EQ(run("--format mjpeg --size 320x240 --duration 20 --to - 2>said | head -c 100 >stream"), 0);
   EXPECT_THAT(file("said"), HasSubstr("copy cut"));
+  std::ofstream(folder / "script") << "stream mjpeg 320x240 for 0.5 to -\nget brightness\n";
+  EXPECT_EQ(run("--prompt --to - <script >stream 2>said"), 0);
+  EXPECT_THAT(file("stream"), AllOf(StartsWith("\xFF\xD8"), Not(HasSubstr("brightness"))));
 }
 
 TEST_F(CameraSimTest, ResultsOfAFailedRun) {
