@@ -218,7 +218,7 @@ TEST_F(FillTest, WaitForAFrameEndsWithTheStreamOrTheService) {
     });
     const auto start = std::chrono::steady_clock::now();
     EXPECT_THAT(fill(), HasSubstr("get buffer timeout!\n"));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2)) << "2.5 s otherwise");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2)) << "2.5 s otherwise";
     EXPECT_EQ(buffer.bytesused, 2u);
     ender.join();
   }
