@@ -1,23 +1,19 @@
 // Measures a class request from its event to its response: the service's control thread against a thread that
-// waits in the same way and answers at once. Also measures what the control thread costs, idle and streaming.
+// waits in the same way and answers at once.
 #include <benchmark/benchmark.h>
 #include <pthread.h>
-#include <time.h>
 
 #include <chrono>
 #include <cstdio>
-#include <thread>
 
+#include "bench/control_thread.h"
 #include "bench/medians.h"
 #include "common/cancel.h"
 #include "ipc/VeltoDrvMsg.h"
 #include "ipc/msg_records.h"
 #include "platform/sys.h"
-#include "sim/seam/node.h"
 #include "sim/seam/run.h"
 #include "uvc/uvc_class.h"
-#include "uvc/uvc_gadget_device.h"
-#include "uvc/uvc_state.h"
 
 namespace {
 
@@ -45,33 +41,7 @@ void* empty_loop(void*) {
   }
 }
 
-// The open node and one of the two threads that serve it, for this object's lifetime.
-class ControlThread {
- public:
-  ControlThread(void* (*body)(void*), i32 streaming) {
-    uvc_device_open();
-    uvc_stream_state.stream_on = streaming;
-    pthread_create(&thread_, nullptr, body, &uvc_video_fd);
-    sim::NodeHost().wait_for_device(std::chrono::seconds(2));
-  }
-  ~ControlThread() {
-    pthread_cancel(thread_);
-    pthread_join(thread_, nullptr);
-    uvc_device_close();
-  }
-  double cpu_seconds() const {
-    clockid_t clock;
-    timespec used;
-    pthread_getcpuclockid(thread_, &clock);
-    clock_gettime(clock, &used);
-    return static_cast<double>(used.tv_sec) + 1e-9 * static_cast<double>(used.tv_nsec);
-  }
-
- private:
-  pthread_t thread_;
-};
-
-void request(benchmark::State& state, void* (*body)(void*), i32 streaming) {
+void request(benchmark::State& state, void* (*body)(void*), bool streaming) {
   const ControlThread thread(body, streaming);
   sim::NodeHost host;
   usb_ctrlrequest setup = {0xA1, UVC_GET_CUR, kProbe << 8, 1, 26};
@@ -83,22 +53,15 @@ void request(benchmark::State& state, void* (*body)(void*), i32 streaming) {
   }
 }
 
-void request_idle(benchmark::State& state) { request(state, uvc_class_procesing, 0); }
-void empty_idle(benchmark::State& state) { request(state, empty_loop, 0); }
-void request_streaming(benchmark::State& state) { request(state, uvc_class_procesing, 1); }
-void empty_streaming(benchmark::State& state) { request(state, empty_loop, 1); }
+void request_idle(benchmark::State& state) { request(state, uvc_class_procesing, false); }
+void empty_idle(benchmark::State& state) { request(state, empty_loop, false); }
+void request_streaming(benchmark::State& state) { request(state, uvc_class_procesing, true); }
+void empty_streaming(benchmark::State& state) { request(state, empty_loop, true); }
 
 BENCHMARK(request_idle)->UseManualTime();
 BENCHMARK(empty_idle)->UseManualTime();
 BENCHMARK(request_streaming)->UseManualTime();
 BENCHMARK(empty_streaming)->UseManualTime();
-
-double cpu_percent(i32 streaming) {
-  const ControlThread thread(uvc_class_procesing, streaming);
-  const double before = thread.cpu_seconds();
-  std::this_thread::sleep_for(std::chrono::seconds(2));
-  return (thread.cpu_seconds() - before) / 2 * 100;
-}
 
 }  // namespace
 
@@ -111,7 +74,4 @@ int main(int argc, char** argv) {
     std::printf("control request, %s: %.3f of an empty loop with the same waiting (aim: at most 1.10)\n",
                 state.c_str(), ns["request_" + state] / ns["empty_" + state]);
   }
-  std::printf("control thread, idle: %.1f %% of a core (aim: none, the node is simulated)\n", cpu_percent(0));
-  std::printf("control thread, streaming: %.1f %% of a core (aim: none, the node is simulated)\n",
-              cpu_percent(1));
 }

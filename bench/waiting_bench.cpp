@@ -3,7 +3,6 @@
 // event is a system call here, as on the camera.
 #include <pthread.h>
 #include <sched.h>
-#include <time.h>
 
 #include <algorithm>
 #include <atomic>
@@ -16,14 +15,12 @@
 #include <thread>
 #include <vector>
 
+#include "bench/control_thread.h"
 #include "ipc/VeltoDrvMsg.h"
 #include "ipc/msg_records.h"
 #include "platform/sys.h"
-#include "sim/seam/node.h"
 #include "sim/seam/run.h"
 #include "uvc/uvc_class.h"
-#include "uvc/uvc_gadget_device.h"
-#include "uvc/uvc_state.h"
 #include "uvc/uvc_waiting.h"
 
 namespace {
@@ -67,53 +64,26 @@ class FrameCopier {
   std::thread thread_;
 };
 
-class ControlThread {
- public:
-  explicit ControlThread(bool streaming) {
-    uvc_device_open();
-    uvc_stream_state.stream_on = streaming;
-    pthread_create(&thread_, nullptr, uvc_class_procesing, &uvc_video_fd);
-    stay_on(thread_, kServiceCore);
-    host_.wait_for_device(2s);
+// Microseconds from request to answer, in ascending order.
+std::vector<double> latencies() {
+  sim::NodeHost host;
+  std::mt19937 random(1);
+  std::uniform_int_distribution<int> pause_us(500, 4000);
+  std::vector<double> all;
+  v4l2_event setup = {};
+  setup.type = UVC_EVENT_SETUP;
+  const u8 packet[8] = {0xA1, UVC_GET_CUR, 0, 1, 1, 0, 26, 0};  // of the probe control
+  std::memcpy(setup.u.data, packet, sizeof(packet));
+  for (int i = 0; i < kRequests; ++i) {
+    std::this_thread::sleep_for(std::chrono::microseconds(pause_us(random)));
+    const auto start = Clock::now();
+    host.raise(setup);
+    while (!host.next_response(0ms)) continue;  // at full speed, on the other core
+    all.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
   }
-  ~ControlThread() {
-    pthread_cancel(thread_);
-    pthread_join(thread_, nullptr);
-    uvc_device_close();
-  }
-
-  double cpu_seconds() const {
-    clockid_t clock;
-    timespec used;
-    pthread_getcpuclockid(thread_, &clock);
-    clock_gettime(clock, &used);
-    return static_cast<double>(used.tv_sec) + 1e-9 * static_cast<double>(used.tv_nsec);
-  }
-
-  // Microseconds from request to answer, in ascending order.
-  std::vector<double> latencies() {
-    std::mt19937 random(1);
-    std::uniform_int_distribution<int> pause_us(500, 4000);
-    std::vector<double> all;
-    v4l2_event setup = {};
-    setup.type = UVC_EVENT_SETUP;
-    const u8 packet[8] = {0xA1, UVC_GET_CUR, 0, 1, 1, 0, 26, 0};  // of the probe control
-    std::memcpy(setup.u.data, packet, sizeof(packet));
-    for (int i = 0; i < kRequests; ++i) {
-      std::this_thread::sleep_for(std::chrono::microseconds(pause_us(random)));
-      const auto start = Clock::now();
-      host_.raise(setup);
-      while (!host_.next_response(0ms)) continue;  // at full speed, on the other core
-      all.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
-    }
-    std::ranges::sort(all);
-    return all;
-  }
-
- private:
-  sim::NodeHost host_;
-  pthread_t thread_;
-};
+  std::ranges::sort(all);
+  return all;
+}
 
 // How often this process has slept; only the control thread does while it is observed.
 long sleeps() {
@@ -128,16 +98,17 @@ long sleeps() {
 }
 
 void measure(const char* name, bool streaming) {
-  ControlThread thread(streaming);
+  const ControlThread thread(uvc_class_procesing, streaming);
+  stay_on(thread.handle(), kServiceCore);
   const long slept = sleeps();
   const double used = thread.cpu_seconds();
   std::this_thread::sleep_for(kObserved);
   const double seconds = std::chrono::duration<double>(kObserved).count();
   const double cpu = (thread.cpu_seconds() - used) / seconds * 100;
   const double wakes = static_cast<double>(sleeps() - slept - 1) / seconds;
-  const std::vector<double> alone = thread.latencies();
+  const std::vector<double> alone = latencies();
   const FrameCopier copier;
-  const std::vector<double> beside = thread.latencies();
+  const std::vector<double> beside = latencies();
   const auto p = [](const std::vector<double>& all, double share) {
     return all[static_cast<std::size_t>(share * static_cast<double>(all.size() - 1))];
   };
