@@ -7,6 +7,7 @@
 #include <cmath>
 #include <filesystem>
 #include <future>
+#include <utility>
 
 #include "ipc/msg_records.h"
 #include "sim/app/fault_script.h"
@@ -235,7 +236,13 @@ void StormLives::expect_order(const StormRound& round) {
 // The streaming loop may need a moment to put down what it holds.
 void StormLives::expect_belongings() {
   Belongings now = belongings_of(service_->pid());
-  if (!belongings_) belongings_ = now;
+  if (!belongings_) {  // not while it looks for a semaphore, and has its file open for a moment
+    wait(kPictureBack, [&] {
+      const long files = std::exchange(now, belongings_of(service_->pid())).files;
+      return now.files == files;
+    });
+    belongings_ = now;
+  }
   const Belongings& before = *belongings_;
   const bool same = wait(kPictureBack, [&] {
     now = belongings_of(service_->pid());
