@@ -40,8 +40,8 @@ void stay_on(pthread_t thread, int core) {
     std::printf("core %d is not to be had (%s): latencies are of any core\n", core, std::strerror(error));
 }
 
-// The service's main thread while it streams: 200 KB a frame, 30 frames a second, each copied in a few slices
-// of a millisecond, as the camera's slower memory does.
+// The service's main thread while it streams: 30 times a second it copies for 3 ms, as a frame of 200 KB
+// takes in the camera's slower memory.
 class FrameCopier {
  public:
   FrameCopier() : thread_([this] { run(); }) { stay_on(thread_.native_handle(), kServiceCore); }

@@ -49,7 +49,9 @@ bool tell_run_names(const std::string& path) {
     file << name.name << '=' << name.value << '\n';
     std::printf("  %s=%s%s", name.name, name.value.c_str(), ++column % 3 ? "" : "\n");
   }
-  return static_cast<bool>(file.flush());
+  if (file.flush()) return true;
+  std::perror(path.c_str());
+  return false;
 }
 
 bool server_exists() { return shmget(run_key(kFileMsgKey), 0, 0) >= 0; }

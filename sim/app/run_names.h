@@ -7,7 +7,7 @@
 namespace sim {
 
 /// Prints the keys and names of the current run, and writes them to `path` as lines "NAME=VALUE" that a shell
-/// reads. Returns false, with errno set, if the file cannot be written.
+/// reads. Prints an error and returns false if the file cannot be written.
 bool tell_run_names(const std::string& path);
 
 /// Returns true if the current run has the parameter segment that a system server creates.
