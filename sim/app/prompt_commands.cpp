@@ -120,12 +120,31 @@ Complaint log(Prompt& prompt, Words words) {
   return "";
 }
 
-Complaint service(Prompt& prompt, Words) {
+Complaint start_service(Prompt& prompt) {
+  Session& session = prompt.session;
+  if (session.service().running()) return "the service runs already";
+  return session.start_service() ? "" : "the service did not come up; see \"service\"";
+}
+
+Complaint stop_service(Prompt& prompt, int signal) {
+  if (!prompt.session.service().running()) return "the service does not run";
+  prompt.session.stop_service(signal);
+  return "";
+}
+
+Complaint service(Prompt& prompt, Words words) {
+  const std::string order = joined(words);
+  if (order == "start") return start_service(prompt);
+  if (order == "stop") return stop_service(prompt, SIGTERM);
+  if (order == "kill") return stop_service(prompt, SIGKILL);
+  if (!order.empty()) return "\"service\" can start, stop or kill";
   ServiceProcess& service = prompt.session.service();
   std::printf("%s\nservice %d %s\n", service.last_lines().c_str(), service.pid(),
               service.running() ? "runs" : ("has ended: " + service.how_it_ended()).c_str());
   return "";
 }
+
+Choices service_choices(Words) { return std::vector<std::string>{"start", "stop", "kill"}; }
 
 Complaint wait(Prompt& prompt, Words words) {
   const auto seconds = parse_number<double>(words[0], 0, kLongestWait);
@@ -164,7 +183,8 @@ constexpr Command kCommands[] = {
     {"look", "", "where the camera's head looks, and its settings", 0, 0, look},
     {"server", "", "what the system server received since it was last shown", 0, 0, server},
     {"log", "[LINES]", "the last requests to the camera (10)", 0, 1, log},
-    {"service", "", "the service's last lines, and whether it runs", 0, 0, service},
+    {"service", "[start | stop | kill]", "the service's last lines, and whether it runs", 0, 1, service,
+     service_choices},
     {"wait", "SECONDS", "do nothing for a while", 1, 1, wait},
     {"quit", "", "end the service and the camera", 0, 0, quit},
 };
