@@ -20,6 +20,7 @@
 #include "sim/app/session.h"
 #include "sim/app/stream_copy.h"
 #include "sim/app/stream_plan.h"
+#include "sim/app/web_front.h"
 #include "sim/media/ring_watcher.h"
 
 namespace sim {
@@ -73,6 +74,7 @@ int run(const Options& options) {
   if (!tell_run_names(options.out + "/run.env") || !wait_for_own_parties(options)) return 2;
   Session session(options, camera, log.get());
   if (session.wait_for_device()) {
+    if (options.web) web(session);
     if (options.prompt) prompt(session, copy ? &copy->stream() : nullptr);
     if (!options.replay.empty()) replay_plan(session);
     if (options.streams()) stream_plan(session, copy ? &copy->stream() : nullptr);
@@ -83,7 +85,7 @@ int run(const Options& options) {
   bool written = true;
   for (const std::string& path : options.results)
     written = write_results(path, "camera_sim", session.findings()) && written;
-  if (interrupted && !options.stay) return 130;
+  if (interrupted && !options.stay && !options.web) return 130;
   return session.good() && written ? 0 : 1;
 }
 

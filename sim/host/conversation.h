@@ -35,6 +35,11 @@ const char* request_name(u8 request);
 /// does not have are shown as numbers.
 std::string describe(const Exchange& exchange);
 
+/// Parts of that line: unit, request, control and value; "ok", "STALL" or "timeout"; the data.
+std::string request_text(const Exchange& exchange);
+const char* outcome_name(const Exchange& exchange);
+std::string data_text(std::span<const u8> data);
+
 class Conversation {
  public:
   /// `received` returns what the server has received from a line on, see Server::received(); it may be empty.
@@ -44,8 +49,8 @@ class Conversation {
   /// well, or when the limit has passed since the SETUP.
   ControlAnswer control(const usb_ctrlrequest& setup, std::span<const u8> data = {},
                         std::chrono::milliseconds limit = std::chrono::seconds(5));
-  /// Returns all exchanges so far, without those that still wait.
-  std::vector<Exchange> exchanges();
+  /// Returns all exchanges so far, from one on, without those that still wait.
+  std::vector<Exchange> exchanges(std::size_t from = 0);
   /// Returns the longest answer_ms since the last call.
   double take_slowest_ms();
 
