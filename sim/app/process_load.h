@@ -12,8 +12,8 @@ class ProcessLoad {
   /// Looks at the process again. A figure covers the time since the last look that was a second ago or more.
   void look(pid_t process);
 
-  bool running() const { return running_; }  ///< false as well for one that nobody has waited for yet
-  double percent() const { return percent_; }  ///< of one processor
+  bool running() const { return running_; }      ///< false as well for one that nobody has waited for yet
+  double percent() const { return percent_; }    ///< of one processor
   long kilobytes() const { return kilobytes_; }  ///< in memory
 
  private:

@@ -43,7 +43,8 @@ WebAnswer at_prompt(Web& web, const char* name, const std::string& line) {
 
 // The answer to GET_LEN or GET_INFO.
 Json attribute(Conversation& host, const HostControl& control, u8 request) {
-  const auto data = get_control(host, control.entity, control.selector, request, request == UVC_GET_LEN ? 2 : 1).data;
+  const auto data =
+      get_control(host, control.entity, control.selector, request, request == UVC_GET_LEN ? 2 : 1).data;
   if (data.empty()) return nullptr;
   return data.size() == 1 ? Json(data[0]) : Json(get_le16(data.data()));
 }
@@ -118,8 +119,8 @@ struct NamedRequest {
   const char* name;
   u8 request;
 };
-constexpr NamedRequest kRequests[] = {{"get", UVC_GET_CUR},  {"min", UVC_GET_MIN}, {"max", UVC_GET_MAX},
-                                      {"res", UVC_GET_RES},  {"def", UVC_GET_DEF}, {"len", UVC_GET_LEN},
+constexpr NamedRequest kRequests[] = {{"get", UVC_GET_CUR},   {"min", UVC_GET_MIN}, {"max", UVC_GET_MAX},
+                                      {"res", UVC_GET_RES},   {"def", UVC_GET_DEF}, {"len", UVC_GET_LEN},
                                       {"info", UVC_GET_INFO}, {"set", UVC_SET_CUR}};
 
 WebAnswer extension(Web& web, const Json& arguments) {
@@ -148,7 +149,8 @@ WebAnswer formats(Web& web, const Json&) {
   Json list = Json::array();
   for (const HostFormat& format : host_formats()) {
     Json sizes = Json::array();
-    for (const FrameSize& size : format.sizes) sizes.push_back({{"width", size.width}, {"height", size.height}});
+    for (const FrameSize& size : format.sizes)
+      sizes.push_back({{"width", size.width}, {"height", size.height}});
     list.push_back({{"format", format.name}, {"sizes", sizes}});
   }
   return reply({{"formats", list}, {"rate", web.session().options().rate}});
@@ -216,7 +218,8 @@ WebAnswer service(Web& web, const Json& arguments) {
 
 WebAnswer faults(Web&, const Json&) {
   Json list = Json::array();
-  for (const FaultShape& shape : fault_shapes()) list.push_back({{"shape", shape.shown}, {"meaning", shape.meaning}});
+  for (const FaultShape& shape : fault_shapes())
+    list.push_back({{"shape", shape.shown}, {"meaning", shape.meaning}});
   return reply({{"faults", list}});
 }
 
@@ -290,7 +293,11 @@ const WebRow kRows[] = {
     {"server", {{kNumber, "from", true}}, server_log, false},
     {"get", {{kText, "name"}}, get, true, true},
     {"set", {{kText, "name"}, {kNumber, "value"}}, set, true, true},
-    {"extension", {{kNumber, "selector"}, {kText, "request"}, {kBytes, "bytes", true}}, extension, true, true},
+    {"extension",
+     {{kNumber, "selector"}, {kText, "request"}, {kBytes, "bytes", true}},
+     extension,
+     true,
+     true},
     {kMoveCommand, {{kNumber, "pan", true}, {kNumber, "tilt", true}, {kNumber, "zoom", true}}, nullptr},
     {"stream", {{kText, "format"}, {kText, "size", true}, {kNumber, "rate", true}}, stream, true, true},
     {"stop", {}, stop},
@@ -331,8 +338,10 @@ WebAnswer check(const WebCommand& command) {
   if (!row) return unknown("command", command.name);
   if (command.get && row->changes) return web_error(405, "this command needs POST");
   for (const auto& [name, value] : command.arguments.items()) {
-    const auto argument = std::ranges::find(row->arguments, name, [](const WebArgument& each) { return std::string(each.name); });
-    if (argument == row->arguments.end()) return web_error(400, "\"" + name + "\" is not an argument of this command");
+    const auto argument = std::ranges::find(row->arguments, name,
+                                            [](const WebArgument& each) { return std::string(each.name); });
+    if (argument == row->arguments.end())
+      return web_error(400, "\"" + name + "\" is not an argument of this command");
     if (!fits(*argument, value)) return web_error(400, "\"" + name + "\" is of the wrong kind");
   }
   for (const WebArgument& argument : row->arguments) {
@@ -367,7 +376,8 @@ void look_after_stream(Web& web) {
     web.trouble = host.error();
     return;
   }
-  web.trouble = at_prompt(web, "stream", "start " + name_of(wanted) + " at " + std::to_string(wanted.rate)).json.value("error", "");
+  web.trouble = at_prompt(web, "stream", "start " + name_of(wanted) + " at " + std::to_string(wanted.rate))
+                    .json.value("error", "");
 }
 
 }  // namespace sim

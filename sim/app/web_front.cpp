@@ -17,9 +17,9 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = Session::Clock;
 
-constexpr auto kNewsInterval = 200ms;   // of each page
-constexpr auto kLookInterval = 100ms;   // at service, cable and stream, while no command comes
-constexpr auto kRetryInterval = 1s;     // of a stream that does not start
+constexpr auto kNewsInterval = 200ms;  // of each page
+constexpr auto kLookInterval = 100ms;  // at service, cable and stream, while no command comes
+constexpr auto kRetryInterval = 1s;    // of a stream that does not start
 constexpr StreamChoice kFirstStream = {StreamFormat::kMjpeg, {1280, 720}, 0};
 
 // Commands on their way from the server's thread to the one that carries them out.
@@ -115,17 +115,18 @@ WebFront::WebFront(Session& session)
       state_(session.camera(), recording_),
       web_{.prompt = {.session = session}, .recording = recording_, .state = state_},
       motion_(session.camera().conversation),
-      server_(session.options().port,
-              {.command = [this](WebCommand command) { take(std::move(command)); },
-               .page_changed =
-                   [this](PageId page, bool opened) {
-                     news_.page_changed(page, opened);
-                     if (!opened) motion_.release(page);
-                   }}),
+      server_(session.options().port, {.command = [this](WebCommand command) { take(std::move(command)); },
+                                       .page_changed =
+                                           [this](PageId page, bool opened) {
+                                             news_.page_changed(page, opened);
+                                             if (!opened) motion_.release(page);
+                                           }}),
       news_(state_, server_),
-      pictures_([this](WebPictures::Jpeg jpeg) {
-        server_.show(std::make_shared<const WebPictures::Jpeg>(std::move(jpeg)));
-      }, [this] { return server_.watched(); }) {
+      pictures_(
+          [this](WebPictures::Jpeg jpeg) {
+            server_.show(std::make_shared<const WebPictures::Jpeg>(std::move(jpeg)));
+          },
+          [this] { return server_.watched(); }) {
   const Options& options = session.options();
   web_.wanted = kFirstStream;
   web_.wanted->rate = options.rate;
@@ -161,7 +162,9 @@ void WebFront::tell_status() {
     status.service_ended = service.how_it_ended();
   }
   if (web_.prompt.stream) status.stream = web_.prompt.stream->choice;
-  const auto over = [now = Clock::now()](const Web::SetFault& fault) { return fault.end && *fault.end <= now; };
+  const auto over = [now = Clock::now()](const Web::SetFault& fault) {
+    return fault.end && *fault.end <= now;
+  };
   std::erase_if(web_.faults, over);
   for (const Web::SetFault& fault : web_.faults) status.faults.push_back(fault.text);
   state_.set(std::move(status));

@@ -76,8 +76,7 @@ WebPictures::~WebPictures() {
 
 void WebPictures::take(const ReceivedFrame& frame) {
   if (!watched_()) return;
-  if (frame.choice.format == StreamFormat::kMjpeg)
-    return show_({frame.payload.begin(), frame.payload.end()});
+  if (frame.choice.format == StreamFormat::kMjpeg) return show_({frame.payload.begin(), frame.payload.end()});
   if (!frame.picture) return;
   {
     const std::lock_guard guard(lock_);

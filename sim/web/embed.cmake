@@ -1,5 +1,6 @@
 # Writes OUTPUT, a source file with the contents of FILES for sim/web/page_files.h.
-set(types html text/html css text/css js text/javascript)
+set(charset "\\x3B charset=utf-8")  # a semicolon would part a list
+set(types html text/html css text/css js text/javascript svg image/svg+xml)
 set(arrays "")
 set(rows "")
 set(number 0)
@@ -16,7 +17,7 @@ foreach(file ${FILES})
   file(READ ${file} bytes HEX)
   string(REGEX REPLACE "(..)" "0x\\1," bytes "${bytes}")
   string(APPEND arrays "constexpr unsigned char kFile${number}[] = {${bytes}};\n")
-  string(APPEND rows "    {\"/${name}\", \"${type}\\; charset=utf-8\", kFile${number}},\n")
+  string(APPEND rows "    {\"/${name}\", \"${type}${charset}\", kFile${number}},\n")
   math(EXPR number "${number} + 1")
 endforeach()
 file(WRITE ${OUTPUT} "#include \"sim/web/page_files.h\"\n\nnamespace sim {\n\nnamespace {\n\n${arrays}

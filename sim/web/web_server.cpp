@@ -27,8 +27,8 @@ using Json = nlohmann::json;
 
 constexpr std::string_view kCommands = "/api/", kSocket = "/socket";
 constexpr char kJsonType[] = "application/json";
-constexpr std::size_t kPiece = 32 * 1024;               //< bytes of a body that are written at once
-constexpr std::size_t kLongestIgnored = 1024 * 1024;    //< bytes of a body that is read only to be refused
+constexpr std::size_t kPiece = 32 * 1024;             //< bytes of a body that are written at once
+constexpr std::size_t kLongestIgnored = 1024 * 1024;  //< bytes of a body that is read only to be refused
 constexpr unsigned kMostConnections = 128;
 constexpr int kHeaderSeconds = 5, kIdleSeconds = 10;
 constexpr u16 kPingSeconds = 10, kHangUpSeconds = 20;  //< of a page that answers nothing
@@ -96,8 +96,8 @@ struct Connection {
   bool closes = false;  //< after the reply
   // Of a page.
   bool is_page = false;
-  std::string message;           //< as far as it came
-  std::size_t unanswered = 0;    //< its commands, up to the moment when the answer is sent
+  std::string message;         //< as far as it came
+  std::size_t unanswered = 0;  //< its commands, up to the moment when the answer is sent
   std::deque<std::string> answers;
   std::optional<std::string> update;
   WebPicture picture;
@@ -110,10 +110,8 @@ bool is_free(u16 port) {
   const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int yes = 1;
   setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
-  const sockaddr_in address{.sin_family = AF_INET,
-                            .sin_port = htons(port),
-                            .sin_addr = {htonl(INADDR_LOOPBACK)},
-                            .sin_zero = {}};
+  const sockaddr_in address{
+      .sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
   const bool free = bind(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
   close(probe);
   return free;
@@ -274,7 +272,8 @@ std::string WebServer::Impl::refusal(lws* socket) const {
   if (std::ranges::find(hosts, host) == std::end(hosts)) return "foreign Host";
   if (!has(socket, WSI_TOKEN_ORIGIN)) return "";
   const std::string origin = header_of(socket, WSI_TOKEN_ORIGIN);
-  const bool own = std::ranges::any_of(hosts, [&](const std::string& each) { return origin == "http://" + each; });
+  const bool own =
+      std::ranges::any_of(hosts, [&](const std::string& each) { return origin == "http://" + each; });
   return own ? "" : "foreign Origin";
 }
 
@@ -317,7 +316,8 @@ int WebServer::Impl::begin_command(Connection& client, std::string name) {
     return 0;
   }
   const std::string length = header_of(client.socket, WSI_TOKEN_HTTP_CONTENT_LENGTH);
-  const auto [rest, failure] = std::from_chars(length.data(), length.data() + length.size(), request.expected);
+  const auto [rest, failure] =
+      std::from_chars(length.data(), length.data() + length.size(), request.expected);
   if (length.empty()) return reply(client, web_error(411, "the length of the body is missing"));
   if (failure != std::errc() || rest != length.data() + length.size())
     return reply(client, web_error(400, "the length of the body is no number"));
@@ -354,7 +354,7 @@ int WebServer::Impl::reply(Connection& client, WebAnswer answer) {
     body.bytes = text_of(answer.json) + '\n';
     return reply(client, answer.status, kJsonType, std::move(body), "");
   }
-  struct stat status{};
+  struct stat status {};
   body.file = open(answer.file.c_str(), O_RDONLY | O_CLOEXEC);
   if (body.file < 0 || fstat(body.file, &status) < 0)
     return reply(client, web_error(500, answer.file + " cannot be read"));
@@ -391,7 +391,8 @@ int WebServer::Impl::write_body(Connection& client) {
   std::vector<unsigned char> piece(LWS_PRE + size);
   if (!client.reply.next({piece.data() + LWS_PRE, size})) return -1;
   const bool last = client.reply.left == 0;
-  if (lws_write(client.socket, piece.data() + LWS_PRE, size, last ? LWS_WRITE_HTTP_FINAL : LWS_WRITE_HTTP) < 0)
+  if (lws_write(client.socket, piece.data() + LWS_PRE, size, last ? LWS_WRITE_HTTP_FINAL : LWS_WRITE_HTTP) <
+      0)
     return -1;
   if (!last) return lws_callback_on_writable(client.socket) < 0 ? -1 : 0;
   client.reply = {};
@@ -402,10 +403,10 @@ int WebServer::Impl::confirm_upgrade(lws* socket, std::string_view protocol) {
   const bool wrong_place = header_of(socket, WSI_TOKEN_GET_URI) != kSocket;
   if (protocol != "websocket") return -1;
   const auto pages = std::ranges::count_if(connections, [](const auto& each) { return each.second.is_page; });
-  const int status = !refusal(socket).empty()                         ? 403
-                     : wrong_place                                    ? 404
+  const int status = !refusal(socket).empty()                           ? 403
+                     : wrong_place                                      ? 404
                      : static_cast<std::size_t>(pages) >= kMostWebPages ? 503
-                                                                      : 0;
+                                                                        : 0;
   if (!status) return 0;
   lws_return_http_status(socket, static_cast<unsigned>(status), nullptr);
   return -1;
@@ -447,8 +448,7 @@ int WebServer::Impl::take_message(Connection& client, std::string_view piece) {
 
 void WebServer::Impl::take_page_command(Connection& client, Json message) {
   WebCommand command{.client = client.number, .by_page = true};
-  if (!message.is_object())
-    return take_answer(command, web_error(400, "the message is not a JSON object"));
+  if (!message.is_object()) return take_answer(command, web_error(400, "the message is not a JSON object"));
   if (message.contains("id")) command.id = message["id"];
   if (!message.contains("command") || !message["command"].is_string())
     return take_answer(command, web_error(400, "\"command\" is missing"));
@@ -486,9 +486,8 @@ int WebServer::Impl::write_message(Connection& client) {
   }
   std::string message(LWS_PRE, '\0');
   message += text;
-  const auto written =
-      lws_write(client.socket, reinterpret_cast<unsigned char*>(message.data()) + LWS_PRE, text.size(),
-                is_text ? LWS_WRITE_TEXT : LWS_WRITE_BINARY);
+  const auto written = lws_write(client.socket, reinterpret_cast<unsigned char*>(message.data()) + LWS_PRE,
+                                 text.size(), is_text ? LWS_WRITE_TEXT : LWS_WRITE_BINARY);
   if (written < 0) return -1;
   lws_callback_on_writable(client.socket);
   return 0;
@@ -522,7 +521,8 @@ void WebServer::Impl::take_inbox() {
     for (auto& [socket, client] : connections) {
       if (!client.is_page) continue;
       if (picture) client.picture = picture;
-      if (auto& text = updates[client.number]; text && !text->empty()) client.update = std::exchange(*text, {});
+      if (auto& text = updates[client.number]; text && !text->empty())
+        client.update = std::exchange(*text, {});
       if (client.update || (client.picture && wants_picture(client))) lws_callback_on_writable(socket);
     }
     picture = nullptr;

@@ -17,11 +17,11 @@ namespace sim {
 using PageId = u64;
 
 struct WebCommand {
-  PageId client = 0;      ///< the page, or the HTTP connection
-  bool by_page = false;   ///< came over a web socket
-  bool get = false;       ///< came by GET, which is not to change anything
-  nlohmann::json id{};    ///< the page's own number of the command; null over HTTP
-  std::string name{};     ///< such as "stream"
+  PageId client = 0;     ///< the page, or the HTTP connection
+  bool by_page = false;  ///< came over a web socket
+  bool get = false;      ///< came by GET, which is not to change anything
+  nlohmann::json id{};   ///< the page's own number of the command; null over HTTP
+  std::string name{};    ///< such as "stream"
   nlohmann::json arguments = nlohmann::json::object();
 };
 
@@ -36,7 +36,7 @@ WebAnswer web_error(int status, const std::string& what);
 
 /// Called on the server's thread, and to return at once.
 struct WebHandlers {
-  std::function<void(WebCommand)> command;               ///< to be answered by answer(), once
+  std::function<void(WebCommand)> command;                ///< to be answered by answer(), once
   std::function<void(PageId, bool opened)> page_changed;  ///< a page has come, or has gone
 };
 
@@ -46,8 +46,8 @@ using WebPicture = std::shared_ptr<const std::vector<u8>>;
 /// How much of anything the server keeps or takes.
 constexpr std::size_t kLongestWebCommand = 64 * 1024;  ///< bytes of a command
 constexpr std::size_t kMostWebPages = 32;
-constexpr std::size_t kMostWebAnswers = 64;   ///< commands of a page without an answer that was sent
-constexpr u32 kMostPicturesUnderway = 2;      ///< to a page that has not drawn them
+constexpr std::size_t kMostWebAnswers = 64;  ///< commands of a page without an answer that was sent
+constexpr u32 kMostPicturesUnderway = 2;     ///< to a page that has not drawn them
 constexpr u16 kFirstWebPort = 8080;
 constexpr u16 kWebPorts = 100;  ///< so many are tried
 
