@@ -49,25 +49,30 @@ void AttachedHost::show_stream(const StreamChoice* choice) {
 
 // Returns false if the camera did not get to where it belongs.
 bool AttachedHost::introduce(Session& session) {
-  const auto there = [&] { return !attachment_->error().empty() || listens_ || !attachment_->video_node().empty(); };
+  const auto there = [&] {
+    return !attachment_->error().empty() || listens_ || !attachment_->video_node().empty();
+  };
   const bool came = session.wait(kNodeLimit, there);
   if (const std::string error = attachment_->error(); !error.empty()) {
     session.complain(error);
     return false;
   }
   if (!came && session.going_on())
-    session.complain("the camera is plugged in, but no driver made a node for it: does this kernel have uvcvideo?");
+    session.complain(
+        "the camera is plugged in, but no driver made a node for it: does this kernel have uvcvideo?");
   const std::string node = attachment_->video_node();
   if (listens_) {
-    std::printf("the camera waits at port %u; on the other PC, as root:\n"
-                "  modprobe vhci-hcd && usbip attach -r ADDRESS -b 1-1\n",
-                attachment_->port());
+    std::printf(
+        "the camera waits at port %u; on the other PC, as root:\n"
+        "  modprobe vhci-hcd && usbip attach -r ADDRESS -b 1-1\n",
+        attachment_->port());
   } else if (came) {
-    std::printf("the camera is %s of this PC; try\n"
-                "  ffplay -f v4l2 -input_format mjpeg -video_size 1280x720 %s\n"
-                "  v4l2-ctl -d %s --list-ctrls\n"
-                "  in a browser's video call: camera \"UVC Camera (1d6b:0102)\"\n",
-                node.c_str(), node.c_str(), node.c_str());
+    std::printf(
+        "the camera is %s of this PC; try\n"
+        "  ffplay -f v4l2 -input_format mjpeg -video_size 1280x720 %s\n"
+        "  v4l2-ctl -d %s --list-ctrls\n"
+        "  in a browser's video call: camera \"UVC Camera (1d6b:0102)\"\n",
+        node.c_str(), node.c_str(), node.c_str());
   }
   std::fflush(stdout);
   return came;
@@ -76,7 +81,8 @@ bool AttachedHost::introduce(Session& session) {
 std::string AttachedHost::status() {
   for (const Exchange& exchange : camera_.conversation.exchanges(seen_)) {
     ++seen_;
-    const bool setting = exchange.setup.bRequest == UVC_SET_CUR && (exchange.setup.wIndex & 0xFF) == kVideoControlInterface;
+    const bool setting =
+        exchange.setup.bRequest == UVC_SET_CUR && (exchange.setup.wIndex & 0xFF) == kVideoControlInterface;
     if (setting) setting_ = ", " + control_text(exchange) + (exchange.stalled ? " refused" : "");
   }
   const auto now = Session::Clock::now();

@@ -16,9 +16,9 @@ class AttachedHost {
  public:
   AttachedHost(const Options& options, Camera& camera, VirtualController* controller);
 
-  /// Says what to do with the camera once it is on the bus, then takes commands. On a terminal the prompt shows
-  /// what the host does; without one, the end of the commands does not end the session. Ends with the device off the
-  /// bus.
+  /// Says what to do with the camera once it is on the bus, then takes commands. On a terminal the prompt
+  /// shows what the host does; without one, the end of the commands does not end the session. Ends with the
+  /// device off the bus.
   void run(Session& session);
 
  private:

@@ -1,4 +1,5 @@
-// The camera at a host that is not ours: plugged into this PC's virtual USB host controller, or offered to other PCs.
+// The camera at a host that is not ours: plugged into this PC's virtual USB host controller, or offered to
+// other PCs.
 #pragma once
 
 #include <atomic>
@@ -24,8 +25,9 @@ struct HostPlace {
 
 class Attachment {
  public:
-  /// While `present` says so, which it is asked all the time, the device is on the bus: in a port of the controller, or
-  /// waiting for a client. A host that lets go of it in the meantime does not get it back by itself.
+  /// While `present` says so, which it is asked all the time, the device is on the bus: in a port of the
+  /// controller, or waiting for a client. A host that lets go of it in the meantime does not get it back by
+  /// itself.
   Attachment(UrbDevice& device, const HostPlace& place, std::function<bool()> present);
   ~Attachment();  ///< takes the device off the bus
   Attachment(const Attachment&) = delete;

@@ -25,7 +25,7 @@ using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr std::size_t kMostClients = 16;  //< that have not said all yet; the oldest makes room for a new one
-constexpr auto kClientLimit = 5s;         //< for all that a client says
+constexpr auto kClientLimit = 2s;         //< for all that a client says
 constexpr auto kLook = 100ms;             //< at clients that are too slow, and at the end of this object
 
 // One that has not said all that its wish needs.
@@ -38,7 +38,9 @@ struct Client {
 
 enum class Fate { kWaits, kDropped, kImported };
 
-void set_option(int socket, int level, int option, int value) { setsockopt(socket, level, option, &value, sizeof(value)); }
+void set_option(int socket, int level, int option, int value) {
+  setsockopt(socket, level, option, &value, sizeof(value));
+}
 
 // A PC that is switched off does not keep the camera.
 void notice_silence(int socket) {
@@ -71,7 +73,8 @@ Fate hear(Client& client, const Listener::Offer& offer) {
     if (client.size >= kWishSize) {
       wish = parse_wish(said.first<kWishSize>());
       if (!wish) return Fate::kDropped;
-      if (wish == ClientWish::kList) return tell(client.socket, list_answer(offer.available())), Fate::kDropped;
+      if (wish == ClientWish::kList)
+        return tell(client.socket, list_answer(offer.available())), Fate::kDropped;
       if (client.size == said.size()) return import(client, offer);
     }
     const std::size_t wanted = wish ? said.size() : kWishSize;
@@ -97,9 +100,11 @@ Listener::Listener(const std::string& address, u16 port, Offer offer) : offer_(s
   socklen_t size = sizeof(own);
   socket_ = ::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   set_option(socket_, SOL_SOCKET, SO_REUSEADDR, 1);
-  const bool listens = bind(socket_, found->ai_addr, found->ai_addrlen) == 0 && listen(socket_, kMostClients) == 0 &&
+  const bool listens = bind(socket_, found->ai_addr, found->ai_addrlen) == 0 &&
+                       listen(socket_, kMostClients) == 0 &&
                        getsockname(socket_, reinterpret_cast<sockaddr*>(&own), &size) == 0;
-  if (!listens) error_ = "cannot listen at " + address + " port " + std::to_string(port) + ": " + std::strerror(errno);
+  if (!listens)
+    error_ = "cannot listen at " + address + " port " + std::to_string(port) + ": " + std::strerror(errno);
   freeaddrinfo(found);
   if (!listens) return;
   // The port is at the same place in the addresses of both families.

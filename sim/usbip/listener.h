@@ -1,5 +1,5 @@
-// The camera offered to other PCs over TCP, as the stock "usbip attach -r" asks for it. A client that says nothing,
-// nonsense or too much is dropped; none can keep another from being served.
+// The camera offered to other PCs over TCP, as the stock "usbip attach -r" asks for it. A client that says
+// nothing, nonsense or too much is dropped; none can keep another from being served.
 #pragma once
 
 #include <atomic>

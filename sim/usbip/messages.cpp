@@ -52,11 +52,12 @@ void append_device(Bytes& to) {
   append_text(to, "/sys/devices/camera_sim/usb1/1-1", kPathSize);
   append_text(to, kBusId, kBusIdSize);
   for (const u32 word : {kUsbipDevice >> 16, kUsbipDevice & 0xFFFF, kSpeedHigh}) append32(to, word);
-  for (const std::size_t field : {8, 10, 12}) append16(to, get_le16(&device[field]));  // vendor, product, release
-  for (const std::size_t field : {4, 5, 6}) to.push_back(device[field]);              // class
-  to.push_back(configuration[5]);                                                     // its number
-  to.push_back(device[17]);                                                           // how many there are
-  to.push_back(configuration[4]);                                                     // interfaces
+  for (const std::size_t field : {8, 10, 12})
+    append16(to, get_le16(&device[field]));                               // vendor, product, release
+  for (const std::size_t field : {4, 5, 6}) to.push_back(device[field]);  // class
+  to.push_back(configuration[5]);                                         // its number
+  to.push_back(device[17]);                                               // how many there are
+  to.push_back(configuration[4]);                                         // interfaces
 }
 
 void append_interfaces(Bytes& to) {
@@ -95,7 +96,8 @@ std::optional<UrbRequest> parse_urb_request(std::span<const u8, kUrbHeadSize> he
   return valid ? std::optional(request) : std::nullopt;
 }
 
-std::optional<std::vector<IsoPacket>> parse_iso_packets(const UrbRequest& request, std::span<const u8> bytes) {
+std::optional<std::vector<IsoPacket>> parse_iso_packets(const UrbRequest& request,
+                                                        std::span<const u8> bytes) {
   std::vector<IsoPacket> packets;
   for (; bytes.size() >= kIsoPacketSize; bytes = bytes.subspan(kIsoPacketSize)) {
     const IsoPacket packet{.offset = be32(bytes, 0), .length = be32(bytes, 1)};

@@ -1,6 +1,6 @@
-// The messages of USB/IP, version 1.1.1, in both of its phases: a client chooses a device, then its kernel and the
-// device exchange transfers (URBs). Linux describes the protocol in Documentation/usb/usbip_protocol.rst; all
-// numbers are big-endian but those of a SETUP.
+// The messages of USB/IP, version 1.1.1, in both of its phases: a client chooses a device, then its kernel
+// and the device exchange transfers (URBs). Linux describes the protocol in
+// Documentation/usb/usbip_protocol.rst; all numbers are big-endian but those of a SETUP.
 #pragma once
 
 #include <linux/usb/ch9.h>
@@ -15,8 +15,8 @@
 namespace sim {
 
 constexpr std::size_t kUrbHeadSize = 48, kIsoPacketSize = 16;
-/// The most that is taken from a host: bytes that a transfer brings or has room for, and packets of an isochronous
-/// one (Linux's own limit).
+/// The most that is taken from a host: bytes that a transfer brings or has room for, and packets of an
+/// isochronous one (Linux's own limit).
 constexpr u32 kMostBytesOut = 0xFFFF, kMostBytesIn = 1 << 20, kMostIsoPackets = 1024;
 constexpr u32 kSpeedHigh = 3;
 constexpr u32 kUsbipDevice = 0x00010002;  ///< bus 1, device 2
@@ -28,9 +28,9 @@ struct IsoPacket {
 
 /// What the host asks for: a transfer, or that one be taken back.
 struct UrbRequest {
-  u32 number = 0;                    ///< of this request
+  u32 number = 0;                   ///< of this request
   std::optional<u32> taken_back{};  ///< number of the transfer to take back; all below is 0 then
-  bool in = false;                   ///< from the device to the host
+  bool in = false;                  ///< from the device to the host
   u32 endpoint = 0;
   u32 length = 0;   ///< of the transfer's buffer
   u32 packets = 0;  ///< 0 if it is not isochronous
@@ -45,8 +45,8 @@ std::optional<UrbRequest> parse_urb_request(std::span<const u8, kUrbHeadSize> he
 /// Returns nothing if a packet has no place in the transfer's buffer.
 std::optional<std::vector<IsoPacket>> parse_iso_packets(const UrbRequest& request, std::span<const u8> bytes);
 
-/// The answers. `status` is 0 or a negative errno. `data` of an isochronous transfer is what its packets have, one
-/// after the other without the gaps.
+/// The answers. `status` is 0 or a negative errno. `data` of an isochronous transfer is what its packets
+/// have, one after the other without the gaps.
 std::vector<u8> transfer_answer(const UrbRequest& request, i32 status, std::span<const u8> data,
                                 std::span<const IsoPacket> packets = {});
 std::vector<u8> taken_back_answer(u32 number, i32 status);

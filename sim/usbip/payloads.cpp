@@ -12,7 +12,8 @@ namespace {
 constexpr i64 kClockMhz = 48;
 constexpr std::size_t kLongestHeader = 12;
 
-// Of the bus on which the frames go, which has no frames to count: Linux's virtual host controller says 0 as well.
+// Of the bus on which the frames go, which has no frames to count: Linux's virtual host controller says 0 as
+// well.
 constexpr u16 kBusFrame = 0;
 
 u32 clock_at(i64 nanoseconds) { return static_cast<u32>(nanoseconds / 1000 * kClockMhz); }
@@ -41,7 +42,8 @@ std::size_t PayloadCutter::cut(std::span<u8> packet, i64 time) {
   header += 6;
   packet[0] = static_cast<u8>(header);
   const std::size_t part = std::min(packet.size() - header, frame_.size() - cut_);
-  std::copy_n(frame_.begin() + static_cast<std::ptrdiff_t>(cut_), part, packet.begin() + static_cast<std::ptrdiff_t>(header));
+  std::copy_n(frame_.begin() + static_cast<std::ptrdiff_t>(cut_), part,
+              packet.begin() + static_cast<std::ptrdiff_t>(header));
   cut_ += part;
   if (done()) {
     packet[1] |= UVC_STREAM_EOF;

@@ -1,5 +1,6 @@
-// A host's connection to a device by USB/IP, once the device is the host's: takes transfers (URBs), has the device
-// carry them out, and answers each of them exactly once. Isochronous transfers keep the pace of a high-speed bus.
+// A host's connection to a device by USB/IP, once the device is the host's: takes transfers (URBs), has the
+// device carry them out, and answers each of them exactly once. Isochronous transfers keep the pace of a
+// high-speed bus.
 #pragma once
 
 #include <atomic>
@@ -28,8 +29,8 @@ class UrbDevice {
   virtual ~UrbDevice() = default;
   /// Carries out a request to endpoint 0. May wait for some seconds.
   virtual ControlOutcome control(const usb_ctrlrequest& setup, std::span<const u8> data) = 0;
-  /// Fills the packets that go over the bus by now, one after the other, into `data`, which has room for all of them,
-  /// and sets what each has. Returns the sum. Does not wait.
+  /// Fills the packets that go over the bus by now, one after the other, into `data`, which has room for all
+  /// of them, and sets what each has. Returns the sum. Does not wait.
   virtual std::size_t fill(std::span<IsoPacket> packets, std::span<u8> data) = 0;
   /// The host is gone; control() may be waiting at that time.
   virtual void disconnect() = 0;
@@ -37,8 +38,8 @@ class UrbDevice {
 
 class UrbConnection {
  public:
-  /// Serves the host at the other end of a connected stream socket, which this now owns, until that end closes it,
-  /// breaks the protocol or end() is called.
+  /// Serves the host at the other end of a connected stream socket, which this now owns, until that end
+  /// closes it, breaks the protocol or end() is called.
   UrbConnection(int socket, UrbDevice& device);
   ~UrbConnection();  ///< ends it, and waits for its threads
   UrbConnection(const UrbConnection&) = delete;
@@ -51,9 +52,9 @@ class UrbConnection {
   using Clock = std::chrono::steady_clock;
   struct Urb {
     UrbRequest request;
-    std::vector<u8> data{};             ///< of an OUT transfer
+    std::vector<u8> data{};  ///< of an OUT transfer
     std::vector<IsoPacket> packets{};
-    Clock::time_point due{};            ///< isochronous: when it has gone over the bus
+    Clock::time_point due{};  ///< isochronous: when it has gone over the bus
   };
   using Queue = std::deque<Urb>;
 

@@ -92,7 +92,8 @@ std::optional<u32> VirtualController::plug(int socket) {
     obstacle_ = std::string("the virtual USB host controller refuses the camera: ") + std::strerror(errno);
     return std::nullopt;
   }
-  obstacle_ = "the virtual USB host controller has no free port: detach another device (usbip port lists them)";
+  obstacle_ =
+      "the virtual USB host controller has no free port: detach another device (usbip port lists them)";
   return std::nullopt;
 }
 

@@ -23,16 +23,16 @@ std::vector<PortStatus> parse_port_status(std::string_view text);
 
 class VirtualController {
  public:
-  /// Loads the kernel's module if it is not there. Without a controller, or the right to use it, obstacle() tells why and
-  /// what to do instead. The right is needed here only: what is opened stays open.
+  /// Loads the kernel's module if it is not there. Without a controller, or the right to use it, obstacle()
+  /// tells why and what to do instead. The right is needed here only: what is opened stays open.
   VirtualController();
   ~VirtualController();
   VirtualController(const VirtualController&) = delete;
   const std::string& obstacle() const { return obstacle_; }
 
   /// Plugs the device that answers at the other end of a stream socket into a free port. The kernel keeps the
-  /// socket; the caller closes its own descriptor. To pull the plug, close the other end. Returns the port, or nothing
-  /// with an obstacle().
+  /// socket; the caller closes its own descriptor. To pull the plug, close the other end. Returns the port,
+  /// or nothing with an obstacle().
   std::optional<u32> plug(int socket);
   /// Returns the name of what is plugged into the port, such as "3-1"; empty if it has none.
   std::string device_at(u32 port) const;
