@@ -37,10 +37,9 @@ Choices help_choices(Words) {
 }
 
 Complaint plug(Prompt& prompt, Words) {
-  UsbHost& host = prompt.session.camera().host;
+  const UsbHost& host = prompt.session.camera().host;
   if (host.plugged()) return "the cable is plugged in already";
-  host.replug();
-  return host.enumerate() ? "" : "the device is not as expected: " + host.error();
+  return prompt.session.plug_in() ? "" : "the device is not as expected: " + host.error();
 }
 
 Complaint unplug(Prompt& prompt, Words) {
@@ -164,18 +163,19 @@ Choices any_file(Words) { return std::nullopt; }
 constexpr Command kCommands[] = {
     {"help", "[COMMAND]", "this list, or more about one", 0, 1, help, help_choices},
     {"controls", "", "every control with its limits, as the camera reports them", 0, 0, list_controls,
-     nullptr, true},
-    {"get", "NAME... | all", "values of controls", 1, kAnyNumber, get_controls, get_choices, true},
+     nullptr, Needs::kCable},
+    {"get", "NAME... | all", "values of controls", 1, kAnyNumber, get_controls, get_choices, Needs::kCable},
     {"set", "NAME VALUE [NAME VALUE]...", "set controls, one after the other", 2, kAnyNumber, set_controls,
-     set_choices, true},
+     set_choices, Needs::kCable},
     {"xu", "SELECTOR [get|min|max|res|def|len|info|set BYTE...]", "extension unit; bytes in hex", 1,
-     kAnyNumber, extension_unit, extension_choices, true},
+     kAnyNumber, extension_unit, extension_choices, Needs::kCable},
     {"raw", "TYPE REQUEST VALUE INDEX LENGTH [BYTE...]", "any request: 0xA1 or 161; bytes in hex", 5,
-     kAnyNumber, raw_request, nullptr, true},
+     kAnyNumber, raw_request, nullptr, Needs::kCable},
     {"stream", "[start] FORMAT [WxH] [at RATE] [for SECONDS] [to FILE] | stop",
-     "report what comes; \"start\" runs until \"stop\"", 1, kAnyNumber, stream, stream_choices},
+     "report what comes; \"start\" runs until \"stop\"", 1, kAnyNumber, stream, stream_choices,
+     Needs::kOwnHost},
     {"picture", "FILE.png", "save the next picture of the stream, or of one started for it", 1, 1,
-     write_picture, any_file, true},
+     write_picture, any_file, Needs::kOwnHost},
     {"plug", "", "put the USB cable in", 0, 0, plug},
     {"unplug", "", "pull the USB cable", 0, 0, unplug},
     {"fault", "[at TIME] TEXT [for TIME] | clear", "make something go wrong, now or after TIME", 1,

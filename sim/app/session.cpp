@@ -76,9 +76,7 @@ bool Session::wait_for_device() {
               std::chrono::duration<double>(Clock::now() - begin).count(), run_root().c_str());
   if (options_.stay)
     std::printf("attach a debugger with: gdb -p %d; Ctrl-C ends everything\n", service_->pid());
-  camera_.host.replug();
-  const bool capture_enumerates = !options_.replay.empty();
-  if (capture_enumerates || camera_.host.enumerate()) return true;
+  if (plug_in()) return true;
   complain("the device is not as expected: " + camera_.host.error());
   return false;
 }
@@ -102,6 +100,12 @@ bool Session::start_service() {
   stopped_ = false;
   service_.emplace(service_command(options_), service_log_, options_.verbose);
   return wait_for_device();
+}
+
+bool Session::plug_in() {
+  camera_.host.replug();
+  const bool another_enumerates = options_.attach || !options_.replay.empty();
+  return another_enumerates || camera_.host.enumerate();
 }
 
 void Session::end_service() {

@@ -38,8 +38,8 @@ class Session {
   ServiceProcess& service() { return *service_; }
   Timeline& timeline() { return timeline_; }
 
-  /// Waits until the device is on the bus, and enumerates it, unless a recorded host is to do that. Complains
-  /// and returns false if that fails.
+  /// Waits until the service has connected the device, and puts the cable in. Complains and returns false if
+  /// that fails.
   bool wait_for_device();
   /// Returns false if the limit passed, the service ended or Ctrl-C came before the condition held.
   template <class Condition>
@@ -51,6 +51,9 @@ class Session {
   /// It returns like wait_for_device().
   void stop_service(int signal = SIGTERM);
   bool start_service();
+  /// Puts the cable in. The host then enumerates the device, unless another does that: a recorded one, or one
+  /// that is not ours. Returns false if it does not find what it expects.
+  bool plug_in();
 
   /// Returns the path of a PNG in the options' folder: "replug MJPEG
   /// 1280x720" becomes replug-mjpeg-1280x720.png.

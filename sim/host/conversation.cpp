@@ -75,18 +75,6 @@ std::vector<NamedValue> named_values(const Exchange& exchange) {
   return values;
 }
 
-std::string control_text(const Exchange& exchange) {
-  const bool attribute = asks_for_attribute(exchange.setup);
-  std::string text;
-  for (const auto& [name, value] : named_values(exchange)) {
-    text += (text.empty() ? "" : ", ") + name;
-    if (!attribute && !value.empty()) text += " = " + value;
-  }
-  const auto& data = exchange.data;
-  if (!attribute || data.empty()) return text;
-  return text + " = " + std::to_string(data.size() == 1 ? data[0] : get_le16(data.data()));
-}
-
 }  // namespace
 
 std::string request_text(const Exchange& exchange) {
@@ -145,6 +133,18 @@ const char* request_name(u8 request) {
                                    "GET_LEN", "GET_INFO", "GET_DEF"};
   if (request == UVC_SET_CUR) return "SET_CUR";
   return request >= UVC_GET_CUR && request <= UVC_GET_DEF ? kGets[request - UVC_GET_CUR] : nullptr;
+}
+
+std::string control_text(const Exchange& exchange) {
+  const bool attribute = asks_for_attribute(exchange.setup);
+  std::string text;
+  for (const auto& [name, value] : named_values(exchange)) {
+    text += (text.empty() ? "" : ", ") + name;
+    if (!attribute && !value.empty()) text += " = " + value;
+  }
+  const auto& data = exchange.data;
+  if (!attribute || data.empty()) return text;
+  return text + " = " + std::to_string(data.size() == 1 ? data[0] : get_le16(data.data()));
 }
 
 std::string describe(const Exchange& exchange) {

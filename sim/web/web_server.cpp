@@ -459,8 +459,8 @@ void WebServer::Impl::take_page_command(Connection& client, Json message) {
   handlers.command(std::move(command));
 }
 
-// One message at a time, so that the socket can refuse the next: answers first, then the update, then the
-// newest picture.
+// Writes one message, so that the socket can refuse the next: answers first, then the update, then the newest
+// picture.
 int WebServer::Impl::write_message(Connection& client) {
   std::string text;
   bool is_text = true;
