@@ -47,14 +47,19 @@ class CommandQueue {
 // Sends every page its news, in a thread of its own, so that a command that takes long does not hold them up.
 class News {
  public:
-  News(WebState& state, WebServer& server) : state_(state), server_(server), thread_([this] { run(); }) {}
+  News(WebState& state, WebServer& server) : state_(state), server_(server) {}
   ~News() {
     {
       const std::lock_guard guard(lock_);
       over_ = true;
     }
     changed_.notify_all();
-    thread_.join();
+    if (thread_.joinable()) thread_.join();
+  }
+
+  void start() {
+    state_.look();
+    thread_ = std::thread([this] { run(); });
   }
 
   void page_changed(PageId page, bool opened) {
@@ -171,6 +176,8 @@ void WebFront::tell_status() {
 }
 
 void WebFront::run() {
+  tell_status();
+  news_.start();
   server_.start();
   for (Clock::time_point next_look{}; !interrupted;) {
     if (const auto command = queue_.next(kLookInterval)) server_.answer(*command, carry_out(web_, *command));

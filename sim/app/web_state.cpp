@@ -81,6 +81,11 @@ void WebState::set(WebStatus status) {
   status_ = std::move(status);
 }
 
+Json WebState::state() const {
+  const std::lock_guard guard(lock_);
+  return state_;
+}
+
 Json WebState::stream_now(const WebStatus& status) const {
   const std::optional<StreamChoice>& choice = status.stream ? status.stream : status.wanted;
   if (!choice) return nullptr;
@@ -112,18 +117,22 @@ void WebState::look() {
   }
   service_load_.look(status.service);
   own_load_.look(getpid());
-  state_ = {{"service",
-             {{"pid", status.service},
-              {"running", status.service && service_load_.running()},
-              {"ended", status.service_ended},
-              {"cpu_percent", service_load_.percent()},
-              {"memory_kb", service_load_.kilobytes()}}},
-            {"simulator", {{"cpu_percent", own_load_.percent()}, {"memory_kb", own_load_.kilobytes()}}},
-            {"plugged", camera_.host.plugged()},
-            {"stream", stream_now(status)},
-            {"head", head_now(camera_.parties.head)},
-            {"faults", status.faults},
-            {"recording", recording_now(recording_)}};
+  Json state = {{"service",
+                 {{"pid", status.service},
+                  {"running", status.service && service_load_.running()},
+                  {"ended", status.service_ended},
+                  {"cpu_percent", service_load_.percent()},
+                  {"memory_kb", service_load_.kilobytes()}}},
+                {"simulator", {{"cpu_percent", own_load_.percent()}, {"memory_kb", own_load_.kilobytes()}}},
+                {"plugged", camera_.host.plugged()},
+                {"stream", stream_now(status)},
+                {"head", head_now(camera_.parties.head)},
+                {"faults", status.faults},
+                {"recording", recording_now(recording_)}};
+  {
+    const std::lock_guard guard(lock_);
+    state_ = std::move(state);
+  }
   settled_ = std::exchange(exchanges_, exchanges_ + camera_.conversation.exchanges(exchanges_).size());
 }
 
@@ -134,7 +143,7 @@ Json WebState::news(Seen& seen) {
   const std::size_t exchange = go_on(seen.exchanges, settled_, missed, "conversation");
   const std::size_t line = go_on(seen.server, seen.server + lines, missed, "server");
   const unsigned long log = go_on(seen.log, logged, missed, "log");
-  Json message = {{"state", state_},
+  Json message = {{"state", state()},
                   {"missed", missed},
                   {"conversation", conversation_since(camera_, exchange, settled_)},
                   {"server", server_since(camera_, line)},

@@ -26,13 +26,14 @@ class WebState {
  public:
   WebState(Camera& camera, const Recording& recording) : camera_(camera), recording_(recording) {}
 
-  /// Any thread may call this.
+  // Any thread may call these.
   void set(WebStatus status);
+  /// As it was at the last look.
+  nlohmann::json state() const;
 
   // A single thread calls these.
   /// Measures and counts anew.
   void look();
-  const nlohmann::json& state() const { return state_; }
 
   /// How much of the three records a page has been sent.
   struct Seen {
@@ -43,15 +44,14 @@ class WebState {
   nlohmann::json news(Seen& seen);
 
  private:
-  nlohmann::json service_now();
   nlohmann::json stream_now(const WebStatus& status) const;
 
   Camera& camera_;
   const Recording& recording_;
-  std::mutex lock_;
+  mutable std::mutex lock_;  ///< guards the next two members
   WebStatus status_;
-  ProcessLoad service_load_, own_load_;
   nlohmann::json state_;
+  ProcessLoad service_load_, own_load_;
   std::size_t settled_ = 0, exchanges_ = 0;
 };
 

@@ -428,10 +428,7 @@ int WebServer::Impl::begin_page(Connection& client) {
 int WebServer::Impl::take_message(Connection& client, std::string_view piece) {
   if (lws_is_first_fragment(client.socket)) client.message.clear();
   client.message += piece;
-  if (client.message.size() > kLongestWebCommand || lws_frame_is_binary(client.socket)) {
-    lws_close_reason(client.socket, LWS_CLOSE_STATUS_MESSAGE_TOO_LARGE, nullptr, 0);
-    return -1;
-  }
+  if (client.message.size() > kLongestWebCommand || lws_frame_is_binary(client.socket)) return -1;
   if (!lws_is_final_fragment(client.socket)) return 0;
   Json message = Json::parse(std::exchange(client.message, {}), nullptr, false);
   if (client.unanswered >= kMostWebAnswers) return -1;  // it does not read its answers
