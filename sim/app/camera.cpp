@@ -47,7 +47,8 @@ Camera::Camera(const Options& options)
     : parties({.source = options.source,
                .yuv422 = options.yuv422,
                .extra_stride = options.extra_stride,
-               .encodes = options.cast.encoder},
+               .encodes = options.cast.encoder,
+               .lent_encoder = options.lent_encoder},
               {.output = options.log_level ? stdout : nullptr,
                .level = options.log_level.value_or(0),
                .contains = {}},
@@ -61,17 +62,17 @@ Camera::Camera(const Options& options)
       parties.media.apply(message);
     });
   }
-  if (!options.cast.server) {
-    host.on_stream([this](const StreamChoice* choice) {
-      parties.media.apply(choice ? settings_for(*choice) : EncoderSettingsMessage{});
-    });
-  }
+  host.on_stream([this](const StreamChoice* choice) { follow_stream(choice); });
   if (!options.print_level.empty()) {
     run.write_file("/opt/params/print.conf", "uvc_gadget=" + options.print_level + '\n');
   }
   for (const Fault& fault : options.faults) {
     if (fault.at == 0) set_fault(*this, fault, true);
   }
+}
+
+void Camera::follow_stream(const StreamChoice* choice) {
+  if (!parties.server) parties.media.apply(choice ? settings_for(*choice) : EncoderSettingsMessage{});
 }
 
 void set_fault(Camera& camera, const Fault& fault, bool on) {

@@ -26,6 +26,9 @@ struct Camera {
   Conversation conversation;
   UsbHost host;
   std::ofstream encoder_settings;
+
+  /// What a host's stream, or its end (null), means for the encoder if no server brings it its settings.
+  void follow_stream(const StreamChoice* choice);
 };
 
 /// Sets the fault, or ends it. Its party must be played here.

@@ -12,7 +12,9 @@
 #include <optional>
 #include <thread>
 
+#include "sim/app/attach_plan.h"
 #include "sim/app/control_plan.h"
+#include "sim/app/leftovers.h"
 #include "sim/app/options.h"
 #include "sim/app/prompt.h"
 #include "sim/app/replay_plan.h"
@@ -20,6 +22,8 @@
 #include "sim/app/session.h"
 #include "sim/app/stream_copy.h"
 #include "sim/app/stream_plan.h"
+#include "sim/app/sudo_user.h"
+#include "sim/media/made_frames.h"
 #include "sim/media/ring_watcher.h"
 
 namespace sim {
@@ -55,24 +59,41 @@ bool take_folder(const std::string& path) {
   return false;
 }
 
+using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+
+// Null after an error.
+File create(const std::string& path) {
+  File file(std::fopen(path.c_str(), "w"), std::fclose);
+  if (!file) std::perror(path.c_str());
+  return file;
+}
+
 int run(const Options& options) {
-  if (!take_folder(options.out)) return 2;
-  const std::string log_path = options.out + "/service.log";
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> log(std::fopen(log_path.c_str(), "w"), std::fclose);
-  if (!log) {
-    std::perror(log_path.c_str());
+  std::optional<VirtualController> controller;
+  if (options.attach && !options.listen && !controller.emplace().obstacle().empty()) {
+    std::fprintf(stderr, "camera_sim: %s\n", controller->obstacle().c_str());
     return 2;
   }
+  become_sudo_user();
+  if (!take_folder(options.out)) return 2;
+  const File log = create(options.out + "/service.log");
+  const File made_log = options.attach ? create(options.out + "/made.log") : File(nullptr, std::fclose);
+  if (!log || (options.attach && !made_log)) return 2;
   std::optional<StreamCopy> copy;
   if (!options.to.empty() && !copy.emplace(options.to).stream()) {
     std::perror(options.to.c_str());
     return 2;
   }
   catch_signals();
+  const Leftovers leftovers;
   Camera camera(options);
+  log_made_frames(made_log.get());
+  std::optional<AttachedHost> attached;
+  if (options.attach) attached.emplace(options, camera, controller ? &*controller : nullptr);
   if (!tell_run_names(options.out + "/run.env") || !wait_for_own_parties(options)) return 2;
   Session session(options, camera, log.get());
   if (session.wait_for_device()) {
+    if (attached) attached->run(session);
     if (options.prompt) prompt(session, copy ? &copy->stream() : nullptr);
     if (!options.replay.empty()) replay_plan(session);
     if (options.streams()) stream_plan(session, copy ? &copy->stream() : nullptr);
@@ -83,7 +104,7 @@ int run(const Options& options) {
   bool written = true;
   for (const std::string& path : options.results)
     written = write_results(path, "camera_sim", session.findings()) && written;
-  if (interrupted && !options.stay) return 130;
+  if (interrupted && !options.stay && !options.attach) return 130;
   return session.good() && written ? 0 : 1;
 }
 

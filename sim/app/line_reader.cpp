@@ -22,6 +22,7 @@ constexpr int kHistoryLines = 1000;
 
 // Readline's callbacks take no object, so these are global.
 LineReader::Completer completer;
+LineReader::Status status;
 std::vector<std::string> candidates;
 
 std::string history_path(const std::string& program) {
@@ -54,8 +55,12 @@ char** complete(const char* begun, int start, int) {
 }
 
 // Readline calls this ten times a second while it waits for a key.
-int end_line_when_interrupted() {
+int look_around() {
   if (interrupted) rl_done = 1;
+  if (const std::string now = status() + "> "; now != rl_prompt) {
+    rl_set_prompt(now.c_str());
+    rl_redisplay();
+  }
   return 0;
 }
 
@@ -63,7 +68,7 @@ void set_up(const std::string& program) {
   rl_readline_name = program.c_str();
   rl_attempted_completion_function = complete;
   rl_completer_word_break_characters = const_cast<char*>(" \t");
-  rl_event_hook = end_line_when_interrupted;
+  rl_event_hook = look_around;
   using_history();
   stifle_history(kHistoryLines);
 }
@@ -76,12 +81,13 @@ void keep_in_history(const std::string& line) {
 
 }  // namespace
 
-LineReader::LineReader(std::string program, Completer wanted)
+LineReader::LineReader(std::string program, Completer wanted, Status shown)
     : program_(std::move(program)),
       on_terminal_(isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)),
       history_(history_path(program_)) {
   if (!on_terminal_) return;
   completer = std::move(wanted);
+  status = shown ? std::move(shown) : [name = program_] { return name; };
   set_up(program_);
   if (!history_.empty()) read_history(history_.c_str());
 }
@@ -101,7 +107,7 @@ std::optional<std::string> LineReader::next() {
 }
 
 std::optional<std::string> LineReader::edited() {
-  const std::unique_ptr<char, decltype(&std::free)> line(readline((program_ + "> ").c_str()), std::free);
+  const std::unique_ptr<char, decltype(&std::free)> line(readline((status() + "> ").c_str()), std::free);
   if (interrupted) return "";
   if (!line) return std::nullopt;
   keep_in_history(line.get());

@@ -17,9 +17,11 @@ class LineReader {
  public:
   /// Returns what the last of these words, which may be incomplete or empty, can become.
   using Completer = std::function<Choices(const std::vector<std::string>& words)>;
+  /// Returns what stands before the line, which is shown anew when it changes.
+  using Status = std::function<std::string()>;
 
   /// The history is in `program`'s folder under $XDG_STATE_HOME or ~/.local/state and keeps 1000 lines.
-  LineReader(std::string program, Completer completer);
+  LineReader(std::string program, Completer completer, Status status = {});
   ~LineReader();  ///< writes the history
   LineReader(const LineReader&) = delete;
 

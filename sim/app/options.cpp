@@ -84,9 +84,15 @@ Complaint set_extra_stride(Options& options, std::string_view text) {
   return bytes ? "" : "not a number of bytes from 0 to 4096";
 }
 
+Complaint set_listen(Options& options, std::string_view address) {
+  options.attach = true;
+  options.listen = address.empty() ? "127.0.0.1" : address;
+  return "";
+}
+
 struct OptionRow {
   const char* name;
-  const char* argument;  //< null: takes none
+  const char* argument;  //< null: takes none; in brackets if it may be left out
   const char* help;
   Complaint (*set)(Options&, std::string_view);
 };
@@ -107,6 +113,11 @@ constexpr OptionRow kRows[] = {
     {"to", "FILE",
      "the received stream as it is (one format); -: standard output, whose text goes to standard error",
      [](Options& options, std::string_view text) { return options.to = text, Complaint(); }},
+    {"attach", nullptr, "be a USB camera of this PC for all its programs, until Ctrl-C or \"quit\" (root)",
+     [](Options& options, std::string_view) { return options.attach = true, Complaint(); }},
+    {"listen", "[ADDRESS]", "the same for another PC, which connects by USB/IP (127.0.0.1)", set_listen},
+    {"lent-encoder", "FILE", "memory of an encoder_lender on a faster machine",
+     [](Options& options, std::string_view text) { return options.lent_encoder = text, Complaint(); }},
     {"replay", "FILE", "repeat the class requests of a capture and compare the answers",
      [](Options& options, std::string_view text) { return options.replay = text, Complaint(); }},
     {"results", "FILE", "what was found, as JSON, or if it ends in .xml, as JUnit; may be given twice",
@@ -183,6 +194,9 @@ Complaint check_together(const Options& options) {
   }
   if (options.control && !(options.cast.encoder && options.cast.server))
     return "camera_sim: --control needs the simulator's own encoder and server";
+  if (options.attach &&
+      (options.one_stream() || options.control || options.prompt || !options.replay.empty()))
+    return "camera_sim: --attach leaves it to the host what is done, and has the prompt beside it";
   if (!options.to.empty() && options.to != "-" && options.prompt)
     return "camera_sim: at the prompt, \"stream FORMAT to FILE\" takes the place of --to FILE";
   return check_size(options);
@@ -192,7 +206,10 @@ Complaint check_together(const Options& options) {
 std::vector<option> long_options() {
   std::vector<option> options;
   for (int i = 0; const OptionRow& row : kRows) {
-    options.push_back({row.name, row.argument ? required_argument : no_argument, nullptr, i++});
+    const int wants = !row.argument          ? no_argument
+                      : *row.argument == '[' ? optional_argument
+                                             : required_argument;
+    options.push_back({row.name, wants, nullptr, i++});
   }
   options.push_back({});
   return options;
@@ -227,6 +244,8 @@ std::optional<Options> parse_options(int argc, char** argv, int& exit_status) {
       exit_status = 0;
       return std::nullopt;
     }
+    // getopt_long takes an argument that may be left out only behind "=".
+    if (row.argument && !optarg && optind < argc && *argv[optind] != '-') optarg = argv[optind++];
     const Complaint complaint = row.set(options, optarg ? optarg : "");
     if (complaint.empty()) continue;
     std::fprintf(stderr, "camera_sim: --%s \"%s\": %s\n", row.name, optarg, complaint.c_str());

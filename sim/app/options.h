@@ -24,14 +24,17 @@ struct Options {
   u32 extra_stride = 0;  ///< bytes by which their rows are longer than the picture
   std::vector<Fault> faults;
   Cast cast;
-  std::string to;                    ///< file for the payloads of the one stream; "-": standard output
-  std::vector<std::string> results;  ///< files for what was found
-  std::string replay;                ///< a capture whose class requests are repeated
-  std::string print_level;           ///< of the service; empty: its own
-  std::optional<u8> log_level;       ///< the collector prints up to this level
-  std::string out = "out";           ///< folder for pictures and logs
-  std::string service;               ///< empty: uvc_gadget_sim beside this program
-  bool wait_in_kernel = false;       ///< the service is started so
+  std::string to;                     ///< file for the payloads of the one stream; "-": standard output
+  std::vector<std::string> results;   ///< files for what was found
+  bool attach = false;                ///< the host is this PC's own, or with `listen`, another's
+  std::optional<std::string> listen;  ///< address to listen at
+  std::string lent_encoder;           ///< memory of an encoder that another machine lends
+  std::string replay;                 ///< a capture whose class requests are repeated
+  std::string print_level;            ///< of the service; empty: its own
+  std::optional<u8> log_level;        ///< the collector prints up to this level
+  std::string out = "out";            ///< folder for pictures and logs
+  std::string service;                ///< empty: uvc_gadget_sim beside this program
+  bool wait_in_kernel = false;        ///< the service is started so
   bool paced = false;
   bool verbose = false;
   bool stay = false;
@@ -42,9 +45,10 @@ struct Options {
   bool one_stream() const { return format || size || stay || !to.empty(); }
   /// What is to be done: the first table, the second one. The steps of the second need the scene in the
   /// pictures, hence the simulator's encoder, and show what its server received.
-  bool streams() const { return !prompt && replay.empty() && (one_stream() || !control); }
+  bool streams() const { return !prompt && !attach && replay.empty() && (one_stream() || !control); }
   bool controls() const {
-    return !prompt && (control || (!one_stream() && replay.empty() && cast.encoder && cast.server));
+    return !prompt && !attach &&
+           (control || (!one_stream() && replay.empty() && cast.encoder && cast.server));
   }
 };
 

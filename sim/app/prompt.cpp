@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "sim/app/options.h"
 #include "sim/app/prompt_commands.h"
 #include "sim/app/text.h"
 
@@ -19,7 +20,9 @@ Complaint carry_out(Prompt& prompt, const std::string& line) {
   if (arguments.size() < command->least || arguments.size() > command->most) {
     return "usage: " + usage(*command);
   }
-  if (command->needs_cable && !prompt.session.camera().host.plugged()) return kUnplugged;
+  if (command->needs == Needs::kCable && !prompt.session.camera().host.plugged()) return kUnplugged;
+  if (command->needs == Needs::kOwnHost && prompt.session.options().attach)
+    return "streams are the host's: use its programs";
   return command->run(prompt, arguments);
 }
 
@@ -37,9 +40,9 @@ void report(Session& session, const LineReader& reader, const Complaint& complai
                 .verdict = complaint});
 }
 
-// On a terminal Ctrl-C ends a line or a command, not the session.
-bool ends_session(const LineReader& reader) {
-  if (!reader.on_terminal() || interrupted != SIGINT) return interrupted;
+// On a terminal Ctrl-C ends a line or a command, not the session, unless that is a foreign host's.
+bool ends_session(const Session& session, const LineReader& reader) {
+  if (!reader.on_terminal() || session.options().attach || interrupted != SIGINT) return interrupted;
   interrupted = 0;
   std::puts("");
   return false;
@@ -58,15 +61,17 @@ Choices completions(const std::vector<std::string>& words) {
   return names;
 }
 
-void prompt(Session& session, std::ostream* standard_output) {
-  LineReader reader("camera_sim", completions);
+void prompt(Session& session, std::ostream* standard_output, LineReader::Status status) {
+  LineReader reader("camera_sim", completions, std::move(status));
   if (reader.on_terminal()) std::puts("\"help\" lists the commands, Tab completes; \"quit\" or Ctrl-D ends.");
   Prompt prompt{.session = session, .standard_output = standard_output};
-  while (!prompt.over && !ends_session(reader)) {
+  while (!prompt.over && !ends_session(session, reader)) {
     const auto line = reader.next();
     if (!line) break;
     report(session, reader, carry_out(prompt, *line));
   }
+  while (session.options().attach && !reader.on_terminal() && !prompt.over && !interrupted)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
   if (prompt.stream) report(session, reader, stop_stream(prompt));
 }
 

@@ -37,10 +37,9 @@ Choices help_choices(Words) {
 }
 
 Complaint plug(Prompt& prompt, Words) {
-  UsbHost& host = prompt.session.camera().host;
+  const UsbHost& host = prompt.session.camera().host;
   if (host.plugged()) return "the cable is plugged in already";
-  host.replug();
-  return host.enumerate() ? "" : "the device is not as expected: " + host.error();
+  return prompt.session.plug_in() ? "" : "the device is not as expected: " + host.error();
 }
 
 Complaint unplug(Prompt& prompt, Words) {
@@ -120,12 +119,31 @@ Complaint log(Prompt& prompt, Words words) {
   return "";
 }
 
-Complaint service(Prompt& prompt, Words) {
+Complaint start_service(Prompt& prompt) {
+  Session& session = prompt.session;
+  if (session.service().running()) return "the service runs already";
+  return session.start_service() ? "" : "the service did not come up; see \"service\"";
+}
+
+Complaint stop_service(Prompt& prompt, int signal) {
+  if (!prompt.session.service().running()) return "the service does not run";
+  prompt.session.stop_service(signal);
+  return "";
+}
+
+Complaint service(Prompt& prompt, Words words) {
+  const std::string order = joined(words);
+  if (order == "start") return start_service(prompt);
+  if (order == "stop") return stop_service(prompt, SIGTERM);
+  if (order == "kill") return stop_service(prompt, SIGKILL);
+  if (!order.empty()) return "\"service\" can start, stop or kill";
   ServiceProcess& service = prompt.session.service();
   std::printf("%s\nservice %d %s\n", service.last_lines().c_str(), service.pid(),
               service.running() ? "runs" : ("has ended: " + service.how_it_ended()).c_str());
   return "";
 }
+
+Choices service_choices(Words) { return std::vector<std::string>{"start", "stop", "kill"}; }
 
 Complaint wait(Prompt& prompt, Words words) {
   const auto seconds = parse_number<double>(words[0], 0, kLongestWait);
@@ -145,18 +163,19 @@ Choices any_file(Words) { return std::nullopt; }
 constexpr Command kCommands[] = {
     {"help", "[COMMAND]", "this list, or more about one", 0, 1, help, help_choices},
     {"controls", "", "every control with its limits, as the camera reports them", 0, 0, list_controls,
-     nullptr, true},
-    {"get", "NAME... | all", "values of controls", 1, kAnyNumber, get_controls, get_choices, true},
+     nullptr, Needs::kCable},
+    {"get", "NAME... | all", "values of controls", 1, kAnyNumber, get_controls, get_choices, Needs::kCable},
     {"set", "NAME VALUE [NAME VALUE]...", "set controls, one after the other", 2, kAnyNumber, set_controls,
-     set_choices, true},
+     set_choices, Needs::kCable},
     {"xu", "SELECTOR [get|min|max|res|def|len|info|set BYTE...]", "extension unit; bytes in hex", 1,
-     kAnyNumber, extension_unit, extension_choices, true},
+     kAnyNumber, extension_unit, extension_choices, Needs::kCable},
     {"raw", "TYPE REQUEST VALUE INDEX LENGTH [BYTE...]", "any request: 0xA1 or 161; bytes in hex", 5,
-     kAnyNumber, raw_request, nullptr, true},
+     kAnyNumber, raw_request, nullptr, Needs::kCable},
     {"stream", "[start] FORMAT [WxH] [for SECONDS] [to FILE] | stop",
-     "report what comes; \"start\" runs until \"stop\"", 1, kAnyNumber, stream, stream_choices},
+     "report what comes; \"start\" runs until \"stop\"", 1, kAnyNumber, stream, stream_choices,
+     Needs::kOwnHost},
     {"picture", "FILE.png", "save the next picture of the stream, or of one started for it", 1, 1,
-     write_picture, any_file, true},
+     write_picture, any_file, Needs::kOwnHost},
     {"plug", "", "put the USB cable in", 0, 0, plug},
     {"unplug", "", "pull the USB cable", 0, 0, unplug},
     {"fault", "[at TIME] TEXT [for TIME] | clear", "make something go wrong, now or after TIME", 1,
@@ -164,7 +183,8 @@ constexpr Command kCommands[] = {
     {"look", "", "where the camera's head looks, and its settings", 0, 0, look},
     {"server", "", "what the system server received since it was last shown", 0, 0, server},
     {"log", "[LINES]", "the last requests to the camera (10)", 0, 1, log},
-    {"service", "", "the service's last lines, and whether it runs", 0, 0, service},
+    {"service", "[start | stop | kill]", "the service's last lines, and whether it runs", 0, 1, service,
+     service_choices},
     {"wait", "SECONDS", "do nothing for a while", 1, 1, wait},
     {"quit", "", "end the service and the camera", 0, 0, quit},
 };

@@ -32,6 +32,12 @@ struct Prompt {
 /// What follows a command's name.
 using Words = std::span<const std::string>;
 
+enum class Needs {
+  kNothing,
+  kCable,    ///< refused with kUnplugged without it
+  kOwnHost,  ///< refused if the host is not ours
+};
+
 struct Command {
   const char* name;
   const char* arguments;  ///< as the help shows them
@@ -39,7 +45,7 @@ struct Command {
   std::size_t least, most;  ///< the number of words that it takes
   Complaint (*run)(Prompt&, Words);
   Choices (*choices)(Words) = nullptr;  ///< for the last word; null if none are known
-  bool needs_cable = false;             ///< refused with kUnplugged without it
+  Needs needs = Needs::kNothing;
 };
 constexpr char kUnplugged[] = "the cable is unplugged; \"plug\" puts it in";
 

@@ -117,6 +117,7 @@ Complaint stream(Prompt& prompt, Words words) {
 
 Complaint write_picture(Prompt& prompt, Words path) {
   UsbHost& host = prompt.session.camera().host;
+  if (!host.plugged()) return kUnplugged;
   const StreamChoice choice{StreamFormat::kMjpeg, {1280, 720}, prompt.session.options().rate};
   if (!prompt.stream && !host.start(choice)) return host.error();
   const bool written = host.picture(path[0]).has_value();

@@ -44,7 +44,8 @@ void catch_signals() {
 }
 
 Session::Session(const Options& options, Camera& camera, std::FILE* service_log)
-    : options_(options), camera_(camera), service_(service_command(options), service_log, options.verbose) {
+    : options_(options), camera_(camera), service_log_(service_log) {
+  service_.emplace(service_command(options), service_log, options.verbose);
   for (const Fault& fault : options.faults) schedule(fault);
 }
 
@@ -71,31 +72,47 @@ bool Session::wait_for_device() {
     if (going_on()) complain("the device did not appear");
     return false;
   }
-  std::printf("service %d, device after %.2f s, files under %s\n", service_.pid(),
+  std::printf("service %d, device after %.2f s, files under %s\n", service_->pid(),
               std::chrono::duration<double>(Clock::now() - begin).count(), run_root().c_str());
   if (options_.stay)
-    std::printf("attach a debugger with: gdb -p %d; Ctrl-C ends everything\n", service_.pid());
-  camera_.host.replug();
-  const bool capture_enumerates = !options_.replay.empty();
-  if (capture_enumerates || camera_.host.enumerate()) return true;
+    std::printf("attach a debugger with: gdb -p %d; Ctrl-C ends everything\n", service_->pid());
+  if (plug_in()) return true;
   complain("the device is not as expected: " + camera_.host.error());
   return false;
 }
 
-void Session::end_service() {
-  if (!service_.running()) {
-    complain("the service ended early: " + service_.how_it_ended() + "; its last lines:\n" +
-             service_.last_lines());
-    return;
-  }
-  const auto seconds = service_.stop(kServicePatience);
+void Session::stop_service(int signal) {
+  stopped_ = true;
+  const auto seconds = service_->stop(kServicePatience, signal);
+  camera_.host.unplug();  // as the driver does then
   if (!seconds) return complain("the service did not end within 5 s of SIGTERM and was killed");
-  std::printf("service: %s, %.3f s after SIGTERM\n", service_.how_it_ended().c_str(), *seconds);
+  std::printf("service: %s, %.3f s after %s\n", service_->how_it_ended().c_str(), *seconds,
+              signal == SIGTERM ? "SIGTERM" : "SIGKILL");
+  if (signal != SIGTERM) return;
   keep({.group = "run",
         .name = "service ends",
-        .good = service_.ended_with_success() && *seconds <= kServiceEnd,
-        .verdict = service_.how_it_ended(),
+        .good = service_->ended_with_success() && *seconds <= kServiceEnd,
+        .verdict = service_->how_it_ended(),
         .seconds = *seconds});
+}
+
+bool Session::start_service() {
+  stopped_ = false;
+  service_.emplace(service_command(options_), service_log_, options_.verbose);
+  return wait_for_device();
+}
+
+bool Session::plug_in() {
+  camera_.host.replug();
+  const bool another_enumerates = options_.attach || !options_.replay.empty();
+  return another_enumerates || camera_.host.enumerate();
+}
+
+void Session::end_service() {
+  if (service_->running()) return stop_service();
+  if (stopped_) return;
+  complain("the service ended early: " + service_->how_it_ended() + "; its last lines:\n" +
+           service_->last_lines());
 }
 
 void Session::print_counts() {
@@ -103,7 +120,7 @@ void Session::print_counts() {
   if (parties.collector) {
     const Collector::Counts log = parties.collector->counts();
     std::printf("log: %lu lines, %lu malformed, %lu dropped by the service\n", log.lines, log.malformed,
-                service_.dropped_log_lines());
+                service_->dropped_log_lines());
   }
   if (parties.server) {
     std::printf("server: %zu requests, %lu refused\n", parties.server->received().size(),

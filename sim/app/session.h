@@ -1,5 +1,5 @@
-// A session of camera_sim: the camera, the service as a child process from its start to its end, and what was
-// found wrong in that time.
+// A session of camera_sim: the camera, the service as a child process, which may be started again, and what
+// was found wrong in that time.
 #pragma once
 
 #include <signal.h>
@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,16 +35,25 @@ class Session {
 
   const Options& options() const { return options_; }
   Camera& camera() { return camera_; }
-  ServiceProcess& service() { return service_; }
+  ServiceProcess& service() { return *service_; }
   Timeline& timeline() { return timeline_; }
 
-  /// Waits until the device is on the bus, and enumerates it, unless a recorded host is to do that. Complains
-  /// and returns false if that fails.
+  /// Waits until the service has connected the device, and puts the cable in. Complains and returns false if
+  /// that fails.
   bool wait_for_device();
   /// Returns false if the limit passed, the service ended or Ctrl-C came before the condition held.
   template <class Condition>
   bool wait(Clock::duration limit, Condition condition);
-  bool going_on() { return !interrupted && service_.running(); }
+  bool going_on() { return !interrupted && service_->running(); }
+
+  /// End the service that runs, by SIGTERM or by SIGKILL, and start it again after it has ended.
+  /// start_service() is to be called by a thread that lives as long as the session: the service dies with it.
+  /// It returns like wait_for_device().
+  void stop_service(int signal = SIGTERM);
+  bool start_service();
+  /// Puts the cable in. The host then enumerates the device, unless another does that: a recorded one, or one
+  /// that is not ours. Returns false if it does not find what it expects.
+  bool plug_in();
 
   /// Returns the path of a PNG in the options' folder: "replug MJPEG
   /// 1280x720" becomes replug-mjpeg-1280x720.png.
@@ -60,7 +70,7 @@ class Session {
   /// after its duration.
   void schedule(const Fault& fault);
 
-  /// Ends the service by SIGTERM and judges how it ended.
+  /// Ends the service by SIGTERM and judges how it ended, unless stop_service() has ended it.
   void end_service();
   /// Prints the counts and writes the logs of server and node.
   void print_counts();
@@ -68,7 +78,9 @@ class Session {
  private:
   const Options& options_;
   Camera& camera_;
-  ServiceProcess service_;
+  std::FILE* const service_log_;
+  std::optional<ServiceProcess> service_;
+  bool stopped_ = false;  ///< the service was told to end
   Timeline timeline_;
   std::vector<Finding> findings_;
 };

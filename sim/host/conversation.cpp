@@ -75,18 +75,6 @@ std::vector<NamedValue> named_values(const Exchange& exchange) {
   return values;
 }
 
-std::string control_text(const Exchange& exchange) {
-  const bool attribute = asks_for_attribute(exchange.setup);
-  std::string text;
-  for (const auto& [name, value] : named_values(exchange)) {
-    text += (text.empty() ? "" : ", ") + name;
-    if (!attribute && !value.empty()) text += " = " + value;
-  }
-  const auto& data = exchange.data;
-  if (!attribute || data.empty()) return text;
-  return text + " = " + std::to_string(data.size() == 1 ? data[0] : get_le16(data.data()));
-}
-
 // Returns unit, request, control and value, or numbers if there is no such unit or request.
 std::string request_text(const Exchange& exchange) {
   const usb_ctrlrequest& setup = exchange.setup;
@@ -140,6 +128,18 @@ const char* request_name(u8 request) {
   return request >= UVC_GET_CUR && request <= UVC_GET_DEF ? kGets[request - UVC_GET_CUR] : nullptr;
 }
 
+std::string control_text(const Exchange& exchange) {
+  const bool attribute = asks_for_attribute(exchange.setup);
+  std::string text;
+  for (const auto& [name, value] : named_values(exchange)) {
+    text += (text.empty() ? "" : ", ") + name;
+    if (!attribute && !value.empty()) text += " = " + value;
+  }
+  const auto& data = exchange.data;
+  if (!attribute || data.empty()) return text;
+  return text + " = " + std::to_string(data.size() == 1 ? data[0] : get_le16(data.data()));
+}
+
 std::string describe(const Exchange& exchange) {
   std::string request = request_text(exchange);
   request.resize(std::max(request.size(), kRequestColumns), ' ');
@@ -191,10 +191,11 @@ double Conversation::take_slowest_ms() {
   return std::exchange(slowest_ms_, 0);
 }
 
-std::vector<Exchange> Conversation::exchanges() {
+std::vector<Exchange> Conversation::exchanges(std::size_t from) {
   hear();
   const std::lock_guard guard(lock_);
-  return exchanges_;
+  return {exchanges_.begin() + static_cast<std::ptrdiff_t>(std::min(from, exchanges_.size())),
+          exchanges_.end()};
 }
 
 }  // namespace sim

@@ -34,6 +34,8 @@ const char* request_name(u8 request);
 /// brightness = 15    ok    0.31   1.62 ms  [0F 00] | sys 39 81 01 04 A4 00 00 00 0F FF". Requests that UVC
 /// does not have are shown as numbers.
 std::string describe(const Exchange& exchange);
+/// Returns the control and value alone, such as "brightness = 15".
+std::string control_text(const Exchange& exchange);
 
 class Conversation {
  public:
@@ -44,8 +46,8 @@ class Conversation {
   /// well, or when the limit has passed since the SETUP.
   ControlAnswer control(const usb_ctrlrequest& setup, std::span<const u8> data = {},
                         std::chrono::milliseconds limit = std::chrono::seconds(5));
-  /// Returns all exchanges so far, without those that still wait.
-  std::vector<Exchange> exchanges();
+  /// Returns the exchanges so far from a number on, without those that still wait.
+  std::vector<Exchange> exchanges(std::size_t from = 0);
   /// Returns the longest answer_ms since the last call.
   double take_slowest_ms();
 

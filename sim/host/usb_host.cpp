@@ -289,11 +289,11 @@ StreamResult UsbHost::stop(const std::string& png_path) {
 void UsbHost::unplug() {
   plugged_ = false;
   ++unplugs_;
-  node_.disconnect();
+  on_cable_(false);
 }
 
 void UsbHost::replug() {
-  node_.connect();
+  on_cable_(true);
   plugged_ = true;
 }
 

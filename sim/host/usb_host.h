@@ -76,6 +76,9 @@ class UsbHost {
   /// picture as PNG.
   StreamResult stop(const std::string& png_path);
 
+  /// Called for a cable that is put in (true) or pulled, in place of telling the node, by whoever lets a host
+  /// of its own have the camera. Set before the first replug().
+  void on_cable(std::function<void(bool in)> handler) { on_cable_ = std::move(handler); }
   void unplug();
   void replug();
   bool plugged() const { return plugged_; }
@@ -101,6 +104,7 @@ class UsbHost {
   std::atomic<bool> rests_ = false;
   std::string error_;
   std::function<void(const StreamChoice*)> on_stream_ = [](const StreamChoice*) {};
+  std::function<void(bool in)> on_cable_ = [this](bool in) { in ? node_.connect() : node_.disconnect(); };
   std::unique_ptr<Stream> stream_;
 };
 

@@ -177,6 +177,12 @@ bool NodeHost::stream_off(milliseconds limit) {
   return set_interface(UVC_EVENT_STREAMOFF, &NodeState::stream_off_calls, limit);
 }
 
+bool NodeHost::streaming() const {
+  NodeState& state = node_state();
+  const NodeLock lock(state.mutex);
+  return state.streaming && !state.cut_off;
+}
+
 bool NodeHost::take_frame(std::vector<u8>& frame, milliseconds limit) {
   NodeBuffer* buffer = nullptr;
   u64 order = 0;

@@ -51,6 +51,9 @@ class NodeHost {
   bool stream_on(std::chrono::milliseconds limit = std::chrono::seconds(5));
   bool stream_off(std::chrono::milliseconds limit = std::chrono::seconds(5));
 
+  /// Returns true from a successful VIDIOC_STREAMON to VIDIOC_STREAMOFF or the host's disconnect().
+  bool streaming() const;
+
   /// Takes the oldest queued buffer's payload into `frame` and marks the buffer done. Returns false if none
   /// came within `limit` or the stream is off.
   bool take_frame(std::vector<u8>& frame, std::chrono::milliseconds limit);

@@ -9,6 +9,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -78,9 +79,14 @@ bool holds_programs(const std::string& folder) {
          !(info.f_flag & ST_NOEXEC);
 }
 
-std::string make_root() {
+// Where a run's folder may be, the best place first.
+std::array<std::string, 3> places() {
   const char* configured = std::getenv("TMPDIR");
-  for (const std::string base : {"/dev/shm", configured ? configured : "/tmp", "/tmp"}) {
+  return {"/dev/shm", configured ? configured : "/tmp", "/tmp"};
+}
+
+std::string make_root() {
+  for (const std::string& base : places()) {
     if (!holds_programs(base)) continue;
     std::string root =
         fs::canonical(base).string() + "/" + kRootPrefix + std::to_string(getpid()) + ".XXXXXX";
@@ -132,8 +138,7 @@ void remove_ipc(pid_t number) {
   }
 }
 
-// A run whose process was killed leaves everything behind.
-void remove_runs_of_the_dead(const std::string& folder) {
+void remove_dead_runs_in(const std::string& folder) {
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator(folder, ignored)) {
     const std::string name = entry.path().filename();
@@ -169,7 +174,7 @@ Run::Run() {
   if (own_run.load()) end_program("this process has a run already");
   const auto* made = new Current{make_root(), getpid()};
   remove_ipc(made->number);  // left by a dead process that had the same id
-  remove_runs_of_the_dead(fs::path(made->root).parent_path());
+  remove_dead_runs_in(fs::path(made->root).parent_path());
   setenv(kRootVariable, made->root.c_str(), 1);
   setenv(kNumberVariable, std::to_string(made->number).c_str(), 1);
   own_run = made;
@@ -209,6 +214,10 @@ std::string Run::read_file(std::string_view camera_path) const {
 std::string Run::shell_log() const { return read_file(kShellLog); }
 std::string Run::register_log() const { return read_file(kRegisterLog); }
 std::string Run::i2c_log() const { return read_file(kI2cLog); }
+
+void remove_dead_runs() {
+  for (const std::string& place : places()) remove_dead_runs_in(place);
+}
 
 u32 Run::register_value(u32 addr) const { return access_register(addr, nullptr); }
 void Run::set_register(u32 addr, u32 value) const { access_register(addr, &value); }

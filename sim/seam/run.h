@@ -42,6 +42,9 @@ class Run {
   std::string i2c_log() const;
 };
 
+/// Removes what the runs of processes that were killed left behind, in all places where runs can be.
+void remove_dead_runs();
+
 /// Makes the machine itself the current run: keys, names and paths remain the camera's. For programs on a
 /// machine that is the camera's own, such as a guest.
 void use_whole_machine();

@@ -1,11 +1,14 @@
 // The files that a run of camera_sim leaves to other programs.
 #include <gmock/gmock.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <thread>
 
 using testing::AllOf;
 using testing::HasSubstr;
@@ -62,9 +65,32 @@ TEST_F(CameraSimTest, ResultsOfAFailedRun) {
 }
 
 TEST_F(CameraSimTest, OptionsThatDoNotGoTogetherAreRefused) {
-  for (const char* arguments : {"--without server --fault 'server slow'", "--without encoder --control",
-                                "--without cable", "--prompt --to x"})
+  for (const char* arguments :
+       {"--without server --fault 'server slow'", "--without encoder --control", "--without cable",
+        "--prompt --to x", "--listen --prompt", "--listen camera --stay"})
     EXPECT_EQ(run(arguments + std::string(" 2>said")), 2) << arguments;
+}
+
+TEST_F(CameraSimTest, KilledRunLeavesNothingBehind) {
+  ASSERT_EQ(run("--stay --out o >said 2>&1 & echo $! >pid"), 0);
+  const auto within_20_s = [](auto condition) {
+    for (int i = 0; i < 2000 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return condition();
+  };
+  ASSERT_TRUE(within_20_s([&] { return file("said").find("files under") != std::string::npos; }))
+      << file("said");
+  const pid_t process = std::stoi(file("pid"));
+  const auto left = [&] {
+    std::string names;
+    for (const auto& entry : fs::directory_iterator("/dev/shm")) {
+      const std::string name = entry.path().filename();
+      if (name.find('.' + std::to_string(process)) != std::string::npos) names += name + ' ';
+    }
+    return names;
+  };
+  EXPECT_NE(left(), "");
+  kill(process, SIGKILL);
+  EXPECT_TRUE(within_20_s([&] { return left().empty(); })) << left();
 }
 
 TEST_F(CameraSimTest, ReplayShowsAnswersThatDiffer) {

@@ -50,6 +50,17 @@ class PromptTest : public testing::Test {
   std::string output;
 };
 
+TEST_F(PromptTest, ServiceStartsAgainAfterItWasStoppedOrKilled) {
+  const std::string streams = "stream mjpeg 640x360 for 0.5\n";
+  EXPECT_EQ(run("service start\n"), 1);
+  EXPECT_THAT(output, HasSubstr("the service runs already"));
+  EXPECT_EQ(run("service stop\nservice start\n" + streams + "service kill\nservice start\n" + streams), 0)
+      << output;
+  EXPECT_THAT(output,
+              ContainsRegex("exit status 0, .*SIGTERM(.|\n)*device after(.|\n)*whole(.|\n)*killed by signal 9"
+                            "(.|\n)*device after(.|\n)*whole"));
+}
+
 TEST_F(PromptTest, ScriptDrivesTheCamera) {
   EXPECT_EQ(run("# two controls, then where the head went\n"
                 "\n"
