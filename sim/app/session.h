@@ -46,9 +46,9 @@ class Session {
   bool wait(Clock::duration limit, Condition condition);
   bool going_on() { return !interrupted && service_->running(); }
 
-  /// End the service that runs, by SIGTERM or by SIGKILL, and start it again after it has ended.
-  /// start_service() is to be called by a thread that lives as long as the session: the service dies with it.
-  /// It returns like wait_for_device().
+  /// End the service that runs, by SIGTERM or by SIGKILL, and start it again after it has ended, which
+  /// returns like wait_for_device(). A thread that starts the service lives as long as the session: it dies
+  /// with it.
   void stop_service(int signal = SIGTERM);
   bool start_service();
   /// Puts the cable in. The host then enumerates the device, unless another does that: a recorded one, or one

@@ -24,8 +24,8 @@ using testing::ElementsAre;
 constexpr usb_ctrlrequest kConfigure = {0x00, USB_REQ_SET_CONFIGURATION, 1, 0, 0};
 constexpr usb_ctrlrequest kStreamOn = {0x01, USB_REQ_SET_INTERFACE, 1, 1, 0};
 constexpr usb_ctrlrequest kStreamOff = {0x01, USB_REQ_SET_INTERFACE, 0, 1, 0};
-const auto kGetBrightness =
-    sim::class_request(UVC_GET_CUR, sim::kVideoControlInterface, kProcessingUnit, UVC_PU_BRIGHTNESS_CONTROL, 2);
+const auto kGetBrightness = sim::class_request(UVC_GET_CUR, sim::kVideoControlInterface, kProcessingUnit,
+                                               UVC_PU_BRIGHTNESS_CONTROL, 2);
 
 class GadgetTest : public testing::Test {
  protected:
@@ -53,8 +53,8 @@ class GadgetTest : public testing::Test {
     block[2] = format, block[3] = frame;
     put_le32(&block[4], 333333);
     for (const u8 selector : {u8{UVC_VS_PROBE_CONTROL}, u8{UVC_VS_COMMIT_CONTROL}}) {
-      const auto answer =
-          ask(sim::class_request(UVC_SET_CUR, sim::kVideoStreamingInterface, 0, selector, block.size()), block);
+      const auto answer = ask(
+          sim::class_request(UVC_SET_CUR, sim::kVideoStreamingInterface, 0, selector, block.size()), block);
       ASSERT_TRUE(answer && answer->status == 0);
     }
   }
@@ -83,8 +83,8 @@ class GadgetTest : public testing::Test {
   sim::Options options;
   sim::Camera camera{options};
   sim::Gadget gadget{camera.node, camera.conversation};
-  sim::ServiceProcess service{{std::filesystem::read_symlink("/proc/self/exe").replace_filename("uvc_gadget_sim")},
-                              stderr, false};
+  sim::ServiceProcess service{
+      {std::filesystem::read_symlink("/proc/self/exe").replace_filename("uvc_gadget_sim")}, stderr, false};
   std::optional<UrbHost> host;
   std::optional<sim::UrbConnection> connection;
 };
@@ -93,7 +93,8 @@ TEST_F(GadgetTest, IsTheDeviceThatTheDescriptorsTell) {
   const auto device = ask({0x80, USB_REQ_GET_DESCRIPTOR, USB_DT_DEVICE << 8, 0, 64});
   EXPECT_EQ(device->data, sim::device_descriptor());
   EXPECT_EQ(ask({0x80, USB_REQ_GET_DESCRIPTOR, USB_DT_CONFIG << 8, 0, 9})->data.size(), 9u);
-  EXPECT_EQ(ask({0x80, USB_REQ_GET_DESCRIPTOR, USB_DT_CONFIG << 8, 0, 4096})->data, sim::configuration_descriptor());
+  EXPECT_EQ(ask({0x80, USB_REQ_GET_DESCRIPTOR, USB_DT_CONFIG << 8, 0, 4096})->data,
+            sim::configuration_descriptor());
   EXPECT_EQ(status_of({0x80, USB_REQ_GET_DESCRIPTOR, USB_DT_STRING << 8, 0, 255}), -EPIPE);
   EXPECT_EQ(status_of(kStreamOn), -EPIPE) << "before it is configured";
   EXPECT_EQ(status_of(kConfigure), 0);
@@ -110,7 +111,8 @@ TEST_F(GadgetTest, IsTheDeviceThatTheDescriptorsTell) {
 TEST_F(GadgetTest, StreamsWholeFramesAndStartsAgain) {
   ASSERT_EQ(status_of(kConfigure), 0);
   for (const auto& [format, size, formats_frame] :
-       {std::tuple(sim::StreamFormat::kMjpeg, FrameSize{1280, 720}, 2), {sim::StreamFormat::kYuy2, {320, 240}, 1}}) {
+       {std::tuple(sim::StreamFormat::kMjpeg, FrameSize{1280, 720}, 2),
+        {sim::StreamFormat::kYuy2, {320, 240}, 1}}) {
     commit(static_cast<u8>(format), static_cast<u8>(formats_frame));
     ASSERT_EQ(status_of(kStreamOn), 0);
     ASSERT_TRUE(gadget.stream());

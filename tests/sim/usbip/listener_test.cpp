@@ -26,7 +26,8 @@ std::string import(std::string bus_id) {
 class Client {
  public:
   explicit Client(u16 port) : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
-    const sockaddr_in to{.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+    const sockaddr_in to{
+        .sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
     EXPECT_EQ(connect(socket_, reinterpret_cast<const sockaddr*>(&to), sizeof(to)), 0);
     const timeval limit{20, 0};
     setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
@@ -55,7 +56,8 @@ class ListenerTest : public testing::Test {
 
   std::atomic<bool> available = true;
   std::vector<int> taken;
-  sim::Listener listener{"127.0.0.1", 0,
+  sim::Listener listener{"127.0.0.1",
+                         0,
                          {.available = [this] { return available.load(); },
                           .imported = [this](int socket) { return taken.push_back(socket), true; }}};
 };
@@ -84,9 +86,11 @@ TEST_F(ListenerTest, ListsTheCameraAndGivesItAway) {
 
 TEST_F(ListenerTest, BadClientsDoNotKeepAGoodOneOut) {
   std::deque<Client> silent;
-  for (int i = 0; i < 40; ++i) silent.emplace_back(listener.port()).say(i % 2 ? import("1-1").substr(0, 20) : "");
-  for (const std::string& nonsense : {std::string("GET / HTTP/1.1\r\n\r\n"), std::string("\x01\x06\x80\x05\0\0\0\0", 8),
-                                      std::string("\x01\x11\x80\x04\0\0\0\0", 8), std::string(100'000, '\xFF')}) {
+  for (int i = 0; i < 40; ++i)
+    silent.emplace_back(listener.port()).say(i % 2 ? import("1-1").substr(0, 20) : "");
+  for (const std::string& nonsense :
+       {std::string("GET / HTTP/1.1\r\n\r\n"), std::string("\x01\x06\x80\x05\0\0\0\0", 8),
+        std::string("\x01\x11\x80\x04\0\0\0\0", 8), std::string(100'000, '\xFF')}) {
     const Client client(listener.port());
     client.say(nonsense);
     EXPECT_EQ(client.hear(), "");

@@ -11,7 +11,6 @@ namespace {
 
 using testing::ElementsAre;
 
-
 TEST(PayloadsTest, FramesArriveWithTheirHeaders) {
   std::vector<u8> frame(7000);
   std::iota(frame.begin(), frame.end(), u8{0});
@@ -50,7 +49,8 @@ TEST(PayloadsTest, PacketsWithoutRoomAndFramesThatAreLeft) {
   EXPECT_EQ(cutter.cut(packet, 1), 0u);
   cutter.begin(std::vector<u8>(2, 1), 1);
   EXPECT_EQ(cutter.cut(packet, 1), 14u);
-  EXPECT_EQ(packet[1] & (UVC_STREAM_EOF | UVC_STREAM_FID), UVC_STREAM_EOF) << "in place of the one that was left";
+  EXPECT_EQ(packet[1] & (UVC_STREAM_EOF | UVC_STREAM_FID), UVC_STREAM_EOF)
+      << "in place of the one that was left";
 }
 
 }  // namespace

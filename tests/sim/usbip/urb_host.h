@@ -1,5 +1,5 @@
-// The host's end of a connection, as Linux's virtual host controller plays it: sends transfers and takes them back,
-// reads the answers and checks that each is one that may come.
+// The host's end of a connection, as Linux's virtual host controller plays it: sends transfers and takes them
+// back, reads the answers and checks that each is one that may come.
 #pragma once
 
 #include <arpa/inet.h>
@@ -23,7 +23,7 @@ struct UrbAnswer {
   bool taken_back = false;  ///< the answer to take_back()
   i32 status = 0;
   u32 actual = 0;
-  std::vector<u8> data{};  ///< of an IN transfer
+  std::vector<u8> data{};      ///< of an IN transfer
   std::vector<u32> packets{};  ///< bytes that each has
 };
 
@@ -47,7 +47,9 @@ class UrbHost {
     return sent(bytes, true, packets);
   }
   u32 take_back(u32 number) { return sent(head(2, false, 0, {number, 0, 0, 0, 0}), false, 0); }
-  void send_bytes(std::span<const u8> bytes) { (void)!send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+  void send_bytes(std::span<const u8> bytes) {
+    (void)!send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  }
 
   /// Returns nothing at the end of the connection, or when nothing came within the limit.
   std::optional<UrbAnswer> next(std::chrono::milliseconds limit = std::chrono::seconds(20)) {

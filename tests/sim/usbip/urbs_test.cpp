@@ -53,8 +53,8 @@ class UrbsTest : public testing::Test {
   std::optional<sim::UrbConnection> connection;
 };
 
-// A transfer that is taken back was answered before, or it never is. An answer that comes later makes Linux drop the
-// device.
+// A transfer that is taken back was answered before, or it never is. An answer that comes later makes Linux
+// drop the device.
 TEST_F(UrbsTest, EveryTransferIsAnsweredOnceInAThousandOrders) {
   std::minstd_rand random(20261122);
   std::set<u32> transfers;         // without an answer
@@ -76,7 +76,8 @@ TEST_F(UrbsTest, EveryTransferIsAnsweredOnceInAThousandOrders) {
     std::vector<u32> sent;
     for (int i = 0; i < 5; ++i) {
       const auto request = static_cast<u8>(random() % 4);
-      sent.push_back(random() % 2 ? host->stream(random() % 4) : host->control({USB_DIR_IN, request, 0, 0, 4}));
+      sent.push_back(random() % 2 ? host->stream(random() % 4)
+                                  : host->control({USB_DIR_IN, request, 0, 0, 4}));
       transfers.insert(sent.back());
     }
     std::ranges::shuffle(sent, random);
