@@ -96,7 +96,9 @@ std::string AttachedHost::status() {
   }
   if (!attachment_->connected()) return camera_.host.plugged() ? "no host" : "unplugged";
   const auto stream = gadget_.stream();
-  return (stream ? name_of(*stream) + ' ' + rate_ : "no stream") + setting_;
+  const std::string node = attachment_->video_node();
+  return (node.empty() ? "" : node + ' ') + (stream ? name_of(*stream) + ' ' + rate_ : "no stream") +
+         setting_;
 }
 
 void AttachedHost::run(Session& session) {

@@ -41,12 +41,10 @@ class Program {
 
  private:
   void take_fault(const std::string& line);
-  void write_server_log();
 
   const std::string folder_;
   const File made_log_, server_log_, collector_log_;
   Parties parties_;
-  std::size_t server_lines_ = 0;
   Timeline timeline_;
 };
 
@@ -57,6 +55,7 @@ Program::Program(const std::string& folder, const std::string& lent_encoder)
       collector_log_(create(folder + "/service-log.txt")),
       parties_({.lent_encoder = lent_encoder}, {.output = collector_log_.get(), .contains = {}}) {
   log_made_frames(made_log_.get());
+  parties_.server->log_received(server_log_.get());
 }
 
 void Program::take_fault(const std::string& line) {
@@ -74,14 +73,6 @@ void Program::take_fault(const std::string& line) {
   if (fault->duration) timeline_.in(fault->at + *fault->duration, [set] { set(false); });
 }
 
-void Program::write_server_log() {
-  const auto lines = parties_.server->received(server_lines_);
-  server_lines_ += lines.size();
-  for (const std::string& line : lines) std::fprintf(server_log_.get(), "%s\n", line.c_str());
-  std::fflush(server_log_.get());
-  std::fflush(collector_log_.get());
-}
-
 void Program::run() {
   create(folder_ + "/ready");
   pollfd input = {STDIN_FILENO, POLLIN, 0};
@@ -94,7 +85,7 @@ void Program::run() {
         input.fd = -1;
       }
     }
-    write_server_log();
+    std::fflush(collector_log_.get());
   }
 }
 

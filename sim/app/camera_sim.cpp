@@ -79,7 +79,8 @@ int run(const Options& options) {
   if (!take_folder(options.out)) return 2;
   const File log = create(options.out + "/service.log");
   const File made_log = options.attach ? create(options.out + "/made.log") : File(nullptr, std::fclose);
-  if (!log || (options.attach && !made_log)) return 2;
+  const File server_log = create(options.out + "/server.log");
+  if (!log || !server_log || (options.attach && !made_log)) return 2;
   std::optional<StreamCopy> copy;
   if (!options.to.empty() && !copy.emplace(options.to).stream()) {
     std::perror(options.to.c_str());
@@ -89,6 +90,7 @@ int run(const Options& options) {
   const Leftovers leftovers;
   Camera camera(options);
   log_made_frames(made_log.get());
+  if (camera.parties.server) camera.parties.server->log_received(server_log.get());
   std::optional<AttachedHost> attached;
   if (options.attach) attached.emplace(options, camera, controller ? &*controller : nullptr);
   if (!tell_run_names(options.out + "/run.env") || !wait_for_own_parties(options)) return 2;

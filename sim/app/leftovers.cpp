@@ -15,8 +15,7 @@ namespace sim {
 
 namespace {
 
-// Keeps nothing of the first process open but the pipe, as standard input, and lets no signal to a group end
-// it.
+// Keeps nothing of the first process open but the pipe, as standard input. No signal to a group ends it.
 void separate(int pipe_end) {
   setsid();
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) signal(number, SIG_IGN);

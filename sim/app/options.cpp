@@ -198,8 +198,8 @@ Complaint check_size(const Options& options) {
 // Returns what options ask for that does not go together.
 Complaint check_together(const Options& options) {
   for (const Fault& fault : options.faults) {
-    if (const char* party = missing_party(options.cast, fault))
-      return "camera_sim: --fault \"" + fault.text + "\": the " + party + " is left out";
+    if (const Complaint why = options.cannot_play(fault); !why.empty())
+      return "camera_sim: --fault \"" + fault.text + "\": " + why;
   }
   if (options.control && !(options.cast.encoder && options.cast.server))
     return "camera_sim: --control needs the simulator's own encoder and server";
@@ -228,6 +228,12 @@ std::vector<option> long_options() {
 }
 
 }  // namespace
+
+Complaint Options::cannot_play(const Fault& fault) const {
+  if (const char* party = missing_party(cast, fault)) return std::string("the ") + party + " is left out";
+  const auto* host = std::get_if<HostFault>(&fault.kind);
+  return attach && host && *host == HostFault::kRests ? "the host is not the simulator's" : "";
+}
 
 std::optional<StreamFormat> parse_format(std::string_view text) {
   for (const HostFormat& format : host_formats()) {

@@ -9,6 +9,7 @@
 #include "platform/uvc_formats.h"
 #include "sim/app/fault_script.h"
 #include "sim/app/parties.h"
+#include "sim/app/text.h"
 
 namespace sim {
 
@@ -43,6 +44,8 @@ struct Options {
   bool web = false;
   u16 port = 0;  ///< of the page; 0: a free one
 
+  /// Returns why a fault cannot be played; empty if it can.
+  Complaint cannot_play(const Fault& fault) const;
   /// One stream was asked for instead of the plan.
   bool one_stream() const { return format || size || stay || !to.empty(); }
   /// What is to be done: the first table, the second one. The steps of the second need the scene in the

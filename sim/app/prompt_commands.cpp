@@ -55,7 +55,7 @@ Complaint clear_faults(Prompt& prompt) {
                              EncoderFault{},        CollectorFault::kQueueFull,
                              CollectorFault::kGone, HostFault::kRests};
   for (const FaultKind& kind : kinds) {
-    if (const Fault fault{.kind = kind}; !missing_party(prompt.session.options().cast, fault))
+    if (const Fault fault{.kind = kind}; prompt.session.options().cannot_play(fault).empty())
       set_fault(prompt.session.camera(), fault, false);
   }
   return "";
@@ -66,8 +66,7 @@ Complaint fault(Prompt& prompt, Words words) {
   std::string error;
   const auto fault = parse_fault(joined(words), error);
   if (!fault) return error + "; \"help fault\" shows the forms";
-  if (const char* party = missing_party(prompt.session.options().cast, *fault))
-    return std::string("the ") + party + " is left out";
+  if (Complaint why = prompt.session.options().cannot_play(*fault); !why.empty()) return why;
   if (fault->at == 0) set_fault(prompt.session.camera(), *fault, true);
   prompt.session.schedule(*fault);
   return "";

@@ -129,7 +129,6 @@ void Session::print_counts() {
   const Media::Counts media = parties.media.counts();
   std::printf("media: %lu pictures, %lu encoded, %lu dropped\n", media.pictures, media.encoded,
               media.dropped);
-  write_lines(options_.out + "/server.log", received(parties));
   const auto exchanges = camera_.conversation.exchanges();
   std::vector<std::string> lines;
   std::ranges::transform(exchanges, std::back_inserter(lines), describe);

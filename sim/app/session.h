@@ -38,21 +38,19 @@ class Session {
   ServiceProcess& service() { return *service_; }
   Timeline& timeline() { return timeline_; }
 
-  /// Waits until the service has connected the device, and puts the cable in. Complains and returns false if
-  /// that fails.
+  /// Waits until the service has connected the device, and puts the cable in. Complains if that fails.
   bool wait_for_device();
   /// Returns false if the limit passed, the service ended or Ctrl-C came before the condition held.
   template <class Condition>
   bool wait(Clock::duration limit, Condition condition);
   bool going_on() { return !interrupted && service_->running(); }
 
-  /// End the service that runs, by SIGTERM or by SIGKILL, and start it again after it has ended.
-  /// start_service() is to be called by a thread that lives as long as the session: the service dies with it.
-  /// It returns like wait_for_device().
+  /// End the service that runs, by SIGTERM or by SIGKILL, and start it again after it has ended. It dies with
+  /// the thread that has started it. The start returns like wait_for_device().
   void stop_service(int signal = SIGTERM);
   bool start_service();
-  /// Puts the cable in. The host then enumerates the device, unless another does that: a recorded one, or one
-  /// that is not ours. Returns false if it does not find what it expects.
+  /// Puts the cable in. Our host then enumerates the device, unless it is another's or a recorded one speaks.
+  /// Returns false if it does not find what it expects.
   bool plug_in();
 
   /// Returns the path of a PNG in the options' folder: "replug MJPEG

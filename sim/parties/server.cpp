@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -183,6 +182,7 @@ struct Server::Impl {
   const ServerOptions options;
   mutable std::mutex lock;
   std::vector<std::string> received;
+  std::FILE* log = nullptr;
   EncoderSettingsMessage encoder_settings{};
   std::function<void(const EncoderSettingsMessage&)> handler;
   CameraHead own_head;
@@ -219,6 +219,9 @@ const Server::Impl::Action Server::Impl::kActions[] = {
 void Server::Impl::note(const std::string& line) {
   std::lock_guard guard(lock);
   received.push_back(line);
+  if (!log) return;
+  std::fprintf(log, "%s\n", line.c_str());
+  std::fflush(log);
 }
 
 // For requests that make no sense.
@@ -405,6 +408,11 @@ std::vector<std::string> Server::received(std::size_t from) const {
   std::lock_guard guard(impl_->lock);
   const auto& lines = impl_->received;
   return {lines.begin() + static_cast<std::ptrdiff_t>(std::min(from, lines.size())), lines.end()};
+}
+
+void Server::log_received(std::FILE* log) {
+  std::lock_guard guard(impl_->lock);
+  impl_->log = log;
 }
 
 unsigned long Server::refused() const { return impl_->refused; }

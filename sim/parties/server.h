@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -42,6 +43,8 @@ class Server {
   /// Everything received since line `from`, a line each, such as "velto 10 O 2 1 1920 1080 30 ..." or, with
   /// the reply, "sys 39 81 01 04 A4 00 00 00 0F FF -> 90 41 FF".
   std::vector<std::string> received(std::size_t from = 0) const;
+  /// From now on, also writes these lines to `log` as they come. The caller keeps the file open.
+  void log_received(std::FILE* log);
   /// Requests that made no sense: wrong lengths, unknown commands, places outside the sender's slot. Those
   /// that name a client are answered with a failure all the same.
   unsigned long refused() const;

@@ -1,5 +1,4 @@
-// The camera at a host that is not ours: plugged into this PC's virtual USB host controller, or offered to
-// other PCs.
+// The camera at a host that is not ours: this PC's own, by its virtual USB host controller, or another PC.
 #pragma once
 
 #include <atomic>
@@ -26,8 +25,7 @@ struct HostPlace {
 class Attachment {
  public:
   /// While `present` says so, which it is asked all the time, the device is on the bus: in a port of the
-  /// controller, or waiting for a client. A host that lets go of it in the meantime does not get it back by
-  /// itself.
+  /// controller, or waiting for a client. If this PC lets go of it, it stays out until `present` has changed.
   Attachment(UrbDevice& device, const HostPlace& place, std::function<bool()> present);
   ~Attachment();  ///< takes the device off the bus
   Attachment(const Attachment&) = delete;

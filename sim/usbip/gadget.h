@@ -1,6 +1,5 @@
 // The camera as a USB device, below the gadget node: what a USB device controller and the kernel's gadget
-// driver do with the host's requests, and the packets of its stream. Class requests go to the service through
-// the conversation.
+// driver do with the host's requests, and the packets of its stream. Class requests go to the service.
 #pragma once
 
 #include <atomic>
@@ -27,8 +26,7 @@ class Gadget : public UrbDevice {
  public:
   Gadget(NodeHost& node, Conversation& conversation) : node_(node), conversation_(conversation) {}
 
-  /// Called with what was committed when a stream begins, and with null at its end. Set before the first host
-  /// comes.
+  /// Called with what was committed when a stream begins, and with null at its end. Set before a host comes.
   void on_stream(std::function<void(const StreamChoice*)> handler) { on_stream_ = std::move(handler); }
 
   ControlOutcome control(const usb_ctrlrequest& setup, std::span<const u8> data) override;

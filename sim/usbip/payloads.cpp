@@ -12,8 +12,7 @@ namespace {
 constexpr i64 kClockMhz = 48;
 constexpr std::size_t kLongestHeader = 12;
 
-// Of the bus on which the frames go, which has no frames to count: Linux's virtual host controller says 0 as
-// well.
+// A bus of wires counts its frames. This one has none, and Linux's virtual host controller says 0 as well.
 constexpr u16 kBusFrame = 0;
 
 u32 clock_at(i64 nanoseconds) { return static_cast<u32>(nanoseconds / 1000 * kClockMhz); }

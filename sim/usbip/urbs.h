@@ -1,6 +1,5 @@
 // A host's connection to a device by USB/IP, once the device is the host's: takes transfers (URBs), has the
-// device carry them out, and answers each of them exactly once. Isochronous transfers keep the pace of a
-// high-speed bus.
+// device carry them out, and answers each exactly once. Isochronous ones keep the pace of a high-speed bus.
 #pragma once
 
 #include <atomic>

@@ -77,8 +77,10 @@ VirtualController::~VirtualController() {
 std::vector<PortStatus> VirtualController::ports() const {
   std::vector<PortStatus> ports;
   fs::path path = kController / "status";
-  for (int number = 1; fs::exists(path); path = kController / ("status." + std::to_string(number++)))
+  for (int number = 1; fs::exists(path); ++number) {
     std::ranges::copy(parse_port_status(contents(path)), std::back_inserter(ports));
+    path = kController / ("status." + std::to_string(number));
+  }
   return ports;
 }
 

@@ -44,6 +44,8 @@ node() {
 }
 node_answers() { v4l2-ctl -d "$(node || echo none)" --get-input; }
 node_gone() { ! node; }
+# Prints the interface of the USB device that the node belongs to, such as 1-1:1.0.
+usb_interface() { basename "$(readlink "/sys/class/video4linux/$(basename "$(node)")/device")"; }
 
 # The encoder that the PC lends: memory of a device on the guest's PCI bus.
 lent_encoder() {

@@ -128,7 +128,11 @@ second_client() {
   wait $first && judge MJPG 1280x720 150
 }
 
-runtime_suspended() { [ "$(<"/sys/bus/usb/devices/1-1/power/runtime_status")" = suspended ]; }
+runtime_suspended() {
+  local interface
+  interface=$(usb_interface)
+  [ "$(<"/sys/bus/usb/devices/${interface%:*}/power/runtime_status")" = suspended ]
+}
 host_suspends_device() {
   wait_until 15 runtime_suspended || return
   whole MJPG 1280x720 8 && echo "suspended when idle; the next stream is whole"

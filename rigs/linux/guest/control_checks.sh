@@ -73,9 +73,10 @@ refused_by_linux() {
 
 # A driver that is bound again asks the camera again: some controls keep nothing. The head may still be moving.
 bind_anew() {
-  local driver=/sys/bus/usb/drivers/uvcvideo
-  echo -n 1-1:1.0 >$driver/unbind
-  echo -n 1-1:1.0 >$driver/bind
+  local driver=/sys/bus/usb/drivers/uvcvideo interface
+  interface=$(usb_interface)
+  echo -n "$interface" >$driver/unbind
+  echo -n "$interface" >$driver/bind
   wait_until 20 node_answers
 }
 read_anew() {

@@ -1,10 +1,12 @@
-// picture_step: judges by two received pictures what setting a control did to the scene.
+// picture_step: judges by two received pictures what setting a control did to the scene, and reads which
+// picture one is.
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
 #include <string_view>
 
 #include "sim/host/control_steps.h"
+#include "sim/media/frame_counter.h"
 #include "sim/media/source.h"
 
 using namespace sim;
@@ -42,14 +44,31 @@ int judge(const ControlStep& step, const char* before_path, const char* after_pa
   return found == "right" ? 0 : 1;
 }
 
+// Prints the counter that is burnt into a picture, if it is the same at the top and at the bottom.
+int print_counter(const char* path) {
+  const auto picture = read_picture(path);
+  if (!picture) return 2;
+  const LumaView luma{picture->data[0], static_cast<u32>(picture->width), static_cast<u32>(picture->height),
+                      static_cast<u32>(picture->linesize[0])};
+  const auto top = read_counter(luma, Strip::kTop), bottom = read_counter(luma, Strip::kBottom);
+  if (!top || top != bottom) return std::fprintf(stderr, "%s: no picture of the scene, or of two\n", path), 1;
+  std::printf("%u\n", *top);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc == 2 && std::string_view(argv[1]) == "list") return list();
+  if (argc == 3 && std::string_view(argv[1]) == "counter") return print_counter(argv[2]);
   const auto step = argc == 4
                         ? std::ranges::find(control_steps(), std::string_view(argv[1]), &ControlStep::name)
                         : control_steps().end();
   if (step != control_steps().end()) return judge(*step, argv[2], argv[3]);
-  std::fputs("Usage: picture_step list\n       picture_step STEP PICTURE_BEFORE PICTURE_AFTER\n", stderr);
+  std::fputs(
+      "Usage: picture_step list\n"
+      "       picture_step counter PICTURE\n"
+      "       picture_step STEP PICTURE_BEFORE PICTURE_AFTER\n",
+      stderr);
   return 2;
 }

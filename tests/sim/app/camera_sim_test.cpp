@@ -1,6 +1,8 @@
 // The files that a run of camera_sim leaves to other programs.
 #include <gmock/gmock.h>
+#include <pwd.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -72,14 +74,15 @@ TEST_F(CameraSimTest, OptionsThatDoNotGoTogetherAreRefused) {
 }
 
 TEST_F(CameraSimTest, KilledRunLeavesNothingBehind) {
-  ASSERT_EQ(run("--stay --out o >said 2>&1 & echo $! >pid"), 0);
+  ASSERT_EQ(run("--stay --out o >said 2>&1 &"), 0);
   const auto within_20_s = [](auto condition) {
     for (int i = 0; i < 2000 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     return condition();
   };
-  ASSERT_TRUE(within_20_s([&] { return file("said").find("files under") != std::string::npos; }))
-      << file("said");
-  const pid_t process = std::stoi(file("pid"));
+  const std::string folder_name = "/camera-sim.";
+  const auto names_it = [&] { return file("said").find(folder_name) != std::string::npos; };
+  ASSERT_TRUE(within_20_s(names_it)) << file("said");
+  const pid_t process = std::stoi(file("said").substr(file("said").find(folder_name) + folder_name.size()));
   const auto left = [&] {
     std::string names;
     for (const auto& entry : fs::directory_iterator("/dev/shm")) {
@@ -91,6 +94,18 @@ TEST_F(CameraSimTest, KilledRunLeavesNothingBehind) {
   EXPECT_NE(left(), "");
   kill(process, SIGKILL);
   EXPECT_TRUE(within_20_s([&] { return left().empty(); })) << left();
+}
+
+TEST_F(CameraSimTest, RootBySudoWritesAsTheUser) {
+  const passwd* const user = getpwnam("nobody");
+  if (geteuid() != 0 || !user) GTEST_SKIP() << "only root can become somebody else";
+  fs::permissions(folder, fs::perms::all);
+  setenv("SUDO_USER", user->pw_name, 1);
+  run("--prompt --out o </dev/null >/dev/null 2>&1");
+  struct stat made;
+  ASSERT_EQ(stat((folder / "o").c_str(), &made), 0);
+  EXPECT_EQ(made.st_uid, user->pw_uid);
+  EXPECT_EQ(made.st_gid, user->pw_gid);
 }
 
 TEST_F(CameraSimTest, ReplayShowsAnswersThatDiffer) {

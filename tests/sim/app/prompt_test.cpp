@@ -51,14 +51,12 @@ class PromptTest : public testing::Test {
 };
 
 TEST_F(PromptTest, ServiceStartsAgainAfterItWasStoppedOrKilled) {
-  const std::string streams = "stream mjpeg 640x360 for 0.5\n";
   EXPECT_EQ(run("service start\n"), 1);
   EXPECT_THAT(output, HasSubstr("the service runs already"));
-  EXPECT_EQ(run("service stop\nservice start\n" + streams + "service kill\nservice start\n" + streams), 0)
+  EXPECT_EQ(run("service stop\nservice start\npicture a.png\nservice kill\nservice start\npicture b.png\n"),
+            0)
       << output;
-  EXPECT_THAT(output,
-              ContainsRegex("exit status 0, .*SIGTERM(.|\n)*device after(.|\n)*whole(.|\n)*killed by signal 9"
-                            "(.|\n)*device after(.|\n)*whole"));
+  EXPECT_THAT(output, ContainsRegex("exit status 0, .*SIGTERM(.|\n)*killed by signal 9"));
 }
 
 TEST_F(PromptTest, ScriptDrivesTheCamera) {

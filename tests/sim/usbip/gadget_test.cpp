@@ -37,6 +37,7 @@ class GadgetTest : public testing::Test {
     connection.emplace(ends[1], gadget);
   }
   ~GadgetTest() override {
+    EXPECT_EQ(host->wrong(), "");
     connection.reset();
     service.stop(5);
   }
@@ -61,21 +62,13 @@ class GadgetTest : public testing::Test {
   // Streams until a checker has seen so many frames, as Linux's driver does.
   sim::StreamReport stream(sim::StreamFormat format, FrameSize size, unsigned frames) {
     sim::FrameChecker checker(format, size.width, size.height);
-    std::vector<u8> frame;
+    FrameReader reader;
     for (int i = 0; i < 5; ++i) host->stream(32);
     while (checker.report().frames < frames) {
       const auto answer = host->next();
       if (!answer) break;
       host->stream(32);
-      for (std::size_t at = 0; const u32 length : answer->packets) {
-        if (length == 0) continue;
-        const auto packet = std::span(answer->data).subspan(at, length);
-        at += length;
-        frame.insert(frame.end(), packet.begin() + packet[0], packet.end());
-        if (!(packet[1] & UVC_STREAM_EOF)) continue;
-        checker.feed(frame);
-        frame.clear();
-      }
+      reader.read(*answer, [&](const std::vector<u8>& frame) { checker.feed(frame); });
     }
     return checker.report();
   }

@@ -3,7 +3,7 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
+#include <linux/usb/video.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,6 +14,7 @@
 #include <map>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "sim/usbip/messages.h"
@@ -60,14 +61,14 @@ class UrbHost {
     UrbAnswer answer{.number = words[1], .taken_back = words[0] == 4, .status = static_cast<i32>(words[5])};
     const auto sent = sent_.find(answer.number);
     if (sent == sent_.end() || (words[0] != 3 && words[0] != 4)) {
-      ADD_FAILURE() << "an answer to nothing: " << answer.number;
+      wrong_ = "an answer to nothing, number " + std::to_string(answer.number);
       return {};
     }
     const Sent what = sent->second;
     sent_.erase(sent);
     if (answer.taken_back) return answer;
     answer.actual = words[6];
-    EXPECT_EQ(words[8], what.packets);
+    if (words[8] != what.packets) wrong_ = "other packets than were asked for";
     answer.data.resize(what.in ? answer.actual : 0);
     if (!answer.data.empty() && !read(answer.data.data(), answer.data.size())) return {};
     u32 sum = 0;
@@ -77,7 +78,7 @@ class UrbHost {
       answer.packets.push_back(ntohl(packet[2]));
       sum += answer.packets.back();
     }
-    EXPECT_TRUE(what.packets == 0 || sum == answer.actual);
+    if (what.packets && sum != answer.actual) wrong_ = "the packets have not what the transfer has";
     return answer;
   }
   std::optional<UrbAnswer> answer_to(u32 number) {
@@ -89,6 +90,7 @@ class UrbHost {
   /// The host's controller forgets a transfer once it was taken back.
   void forget(u32 number) { sent_.erase(number); }
   std::size_t open() const { return sent_.size(); }
+  const std::string& wrong() const { return wrong_; }  ///< with an answer; empty: nothing
 
  private:
   struct Sent {
@@ -120,4 +122,26 @@ class UrbHost {
   const int socket_;
   u32 number_ = 0;
   std::map<u32, Sent> sent_;  ///< what has no answer yet
+  std::string wrong_;
+};
+
+/// Puts a stream's payloads together, as Linux's driver does.
+class FrameReader {
+ public:
+  /// Calls `take` with each frame that ends in the packets of this answer.
+  template <class Take>
+  void read(const UrbAnswer& answer, Take take) {
+    for (std::size_t at = 0; const u32 length : answer.packets) {
+      if (length == 0) continue;
+      const auto packet = std::span(answer.data).subspan(at, length);
+      at += length;
+      frame_.insert(frame_.end(), packet.begin() + packet[0], packet.end());
+      if (!(packet[1] & UVC_STREAM_EOF)) continue;
+      take(frame_);
+      frame_.clear();
+    }
+  }
+
+ private:
+  std::vector<u8> frame_;
 };

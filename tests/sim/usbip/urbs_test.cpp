@@ -47,6 +47,7 @@ class UrbsTest : public testing::Test {
     host.emplace(ends[0]);
     connection.emplace(ends[1], device);
   }
+  ~UrbsTest() override { EXPECT_EQ(host->wrong(), ""); }
 
   Device device;
   std::optional<UrbHost> host;

@@ -1,0 +1,50 @@
+# Sourced by the parts in which the camera is a USB device that camera_sim attaches to the kernel's virtual controller.
+# One program then plays all that is around the service, and what the other checks do to the service, they do to it.
+modules_at_first=$(lsmod)
+prompt() { echo "$*" >/tmp/prompt; }
+fault() { prompt fault "$@"; }
+unplug() { prompt unplug; }
+replug() { prompt plug && wait_until 20 node_answers; }
+
+start_parties() { [ -p /tmp/prompt ] || mkfifo /tmp/prompt; }
+start_service() {
+  logs=$out/camera.$((++starts))
+  mkdir -p $logs
+  "$build/camera_sim" --attach --out $logs --lent-encoder "$(lent_encoder)" <>/tmp/prompt >$logs/attached.txt 2>&1 &
+  service=$!
+  wait_until 20 node_answers || { tail -n 3 $logs/attached.txt; return 1; }
+}
+
+# The kernel counts as tainted from the first module on that is not its own.
+no_module_of_ours() {
+  local loaded
+  loaded=$(lsmod)
+  [[ $modules_at_first != *vhci_hcd* && $loaded == *vhci_hcd* ]] || { echo "the controller: $loaded"; return 1; }
+  [[ $loaded != *dwc_otg* && $loaded != *g_webcam* && $(</proc/sys/kernel/tainted) = 0 ]] || { echo "$loaded"; return 1; }
+  echo "Linux $(uname -r); camera_sim loaded vhci_hcd"
+}
+
+service_dies() {
+  begin_stream H264 1920x1080 || return
+  prompt service kill
+  wait_until 5 node_gone || return
+  end_stream
+  prompt service start
+  wait_until 20 node_answers && whole H264 1920x1080 8 && echo "the device went; whole after a restart"
+}
+
+suspended_and_resumed() {
+  local i
+  for ((i = 0; i < $1; i++)); do host_suspends_device || return; done
+  echo "$1 times; the next stream is whole"
+}
+
+ports_free() { ! awk 'FNR > 1 && $3 != "004"' /sys/devices/platform/vhci_hcd.*/status* | grep .; }
+processes_ended() { ! cat /proc/[0-9]*/comm | grep -xE 'camera_sim|uvc_gadget_sim'; }
+killed() {
+  begin_stream MJPG 1280x720 || return
+  end_service KILL
+  wait_until 5 node_gone && wait_until 5 ports_free && wait_until 5 processes_ended || return
+  end_stream
+  start_service && whole MJPG 1280x720 8 && echo "no node, no port taken, no process left; whole after a restart"
+}
