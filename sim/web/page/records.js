@@ -43,7 +43,7 @@ class Lines {
     const list = this.#list;
     const atEnd = list.scrollTop + list.clientHeight >= list.scrollHeight - 8;
     list.append(...entries.filter((entry) => this.#admits(entry)).map(({ text, kind }) =>
-      make("p", { className: `line ${kind ?? ""}` }, text)));
+      make("div", { className: `line ${kind ?? ""}` }, text)));
     while (list.childElementCount > kMostLines) list.firstElementChild.remove();
     if (atEnd) list.scrollTop = list.scrollHeight;
   }
