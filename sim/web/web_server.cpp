@@ -433,7 +433,8 @@ int WebServer::Impl::take_message(Connection& client, std::string_view piece) {
   Json message = Json::parse(std::exchange(client.message, {}), nullptr, false);
   if (client.unanswered >= kMostWebAnswers) return -1;  // it does not read its answers
   if (message.is_object() && message.contains("drawn") && message["drawn"].is_number_unsigned()) {
-    client.drawn = std::min(message["drawn"].get<u32>(), client.picture_number);
+    // A browser may finish the later of two pictures first.
+    client.drawn = std::max(client.drawn, std::min(message["drawn"].get<u32>(), client.picture_number));
     note_watching();
     if (client.picture) lws_callback_on_writable(client.socket);
     return 0;

@@ -256,6 +256,13 @@ TEST_F(WebServerTest, APageGetsTheNewestPictureOnceItHasDrawnTheOthers) {
   std::this_thread::sleep_for(50ms);
   page.tell({{"drawn", 1}});
   EXPECT_EQ(next_picture(page), std::pair(u32{3}, u8{20}));
+  for (const u32 drawn : {3, 2, 1}) page.tell({{"drawn", drawn}});  // in any order
+  EXPECT_TRUE(soon([&] { return server.watched(); }));
+  for (const u32 number : {4, 5}) {
+    server.show(made_picture(30));
+    EXPECT_EQ(next_picture(page), std::pair(number, u8{30}));
+  }
+  EXPECT_TRUE(soon([&] { return !server.watched(); }));
 }
 
 long resident_kilobytes() {
