@@ -145,6 +145,7 @@ WebFront::WebFront(Session& session)
 }
 
 WebFront::~WebFront() {
+  server_.stop();
   if (web_.prompt.stream) stop_stream(web_.prompt);
   session_.camera().host.on_frame([](const ReceivedFrame&) {});
 }

@@ -140,6 +140,7 @@ struct WebServer::Impl {
   int handle(lws* socket, lws_callback_reasons reason, std::string_view in);
   void listen(u16 wanted_port);
   void serve();
+  void stop();
 
   std::string refusal(lws* socket) const;
   Connection& connection(lws* socket);
@@ -201,12 +202,15 @@ WebServer::Impl::Impl(u16 wanted_port, WebHandlers wanted_handlers) : handlers(s
 }
 
 WebServer::Impl::~Impl() {
-  stopping = true;
-  if (thread.joinable()) {
-    wake();
-    thread.join();
-  }
+  stop();
   if (context) lws_context_destroy(context);
+}
+
+void WebServer::Impl::stop() {
+  stopping = true;
+  if (!thread.joinable()) return;
+  wake();
+  thread.join();
 }
 
 void WebServer::Impl::listen(u16 wanted_port) {
@@ -503,7 +507,7 @@ void WebServer::Impl::end(lws* socket) {
     updates.erase(number);
   }
   note_watching();
-  handlers.page_changed(number, false);
+  if (!stopping) handlers.page_changed(number, false);
 }
 
 void WebServer::Impl::note_watching() {
@@ -561,6 +565,8 @@ void WebServer::answer(const WebCommand& command, WebAnswer answer) {
   }
   impl_->wake();
 }
+
+void WebServer::stop() { impl_->stop(); }
 
 bool WebServer::ready(PageId page) const {
   const std::lock_guard guard(impl_->lock);

@@ -60,8 +60,9 @@ class WebServer {
 
   /// Returns 0 if no port could be had.
   u16 port() const;
-  /// Serves from now on, in a thread of its own. No handler is called before.
+  /// Serve from now on, in a thread of its own, until it is stopped. No handler is called before or after.
   void start();
+  void stop();
 
   // Any thread may call these.
   void answer(const WebCommand& command, WebAnswer answer);

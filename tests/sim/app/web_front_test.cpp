@@ -4,6 +4,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -206,6 +207,18 @@ TEST_F(WebFrontTest, StreamComesBackAfterAnUnplugAndAnEndOfTheService) {
   EXPECT_THAT(post("state")["service"]["ended"], HasSubstr("signal 9"));
   EXPECT_EQ(post("service", {{"order", "start"}})["status"], 200);
   EXPECT_TRUE(soon(streams));
+}
+
+TEST_F(WebFrontTest, EndsWhilePagesAreThere) {
+  ASSERT_NE(port, 0);
+  std::deque<WebClient> pages;
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_TRUE(pages.emplace_back(port).upgrade());
+    pages.back().tell({{"id", i}, {"command", "move"}, {"pan", 5}});
+  }
+  EXPECT_EQ(pages.back().next_with("id")["status"], 200);
+  kill(process, SIGINT);
+  EXPECT_TRUE(pages.back().closed());
 }
 
 // Every format reaches a page as JPEG, and a file that a decoder opens.
