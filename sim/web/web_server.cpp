@@ -461,8 +461,7 @@ void WebServer::Impl::take_page_command(Connection& client, Json message) {
   handlers.command(std::move(command));
 }
 
-// Writes one message, so that the socket can refuse the next: answers first, then the update, then the newest
-// picture.
+// Writes one message, so that the socket can refuse the next: answers first, then the update and a picture.
 int WebServer::Impl::write_message(Connection& client) {
   std::string text;
   bool is_text = true;

@@ -86,7 +86,8 @@ class WebFrontTest : public testing::Test {
 TEST_F(WebFrontTest, ExamplesOfThePageRun) {
   ASSERT_NE(port, 0);
   const std::string documented = contents(SOURCE_FOLDER "/docs/web.md");
-  for (const Json& command : post("help")["commands"])
+  const Json help = post("help");
+  for (const Json& command : help["commands"])
     EXPECT_THAT(documented, HasSubstr('`' + command["command"].get<std::string>() + '`'));
   const std::string address = "127.0.0.1:8080";
   int run = 0;
@@ -129,7 +130,10 @@ TEST_F(WebFrontTest, RefusesWhatMakesNoSense) {
       {"extension", {{"selector", 1}, {"request", "take"}}, 404, "no such request"},
       {"extension", {{"selector", 1}, {"request", "set"}}, 400, "\"bytes\" is missing"},
       {"extension", {{"selector", 1}, {"request", "set"}, {"bytes", {256}}}, 400, "wrong kind"},
-      {"extension", {{"selector", 1}, {"request", "set"}, {"bytes", Json::array_t(65, 0)}}, 400, "wrong kind"},
+      {"extension",
+       {{"selector", 1}, {"request", "set"}, {"bytes", Json::array_t(65, 0)}},
+       400,
+       "wrong kind"},
       {"stream", {{"format", "mjpeg to x"}}, 404, "no such format"},
       {"stream", {{"format", "mjpeg"}, {"size", "to x"}}, 400, "not a size"},
       {"stream", {{"format", "yuy2"}, {"size", "1920x1080"}}, 400, "the camera has no"},

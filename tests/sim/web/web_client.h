@@ -19,10 +19,8 @@ namespace sim {
 class WebClient {
  public:
   explicit WebClient(u16 port) : port_(port), socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    const sockaddr_in address{.sin_family = AF_INET,
-                              .sin_port = htons(port),
-                              .sin_addr = {htonl(INADDR_LOOPBACK)},
-                              .sin_zero = {}};
+    const sockaddr_in address{
+        .sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
     EXPECT_EQ(connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
   }
   ~WebClient() { leave(); }

@@ -75,8 +75,9 @@ class WebServerTest : public testing::Test {
   std::deque<WebCommand> held;
   std::set<PageId> pages;
   std::atomic<bool> holds = false;
-  WebServer server{0, {.command = [this](WebCommand command) { take(command); },
-                       .page_changed = [this](PageId page, bool opened) { page_changed(page, opened); }}};
+  WebServer server{0,
+                   {.command = [this](WebCommand command) { take(command); },
+                    .page_changed = [this](PageId page, bool opened) { page_changed(page, opened); }}};
 };
 
 TEST_F(WebServerTest, CommandsOverHttp) {
@@ -132,7 +133,8 @@ TEST_F(WebServerTest, RefusesWhatIsForeignOrWrongAndDoesNothing) {
   for (const Row& row : rows) {
     WebClient client(server.port());
     client.send(row.request);
-    EXPECT_THAT(client.answer(), StartsWith(std::string("HTTP/1.1 ") + row.answer)) << row.request.substr(0, 200);
+    EXPECT_THAT(client.answer(), StartsWith(std::string("HTTP/1.1 ") + row.answer))
+        << row.request.substr(0, 200);
   }
   EXPECT_THAT(seen(), IsEmpty());
 }
@@ -172,8 +174,9 @@ TEST_F(WebServerTest, SurvivesRubbish) {
 TEST_F(WebServerTest, HalfRequestsHoldNobodyUpAndEnd) {
   std::deque<WebClient> halves;
   for (int i = 0; i < 40; ++i) {
-    halves.emplace_back(server.port()).send(i % 2 ? "GET / HT" : "POST /api/set HTTP/1.1\r\n" + halves.back().host() +
-                                                                   "Content-Length: 100\r\n\r\n{");
+    halves.emplace_back(server.port())
+        .send(i % 2 ? "GET / HT"
+                    : "POST /api/set HTTP/1.1\r\n" + halves.back().host() + "Content-Length: 100\r\n\r\n{");
   }
   const auto begin = Clock::now();
   EXPECT_THAT(post("set", "{}"), StartsWith("HTTP/1.1 200"));
