@@ -1,4 +1,4 @@
-# Sourced by both rigs: the rows of their tables, as wide as the terminal, 80 columns at least.
+# Sourced by the rigs: the rows of their tables, as wide as the terminal, 80 columns at least.
 
 # wrapped LEFT TEXT: prints TEXT beside LEFT; what does not fit into the line goes on below TEXT.
 wrapped() {

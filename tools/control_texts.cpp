@@ -52,19 +52,6 @@ constexpr LinuxText kLinux[] = {
     {"digital_multiplier", nullptr},
 };
 
-constexpr VendorText kVendor[] = {
-    {0, "the byte last set through selector 1"},
-    {1, "a byte for the encoder"},
-    {2, "on-screen display: accepted and ignored"},
-    {3, "key-frame interval in frames (byte 0); setting 0 asks for one key frame"},
-    {5, "1 issues the gadget driver's private request"},
-    {9, "**any SET starts the firmware update**; reads the version record"},
-    {15, "common first parameter of H.264 and H.265 (byte 1)"},
-    {16, "rate control of the committed codec, see below"},
-    {24, "**1 reboots the camera**"},
-    {25, "any SET: the camera takes the USB connection as ended"},
-};
-
 const VendorExample kVendorExamples[] = {
     {1, kFormatMjpeg, false, {7}},       {3, kFormatH264, true, {30, 0, 0}},
     {3, kFormatH265, true, {25, 0, 0}},  {3, kFormatH265, true, {0, 0, 0}},
@@ -106,7 +93,6 @@ const RefusedBlock kRefused[] = {
 
 std::span<const ControlText> control_texts() { return kControls; }
 std::span<const LinuxText> linux_texts() { return kLinux; }
-std::span<const VendorText> vendor_texts() { return kVendor; }
 std::span<const VendorExample> vendor_examples() { return kVendorExamples; }
 std::span<const RateMode> rate_modes() { return kRateModes; }
 std::span<const RefusedBlock> refused_blocks() { return kRefused; }

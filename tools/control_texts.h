@@ -22,12 +22,6 @@ struct LinuxText {
 };
 std::span<const LinuxText> linux_texts();
 
-struct VendorText {
-  u8 selector;
-  const char* meaning;
-};
-std::span<const VendorText> vendor_texts();
-
 struct VendorExample {
   u8 selector;
   i32 format;  ///< UvcFormat

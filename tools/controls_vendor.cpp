@@ -4,6 +4,7 @@
 
 #include "common/stream_state.h"
 #include "platform/uvc_units.h"
+#include "sim/host/extension_unit.h"
 #include "support/support.h"
 #include "tools/control_texts.h"
 #include "tools/controls_page.h"
@@ -17,6 +18,10 @@ void print(const std::string& text) { std::fputs(text.c_str(), stdout); }
 
 constexpr u8 kLastSelector = 28;
 constexpr u8 kVersionSelector = 9, kRateControlSelector = 16;
+
+std::string meaning_of(const sim::ExtensionSelector& row) {
+  return row.caution ? std::string("**") + row.meaning + "**" : row.meaning;
+}
 
 Place vendor(u8 selector) { return {kVideoControlInterface, kExtensionUnit, selector}; }
 
@@ -52,10 +57,11 @@ void print_selectors(ControlProbe& probe) {
   MarkdownTable readings({"GET_CUR of", "answers"});
   for (u8 selector = 0; selector <= kLastSelector + 1; ++selector) {
     const Place place = vendor(selector);
-    const auto text = std::ranges::find(vendor_texts(), selector, &VendorText::selector);
+    const auto row =
+        std::ranges::find(sim::extension_selectors(), selector, &sim::ExtensionSelector::selector);
     const std::string number = selector <= kLastSelector ? std::to_string(selector) : "29..255";
     table.add_or_join(
-        {number, text == vendor_texts().end() ? "none" : text->meaning,
+        {number, row == sim::extension_selectors().end() ? "none" : meaning_of(*row),
          number_cell(probe.get(UVC_GET_LEN, place)), number_cell(probe.get(UVC_GET_INFO, place)),
          number_cell(probe.get(UVC_GET_MIN, place)), number_cell(probe.get(UVC_GET_MAX, place)),
          number_cell(probe.get(UVC_GET_RES, place)), number_cell(probe.get(UVC_GET_DEF, place))});

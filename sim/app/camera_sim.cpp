@@ -23,6 +23,7 @@
 #include "sim/app/stream_copy.h"
 #include "sim/app/stream_plan.h"
 #include "sim/app/sudo_user.h"
+#include "sim/app/web_front.h"
 #include "sim/media/made_frames.h"
 #include "sim/media/ring_watcher.h"
 
@@ -96,6 +97,7 @@ int run(const Options& options) {
   Session session(options, camera, log.get());
   if (session.wait_for_device()) {
     if (attached) attached->run(session);
+    if (options.web) web(session);
     if (options.prompt) prompt(session, copy ? &copy->stream() : nullptr);
     if (!options.replay.empty()) replay_plan(session);
     if (options.streams()) stream_plan(session, copy ? &copy->stream() : nullptr);
@@ -106,7 +108,7 @@ int run(const Options& options) {
   bool written = true;
   for (const std::string& path : options.results)
     written = write_results(path, "camera_sim", session.findings()) && written;
-  if (interrupted && !options.stay && !options.attach) return 130;
+  if (interrupted && !options.stay && !options.attach && !options.web) return 130;
   return session.good() && written ? 0 : 1;
 }
 

@@ -116,9 +116,9 @@ std::optional<Fault> parse_fault(std::string_view text, std::string& error) {
   return fault;
 }
 
-std::vector<std::string> fault_shapes() {
-  std::vector<std::string> shapes;
-  for (const FaultForm& form : kForms) shapes.push_back(form.shown);
+std::vector<FaultShape> fault_shapes() {
+  std::vector<FaultShape> shapes;
+  for (const FaultForm& form : kForms) shapes.push_back({form.shown, form.meaning});
   return shapes;
 }
 

@@ -29,8 +29,11 @@ struct Fault {
 
 /// Nothing, with a one-line message in `error`, when the text is not understood.
 std::optional<Fault> parse_fault(std::string_view text, std::string& error);
-/// The forms alone, such as "server dead"; what is to be filled in has capitals.
-std::vector<std::string> fault_shapes();
+/// A form that parse_fault() understands, such as "server dead"; what is to be filled in has capitals.
+struct FaultShape {
+  const char *shown, *meaning;
+};
+std::vector<FaultShape> fault_shapes();
 /// Every form that parse_fault() understands, a line each, indented by `indent`.
 std::string fault_forms(std::string_view indent);
 

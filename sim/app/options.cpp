@@ -32,7 +32,7 @@ Complaint set_size(Options& options, std::string_view text) {
 }
 
 Complaint set_rate(Options& options, std::string_view text) {
-  const auto rate = parse_number<u32>(text, 1, 60);
+  const auto rate = parse_rate(text);
   options.rate = rate.value_or(0);
   return rate ? "" : "not a rate from 1 to 60";
 }
@@ -76,6 +76,12 @@ Complaint leave_out(Options& options, std::string_view text) {
   if (found == std::end(kParties)) return "not one of encoder server collector";
   options.cast.*found->member = false;
   return "";
+}
+
+Complaint set_port(Options& options, std::string_view text) {
+  const auto port = parse_number<u16>(text, 1, 65535);
+  options.port = port.value_or(0);
+  return port ? "" : "not a port from 1 to 65535";
 }
 
 Complaint set_extra_stride(Options& options, std::string_view text) {
@@ -138,6 +144,9 @@ constexpr OptionRow kRows[] = {
      [](Options& options, std::string_view) { return options.control = true, Complaint(); }},
     {"prompt", nullptr, "take commands from the terminal or a script instead (\"help\" there lists them)",
      [](Options& options, std::string_view) { return options.prompt = true, Complaint(); }},
+    {"web", nullptr, "show the camera in a browser on this PC, which drives it (docs/web.md)",
+     [](Options& options, std::string_view) { return options.web = true, Complaint(); }},
+    {"port", "N", "of the page (a free one from 8080 on)", set_port},
     {"list", nullptr, "show formats and sizes, and end", nullptr},
     {"help", nullptr, "show this, and end", nullptr},
 };
@@ -197,6 +206,9 @@ Complaint check_together(const Options& options) {
   if (options.attach &&
       (options.one_stream() || options.control || options.prompt || !options.replay.empty()))
     return "camera_sim: --attach leaves it to the host what is done, and has the prompt beside it";
+  if (options.web &&
+      (options.control || options.prompt || options.attach || !options.replay.empty() || !options.to.empty()))
+    return "camera_sim: --web leaves it to the page what is done";
   if (!options.to.empty() && options.to != "-" && options.prompt)
     return "camera_sim: at the prompt, \"stream FORMAT to FILE\" takes the place of --to FILE";
   return check_size(options);
@@ -229,6 +241,8 @@ std::optional<StreamFormat> parse_format(std::string_view text) {
   }
   return std::nullopt;
 }
+
+std::optional<u32> parse_rate(std::string_view text) { return parse_number<u32>(text, 1, 60); }
 
 std::optional<FrameSize> parse_size(std::string_view text) {
   const auto cross = std::min(text.find('x'), text.size());

@@ -41,6 +41,8 @@ struct Options {
   bool stay = false;
   bool control = false;
   bool prompt = false;
+  bool web = false;
+  u16 port = 0;  ///< of the page; 0: a free one
 
   /// Returns why a fault cannot be played; empty if it can.
   Complaint cannot_play(const Fault& fault) const;
@@ -48,15 +50,17 @@ struct Options {
   bool one_stream() const { return format || size || stay || !to.empty(); }
   /// What is to be done: the first table, the second one. The steps of the second need the scene in the
   /// pictures, hence the simulator's encoder, and show what its server received.
-  bool streams() const { return !prompt && !attach && replay.empty() && (one_stream() || !control); }
+  bool streams() const { return !prompt && !web && !attach && replay.empty() && (one_stream() || !control); }
   bool controls() const {
-    return !prompt && !attach &&
+    return !prompt && !web && !attach &&
            (control || (!one_stream() && replay.empty() && cast.encoder && cast.server));
   }
 };
 
 /// "mjpeg", in capitals or not.
 std::optional<StreamFormat> parse_format(std::string_view text);
+/// Frames per second, 1 to 60.
+std::optional<u32> parse_rate(std::string_view text);
 /// "1280x720".
 std::optional<FrameSize> parse_size(std::string_view text);
 

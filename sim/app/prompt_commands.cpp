@@ -76,8 +76,8 @@ Complaint fault(Prompt& prompt, Words words) {
 Choices fault_choices(Words words) {
   std::vector<std::string> choices{"clear"};
   if (words.size() > 1) choices = {"at", "for"};
-  for (const std::string& shape : fault_shapes()) {
-    const std::vector<std::string> parts = words_of(shape);
+  for (const FaultShape& shape : fault_shapes()) {
+    const std::vector<std::string> parts = words_of(shape.shown);
     if (parts.size() < words.size() || !std::equal(words.begin(), words.end() - 1, parts.begin())) continue;
     const std::string& next = parts[words.size() - 1];
     if (next == lower(next)) choices.push_back(next);
@@ -170,7 +170,7 @@ constexpr Command kCommands[] = {
      kAnyNumber, extension_unit, extension_choices, Needs::kCable},
     {"raw", "TYPE REQUEST VALUE INDEX LENGTH [BYTE...]", "any request: 0xA1 or 161; bytes in hex", 5,
      kAnyNumber, raw_request, nullptr, Needs::kCable},
-    {"stream", "[start] FORMAT [WxH] [for SECONDS] [to FILE] | stop",
+    {"stream", "[start] FORMAT [WxH] [at RATE] [for SECONDS] [to FILE] | stop",
      "report what comes; \"start\" runs until \"stop\"", 1, kAnyNumber, stream, stream_choices,
      Needs::kOwnHost},
     {"picture", "FILE.png", "save the next picture of the stream, or of one started for it", 1, 1,

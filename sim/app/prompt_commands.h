@@ -69,5 +69,7 @@ Complaint stream(Prompt&, Words order);
 Complaint stop_stream(Prompt&);  ///< prints its row
 Complaint write_picture(Prompt&, Words path);
 Choices stream_choices(Words);
+/// Reads "FORMAT [WxH] [at RATE]".
+Complaint parse_choice(const Prompt&, Words words, StreamChoice& choice);
 
 }  // namespace sim

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
-#include <limits>
 
+#include "sim/app/control_access.h"
 #include "sim/app/prompt_commands.h"
 #include "sim/app/table.h"
 #include "sim/app/text.h"
@@ -13,8 +13,6 @@
 namespace sim {
 
 namespace {
-
-constexpr u16 kLongestData = 64;  // of a request's data stage, in bytes
 
 struct NamedRequest {
   const char* name;
@@ -35,45 +33,18 @@ Complaint unknown_control(const std::string& name) {
   return "no such control: \"" + name + "\"; \"controls\" lists them";
 }
 
-// Returns nothing if the text is not a number that fits the control's bytes.
-std::optional<i32> value_for(const HostControl& control, const std::string& text) {
-  const i64 most = control.value == HostValue::kMotion ? 255 : (i64{1} << 8 * control.size) - 1;
-  const i64 least = control.value == HostValue::kUnsigned ? 0 : -most;
-  const i64 limit = std::numeric_limits<i32>::max();
-  const auto value = parse_number<i64>(text, std::max(least, -limit), std::min(most, limit));
-  return value ? std::optional(static_cast<i32>(*value)) : std::nullopt;
-}
-
-// The camera stalls no request. What it does not give is left over from the request before, so this asks
-// twice, after two requests that fill its answer buffer with different bytes.
-std::optional<i32> get_limit(Conversation& host, const HostControl& control, u8 request) {
-  const HostControl& filler = *find_host_control("pan_absolute");
-  get_control(host, filler, UVC_GET_MIN);
-  const auto once = get_control(host, control, request);
-  get_control(host, filler, UVC_GET_DEF);
-  const auto again = get_control(host, control, request);
-  return once == again ? once : std::nullopt;
-}
-
-// The camera does not report that it refused a value, so this reads it back.
 Complaint check_taken(Prompt& prompt, const HostControl& control, i32 value) {
-  Conversation& host = conversation(prompt);
-  const auto now = get_control(host, control, UVC_GET_CUR);
-  if (!now) return "the camera does not answer";
-  if (*now == value) return "";
-  const auto least = get_limit(host, control, UVC_GET_MIN), most = get_limit(host, control, UVC_GET_MAX);
-  if (least && most && (value < *least || value > *most)) {
-    return std::to_string(value) + " is outside " + std::to_string(*least) + " to " + std::to_string(*most) +
-           "; it reads " + std::to_string(*now);
-  }
-  std::printf("%s reads %d now\n", control.name, *now);
-  return "";
+  const Reading reading = read_back(conversation(prompt), control, value);
+  if (reading.complaint.empty() && *reading.value != value)
+    std::printf("%s reads %d now\n", control.name, *reading.value);
+  return reading.complaint;
 }
 
 Complaint set_one(Prompt& prompt, const std::string& name, const std::string& text) {
   const HostControl* const control = find_host_control(name);
   if (!control) return unknown_control(name);
-  const auto value = value_for(*control, text);
+  const Range range = range_of(*control);
+  const auto value = parse_number<i32>(text, range.least, range.most);
   if (!value) return name + ": \"" + text + "\" is not a number that fits the control";
   const bool sent = set_control(conversation(prompt), *control, *value);
   show_last_exchange(prompt);
@@ -107,12 +78,8 @@ Complaint set_extension(Prompt& prompt, u8 selector, Words words) {
 // Reads as many bytes as GET_LEN returns.
 Complaint get_extension(Prompt& prompt, u8 selector, u8 request) {
   Conversation& host = conversation(prompt);
-  u16 length = request == UVC_GET_LEN ? 2 : 1;
-  if (request != UVC_GET_LEN && request != UVC_GET_INFO) {
-    const auto answer = get_control(host, kExtensionUnit, selector, UVC_GET_LEN, 2).data;
-    if (answer.size() < 2) return "GET_LEN is not answered";
-    length = std::min(get_le16(answer.data()), kLongestData);
-  }
+  const u16 length = answer_length(host, kExtensionUnit, selector, request);
+  if (length == 0) return "GET_LEN is not answered";
   const bool stalled = get_control(host, kExtensionUnit, selector, request, length).stalled;
   show_last_exchange(prompt);
   return stalled ? "the camera does not answer" : "";

@@ -34,6 +34,10 @@ Complaint parse_order(Words words, Order& order) {
     if (words.size() < 2) return "what is \"" + words[0] + "\"? See \"help stream\"";
     if (words[0] == "to") {
       order.file = words[1];
+    } else if (words[0] == "at") {
+      const auto rate = parse_rate(words[1]);
+      if (!rate) return '"' + words[1] + "\" is not a rate from 1 to 60";
+      order.choice.rate = *rate;
     } else if (words[0] != "for" || !(order.seconds = parse_number<double>(words[1], 0, kLongestStream))) {
       return "what is \"" + joined(words.first(2)) + "\"? See \"help stream\"";
     }
@@ -125,6 +129,13 @@ Complaint write_picture(Prompt& prompt, Words path) {
   return written ? "" : "no picture came, or " + path[0] + " cannot be written";
 }
 
+Complaint parse_choice(const Prompt& prompt, Words words, StreamChoice& choice) {
+  Order order{.choice = {StreamFormat::kMjpeg, {}, prompt.session.options().rate}};
+  const Complaint complaint = parse_order(words, order);
+  choice = order.choice;
+  return complaint;
+}
+
 Choices stream_choices(Words words) {
   const bool start = words.size() > 1 && words[0] == "start";
   if (start) words = words.subspan(1);
@@ -136,8 +147,8 @@ Choices stream_choices(Words words) {
   }
   const std::string& before = words[words.size() - 2];
   if (before == "to") return std::nullopt;
-  if (before == "for") return choices;
-  choices = {"for", "to"};
+  if (before == "for" || before == "at") return choices;
+  choices = {"at", "for", "to"};
   if (const auto format = parse_format(before)) {
     for (const FrameSize& size : host_format(*format).sizes) {
       choices.push_back(std::to_string(size.width) + 'x' + std::to_string(size.height));

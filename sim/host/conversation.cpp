@@ -75,7 +75,8 @@ std::vector<NamedValue> named_values(const Exchange& exchange) {
   return values;
 }
 
-// Returns unit, request, control and value, or numbers if there is no such unit or request.
+}  // namespace
+
 std::string request_text(const Exchange& exchange) {
   const usb_ctrlrequest& setup = exchange.setup;
   const Unit* const unit = unit_of(setup);
@@ -91,12 +92,8 @@ std::string request_text(const Exchange& exchange) {
   return text + control_text(exchange);
 }
 
-std::string outcome_text(const Exchange& exchange) {
-  const char* const outcome = exchange.timed_out ? "timeout" : exchange.stalled ? "STALL" : "ok";
-  char text[64], served[24] = "-";
-  if (exchange.served_ms >= 0) std::snprintf(served, sizeof(served), "%.2f", exchange.served_ms);
-  std::snprintf(text, sizeof(text), "  %-7s %7.2f %7s ms", outcome, exchange.answer_ms, served);
-  return text;
+const char* outcome_name(const Exchange& exchange) {
+  return exchange.timed_out ? "timeout" : exchange.stalled ? "STALL" : "ok";
 }
 
 std::string data_text(std::span<const u8> data) {
@@ -106,7 +103,17 @@ std::string data_text(std::span<const u8> data) {
     std::snprintf(byte, sizeof(byte), " %02X", value);
     text += byte;
   }
-  return text.empty() ? "" : "  [" + text.substr(1) + ']';
+  return text.empty() ? "" : text.substr(1);
+}
+
+namespace {
+
+std::string outcome_text(const Exchange& exchange) {
+  char text[64], served[24] = "-";
+  if (exchange.served_ms >= 0) std::snprintf(served, sizeof(served), "%.2f", exchange.served_ms);
+  std::snprintf(text, sizeof(text), "  %-7s %7.2f %7s ms", outcome_name(exchange), exchange.answer_ms,
+                served);
+  return text;
 }
 
 }  // namespace
@@ -145,7 +152,8 @@ std::string describe(const Exchange& exchange) {
   request.resize(std::max(request.size(), kRequestColumns), ' ');
   char time[24];
   std::snprintf(time, sizeof(time), "%8.3f  ", exchange.at_ms / 1000);
-  std::string line = time + request + outcome_text(exchange) + data_text(exchange.data);
+  std::string line = time + request + outcome_text(exchange);
+  if (!exchange.data.empty()) line += "  [" + data_text(exchange.data) + ']';
   for (const std::string& received : exchange.server) line += " | " + received;
   return line;
 }
@@ -192,10 +200,11 @@ double Conversation::take_slowest_ms() {
 }
 
 std::vector<Exchange> Conversation::exchanges(std::size_t from) {
-  hear();
+  // What the server receives meanwhile belongs to the request in progress.
+  if (const std::unique_lock turn(turn_, std::try_to_lock); turn) hear();
   const std::lock_guard guard(lock_);
-  return {exchanges_.begin() + static_cast<std::ptrdiff_t>(std::min(from, exchanges_.size())),
-          exchanges_.end()};
+  const std::span<const Exchange> rest = std::span(exchanges_).subspan(std::min(from, exchanges_.size()));
+  return {rest.begin(), rest.end()};
 }
 
 }  // namespace sim

@@ -37,6 +37,11 @@ std::string describe(const Exchange& exchange);
 /// Returns the control and value alone, such as "brightness = 15".
 std::string control_text(const Exchange& exchange);
 
+/// Parts of that line: unit, request, control and value; "ok", "STALL" or "timeout"; the data.
+std::string request_text(const Exchange& exchange);
+const char* outcome_name(const Exchange& exchange);
+std::string data_text(std::span<const u8> data);
+
 class Conversation {
  public:
   /// `received` returns what the server has received from a line on, see Server::received(); it may be empty.

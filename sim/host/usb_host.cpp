@@ -81,11 +81,12 @@ std::optional<StreamChoice> choice_in(std::span<const u8> block) {
 // A running stream: one thread takes frames, another checks them, so that decoding never holds up the bus.
 class UsbHost::Stream {
  public:
-  Stream(NodeHost& node, const std::atomic<bool>& rests, const StreamChoice& choice, bool paced,
-         Clock::time_point begin, std::ostream* copy)
-      : node_(node),
-        rests_(rests),
-        paced_(paced),
+  Stream(const UsbHost& host, const StreamChoice& choice, Clock::time_point begin, std::ostream* copy)
+      : node_(host.node_),
+        rests_(host.rests_),
+        paced_(host.paced_),
+        on_frame_(host.on_frame_),
+        choice_(choice),
         begin_(begin),
         copy_(copy),
         checker_(choice.format, choice.size.width, choice.size.height),
@@ -112,6 +113,8 @@ class UsbHost::Stream {
   NodeHost& node_;
   const std::atomic<bool>& rests_;
   const bool paced_;
+  const std::function<void(const ReceivedFrame&)>& on_frame_;
+  const StreamChoice choice_;
   const Clock::time_point begin_;
   std::ostream* const copy_;
   FrameChecker checker_;
@@ -165,7 +168,12 @@ void UsbHost::Stream::check() {
     if (copy_ && frame.data.size() > kEmptyPayload) {
       copy_->write(reinterpret_cast<const char*>(frame.data.data()), std::ssize(frame.data));
     }
-    checker_.feed(frame.data, std::chrono::nanoseconds(frame.arrived.time_since_epoch()).count());
+    const i64 arrived = std::chrono::nanoseconds(frame.arrived.time_since_epoch()).count();
+    const auto frames_before = checker_.report().frames;
+    checker_.feed(frame.data, arrived);
+    const bool is_new = checker_.report().frames > frames_before;
+    if (frame.data.size() > kEmptyPayload)
+      on_frame_({choice_, frame.data, arrived, is_new ? checker_.picture() : nullptr});
     std::lock_guard guard(lock_);
     result_.copied = !copy_ || copy_->good();
     result_.report = checker_.report();
@@ -261,15 +269,25 @@ bool UsbHost::start(const StreamChoice& choice, std::ostream* copy) {
   on_stream_(&choice);
   const auto begin = Clock::now();
   if (!node_.stream_on()) return fail("no VIDIOC_STREAMON after SET_INTERFACE 1");
-  stream_ = std::make_unique<Stream>(node_, rests_, choice, paced_, begin, copy);
+  const std::lock_guard guard(stream_lock_);
+  stream_ = std::make_shared<Stream>(*this, choice, begin, copy);
   return true;
 }
 
-StreamResult UsbHost::progress() const { return stream_ ? stream_->result() : StreamResult{}; }
+std::shared_ptr<UsbHost::Stream> UsbHost::stream() const {
+  const std::lock_guard guard(stream_lock_);
+  return stream_;
+}
+
+StreamResult UsbHost::progress() const {
+  const auto running = stream();
+  return running ? running->result() : StreamResult{};
+}
 
 std::optional<MeasuredPicture> UsbHost::picture(const std::string& png_path,
                                                 std::chrono::milliseconds limit) {
-  const auto picture = stream_ ? stream_->picture_after(monotonic_ns(), limit) : nullptr;
+  const auto running = stream();
+  const auto picture = running ? running->picture_after(monotonic_ns(), limit) : nullptr;
   if (!picture || !write_png(*picture, png_path)) return std::nullopt;
   return measure(*picture);
 }
@@ -282,6 +300,7 @@ StreamResult UsbHost::stop(const std::string& png_path) {
   if (plugged_ && !node_.stream_off()) fail("no VIDIOC_STREAMOFF after SET_INTERFACE 0");
   const StreamResult result = stream_->result();
   if (const auto picture = stream_->picture_after(-1, 0ms)) write_png(*picture, png_path);
+  const std::lock_guard guard(stream_lock_);
   stream_.reset();
   return result;
 }

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <ostream>
 #include <span>
@@ -52,7 +53,16 @@ constexpr std::chrono::microseconds bus_time(std::size_t bytes) {
   return std::chrono::microseconds(125) * ((bytes + 3059) / 3060);
 }
 
-/// One stream at a time. unplug(), replug(), plugged() and unplugs() may be called from any thread.
+/// A payload with data of a running stream.
+struct ReceivedFrame {
+  const StreamChoice& choice;
+  std::span<const u8> payload;
+  i64 arrived;             ///< CLOCK_MONOTONIC in nanoseconds
+  const AVFrame* picture;  ///< null unless the payload is one whole new picture
+};
+
+/// One stream at a time. unplug(), replug(), plugged(), unplugs(), progress() and picture() may be called
+/// from any thread.
 class UsbHost {
  public:
   /// Class requests go through the conversation. `paced`: frames take bus_time() to arrive.
@@ -61,6 +71,9 @@ class UsbHost {
 
   /// Called with what was committed before each stream, and with null after it. Set before the first stream.
   void on_stream(std::function<void(const StreamChoice*)> handler) { on_stream_ = std::move(handler); }
+  /// Called with every payload, after its check and on the thread that checks; what it gets is valid during
+  /// the call. Set before the first stream.
+  void on_frame(std::function<void(const ReceivedFrame&)> handler) { on_frame_ = std::move(handler); }
   /// What a host asks when the device appears. False with error() when an answer is wrong.
   bool enumerate();
   /// Negotiates and starts a stream. Payloads with data go to `copy` as well, which outlives the stream.
@@ -91,6 +104,7 @@ class UsbHost {
  private:
   class Stream;
 
+  std::shared_ptr<Stream> stream() const;
   bool set(u8 selector, std::span<const u8> block);
   bool get(u8 request, std::span<u8> answer);  ///< of the probe control
   bool negotiate(const StreamChoice& choice);
@@ -105,7 +119,9 @@ class UsbHost {
   std::string error_;
   std::function<void(const StreamChoice*)> on_stream_ = [](const StreamChoice*) {};
   std::function<void(bool in)> on_cable_ = [this](bool in) { in ? node_.connect() : node_.disconnect(); };
-  std::unique_ptr<Stream> stream_;
+  std::function<void(const ReceivedFrame&)> on_frame_ = [](const ReceivedFrame&) {};
+  mutable std::mutex stream_lock_;  ///< guards the pointer
+  std::shared_ptr<Stream> stream_;
 };
 
 }  // namespace sim

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
-#include <numeric>
 
 #include "elog/elog_record.h"
 #include "sim/parties/channel.h"
@@ -32,7 +31,7 @@ struct Collector::Impl {
 
   const CollectorOptions options;
   mutable std::mutex lock;
-  std::deque<std::string> lines;
+  std::deque<Line> lines;
   Counts counts{};
   Channel channel{kElogQueueKey, kElogQueueType, [this](std::span<const u8> message) { take(message); }};
 };
@@ -49,8 +48,8 @@ void Collector::Impl::take(std::span<const u8> message) {
     ++counts.malformed;
     return;
   }
-  const std::string& text = lines.emplace_back(record.text, message.size() - kElogHeaderSize);
-  ++counts.lines;
+  const std::string text(record.text, message.size() - kElogHeaderSize);
+  lines.push_back({counts.lines++, kLevelLetters[record.level], text});
   if (admits(record.level, text)) {
     const std::string_view shown = without_newlines(text);
     std::fprintf(options.output, "%c %.*s\n", kLevelLetters[record.level], static_cast<int>(shown.size()),
@@ -84,7 +83,15 @@ Collector::Counts Collector::counts() const {
 
 std::string Collector::text() const {
   std::lock_guard guard(impl_->lock);
-  return std::accumulate(impl_->lines.begin(), impl_->lines.end(), std::string());
+  std::string text;
+  for (const Line& line : impl_->lines) text += line.text;
+  return text;
+}
+
+std::vector<Collector::Line> Collector::lines(unsigned long from) const {
+  std::lock_guard guard(impl_->lock);
+  const auto first = std::ranges::lower_bound(impl_->lines, from, {}, &Line::number);
+  return {first, impl_->lines.end()};
 }
 
 }  // namespace sim

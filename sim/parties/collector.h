@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "common/bytes.h"
 
@@ -32,6 +33,13 @@ class Collector {
   Counts counts() const;
   /// Returns the last lines (at most 4096) as received, oldest first.
   std::string text() const;
+  struct Line {
+    unsigned long number;  ///< the first is 0
+    char level;            ///< of "AEWIDV"
+    std::string text;
+  };
+  /// Returns those of these lines that have this number or a higher one.
+  std::vector<Line> lines(unsigned long from) const;
 
  private:
   struct Impl;

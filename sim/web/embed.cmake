@@ -1,0 +1,25 @@
+# Writes OUTPUT, a source file with the contents of FILES for sim/web/page_files.h.
+set(charset "\\x3B charset=utf-8")  # a semicolon would part a list
+set(types html text/html css text/css js text/javascript svg image/svg+xml)
+set(arrays "")
+set(rows "")
+set(number 0)
+foreach(file ${FILES})
+  get_filename_component(name ${file} NAME)
+  get_filename_component(ending ${file} LAST_EXT)
+  string(SUBSTRING ${ending} 1 -1 ending)
+  list(FIND types ${ending} at)
+  math(EXPR at "${at} + 1")
+  list(GET types ${at} type)
+  if(name STREQUAL "index.html")
+    set(name "")
+  endif()
+  file(READ ${file} bytes HEX)
+  string(REGEX REPLACE "(..)" "0x\\1," bytes "${bytes}")
+  string(APPEND arrays "constexpr unsigned char kFile${number}[] = {${bytes}};\n")
+  string(APPEND rows "    {\"/${name}\", \"${type}${charset}\", kFile${number}},\n")
+  math(EXPR number "${number} + 1")
+endforeach()
+file(WRITE ${OUTPUT} "#include \"sim/web/page_files.h\"\n\nnamespace sim {\n\nnamespace {\n\n${arrays}
+constexpr PageFile kFiles[] = {\n${rows}};\n\n}  // namespace\n
+std::span<const PageFile> page_files() { return kFiles; }\n\n}  // namespace sim\n")
