@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <deque>
+#include <mutex>
 
 #include "sim/usbip/messages.h"
 
@@ -48,18 +49,29 @@ class Client {
   const int socket_;
 };
 
-class ListenerTest : public testing::Test {
- protected:
-  ~ListenerTest() override {
-    for (const int socket : taken) close(socket);
+// The sockets of clients that have the camera, which are closed at the end.
+struct Taken {
+  ~Taken() {
+    for (const int socket : sockets) close(socket);
+  }
+  bool take(int socket) {
+    const std::lock_guard guard(lock);
+    sockets.push_back(socket);
+    return true;
   }
 
+  std::mutex lock;
+  std::vector<int> sockets;
+};
+
+class ListenerTest : public testing::Test {
+ protected:
   std::atomic<bool> available = true;
-  std::vector<int> taken;
+  Taken taken;
   sim::Listener listener{"127.0.0.1",
                          0,
                          {.available = [this] { return available.load(); },
-                          .imported = [this](int socket) { return taken.push_back(socket), true; }}};
+                          .imported = [this](int socket) { return taken.take(socket); }}};
 };
 
 TEST_F(ListenerTest, ListsTheCameraAndGivesItAway) {
@@ -81,7 +93,8 @@ TEST_F(ListenerTest, ListsTheCameraAndGivesItAway) {
   EXPECT_THAT(late.hear(), SizeIs(8));
   looks.say(kList);
   EXPECT_THAT(looks.hear(), SizeIs(12));
-  ASSERT_EQ(taken.size(), 1u);
+  const std::lock_guard guard(taken.lock);
+  EXPECT_EQ(taken.sockets.size(), 1u);
 }
 
 TEST_F(ListenerTest, BadClientsDoNotKeepAGoodOneOut) {
