@@ -173,9 +173,10 @@ WebAnswer stream(Web& web, const Json& arguments) {
 }
 
 WebAnswer stop(Web& web, const Json&) {
+  if (!web.wanted && !web.prompt.stream) return outcome("no stream is running");
   web.wanted.reset();
-  if (!web.prompt.stream) return outcome("no stream is running");
-  stop_stream(web.prompt);
+  web.trouble.clear();
+  if (web.prompt.stream) stop_stream(web.prompt);
   return {};
 }
 
