@@ -119,7 +119,7 @@ void print_version_record(ControlProbe& probe) {
   MarkdownTable table({"when", "record"});
   table.add({"before start-up has filled it", hex_cell(probe.get(UVC_GET_CUR, vendor(kVersionSelector)))});
   uvc_vendor_init(kBuildVersion, kBuildDate);
-  table.add({std::string("version ") + kBuildVersion + " of " + kBuildDate,
+  table.add({"version " + std::string(kBuildVersion) + " of " + kBuildDate,
              hex_cell(probe.get(UVC_GET_CUR, vendor(kVersionSelector)))});
   print(kVersionText + table.text());
 }

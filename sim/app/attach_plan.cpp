@@ -15,7 +15,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kNodeLimit = 10s;  // from the plug to the driver's node
+constexpr auto kNodeLimit = 10s;  // from the plug to the driver's node, on an idle PC
 constexpr auto kRateTime = 1s;    // over which a rate is counted
 
 std::string number(double value) {
@@ -52,7 +52,7 @@ bool AttachedHost::introduce(Session& session) {
   const auto there = [&] {
     return !attachment_->error().empty() || listens_ || !attachment_->video_node().empty();
   };
-  const bool came = session.wait(kNodeLimit, there);
+  const bool came = session.wait(kNodeLimit * patience(), there);
   if (const std::string error = attachment_->error(); !error.empty()) {
     session.complain(error);
     return false;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <vector>
@@ -18,7 +19,7 @@ using namespace std::chrono_literals;
 
 constexpr double kServiceEnd = 1;       // seconds from SIGTERM to the service's end
 constexpr double kServicePatience = 5;  // seconds until it is killed
-constexpr auto kDeviceLimit = 15s;      // from the service's start to the device on the bus
+constexpr auto kDeviceLimit = 15s;      // from the service's start to the device on the bus, on an idle PC
 
 std::vector<std::string> service_command(const Options& options) {
   const auto beside = std::filesystem::read_symlink("/proc/self/exe").replace_filename("uvc_gadget_sim");
@@ -35,6 +36,12 @@ void write_lines(const std::string& path, const std::vector<std::string>& lines)
 }  // namespace
 
 volatile sig_atomic_t interrupted = 0;
+
+int patience() {
+  double load = 0;
+  if (getloadavg(&load, 1) != 1) return 1;
+  return 1 + static_cast<int>(load / std::max(1u, std::thread::hardware_concurrency()));
+}
 
 void catch_signals() {
   struct sigaction action = {};
@@ -68,7 +75,7 @@ void Session::complain(const std::string& what) {
 
 bool Session::wait_for_device() {
   const auto begin = Clock::now();
-  if (!wait(kDeviceLimit, [&] { return camera_.node.wait_for_device(0ms); })) {
+  if (!wait(kDeviceLimit * patience(), [&] { return camera_.node.wait_for_device(0ms); })) {
     if (going_on()) complain("the device did not appear");
     return false;
   }

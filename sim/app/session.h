@@ -24,6 +24,8 @@ struct Options;
 
 /// Ctrl-C, SIGTERM and SIGHUP only put their number here from now on; whoever waits looks at it.
 extern volatile sig_atomic_t interrupted;
+/// Returns how many times as long as on an idle PC something may take: 1 or more.
+int patience();
 void catch_signals();
 
 class Session {

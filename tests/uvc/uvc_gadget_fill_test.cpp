@@ -188,7 +188,8 @@ TEST_F(FillTest, LevelFileIsReadAgainWhileTheRingIsEmpty) {
   std::thread user([&level] {
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     kill(getpid(), SIGUSR1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    for (int i = 0; i < 200 && print_level != 2; ++i)  // fill() gives up after 2.5 s
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
     level = print_level;
     uvc_stream_state.stream_on = 0;
   });

@@ -148,7 +148,7 @@ TEST(Checker, KnowsFramesOfAnotherEncoderByTheirBytes) {
     for (; *written; ++written, ++fed) {
       if (EncFrameSlot* slot = *written == '-' ? nullptr : writer.acquire())
         writer.publish(*slot, {kJpegFrameType, all[*written - '0']}, 320, 240);
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the watcher looks every millisecond
       if (*fed != '-') checker.feed(all[*fed - '0']);
     }
     return text(checker.report());
