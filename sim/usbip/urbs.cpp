@@ -64,6 +64,9 @@ bool UrbConnection::take_request() {
 bool UrbConnection::add(Urb urb) {
   const std::lock_guard guard(lock_);
   const bool streams = urb.request.endpoint == kStreamEndpoint && urb.request.in;
+  newest_ = urb.request.number;
+  if (const auto early = taken_back_early_.extract(newest_); !early.empty())
+    return send(taken_back_answer(early.mapped(), -ECONNRESET));
   if (open_.size() >= kMostOpen || !open_.insert(urb.request.number).second) return false;
   if (streams) {
     // It goes over the bus behind those that wait, and not before it was asked for.
@@ -75,8 +78,15 @@ bool UrbConnection::add(Urb urb) {
   return true;
 }
 
+// Linux sends its transfers and what takes them back from two queues, so that the latter may come first. An
+// answer before the transfer has come would make Linux forget the transfer or wait for it, depending on how
+// far it is.
 bool UrbConnection::take_back(const UrbRequest& request) {
   const std::lock_guard guard(lock_);
+  if (static_cast<i32>(*request.taken_back - newest_) > 0) {
+    taken_back_early_.emplace(*request.taken_back, request.number);
+    return taken_back_early_.size() <= kMostOpen;
+  }
   const bool was_open = open_.erase(*request.taken_back) > 0;
   for (Queue* queue : {&controls_, &streams_}) {
     std::erase_if(*queue, [&](const Urb& urb) { return urb.request.number == *request.taken_back; });

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -74,7 +75,9 @@ class UrbConnection {
   std::atomic<bool> ended_ = false;
   std::mutex lock_;  ///< guards the members below, and sending
   std::condition_variable changed_;
-  std::set<u32> open_;  ///< numbers of the transfers that have no answer yet
+  std::set<u32> open_;                   ///< numbers of the transfers that have no answer yet
+  u32 newest_ = 0;                       ///< number of the last transfer that came; they come in order
+  std::map<u32, u32> taken_back_early_;  ///< transfers that have not come, with the requests' numbers
   Queue controls_, streams_;
   Clock::time_point bus_free_{};
   std::thread control_thread_, stream_thread_, reader_;

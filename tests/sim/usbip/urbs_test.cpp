@@ -99,6 +99,17 @@ TEST_F(UrbsTest, EveryTransferIsAnsweredOnceInAThousandOrders) {
   EXPECT_GT(taken, 500u);
 }
 
+TEST_F(UrbsTest, ATransferMayBeTakenBackBeforeItComes) {
+  const u32 request = host->take_back(2);
+  EXPECT_FALSE(host->next(50ms));
+  EXPECT_EQ(host->control(kGet), 2u);
+  const auto answer = host->answer_to(request);
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->status, -ECONNRESET);
+  host->forget(2);
+  EXPECT_TRUE(host->answer_to(host->control(kGet)));
+}
+
 TEST_F(UrbsTest, StreamsNoFasterThanABusAfterAStallAsWell) {
   for (int stall = 0; stall < 2; ++stall) {
     const auto begin = Clock::now();
@@ -140,6 +151,8 @@ std::vector<u8> joined(std::vector<u8> bytes, const std::vector<u8>& more) {
 
 TEST_F(UrbsTest, HostsThatBreakTheProtocolAreLeft) {
   const auto unanswered = bytes_of({1, 1, 0, 1, 0, 0, 4, 0, 0, 0, 0x80010000});
+  std::vector<u8> taken_back;
+  for (u32 i = 1; i <= 100; ++i) taken_back = joined(taken_back, bytes_of({2, i, 0, 0, 0, 1000 + i}));
   const struct {
     const char* what;
     std::vector<u8> bytes;
@@ -150,6 +163,7 @@ TEST_F(UrbsTest, HostsThatBreakTheProtocolAreLeft) {
       {"too many packets", bytes_of({1, 1, 0, 1, 1, 0, 3072, 0, 0x10000})},
       {"a packet outside", joined(bytes_of({1, 1, 0, 1, 1, 0, 3072, 0, 1}), bytes_of({3000, 100}, 16))},
       {"the same number twice", joined(unanswered, unanswered)},
+      {"too many taken back before they come", taken_back},
       {"half a request", std::vector<u8>(20, 1)},
   };
   for (const auto& [what, bytes] : breaches) {
