@@ -7,5 +7,7 @@ check "service killed while streaming" service_dies
 check "SIGTERM while streaming" stop_while_streaming
 check "kill -9 while streaming" killed
 check "server takes no messages" server_rests
+check "a second client" second_client
 check "suspended and resumed" suspended_and_resumed 3
+check "sleep refused, stream goes on" sleep_refused
 check "service ends" end_service

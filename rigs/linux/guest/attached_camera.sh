@@ -1,16 +1,19 @@
 # Sourced by the parts in which the camera is a USB device that camera_sim attaches to the kernel's virtual controller.
 # One program then plays all that is around the service, and what the other checks do to the service, they do to it.
 modules_at_first=$(lsmod)
-prompt() { echo "$*" >/tmp/prompt; }
+mkfifo /tmp/prompt
+exec 7<>/tmp/prompt
+prompt() { echo "$*" >&7; }
 fault() { prompt fault "$@"; }
 unplug() { prompt unplug; }
+examine_gadget() { :; }
 replug() { prompt plug && wait_until 20 node_answers; }
 
-start_parties() { [ -p /tmp/prompt ] || mkfifo /tmp/prompt; }
+start_parties() { :; }
 start_service() {
   logs=$out/camera.$((++starts))
   mkdir -p $logs
-  "$build/camera_sim" --attach --out $logs --lent-encoder "$(lent_encoder)" <>/tmp/prompt >$logs/attached.txt 2>&1 &
+  "$build/camera_sim" --attach --out $logs --lent-encoder "$(lent_encoder)" <&7 >$logs/attached.txt 2>&1 &
   service=$!
   wait_until 20 node_answers || { tail -n 3 $logs/attached.txt; return 1; }
 }
@@ -39,12 +42,24 @@ suspended_and_resumed() {
   echo "$1 times; the next stream is whole"
 }
 
+# The kernel does not put its virtual controller to sleep while a device is attached. Without that, the test mode would
+# wake it after 5 s.
+sleep_refused() {
+  begin_capture MJPG 1280x720 90 || return
+  echo devices >/sys/power/pm_test
+  if echo freeze >/sys/power/state 2>/tmp/refused; then echo "it went to sleep"; return 1; fi
+  cat /tmp/refused
+  grep -q 'Device or resource busy' /tmp/refused && end_capture MJPG 1280x720 90
+}
+
 ports_free() { ! awk 'FNR > 1 && $3 != "004"' /sys/devices/platform/vhci_hcd.*/status* | grep .; }
 processes_ended() { ! cat /proc/[0-9]*/comm | grep -xE 'camera_sim|uvc_gadget_sim'; }
+files_and_keys_gone() { ! { find /dev/shm /dev/mqueue -mindepth 1; tail -qn +2 /proc/sysvipc/*; } | grep .; }
 killed() {
   begin_stream MJPG 1280x720 || return
   end_service KILL
-  wait_until 5 node_gone && wait_until 5 ports_free && wait_until 5 processes_ended || return
+  wait_until 5 node_gone && wait_until 5 ports_free && wait_until 5 processes_ended &&
+    wait_until 5 files_and_keys_gone || return
   end_stream
-  start_service && whole MJPG 1280x720 8 && echo "no node, no port taken, no process left; whole after a restart"
+  start_service && whole MJPG 1280x720 8 && echo "no node, port, process, file or key left; whole after a restart"
 }

@@ -43,6 +43,15 @@ end_stream() {
   wait $stream || true
 }
 
+# A capture of so many frames, in the middle of which something else happens.
+begin_capture() {
+  rm -f /tmp/capture.txt
+  capture "$@" /tmp/capture /tmp/capture.txt &
+  stream=$!
+  wait_until 10 grep -q 'cap dqbuf' /tmp/capture.txt
+}
+end_capture() { wait $stream && judge "$@"; }
+
 formats=(MJPG:1280x720 YUYV:640x480 H264:1920x1080 HEVC:1280x720 MJPG:320x240 YUYV:320x240 H264:640x480)
 
 # cycles COUNT: opens, streams, closes, with another format every time.
@@ -115,17 +124,14 @@ server_restarts() {
 
 # While one program streams, another reads and sets a control, but gets no stream; a third examines the
 # gadget's own node.
+examine_gadget() { v4l2-ctl -d /dev/video0 --get-fmt-video-out; }
 second_client() {
-  local first
-  rm -f /tmp/capture.txt
-  capture MJPG 1280x720 150 /tmp/capture /tmp/capture.txt &
-  first=$!
-  wait_until 10 grep -q 'cap dqbuf' /tmp/capture.txt || return
+  begin_capture MJPG 1280x720 150 || return
   v4l2-ctl -d "$(node)" --set-ctrl=brightness=3 --get-ctrl=brightness || return
   v4l2-ctl -d "$(node)" --stream-mmap --stream-count=1 >/tmp/second.txt 2>&1 || true
   grep busy /tmp/second.txt || { cat /tmp/second.txt; return 1; }
-  v4l2-ctl -d /dev/video0 --get-fmt-video-out || return
-  wait $first && judge MJPG 1280x720 150
+  examine_gadget || return
+  end_capture MJPG 1280x720 150
 }
 
 runtime_suspended() {
