@@ -22,7 +22,7 @@ constexpr int kHistoryLines = 1000;
 
 // Readline's callbacks take no object, so these are global.
 LineReader::Completer completer;
-LineReader::Status status;
+LineReader::Status shown_status;
 std::vector<std::string> candidates;
 
 std::string history_path(const std::string& program) {
@@ -57,7 +57,7 @@ char** complete(const char* begun, int start, int) {
 // Readline calls this ten times a second while it waits for a key.
 int look_around() {
   if (interrupted) rl_done = 1;
-  if (const std::string now = status() + "> "; now != rl_prompt) {
+  if (const std::string now = shown_status() + "> "; now != rl_prompt) {
     rl_set_prompt(now.c_str());
     rl_redisplay();
   }
@@ -87,7 +87,7 @@ LineReader::LineReader(std::string program, Completer wanted, Status shown)
       history_(history_path(program_)) {
   if (!on_terminal_) return;
   completer = std::move(wanted);
-  status = shown ? std::move(shown) : [name = program_] { return name; };
+  shown_status = shown ? std::move(shown) : [name = program_] { return name; };
   set_up(program_);
   if (!history_.empty()) read_history(history_.c_str());
 }
@@ -107,7 +107,8 @@ std::optional<std::string> LineReader::next() {
 }
 
 std::optional<std::string> LineReader::edited() {
-  const std::unique_ptr<char, decltype(&std::free)> line(readline((status() + "> ").c_str()), std::free);
+  const std::unique_ptr<char, decltype(&std::free)> line(readline((shown_status() + "> ").c_str()),
+                                                         std::free);
   if (interrupted) return "";
   if (!line) return std::nullopt;
   keep_in_history(line.get());

@@ -12,6 +12,7 @@
 #include "ipc/msg_records.h"
 #include "sim/app/fault_script.h"
 #include "sim/seam/files.h"
+#include "sim/seam/milliseconds.h"
 
 namespace sim {
 
@@ -31,9 +32,6 @@ constexpr long kFormerSegments = 1;      //< stays attached when the server make
 constexpr long kMostOwnKilobytes = 512;  //< that the service may have more than before
 
 milliseconds as_milliseconds(double seconds) { return milliseconds(std::lround(seconds * 1000)); }
-double ms_since(Clock::time_point begin) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-}
 
 // Whether a message waits for the service.
 bool message_waits(i32 key, i32 process) {
@@ -216,7 +214,7 @@ void StormLives::expect_picture(bool from_start) {
   };
   wait(kEncoderPatience, [&] { return came() || over(); });
   if (!came()) return log_->fail("no picture within 3 s");
-  tally_.picture.note(from_start ? camera_.host.progress().first_picture_ms : ms_since(begin));
+  tally_.picture.note(from_start ? camera_.host.progress().first_picture_ms : milliseconds_since(begin));
 }
 
 // Calm: every control obeys, everything arrived, and the service has what it had before.

@@ -13,8 +13,6 @@ namespace sim {
 
 namespace {
 
-using Json = nlohmann::json;
-
 constexpr u8 kLimits[] = {UVC_GET_MIN, UVC_GET_MAX, UVC_GET_RES, UVC_GET_DEF};
 constexpr const char* kLimitNames[] = {"min", "max", "res", "def"};
 
@@ -163,7 +161,7 @@ WebAnswer stream(Web& web, const Json& arguments) {
   if (!parse_format(format)) return unknown("format", format);
   if (!size.empty() && !parse_size(size)) return web_error(400, "\"size\" is not a size such as 1280x720");
   std::string order = format + ' ' + size;
-  if (arguments.contains("rate")) order += " at " + arguments["rate"].dump();
+  if (arguments.contains("rate")) order += " at " + text_of(arguments["rate"]);
   StreamChoice choice{};
   if (const Complaint complaint = parse_choice(web.prompt, words_of(order), choice); !complaint.empty())
     return web_error(400, complaint);

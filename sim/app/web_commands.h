@@ -38,7 +38,7 @@ struct WebArgument {
 struct WebRow {
   const char* name;
   std::vector<WebArgument> arguments;
-  WebAnswer (*run)(Web&, const nlohmann::json& arguments);
+  WebAnswer (*run)(Web&, const Json& arguments);
   bool changes = true;        ///< refused by GET
   bool needs_camera = false;  ///< refused without cable or service
 };
@@ -49,7 +49,7 @@ WebAnswer check(const WebCommand& command);
 WebAnswer carry_out(Web& web, const WebCommand& command);
 
 /// The speeds in the arguments of "move", which is not carried out like the others: it must not wait.
-HeadMotion::Speeds speeds_in(const nlohmann::json& arguments);
+HeadMotion::Speeds speeds_in(const Json& arguments);
 constexpr char kMoveCommand[] = "move";
 
 /// Ends a stream that was cut, and starts the wanted one when the camera is there.

@@ -9,8 +9,6 @@ namespace sim {
 
 namespace {
 
-using Json = nlohmann::json;
-
 constexpr std::size_t kMostNews = 300;  // of each record in one message
 constexpr std::string_view kLevels = "AEWIDV";
 

@@ -3,13 +3,13 @@
 
 #include <map>
 #include <mutex>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
 #include "sim/app/camera.h"
 #include "sim/app/process_load.h"
 #include "sim/app/recording.h"
+#include "sim/web/json.h"
 
 namespace sim {
 
@@ -29,7 +29,7 @@ class WebState {
   // Any thread may call these.
   void set(WebStatus status);
   /// As it was at the last look.
-  nlohmann::json state() const;
+  Json state() const;
 
   // A single thread calls these.
   /// Measures and counts anew.
@@ -41,25 +41,25 @@ class WebState {
     unsigned long log = 0;
   };
   /// Returns what came since, at most so many of each, and the state; what is skipped is counted.
-  nlohmann::json news(Seen& seen);
+  Json news(Seen& seen);
 
  private:
-  nlohmann::json stream_now(const WebStatus& status) const;
+  Json stream_now(const WebStatus& status) const;
 
   Camera& camera_;
   const Recording& recording_;
   mutable std::mutex lock_;  ///< guards the next two members
   WebStatus status_;
-  nlohmann::json state_;
+  Json state_;
   ProcessLoad service_load_, own_load_;
   std::size_t settled_ = 0, exchanges_ = 0;
 };
 
 /// The same record for a command: what happened from a number on.
-nlohmann::json conversation_since(Camera& camera, std::size_t from, std::size_t to);
-nlohmann::json log_since(const Camera& camera, unsigned long from, char level);
-nlohmann::json server_since(const Camera& camera, std::size_t from);
+Json conversation_since(Camera& camera, std::size_t from, std::size_t to);
+Json log_since(const Camera& camera, unsigned long from, char level);
+Json server_since(const Camera& camera, std::size_t from);
 /// Such as {"format": "MJPEG", "width": 1280, "height": 720, "rate": 30}.
-nlohmann::json json_of(const StreamChoice& choice);
+Json json_of(const StreamChoice& choice);
 
 }  // namespace sim

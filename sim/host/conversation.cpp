@@ -9,6 +9,7 @@
 
 #include "sim/host/host_controls.h"
 #include "sim/host/usb_host.h"
+#include "sim/seam/milliseconds.h"
 
 namespace sim {
 
@@ -18,8 +19,6 @@ using Clock = std::chrono::steady_clock;
 
 // Wide enough for both pan and tilt at their limits.
 constexpr std::size_t kRequestColumns = 61;
-
-double milliseconds(Clock::duration time) { return std::chrono::duration<double, std::milli>(time).count(); }
 
 u8 interface_of(const usb_ctrlrequest& setup) { return static_cast<u8>(setup.wIndex); }
 u8 entity_of(const usb_ctrlrequest& setup) { return static_cast<u8>(setup.wIndex >> 8); }
@@ -178,13 +177,13 @@ ControlAnswer Conversation::control(const usb_ctrlrequest& setup, std::span<cons
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(begin + limit - Clock::now());
   const bool served = node_.settle(left);
   Exchange exchange{
-      .at_ms = milliseconds(begin - begin_),
+      .at_ms = in_milliseconds(begin - begin_),
       .setup = setup,
       .data = setup.bRequestType & USB_DIR_IN ? answer.data : std::vector(data.begin(), data.end()),
       .stalled = answer.stalled,
       .timed_out = answer.timed_out,
       .answer_ms = answer.waited_ms,
-      .served_ms = served ? milliseconds(Clock::now() - begin) : -1};
+      .served_ms = served ? in_milliseconds(Clock::now() - begin) : -1};
   {
     const std::lock_guard guard(lock_);
     slowest_ms_ = std::max(slowest_ms_, exchange.answer_ms);

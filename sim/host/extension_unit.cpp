@@ -6,7 +6,7 @@ namespace {
 
 constexpr ExtensionField kByte[] = {{"value", 0, 1, 255}};
 constexpr ExtensionField kSwitch[] = {{"value", 0, 1, 1}};
-constexpr ExtensionField kInterval[] = {{"frames", 0, 1, 255}};
+constexpr ExtensionField kKeyFrameInterval[] = {{"frames", 0, 1, 255}};
 constexpr ExtensionField kFirstParameter[] = {{"parameter", 1, 1, 255}};
 constexpr ExtensionField kRateControl[] = {
     {"codec", 0, 1, 3},
@@ -44,7 +44,7 @@ constexpr ExtensionSelector kSelectors[] = {
      .name = "key_frame_interval",
      .meaning = "key-frame interval in frames (byte 0); setting 0 asks for one key frame",
      .length = 3,
-     .fields = kInterval},
+     .fields = kKeyFrameInterval},
     {.selector = 5,
      .name = "private_request",
      .meaning = "1 issues the gadget driver's private request",

@@ -142,13 +142,13 @@ Bytes control_interface() {
 }
 
 Bytes streaming_interface() {
-  constexpr u32 kFormats = std::size(kLayouts);
+  constexpr u32 kFormatCount = std::size(kLayouts);
   const Bytes behind = formats();
-  const u32 total = 13 + kFormats + static_cast<u32>(behind.size());
-  const Fields header = {b(UVC_VS_INPUT_HEADER), b(kFormats), w(total), b(kStreamEndpoint)};
+  const u32 total = 13 + kFormatCount + static_cast<u32>(behind.size());
+  const Fields header = {b(UVC_VS_INPUT_HEADER), b(kFormatCount), w(total), b(kStreamEndpoint)};
   const Fields rest = {b(0), b(kOutputTerminal), b(0), b(0), b(0), b(1)};
   Bytes bytes = interface(kVideoStreamingInterface, 0, 0, UVC_SC_VIDEOSTREAMING);
-  append(bytes, descriptor(USB_DT_CS_INTERFACE, header + rest + Fields(kFormats, b(0))));
+  append(bytes, descriptor(USB_DT_CS_INTERFACE, header + rest + Fields(kFormatCount, b(0))));
   append(bytes, behind);
   append(bytes, interface(kVideoStreamingInterface, 1, 1, UVC_SC_VIDEOSTREAMING));
   append(bytes,

@@ -13,6 +13,7 @@
 
 #include "sim/host/host_controls.h"
 #include "sim/host/png.h"
+#include "sim/seam/milliseconds.h"
 #include "sim/seam/wait_on.h"
 
 namespace sim {
@@ -54,8 +55,6 @@ ProbeBlock probe_block(const StreamChoice& choice) {
   put_le32(&block[kInterval], kUnitsPerSecond / choice.rate);
   return block;
 }
-
-double milliseconds(Clock::duration time) { return std::chrono::duration<double, std::milli>(time).count(); }
 
 }  // namespace
 
@@ -182,7 +181,7 @@ void UsbHost::Stream::check() {
     changed_.notify_all();
     if (result_.report.frames == 0 || result_.first_picture_ms >= 0) continue;
     first_ = frame.arrived;
-    result_.first_picture_ms = milliseconds(first_ - begin_);
+    result_.first_picture_ms = in_milliseconds(first_ - begin_);
   }
 }
 
@@ -202,7 +201,7 @@ StreamResult UsbHost::Stream::result() const {
   std::lock_guard guard(lock_);
   StreamResult result = result_;
   const auto end = stopping_ ? end_ : Clock::now();
-  if (result.first_picture_ms >= 0) result.seconds = milliseconds(end - first_) / 1000;
+  if (result.first_picture_ms >= 0) result.seconds = in_milliseconds(end - first_) / 1000;
   return result;
 }
 

@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::size_t kMostPicture = 6u << 20;
 constexpr useconds_t kPollUs = 200;
-constexpr i64 kPatience = 1000 * kMillisecond;
+constexpr i64 kPatienceWithLender = 1000 * kMillisecond;
 
 }  // namespace
 
@@ -70,7 +70,7 @@ std::optional<EncodedFrame> LentEncoder::encode(const EncoderSettings& settings,
   memory_.settings = settings;
   memory_.key_frame = key_frame;
   const u32 number = ++memory_.asked;
-  for (const i64 end = monotonic_ns() + kPatience; memory_.answered != number; usleep(kPollUs)) {
+  for (const i64 end = monotonic_ns() + kPatienceWithLender; memory_.answered != number; usleep(kPollUs)) {
     if (monotonic_ns() > end) return std::nullopt;
   }
   if (memory_.failed) return std::nullopt;

@@ -20,7 +20,7 @@ namespace {
 
 // The writer's own state of a slot; the reader takes it for "not ready".
 constexpr u32 kSlotWriting = 1;
-constexpr i64 kPatience = 300 * kMillisecond;
+constexpr i64 kPatienceWithReader = 300 * kMillisecond;
 
 // The reader loads a state and then stores its own, in two steps; after this time it has done both.
 constexpr useconds_t kReaderStepsUs = 1000;
@@ -104,7 +104,7 @@ EncFrameSlot* RingWriter::acquire() {
   note_reader();
   EncFrameSlot* slot = nullptr;
   const auto found = [&] { return (slot = free_slot()) != nullptr; };
-  if (!wait_on(*released_, monotonic_ns() + (reader_seen_ ? kPatience : 0), found)) {
+  if (!wait_on(*released_, monotonic_ns() + (reader_seen_ ? kPatienceWithReader : 0), found)) {
     const unsigned dropped = drop_unread();
     gap_ = gap_ || dropped > 0;
     if (reader_seen_) dropped_ += dropped;

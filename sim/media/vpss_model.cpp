@@ -8,7 +8,7 @@ namespace sim {
 
 namespace {
 
-constexpr i64 kPatience = 300 * kMillisecond;
+constexpr i64 kPatienceWithTaker = 300 * kMillisecond;
 constexpr u32 kHandleMask = 0xFFFFFFFF >> 2;
 
 }  // namespace
@@ -83,7 +83,7 @@ void VpssModel::take_back() {
 }
 
 void VpssModel::wait_for_taker() {
-  const i64 deadline = monotonic_ns() + (taker_seen_ ? kPatience : 0);
+  const i64 deadline = monotonic_ns() + (taker_seen_ ? kPatienceWithTaker : 0);
   taker_seen_ = wait_on(channel_.taken, deadline, [this] { return !ready(); });
 }
 

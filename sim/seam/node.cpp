@@ -8,6 +8,7 @@
 #include <functional>
 #include <thread>
 
+#include "sim/seam/milliseconds.h"
 #include "sim/seam/node_state.h"
 #include "sim/seam/run.h"
 
@@ -33,10 +34,6 @@ bool wait_until(milliseconds limit, const Ready& ready) {
     if (Clock::now() >= end) return false;
     std::this_thread::sleep_for(std::chrono::microseconds(500));
   }
-}
-
-double milliseconds_since(Clock::time_point begin) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
 }
 
 bool subscribed_to_all(NodeState& state) {

@@ -26,7 +26,7 @@ using namespace std::chrono_literals;
 
 constexpr std::size_t kMostClients = 16;  //< that have not said all yet; the oldest makes room for a new one
 constexpr auto kClientLimit = 2s;         //< for all that a client says
-constexpr auto kLook = 100ms;             //< at clients that are too slow, and at the end of this object
+constexpr auto kLookAtClients = 100ms;    //< at clients that are too slow, and at the end of this object
 
 // One that has not said all that its wish needs.
 struct Client {
@@ -123,7 +123,7 @@ void Listener::serve() {
   while (!ending_) {
     std::vector<pollfd> files{{socket_, POLLIN, 0}};
     for (const Client& client : clients) files.push_back({client.socket, POLLIN, 0});
-    if (poll(files.data(), files.size(), std::chrono::milliseconds(kLook).count()) < 0) continue;
+    if (poll(files.data(), files.size(), std::chrono::milliseconds(kLookAtClients).count()) < 0) continue;
     std::erase_if(clients, [&](Client& client) {
       const Fate fate = Clock::now() - client.since > kClientLimit ? Fate::kDropped : hear(client, offer_);
       if (fate == Fate::kDropped) close(client.socket);

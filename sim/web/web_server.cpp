@@ -23,8 +23,6 @@ namespace sim {
 
 namespace {
 
-using Json = nlohmann::json;
-
 constexpr std::string_view kCommands = "/api/", kSocket = "/socket";
 constexpr char kJsonType[] = "application/json";
 constexpr std::size_t kPiece = 32 * 1024;             //< bytes of a body that are written at once
@@ -47,8 +45,6 @@ constexpr Header kHeaders[] = {
     {"x-content-type-options:", "nosniff"},
     {"cache-control:", "no-store"},
 };
-
-std::string text_of(const Json& json) { return json.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
 // A body that is being written: the bytes, or a file.
 struct Body {
@@ -342,7 +338,7 @@ int WebServer::Impl::end_body(Connection& client) {
   client.closes = false;
   if (request.came > kLongestWebCommand) return reply(client, web_error(413, "the body is too long"));
   if (!request.body.empty()) {
-    request.command.arguments = Json::parse(request.body, nullptr, false);
+    request.command.arguments = json_in(request.body);
     if (!request.command.arguments.is_object())
       return reply(client, web_error(400, "the body is not a JSON object"));
   }
@@ -434,7 +430,7 @@ int WebServer::Impl::take_message(Connection& client, std::string_view piece) {
   client.message += piece;
   if (client.message.size() > kLongestWebCommand || lws_frame_is_binary(client.socket)) return -1;
   if (!lws_is_final_fragment(client.socket)) return 0;
-  Json message = Json::parse(std::exchange(client.message, {}), nullptr, false);
+  Json message = json_in(std::exchange(client.message, {}));
   if (client.unanswered >= kMostWebAnswers) return -1;  // it does not read its answers
   if (message.is_object() && message.contains("drawn") && message["drawn"].is_number_unsigned()) {
     // A browser may finish the later of two pictures first.

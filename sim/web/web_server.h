@@ -5,11 +5,11 @@
 
 #include <functional>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "common/bytes.h"
+#include "sim/web/json.h"
 
 namespace sim {
 
@@ -20,15 +20,15 @@ struct WebCommand {
   PageId client = 0;     ///< the page, or the HTTP connection
   bool by_page = false;  ///< came over a web socket
   bool get = false;      ///< came by GET, which is not to change anything
-  nlohmann::json id{};   ///< the page's own number of the command; null over HTTP
+  Json id{};             ///< the page's own number of the command; null over HTTP
   std::string name{};    ///< such as "stream"
-  nlohmann::json arguments = nlohmann::json::object();
+  Json arguments = Json::object();
 };
 
 /// JSON, or a file to download.
 struct WebAnswer {
   int status = 200;
-  nlohmann::json json = nlohmann::json::object();
+  Json json = Json::object();
   std::string file{};  ///< its path
   std::string type{};  ///< its Content-Type
 };
@@ -69,7 +69,7 @@ class WebServer {
   /// Returns whether the page is there and its last update has been sent.
   bool ready(PageId page) const;
   /// Sends a message to a page that is ready.
-  void update(PageId page, const nlohmann::json& message);
+  void update(PageId page, const Json& message);
   void show(WebPicture picture);
   /// Returns whether a page has drawn its last pictures and would take one.
   bool watched() const;

@@ -337,7 +337,7 @@ TEST_F(CameraTest, RingThatCannotBeAttachedEndsTheServiceInOrder) {
 
 TEST_F(CameraTest, StreamsLeakNothing) {
   leaks_nothing([this] {
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 100; ++i) {
       ASSERT_TRUE(host.start(i % 2 ? kYuy2 : kMjpeg)) << i << host.error();
       ASSERT_TRUE(picture_comes()) << "start " << i << "\n" << service->last_lines();
       host.stop("");

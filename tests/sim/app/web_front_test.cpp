@@ -23,7 +23,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using Json = nlohmann::json;
 
 std::string contents(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);
@@ -63,11 +62,11 @@ class WebFrontTest : public testing::Test {
 
   Json post(const std::string& name, const Json& arguments = Json::object()) {
     WebClient client(port);
-    const std::string body = arguments.dump();
+    const std::string body = text_of(arguments);
     client.send("POST /api/" + name + " HTTP/1.1\r\n" + client.host() +
                 "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
     const std::string answer = client.answer();
-    Json json = Json::parse(answer.substr(answer.find("\r\n\r\n")), nullptr, false);
+    Json json = json_in(answer.substr(answer.find("\r\n\r\n")));
     json["status"] = std::stoi(answer.substr(answer.find(' ')));
     return json;
   }

@@ -8,11 +8,11 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
 #include "common/bytes.h"
+#include "sim/web/json.h"
 
 namespace sim {
 
@@ -77,7 +77,7 @@ class WebClient {
     for (int shift = 56; shift >= 0; shift -= 8) bytes += static_cast<char>(data.size() >> shift);
     return bytes + std::string(4, '\0') + data;  // this mask changes nothing
   }
-  bool tell(const nlohmann::json& message) { return send(frame(message.dump())); }
+  bool tell(const Json& message) { return send(frame(text_of(message))); }
   struct Message {
     u8 kind = 0;
     std::string data{};
@@ -97,10 +97,10 @@ class WebClient {
     }
   }
   // The next text that has this member; pictures are passed over.
-  nlohmann::json next_with(const char* member) {
+  Json next_with(const char* member) {
     for (auto message = next(); message; message = next()) {
       if (message->kind != kText) continue;
-      const auto json = nlohmann::json::parse(message->data);
+      const Json json = json_in(message->data);
       if (json.contains(member)) return json;
     }
     return {};

@@ -24,7 +24,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using Json = nlohmann::json;
 
 class WebServerTest : public testing::Test {
  protected:
@@ -189,7 +188,7 @@ TEST_F(WebServerTest, PagesGetAnswersWithTheirNumbers) {
   WebClient page(server.port());
   ASSERT_TRUE(page.upgrade());
   page.tell({{"id", 7}, {"command", "set"}, {"value", 3}});
-  EXPECT_EQ(page.next_with("id"), Json::parse(R"({"did":"set","with":{"value":3},"id":7,"status":200})"));
+  EXPECT_EQ(page.next_with("id"), json_in(R"({"did":"set","with":{"value":3},"id":7,"status":200})"));
   const std::string text = R"({"id": 8, "command": "get"})";  // in pieces
   page.send(WebClient::frame(text.substr(0, 10), WebClient::kText, false));
   page.send(WebClient::frame(text.substr(10), WebClient::kMore));
