@@ -193,7 +193,8 @@ TEST_F(WebServerTest, PagesGetAnswersWithTheirNumbers) {
   page.send(WebClient::frame(text.substr(0, 10), WebClient::kText, false));
   page.send(WebClient::frame(text.substr(10), WebClient::kMore));
   EXPECT_EQ(page.next_with("id")["did"], "get");
-  for (const char* wrong : {"[]", "{", "{\"command\": 3}", "\"\"", "nothing"}) {
+  for (const char* wrong :
+       {"[]", "{", "{\"command\": 3}", "{\"id\": [7], \"command\": \"get\"}", "\"\"", "nothing"}) {
     page.send(WebClient::frame(wrong));
     EXPECT_EQ(page.next_with("status")["status"], 400) << wrong;
   }
