@@ -241,14 +241,15 @@ void StormLives::expect_belongings() {
     });
     belongings_ = now;
   }
-  const Belongings& before = *belongings_;
-  const bool same = wait(kPictureBack, [&] {
+  Belongings& before = *belongings_;
+  const bool no_more = wait(kPictureBack, [&] {
     now = belongings_of(service_->pid());
-    return now.files == before.files && now.threads == before.threads && now.mappings >= before.mappings &&
+    return now.files <= before.files && now.threads == before.threads && now.mappings >= before.mappings &&
            now.mappings <= before.mappings + kFormerSegments &&
            now.own_kilobytes <= before.own_kilobytes + kMostOwnKilobytes;
   });
-  if (!same) log_->fail("the service has " + now.text() + "; before: " + before.text());
+  if (!no_more) return log_->fail("the service has " + now.text() + "; before: " + before.text());
+  before.files = now.files;  // a busy machine may have shown that file for longer
 }
 
 }  // namespace sim

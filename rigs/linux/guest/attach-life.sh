@@ -6,6 +6,7 @@ check "unplug and replug, 10 times" replugs 10
 check "service killed while streaming" service_dies
 check "SIGTERM while streaming" stop_while_streaming
 check "kill -9 while streaming" killed
+check "usbip list, attach, detach" taken_by_usbip
 check "server takes no messages" server_rests
 check "a second client" second_client
 check "suspended and resumed" suspended_and_resumed 3

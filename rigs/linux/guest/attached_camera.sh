@@ -10,11 +10,15 @@ examine_gadget() { :; }
 replug() { prompt plug && wait_until 20 node_answers; }
 
 start_parties() { :; }
-start_service() {
+# offer --attach | --listen
+offer() {
   logs=$out/camera.$((++starts))
   mkdir -p $logs
-  "$build/camera_sim" --attach --out $logs --lent-encoder "$(lent_encoder)" <&7 >$logs/attached.txt 2>&1 &
+  "$build/camera_sim" "$1" --out $logs --lent-encoder "$(lent_encoder)" <&7 >$logs/attached.txt 2>&1 &
   service=$!
+}
+start_service() {
+  offer --attach
   wait_until 20 node_answers || { tail -n 3 $logs/attached.txt; return 1; }
 }
 
@@ -50,6 +54,18 @@ sleep_refused() {
   if echo freeze >/sys/power/state 2>/tmp/refused; then echo "it went to sleep"; return 1; fi
   cat /tmp/refused
   grep -q 'Device or resource busy' /tmp/refused && end_capture MJPG 1280x720 90
+}
+
+# As another PC gets it: by the client of usbip, from the network.
+listed_by_usbip() { usbip list -r 127.0.0.1 | grep -q '^ *1-1:'; }
+taken_by_usbip() {
+  local said
+  end_service && wait_until 5 node_gone || return
+  busybox ip link set lo up
+  offer --listen
+  wait_until 20 listed_by_usbip && usbip attach -r 127.0.0.1 -b 1-1 && wait_until 20 node_answers || return
+  said=$(whole MJPG 1280x720 30) && usbip detach -p 00 && wait_until 5 node_gone || { echo "$said"; return 1; }
+  end_service && start_service && echo "listed, attached, detached; $said"
 }
 
 ports_free() { ! awk 'FNR > 1 && $3 != "004"' /sys/devices/platform/vhci_hcd.*/status* | grep .; }
