@@ -199,7 +199,7 @@ SceneShift find_shift(const MeasuredPicture& before, const MeasuredPicture& afte
   const AreaSums first(before), second(after);
   CellShift best;
   int reach = kMeasuredWidth;  // everywhere in the coarsest grid, then near the best shift
-  for (const int size : {2, 1}) {
+  for (const int size : {4, 2, 1}) {
     const int columns = static_cast<int>(before.width) / size, rows = static_cast<int>(before.height) / size;
     best = best_shift(first.grid(1, columns, rows), second.grid(1, columns, rows),
                       {2 * best.right, 2 * best.down}, reach);

@@ -27,6 +27,7 @@ AvPtr<AVPacket> to_png(const AVFrame& rgb) {
   encoder->height = rgb.height;
   encoder->pix_fmt = AV_PIX_FMT_RGB24;
   encoder->time_base = {1, 1};
+  encoder->compression_level = 1;  // a run writes dozens, each while the stream goes on
   AvPtr<AVPacket> png(av_packet_alloc());
   const bool done = avcodec_open2(encoder.get(), codec, nullptr) >= 0 &&
                     avcodec_send_frame(encoder.get(), &rgb) >= 0 &&
