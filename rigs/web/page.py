@@ -97,12 +97,16 @@ class Page:
     def find(self, name):
         return self.browser.find_element(By.ID, name)
 
+    def in_view(self, element):
+        """Returns it, scrolled to the middle of the window."""
+        self.run("arguments[0].scrollIntoView({block: 'center'})", element)
+        return element
+
     def text(self, name):
         return self.find(name).text
 
     def click(self, name):
-        self.run("document.getElementById(arguments[0]).scrollIntoView({block: 'center'})", name)
-        self.find(name).click()
+        self.in_view(self.find(name)).click()
 
     def choose(self, name, value):
         self.run("const e = document.getElementById(arguments[0]); e.value = arguments[1]; e.dispatchEvent(new Event('change'))",
@@ -119,6 +123,9 @@ class Page:
         before = self.pictures()
         self.until("five pictures more", lambda: self.pictures() > before + 5)
 
+    def until_picture_is_back(self):
+        self.until("the picture is back", lambda: not self.find("no-picture").is_displayed())
+
     def ask(self, command, **arguments):
         body = json.dumps(arguments).encode() if arguments else None
         with urllib.request.urlopen(self.address + "api/" + command, body) as answer:
@@ -134,8 +141,7 @@ class Page:
 
     def hold_pad(self, sideways):
         """Holds the pad so many pixels beside its middle, until the head moves."""
-        pad = self.find("pad")
-        self.run("arguments[0].scrollIntoView({block: 'center'})", pad)
+        pad = self.in_view(self.find("pad"))
         ActionChains(self.browser).move_to_element(pad).click_and_hold().move_by_offset(sideways, 0).perform()
         self.until("the head moves", lambda: self.state()["head"]["moving"])
 
